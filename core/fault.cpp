@@ -1,0 +1,22 @@
+#include "core/fault.h"
+
+#include <assert.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+void fault_abort(const char* expression, const char* unit, int line, const char* function) {
+#ifdef __UCLIBC__
+    __assert(expression, unit, line, function);
+#else
+    __assert_fail(expression, unit, static_cast<unsigned>(line), function);
+#endif
+}
+
+void fault_no_memory() {
+    static const char message[] = "out of memory\n";
+    /* The process ends either way; there is nobody left to tell of a failed write. */
+    if (write(STDERR_FILENO, message, sizeof message - 1) < 0) {
+        abort();
+    }
+    abort();
+}

@@ -1,0 +1,91 @@
+#include "core/sstr.h"
+
+#include <stdlib.h>
+#include <string.h>
+
+#include "core/fault.h"
+#include "core/pool.h"
+#include "core/text.h"
+
+namespace {
+
+/* The length word and the NUL. */
+constexpr size_t OVERHEAD = 5;
+
+uint32_t resolved_length(const char* bytes, uint32_t length) {
+    return length == SSTR_CSTRING ? static_cast<uint32_t>(strlen(bytes)) : length;
+}
+
+sstr allocate(uint32_t length) {
+    uint32_t* block = static_cast<uint32_t*>(pool_alloc(size_t{length} + OVERHEAD));
+    *block = length;
+    return reinterpret_cast<char*>(block + 1);
+}
+
+} // namespace
+
+sstr sstr_new(const char* bytes, uint32_t length) {
+    if (bytes == nullptr) {
+        return allocate(length);
+    }
+    length = resolved_length(bytes, length);
+    sstr s = allocate(length);
+    memcpy(s, bytes, length);
+    s[length] = '\0';
+    return s;
+}
+
+void sstr_free(sstr* s) {
+    if (*s != nullptr) {
+        pool_free(*s - sizeof(uint32_t), sstr_length(*s) + OVERHEAD);
+        *s = nullptr;
+    }
+}
+
+void sstr_assign(sstr* s, const char* bytes, uint32_t length) {
+    length = resolved_length(bytes, length);
+    if (*s != nullptr && sstr_length(*s) == length) {
+        memmove(*s, bytes, length);
+        return;
+    }
+    sstr_free(s);
+    *s = sstr_new(bytes, length);
+}
+
+void sstr_append(sstr* s, const char* bytes, uint32_t length) {
+    if (*s == nullptr) {
+        *s = sstr_new(bytes, length);
+        return;
+    }
+    length = resolved_length(bytes, length);
+    const uint32_t old_length = sstr_length(*s);
+    if (length > UINT32_MAX - OVERHEAD - old_length) {
+        /* No length word can hold it, and no target has that much memory to spare. */
+        fault_no_memory();
+    }
+    sstr joined = allocate(old_length + length);
+    memcpy(joined, *s, old_length);
+    memcpy(joined + old_length, bytes, length);
+    joined[old_length + length] = '\0';
+    sstr_free(s);
+    *s = joined;
+}
+
+int sstr_incr(sstr* s, int64_t* value) {
+    uint32_t length;
+    if (*s == nullptr) {
+        const char* text = text_number(*value, &length);
+        *s = sstr_new(text, length);
+        return 1;
+    }
+    char* end;
+    const long long parsed = strtoll(*s, &end, 0);
+    if (end == *s) {
+        return 0;
+    }
+    const uint32_t sum = static_cast<uint32_t>(parsed) + static_cast<uint32_t>(*value);
+    *value = static_cast<int32_t>(sum);
+    const char* text = text_number(*value, &length);
+    sstr_assign(s, text, length);
+    return 1;
+}
