@@ -1,0 +1,333 @@
+#include "core/log.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <stdlib.h>
+#include <string.h>
+#include <strings.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "core/buffer.h"
+#include "core/sstr.h"
+#include "core/text.h"
+#include "loop/endpoint.h"
+#include "loop/loop.h"
+
+namespace {
+
+constexpr uint32_t LEVELS = 5;
+constexpr uint32_t RING_SIZE = 31744;
+constexpr int64_t RECONNECT_MS = 1000;
+
+enum log_mode { MODE_STDOUT, MODE_FILE, MODE_SOCKET, MODE_DISCARD };
+
+struct level_row {
+    const char* name;
+    const char* prefix;
+    const char* colour;
+};
+
+const level_row level_table[LEVELS] = {
+    {"debug", "debug *** ", "\033[38m"},      {"info", "info  *** ", "\033[32m"},
+    {"warn", "warn  *** ", "\033[33m"},       {"error", "error *** ", "\033[31m"},
+    {"fatal", "fatal *** ", "\033[41;37;1m"},
+};
+
+const char colour_reset[] = "\033[0m";
+
+struct log_state {
+    uint32_t level;
+    log_mode mode;
+    int fd; /* of the file or socket, -1 when none */
+    bool colour;
+    bool timestamps;
+    sstr target;          /* null means standard output */
+    uint32_t file_bytes;  /* written since the file was opened or wrapped */
+    uint32_t attempt_sec; /* last attempt to reconnect */
+    uint32_t attempt_usec;
+    buffer line;
+    bool initialised;
+};
+
+log_state state = {LOG_DEBUG, MODE_STDOUT, -1, true, true, nullptr, 0, 0, 0, {}, false};
+
+bool begins_with(const char* text, const char* prefix) {
+    return strncasecmp(text, prefix, strlen(prefix)) == 0;
+}
+
+/* Splits "HOST:PORT" at the first colon. Returns the host as a new string and the port, or null when
+ * there is no port from 1 to 65535. */
+sstr split_host_port(const char* text, int* port) {
+    const char* colon = strchr(text, ':');
+    if (colon == nullptr) {
+        return nullptr;
+    }
+    *port = text_parse_int32(colon + 1, nullptr, 10);
+    if (*port < 1 || *port > 65535) {
+        return nullptr;
+    }
+    return sstr_new(text, static_cast<uint32_t>(colon - text));
+}
+
+bool is_socket(const char* path) {
+    struct stat status;
+    return stat(path, &status) == 0 && S_ISSOCK(status.st_mode);
+}
+
+void open_local(const char* path) {
+    state.mode = MODE_SOCKET;
+    (void)endpoint_connect_local(path, &state.fd);
+}
+
+void open_file(const char* path) {
+    state.fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0664);
+    state.mode = state.fd >= 0 ? MODE_FILE : MODE_STDOUT;
+    state.file_bytes = 0;
+}
+
+/* False when the text has no usable port: the target then is the name of a file. */
+bool open_network(const char* text, bool datagram, bool any_host_is_local) {
+    int port;
+    sstr host = split_host_port(text, &port);
+    if (host == nullptr) {
+        return false;
+    }
+    const char* address = any_host_is_local && endpoint_is_local_host(host) ? "127.0.0.1" : host;
+    state.mode = MODE_SOCKET;
+    if (datagram) {
+        (void)endpoint_connect_udp(address, port, &state.fd);
+    } else {
+        (void)endpoint_connect_tcp(address, port, false, &state.fd);
+    }
+    sstr_free(&host);
+    return true;
+}
+
+/* Connection failures are not reported: the mode is kept, and the writer tries again later. */
+void open_named_target(const char* target) {
+    if (begins_with(target, "unix://")) {
+        open_local(target + 7);
+        return;
+    }
+    const bool udp = begins_with(target, "udp://");
+    if (udp || begins_with(target, "tcp://")) {
+        if (open_network(target + 6, udp, false)) {
+            return;
+        }
+    } else if (target[0] == '/') {
+        if (is_socket(target)) {
+            open_local(target);
+            return;
+        }
+    } else if (open_network(target, false, true)) {
+        return;
+    }
+    open_file(target);
+}
+
+void reopen() {
+    if (state.fd >= 0) {
+        close(state.fd);
+        state.fd = -1;
+    }
+    const char* target = state.target;
+    if (target == nullptr || strcasecmp(target, "stdout") == 0 || strcasecmp(target, "stderr") == 0) {
+        state.mode = MODE_STDOUT;
+    } else if (strcasecmp(target, "syslog") == 0) {
+        state.mode = MODE_DISCARD;
+    } else {
+        open_named_target(target);
+    }
+    if (!state.initialised) {
+        buffer_init(&state.line, 0, 0);
+        (void)signal(SIGPIPE, SIG_IGN);
+        state.initialised = true;
+    }
+}
+
+void append_text(const char* text) {
+    buffer_append(&state.line, text, static_cast<uint32_t>(strlen(text)));
+}
+
+void append_timestamp() {
+    char stamp[128];
+    const time_t now = time(nullptr);
+    struct tm local;
+    if (localtime_r(&now, &local) != nullptr &&
+        strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S ", &local) > 0) {
+        append_text(stamp);
+    }
+}
+
+void compose_line(uint32_t level, const char* format, va_list arguments)
+    __attribute__((format(printf, 2, 0)));
+
+void compose_line(uint32_t level, const char* format, va_list arguments) {
+    const bool coloured = state.colour && (state.mode == MODE_STDOUT || state.mode == MODE_SOCKET);
+    if (coloured) {
+        append_text(level_table[level].colour);
+    }
+    if (state.mode != MODE_DISCARD) {
+        if (state.timestamps) {
+            append_timestamp();
+        }
+        append_text(level_table[level].prefix);
+    }
+    buffer_vprintf(&state.line, format, arguments);
+    if (coloured) {
+        append_text(colour_reset);
+    }
+    append_text("\n");
+}
+
+/* A line that cannot be written is lost: there is nowhere to tell. */
+void write_line(int fd) {
+    (void)!write(fd, state.line.data, state.line.length);
+}
+
+void write_to_file() {
+    if (state.fd < 0) {
+        return;
+    }
+    write_line(state.fd);
+    state.file_bytes += state.line.length;
+    if (state.file_bytes >= RING_SIZE) {
+        state.file_bytes = 0;
+        (void)lseek(state.fd, 0, SEEK_SET);
+    }
+}
+
+void store_attempt_time() {
+    timeval now;
+    gettimeofday(&now, nullptr);
+    state.attempt_sec = static_cast<uint32_t>(now.tv_sec);
+    state.attempt_usec = static_cast<uint32_t>(now.tv_usec);
+}
+
+void reconnect_when_due() {
+    timeval now;
+    gettimeofday(&now, nullptr);
+    if (loop_elapsed_ms(&state.attempt_sec, &state.attempt_usec, &now) > RECONNECT_MS) {
+        store_attempt_time();
+        reopen();
+    }
+}
+
+void write_to_socket() {
+    if (state.fd < 0) {
+        reconnect_when_due();
+    }
+    if (state.mode == MODE_FILE) {
+        /* The socket file is gone and its path has become the name of a log file. */
+        write_to_file();
+        return;
+    }
+    if (state.fd < 0) {
+        return;
+    }
+    ssize_t written;
+    do {
+        written = send(state.fd, state.line.data, state.line.length, MSG_DONTWAIT | MSG_NOSIGNAL);
+    } while (written < 0 && errno == EINTR);
+    if (written < 0 && errno != EAGAIN && errno != EWOULDBLOCK) {
+        close(state.fd);
+        state.fd = -1;
+        store_attempt_time();
+    }
+}
+
+void write_composed() {
+    switch (state.mode) {
+    case MODE_STDOUT:
+        write_line(STDOUT_FILENO);
+        break;
+    case MODE_FILE:
+        write_to_file();
+        break;
+    case MODE_SOCKET:
+        write_to_socket();
+        break;
+    case MODE_DISCARD:
+        break;
+    }
+}
+
+void write_message(uint32_t level, const char* format, va_list arguments)
+    __attribute__((format(printf, 2, 0)));
+
+void write_message(uint32_t level, const char* format, va_list arguments) {
+    if (!state.initialised) {
+        log_open(nullptr);
+    }
+    if (level >= LEVELS) {
+        return;
+    }
+    compose_line(level, format, arguments);
+    write_composed();
+    buffer_shrink_reset(&state.line);
+    if (level == LOG_FATAL) {
+        exit(255);
+    }
+}
+
+} // namespace
+
+uint32_t log_parse_level(const char* text) {
+    for (uint32_t level = 0; level < LEVELS; level++) {
+        if (begins_with(text, level_table[level].name)) {
+            return level;
+        }
+    }
+    return LOG_INFO;
+}
+
+void log_open(const log_config* config) {
+    if (config != nullptr) {
+        if (config->target != nullptr) {
+            sstr_assign(&state.target, config->target, SSTR_CSTRING);
+        }
+        if (config->colour >= 0) {
+            state.colour = config->colour > 0;
+        }
+        log_set_level(config->level);
+        if (config->timestamps >= 0) {
+            state.timestamps = config->timestamps > 0;
+        }
+    }
+    reopen();
+}
+
+void log_set_target(const char* target) {
+    if (target != nullptr) {
+        sstr_assign(&state.target, target, SSTR_CSTRING);
+        reopen();
+    }
+}
+
+void log_set_level(uint32_t level) {
+    if (level < LEVELS) {
+        state.level = level;
+    }
+}
+
+uint32_t log_configured_level() {
+    return state.level;
+}
+
+void log_write(uint32_t level, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    write_message(level, format, arguments);
+    va_end(arguments);
+}
+
+void log_assert_failed(const char* expression, const char* unit, int line) {
+    log_write(LOG_FATAL, "assertion \"%s\" failed at %s:%d", expression, unit, line);
+    abort();
+}
