@@ -1,0 +1,73 @@
+#include "loop/server.h"
+
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "core/fault.h"
+#include "core/pool.h"
+#include "loop/endpoint.h"
+
+server* server_open(const char* address, int port) {
+    if (address == nullptr) {
+        address = "0.0.0.0";
+    }
+    const int fd = endpoint_listen_stream(address, port);
+    if (fd < 0) {
+        return nullptr;
+    }
+    if (fd >= loop_maxfd()) {
+        close(fd);
+        return nullptr;
+    }
+    server* s = static_cast<server*>(pool_alloc_zeroed(sizeof(server)));
+    s->fd = fd;
+    s->port = port;
+    s->references = 1;
+    memcpy(s->address, address, strnlen(address, sizeof s->address - 1));
+    loop_add_handler(fd, LOOP_READABLE, cb_sserver, s);
+    return s;
+}
+
+void cb_sserver(int fd, unsigned mask, void* argument) {
+    server* s = static_cast<server*>(argument);
+    if ((mask & LOOP_READABLE) == 0) {
+        return;
+    }
+    if (s->accept_override != nullptr) {
+        s->accept_override(s);
+        return;
+    }
+    if (s->conn_ondata == nullptr) {
+        fault_abort("s->conn_ondata != ((void *)0)", "loop", 551, "cb_sserver");
+    }
+    const int accepted = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (accepted < 0) {
+        /* The client went away again, or descriptors ran out: there is nobody to tell. */
+        return;
+    }
+    if (accepted >= loop_maxfd()) {
+        close(accepted);
+        return;
+    }
+    connection* c = loop_add_connection(accepted, s);
+    c->conn_ondata = s->conn_ondata;
+    c->on_close = s->on_close;
+    if (s->on_accept != nullptr) {
+        s->on_accept(c);
+    }
+}
+
+void server_release(server* s) {
+    loop_remove_handler(s->fd);
+    close(s->fd);
+    s->fd = -1;
+    server_unref(s);
+}
+
+void server_unref(server* s) {
+    s->references--;
+    if (s->references == 0) {
+        pool_free(s, sizeof *s);
+    }
+}
