@@ -1,0 +1,171 @@
+#include "proto/resp.h"
+
+#include <string.h>
+
+#include "core/log.h"
+#include "core/text.h"
+
+namespace {
+
+void require(bool holds, const char* expression, int line) {
+    if (!holds) {
+        log_assert_failed(expression, "proto", line);
+    }
+}
+
+void require_empty(const resp* r, int line) {
+    require(r->type == RESP_TNONE, "resp->type == RESP_TNONE", line);
+}
+
+/* A line of a lead character and a number: ":5\r\n", "$3\r\n", "*2\r\n". */
+uint32_t write_number_line(buffer* out, char lead, int64_t number) {
+    uint32_t digits;
+    const char* text = text_number(number, &digits);
+    char* p = buffer_reserve(out, digits + 3);
+    if (p == nullptr) {
+        return 0;
+    }
+    *p++ = lead;
+    memcpy(p, text, digits);
+    memcpy(p + digits, "\r\n", 2);
+    return digits + 3;
+}
+
+uint32_t write_bulk(buffer* out, const char* str) {
+    if (str == RESP_NIL) {
+        return buffer_append(out, "$-1\r\n", 5);
+    }
+    const uint32_t length = str != nullptr ? sstr_length(str) : 0;
+    if (write_number_line(out, '$', length) == 0) {
+        return 0;
+    }
+    char* p = buffer_reserve(out, length + 2);
+    if (p == nullptr) {
+        return 0;
+    }
+    if (length > 0) {
+        memcpy(p, str, length);
+    }
+    memcpy(p + length, "\r\n", 2);
+    return length + 2;
+}
+
+uint32_t write_list(buffer* out, char lead, const resp_list* list) {
+    uint32_t written = write_number_line(out, lead, list->count);
+    for (const resp_element* e = list->head; e != nullptr && written != 0; e = e->next) {
+        written = write_bulk(out, e->str);
+    }
+    return written;
+}
+
+/* "+" or "-", the text up to twice, and the line end. */
+uint32_t write_text_line(buffer* out, char lead, const char* text, const char* again) {
+    const uint32_t length = static_cast<uint32_t>(strlen(text));
+    const uint32_t again_length = static_cast<uint32_t>(strlen(again));
+    char* p = buffer_reserve(out, length + again_length + 3);
+    if (p == nullptr) {
+        return 0;
+    }
+    *p++ = lead;
+    memcpy(p, text, length);
+    memcpy(p + length, again, again_length);
+    memcpy(p + length + again_length, "\r\n", 2);
+    return length + again_length + 3;
+}
+
+} // namespace
+
+resp* resp_new() {
+    return static_cast<resp*>(pool_alloc_zeroed(sizeof(resp)));
+}
+
+void resp_status(resp* r, const char* text) {
+    require_empty(r, __LINE__);
+    r->type = RESP_TSTATUS;
+    r->text = text;
+}
+
+void resp_error(resp* r, const char* text, const char*) {
+    require_empty(r, __LINE__);
+    r->type = RESP_TERROR;
+    r->text = text;
+}
+
+void resp_integer(resp* r, int64_t value) {
+    require_empty(r, __LINE__);
+    r->type = RESP_TINTEGER;
+    r->integer = value;
+}
+
+void resp_bulk(resp* r, sstr str) {
+    require_empty(r, __LINE__);
+    r->type = RESP_TBULK;
+    r->bulk = str;
+}
+
+void resp_add(resp* r, sstr str) {
+    require(r->type == RESP_TNONE || r->type == RESP_TMBULK,
+            "resp->type == RESP_TNONE || resp->type == RESP_TMBULK", __LINE__);
+    if (r->type == RESP_TNONE) {
+        r->type = RESP_TMBULK;
+        r->list = {};
+    }
+    if (str == nullptr) {
+        return;
+    }
+    resp_element* e = static_cast<resp_element*>(pool_alloc(sizeof(resp_element)));
+    *e = {str, nullptr};
+    if (r->list.tail != nullptr) {
+        r->list.tail->next = e;
+    } else {
+        r->list.head = e;
+    }
+    r->list.tail = e;
+    r->list.count++;
+}
+
+uint32_t resp_write(const resp* r, buffer* out) {
+    switch (r->type) {
+    case RESP_TSTATUS:
+        return write_text_line(out, '+', r->text != nullptr ? r->text : "OK", "");
+    case RESP_TERROR:
+        /* An error text is written twice. No caller sets one: clients only ever see "-ERR\r\n". */
+        return write_text_line(out, '-', r->text != nullptr ? r->text : "ERR",
+                               r->text != nullptr ? r->text : "");
+    case RESP_TINTEGER:
+        return write_number_line(out, ':', r->integer);
+    case RESP_TBULK:
+        return write_bulk(out, r->bulk);
+    case RESP_TMBULK:
+        return write_list(out, '*', &r->list);
+    default:
+        return 0;
+    }
+}
+
+uint32_t resp_write_notify(const resp* r, buffer* out) {
+    require(r->type == RESP_TMBULK, "resp->type == RESP_TMBULK", __LINE__);
+    return write_list(out, '!', &r->list);
+}
+
+void resp_free(resp* r) {
+    if (r->type == RESP_TMBULK) {
+        resp_element* next;
+        for (resp_element* e = r->list.head; e != nullptr; e = next) {
+            next = e->next;
+            pool_free(e, sizeof *e);
+        }
+    }
+    pool_free(r, sizeof *r);
+}
+
+void resp_pop_destroy(resp* r) {
+    require(r->type == RESP_TBULK, "resp->type == RESP_TBULK", __LINE__);
+    if (r->bulk == nullptr || r->bulk == RESP_NIL) {
+        return;
+    }
+    if (log_wants(LOG_DEBUG)) {
+        log_write(LOG_DEBUG, "[POP]  destrog (%s)", r->bulk);
+    }
+    sstr_free(&r->bulk);
+}
