@@ -1,0 +1,158 @@
+#include "store/algor.h"
+
+#include <string.h>
+
+#include "core/fault.h"
+#include "core/pool.h"
+
+namespace {
+
+const uint32_t primes[] = {11, 23, 97, 397, 1597, 6577, 25523, 99793};
+
+uint32_t next_prime(uint32_t n) {
+    for (const uint32_t prime : primes) {
+        if (prime > n) {
+            return prime;
+        }
+    }
+    fault_abort("0", "algor", 460, "next_prime");
+}
+
+const char* item_key(const void* item) {
+    return *static_cast<const char* const*>(item);
+}
+
+size_t array_size(uint32_t nbuckets) {
+    return size_t{nbuckets} * sizeof(htable_entry*);
+}
+
+void push(htable_entry** buckets, uint32_t nbuckets, htable_entry* entry) {
+    htable_entry** head = &buckets[entry->hash % nbuckets];
+    entry->next = *head;
+    *head = entry;
+}
+
+void grow(htable* t) {
+    const uint32_t n = next_prime(t->nbuckets);
+    htable_entry** buckets = static_cast<htable_entry**>(pool_alloc_zeroed(array_size(n)));
+    for (uint32_t i = 0; i < t->nbuckets; i++) {
+        htable_entry* next;
+        for (htable_entry* entry = t->buckets[i]; entry != nullptr; entry = next) {
+            next = entry->next;
+            push(buckets, n, entry);
+        }
+    }
+    if (t->buckets != nullptr) {
+        pool_free(t->buckets, array_size(t->nbuckets));
+    }
+    t->buckets = buckets;
+    t->nbuckets = n;
+}
+
+htable_entry* insert(htable* t, uint32_t hash) {
+    if (t->count >= t->nbuckets >> 1) {
+        grow(t);
+    }
+    htable_entry* entry = static_cast<htable_entry*>(pool_alloc(sizeof(htable_entry)));
+    entry->item = nullptr;
+    entry->hash = hash;
+    push(t->buckets, t->nbuckets, entry);
+    t->count++;
+    return entry;
+}
+
+} // namespace
+
+uint32_t htable_hash(const char* key) {
+    uint32_t h = 0;
+    for (; *key != '\0'; key++) {
+        h = h * 31 + static_cast<uint32_t>(static_cast<signed char>(*key));
+    }
+    return h;
+}
+
+htable* htable_new() {
+    return static_cast<htable*>(pool_alloc_zeroed(sizeof(htable)));
+}
+
+htable_entry* htable_find(htable* t, const char* key, htable_entry** prev, bool create) {
+    const uint32_t hash = htable_hash(key);
+    htable_entry* before = nullptr;
+    htable_entry* entry = t->nbuckets != 0 ? t->buckets[hash % t->nbuckets] : nullptr;
+    while (entry != nullptr && !(entry->hash == hash && strcmp(item_key(entry->item), key) == 0)) {
+        before = entry;
+        entry = entry->next;
+    }
+    if (entry == nullptr) {
+        before = nullptr;
+        if (create) {
+            entry = insert(t, hash);
+        }
+    }
+    if (prev != nullptr) {
+        *prev = before;
+    }
+    return entry;
+}
+
+void* htable_get(htable* t, const char* key) {
+    const htable_entry* entry = htable_find(t, key, nullptr, false);
+    return entry != nullptr ? entry->item : nullptr;
+}
+
+htable_entry* htable_put(htable* t, void* item) {
+    htable_entry* entry = htable_find(t, item_key(item), nullptr, true);
+    entry->item = item;
+    return entry;
+}
+
+void htable_del(htable* t, const char* key) {
+    htable_entry* prev;
+    htable_entry* entry = htable_find(t, key, &prev, false);
+    if (entry == nullptr) {
+        return;
+    }
+    if (prev == nullptr) {
+        t->buckets[entry->hash % t->nbuckets] = entry->next;
+    } else {
+        prev->next = entry->next;
+    }
+    t->count--;
+    pool_free(entry, sizeof *entry);
+}
+
+void htable_clear(htable* t) {
+    for (uint32_t i = 0; i < t->nbuckets; i++) {
+        htable_entry* next;
+        for (htable_entry* entry = t->buckets[i]; entry != nullptr; entry = next) {
+            next = entry->next;
+            pool_free(entry, sizeof *entry);
+        }
+        t->buckets[i] = nullptr;
+    }
+    t->count = 0;
+}
+
+void htable_free(htable* t) {
+    htable_clear(t);
+    if (t->buckets != nullptr) {
+        pool_free(t->buckets, array_size(t->nbuckets));
+    }
+    pool_free(t, sizeof *t);
+}
+
+htable_walk htable_walk_start(const htable* t) {
+    return {t, 0, nullptr};
+}
+
+void* htable_walk_next(htable_walk* walk) {
+    while (walk->entry == nullptr) {
+        if (walk->table == nullptr || walk->bucket >= walk->table->nbuckets) {
+            return nullptr;
+        }
+        walk->entry = walk->table->buckets[walk->bucket++];
+    }
+    void* item = walk->entry->item;
+    walk->entry = walk->entry->next;
+    return item;
+}

@@ -1,0 +1,191 @@
+#include "store/dump.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <fnmatch.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include "core/log.h"
+#include "core/text.h"
+
+dump_history_hooks dump_history;
+
+namespace {
+
+/* The two length words, and a byte of key or data. */
+constexpr uint32_t SMALLEST_RECORD = 9;
+
+/* Moves the pieces past what was written. */
+void advance(iovec* pieces, int count, size_t written) {
+    for (int i = 0; i < count; i++) {
+        const size_t taken = written < pieces[i].iov_len ? written : pieces[i].iov_len;
+        pieces[i].iov_base = static_cast<char*>(pieces[i].iov_base) + taken;
+        pieces[i].iov_len -= taken;
+        written -= taken;
+    }
+}
+
+void dump_object(object* obj, int fd) {
+    if (!is_history_key(obj->key)) {
+        const sstr value = object_string(obj);
+        dump_write_record(fd, obj->key, sstr_length(obj->key), value, sstr_length(value));
+    } else if (dump_history.write_record != nullptr) {
+        dump_history.write_record(obj, fd);
+    }
+}
+
+void load_record(const char* key, const char* data, uint32_t length) {
+    if (is_history_key(key)) {
+        if (dump_history.load_record != nullptr) {
+            dump_history.load_record(key, data, length);
+        }
+        return;
+    }
+    object* obj = object_lookup_type(key, OBJ_TSTRING);
+    if (obj != nullptr) {
+        sstr_assign(&obj->string, data, length);
+    }
+}
+
+/* Loads the records that are whole. The key is made a C string in place: the first byte behind it, of the
+ * second length word, is read before it is overwritten. */
+void load_records(char* p, uint32_t left) {
+    while (left >= SMALLEST_RECORD) {
+        const uint32_t namelen = text_get_be32(p);
+        if (namelen > left - 8) {
+            return;
+        }
+        char* const key = p + 4;
+        const uint32_t datalen = text_get_be32(key + namelen);
+        key[namelen] = '\0';
+        const uint32_t room = left - 8 - namelen;
+        if (datalen > room) {
+            return;
+        }
+        if (log_wants(LOG_DEBUG)) {
+            log_write(LOG_DEBUG, "name=%s, namelen=%d, datalen=%d, siz=%d", key, static_cast<int>(namelen),
+                      static_cast<int>(datalen), static_cast<int>(room));
+        }
+        load_record(key, key + namelen + 4, datalen);
+        p += 8 + namelen + datalen;
+        left = room - datalen;
+    }
+}
+
+/* Opens the file and measures it. Returns 0 or an error number; on failure `*fd` is closed. */
+int open_dump(const char* path, int* fd, uint32_t* size) {
+    *fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (*fd < 0) {
+        return errno;
+    }
+    struct stat status;
+    int error = 0;
+    if (fstat(*fd, &status) < 0) {
+        error = errno;
+    } else if (status.st_size > LOAD_MAX_SIZE) {
+        error = EFBIG;
+    }
+    if (error != 0) {
+        close(*fd);
+        return error;
+    }
+    *size = static_cast<uint32_t>(status.st_size);
+    return 0;
+}
+
+/* Returns a malloc'ed block with what one read gave, or null without memory for it. What cannot be read,
+ * a folder for instance, has no bytes. */
+char* read_dump(int fd, uint32_t size, uint32_t* length) {
+    char* bytes = static_cast<char*>(malloc(size > 0 ? size : 1));
+    if (bytes != nullptr) {
+        const ssize_t got = read(fd, bytes, size);
+        *length = got > 0 ? static_cast<uint32_t>(got) : 0;
+    }
+    return bytes;
+}
+
+int load_file(const char* path) {
+    int fd;
+    uint32_t size = 0;
+    const int error = open_dump(path, &fd, &size);
+    if (error != 0) {
+        return error;
+    }
+    uint32_t length = 0;
+    char* bytes = read_dump(fd, size, &length);
+    if (bytes != nullptr) {
+        load_records(bytes, length);
+        free(bytes);
+    }
+    close(fd);
+    return bytes != nullptr ? 0 : ENOMEM;
+}
+
+} // namespace
+
+bool is_history_key(const char* key) {
+    const char* dot = strrchr(key, '.');
+    if (dot == nullptr) {
+        return false;
+    }
+    return strncmp(dot + 1, "day", 3) == 0 || strncmp(dot + 1, "mon", 3) == 0 ||
+           strncmp(dot + 1, "week", 4) == 0;
+}
+
+int dump_keys(const char* path, const char* pattern) {
+    const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        const int error = errno;
+        if (log_wants(LOG_INFO)) {
+            log_write(LOG_INFO, "failed to dump %s to %s: %d", pattern, path, error);
+        }
+        return error;
+    }
+    htable_walk walk = htable_walk_start(object_keyspace());
+    while (object* obj = static_cast<object*>(htable_walk_next(&walk))) {
+        if (object_type(obj) == OBJ_TSTRING && fnmatch(pattern, obj->key, 0) == 0) {
+            dump_object(obj, fd);
+        }
+    }
+    close(fd);
+    if (log_wants(LOG_INFO)) {
+        log_write(LOG_INFO, "dumped %s to %s", pattern, path);
+    }
+    return 0;
+}
+
+void dump_write_record(int fd, const char* key, uint32_t namelen, const char* data, uint32_t datalen) {
+    char lengths[2][4];
+    text_put_be32(lengths[0], namelen);
+    text_put_be32(lengths[1], datalen);
+    iovec pieces[4] = {{lengths[0], 4},
+                       {const_cast<char*>(key), namelen},
+                       {lengths[1], 4},
+                       {const_cast<char*>(data), datalen}};
+    size_t left = size_t{namelen} + datalen + 8;
+    while (left > 0) {
+        const ssize_t written = writev(fd, pieces, 4);
+        if (written > 0) {
+            advance(pieces, 4, static_cast<size_t>(written));
+            left -= static_cast<size_t>(written);
+        } else if (written == 0 || errno != EINTR) {
+            return;
+        }
+    }
+}
+
+int load_keys(const char* path) {
+    const int error = load_file(path);
+    if (log_wants(LOG_INFO)) {
+        if (error != 0) {
+            log_write(LOG_INFO, "failed to load %s: %d", path, error);
+        } else {
+            log_write(LOG_INFO, "loaded %s", path);
+        }
+    }
+    return error;
+}

@@ -1,0 +1,586 @@
+#include "store/object.h"
+
+#include <time.h>
+
+#include "core/log.h"
+#include "core/pool.h"
+#include "proto/observe.h"
+#include "proto/resp.h"
+
+namespace {
+
+/* Event names. Only "MSET", "HMSET" and "HDEL" are ever sent; the others are made as well, so that the set
+ * of events is one list and a later event costs no new start-up step. */
+enum event_name { EVENT_MSET, EVENT_DEL, EVENT_HMSET, EVENT_HDEL, EVENT_PUSH, EVENT_POP, EVENTS };
+
+const char* const event_texts[EVENTS] = {"MSET", "DEL", "HMSET", "HDEL", "PUSH", "POP"};
+const char* const type_texts[] = {"none", "string", "list", "hash"};
+constexpr unsigned TYPES = sizeof type_texts / sizeof type_texts[0];
+
+htable* keyspace;         /* made with the first object */
+sstr event_names[EVENTS]; /* made with the keyspace */
+sstr type_names[TYPES];   /* each made when first asked for */
+sstr empty_string;        /* what a string without value reads as */
+string_change_hook string_change_hooks[STRING_CHANGE_HOOKS_MAX];
+unsigned string_change_hook_count;
+
+bool has(const object* obj, unsigned flags) {
+    return (obj->flags & flags) != 0;
+}
+
+void set_flags(object* obj, unsigned flags) {
+    obj->flags = static_cast<uint16_t>(obj->flags | flags);
+}
+
+void clear_flags(object* obj, unsigned flags) {
+    obj->flags = static_cast<uint16_t>(obj->flags & ~flags);
+}
+
+void set_type(object* obj, unsigned type) {
+    clear_flags(obj, OBJ_TYPE_MASK);
+    set_flags(obj, type);
+}
+
+/* The line numbers of these checks are fixed names that operators know from the log. */
+void require(bool holds, const char* expression, int line) {
+    if (!holds) {
+        log_assert_failed(expression, "object", line);
+    }
+}
+
+void require_string(const object* obj, int line) {
+    require(object_type(obj) == OBJ_TSTRING, "obj->type == OBJ_TSTRING", line);
+}
+
+void require_hash(const object* obj, int line) {
+    require(object_type(obj) == OBJ_THASH, "obj->type == OBJ_THASH", line);
+}
+
+void require_list(const object* obj, int line) {
+    require(object_type(obj) == OBJ_TLIST, "obj->type == OBJ_TLIST", line);
+}
+
+void require_typed(const object* obj, int line) {
+    require(object_type(obj) != OBJ_TNONE, "obj->type != OBJ_TNONE", line);
+}
+
+const char* type_text(const object* obj) {
+    const unsigned type = object_type(obj);
+    return type_texts[type < TYPES ? type : OBJ_TNONE];
+}
+
+void make_keyspace() {
+    keyspace = htable_new();
+    for (int i = 0; i < EVENTS; i++) {
+        event_names[i] = sstr_new(event_texts[i], SSTR_CSTRING);
+    }
+}
+
+object* new_object(const char* key, uint32_t length) {
+    object* obj = static_cast<object*>(pool_alloc_zeroed(sizeof(object)));
+    obj->key = sstr_new(key, length);
+    htable_put(keyspace, obj);
+    return obj;
+}
+
+void give_type(object* obj, unsigned type) {
+    obj->aux = nullptr;
+    set_type(obj, type);
+    obj->value = nullptr;
+    if (type == OBJ_TLIST) {
+        obj->list = dlist_new(DLIST_UNCAPPED);
+    } else if (type == OBJ_THASH) {
+        obj->hash = htable_new();
+    }
+}
+
+void free_field(hash_field* field) {
+    sstr_free(&field->name);
+    sstr_free(&field->value);
+    pool_free(field, sizeof *field);
+}
+
+void free_list(dlist* list) {
+    for (const dlist_node* node = list->head; node != nullptr; node = node->next) {
+        sstr item = static_cast<sstr>(node->value);
+        sstr_free(&item);
+    }
+    dlist_free(list);
+}
+
+void free_hash(htable* hash) {
+    htable_walk walk = htable_walk_start(hash);
+    while (void* field = htable_walk_next(&walk)) {
+        /* The table is cleared below without looking at a key again. */
+        free_field(static_cast<hash_field*>(field));
+    }
+    htable_free(hash);
+}
+
+/* A new value discards a list or a hash, but keeps the flags: the change may be one of several steps. */
+void become_string(object* obj) {
+    if (object_type(obj) != OBJ_TSTRING) {
+        object_free_value(obj, false);
+        obj->value = nullptr;
+        set_type(obj, OBJ_TSTRING);
+    }
+}
+
+void trace_string(const object* obj) {
+    if (log_wants(LOG_DEBUG)) {
+        log_write(LOG_DEBUG, "\"%s\"(string): updated to \"%s\"", obj->key, object_string(obj));
+    }
+}
+
+void trace_field(const object* obj, const hash_field* field) {
+    if (log_wants(LOG_DEBUG)) {
+        log_write(LOG_DEBUG, "\"%s\"(hash): field \"%s\" updated to \"%s\"", obj->key, field->name,
+                  field->value);
+    }
+}
+
+void finish_change(object* obj) {
+    set_flags(obj, OBJ_CHANGED);
+    if (!has(obj, OBJ_DEFERRED)) {
+        object_notify(obj);
+    }
+}
+
+void assign_string(object* obj, sstr value) {
+    become_string(obj);
+    if (value == nullptr) {
+        sstr_free(&obj->string);
+    } else {
+        sstr_assign(&obj->string, value, sstr_length(value));
+    }
+    trace_string(obj);
+}
+
+hash_field* field_or_new(object* obj, sstr name, bool* is_new) {
+    htable_entry* entry = htable_find(obj->hash, name, nullptr, true);
+    *is_new = entry->item == nullptr;
+    if (*is_new) {
+        hash_field* field = static_cast<hash_field*>(pool_alloc_zeroed(sizeof(hash_field)));
+        field->name = sstr_new(name, sstr_length(name));
+        entry->item = field;
+    }
+    return static_cast<hash_field*>(entry->item);
+}
+
+void mark_modified(hash_field* field) {
+    field->fflags = static_cast<uint8_t>(field->fflags | FIELD_MODIFIED);
+}
+
+/* An event in the making: nothing is made when nobody would be told. */
+resp* event_begin(const object* obj, event_name name) {
+    if (observers == nullptr || obj->key[0] == '_') {
+        return nullptr;
+    }
+    resp* event = resp_new();
+    resp_add(event, event_names[name]);
+    resp_add(event, obj->key);
+    return event;
+}
+
+void event_send(resp* event) {
+    if (event != nullptr) {
+        notify_observers(event);
+        resp_free(event);
+    }
+}
+
+void notify_string(object* obj) {
+    if (obj->key[0] == '_') {
+        return;
+    }
+    resp* event = event_begin(obj, EVENT_MSET);
+    if (event != nullptr) {
+        resp_add(event, object_string(obj));
+    }
+    for (unsigned i = 0; i < string_change_hook_count; i++) {
+        string_change_hooks[i](obj);
+    }
+    clear_flags(obj, OBJ_CHANGED);
+    event_send(event);
+}
+
+/* The doomed fields of a walk, linked through their value, the last found first. */
+hash_field* previous_doomed(const hash_field* field) {
+    return reinterpret_cast<hash_field*>(field->value);
+}
+
+hash_field* chain_doomed(hash_field* field, hash_field* previous) {
+    sstr_free(&field->value);
+    field->value = reinterpret_cast<sstr>(previous);
+    field->fflags = static_cast<uint8_t>(field->fflags & ~FIELD_DOOMED);
+    return field;
+}
+
+void remove_doomed(const object* obj, const hash_field* last) {
+    for (const hash_field* field = last; field != nullptr; field = previous_doomed(field)) {
+        if (log_wants(LOG_DEBUG)) {
+            log_write(LOG_DEBUG, "\"%s\"(hash): field \"%s\" deleted", obj->key, field->name);
+        }
+        htable_del(obj->hash, field->name);
+    }
+}
+
+void free_doomed(hash_field* last) {
+    hash_field* previous;
+    for (hash_field* field = last; field != nullptr; field = previous) {
+        previous = previous_doomed(field);
+        field->value = nullptr;
+        free_field(field);
+    }
+}
+
+void notify_hash(object* obj) {
+    resp* deletions = nullptr;
+    resp* updates = nullptr;
+    hash_field* doomed = nullptr;
+    bool any = false;
+    htable_walk walk = htable_walk_start(obj->hash);
+    while (hash_field* field = static_cast<hash_field*>(htable_walk_next(&walk))) {
+        if ((field->fflags & FIELD_DOOMED) != 0) {
+            /* Tested first: a field that was deleted and then set again within one command goes. */
+            if (deletions == nullptr) {
+                deletions = event_begin(obj, EVENT_HDEL);
+            }
+            if (deletions != nullptr) {
+                resp_add(deletions, field->name);
+            }
+            doomed = chain_doomed(field, doomed);
+            any = true;
+        } else if ((field->fflags & FIELD_MODIFIED) != 0) {
+            if (updates == nullptr) {
+                updates = event_begin(obj, EVENT_HMSET);
+            }
+            if (updates != nullptr) {
+                resp_add(updates, field->name);
+                resp_add(updates, field->value);
+            }
+            field->fflags = static_cast<uint8_t>(field->fflags & ~FIELD_MODIFIED);
+            any = true;
+        }
+    }
+    remove_doomed(obj, doomed);
+    if (any) {
+        clear_flags(obj, OBJ_CHANGED);
+    }
+    event_send(deletions);
+    event_send(updates);
+    free_doomed(doomed);
+}
+
+} // namespace
+
+void object_register_string_hook(string_change_hook hook) {
+    if (string_change_hook_count < STRING_CHANGE_HOOKS_MAX) {
+        string_change_hooks[string_change_hook_count++] = hook;
+    }
+}
+
+void object_reset() {
+    string_change_hook_count = 0;
+    if (keyspace == nullptr) {
+        return;
+    }
+    htable_walk walk = htable_walk_start(keyspace);
+    while (object* obj = static_cast<object*>(htable_walk_next(&walk))) {
+        object_free_value(obj, false);
+        sstr_free(&obj->key);
+        pool_free(obj, sizeof *obj);
+    }
+    htable_free(keyspace);
+    keyspace = nullptr;
+    for (sstr& name : event_names) {
+        sstr_free(&name);
+    }
+}
+
+htable* object_keyspace() {
+    return keyspace;
+}
+
+object* object_get_or_create(const char* key, uint32_t length, unsigned type) {
+    if (keyspace == nullptr) {
+        make_keyspace();
+    }
+    object* obj = static_cast<object*>(htable_get(keyspace, key));
+    if (obj == nullptr) {
+        obj = new_object(key, length);
+    } else if (has(obj, OBJ_DEAD)) {
+        object_free_value(obj, true);
+    }
+    if (object_type(obj) == OBJ_TNONE && type != OBJ_TNONE) {
+        give_type(obj, type);
+    }
+    return object_type(obj) == type ? obj : nullptr;
+}
+
+object* object_lookup(const char* key) {
+    if (keyspace == nullptr) {
+        return nullptr;
+    }
+    object* obj = static_cast<object*>(htable_get(keyspace, key));
+    return obj == nullptr || has(obj, OBJ_DEAD) ? nullptr : obj;
+}
+
+object* object_lookup_type(const char* key, unsigned type) {
+    object* obj = object_lookup(key);
+    return obj == nullptr || object_type(obj) != type ? nullptr : obj;
+}
+
+sstr object_type_name(const object* obj) {
+    unsigned type = obj != nullptr ? object_type(obj) : OBJ_TNONE;
+    if (type >= TYPES) {
+        type = OBJ_TNONE;
+    }
+    if (type_names[type] == nullptr) {
+        type_names[type] = sstr_new(type_texts[type], SSTR_CSTRING);
+    }
+    return type_names[type];
+}
+
+sstr object_string(const object* obj) {
+    return obj->string != nullptr ? obj->string : object_empty_string();
+}
+
+sstr object_empty_string() {
+    if (empty_string == nullptr) {
+        empty_string = sstr_new("", 0);
+    }
+    return empty_string;
+}
+
+void object_free_value(object* obj, bool reset) {
+    if (obj->value != nullptr) {
+        switch (object_type(obj)) {
+        case OBJ_TSTRING:
+            sstr_free(&obj->string);
+            break;
+        case OBJ_TLIST:
+            free_list(obj->list);
+            break;
+        case OBJ_THASH:
+            free_hash(obj->hash);
+            break;
+        default:
+            break;
+        }
+    }
+    if (reset) {
+        obj->value = nullptr;
+        clear_flags(obj, OBJ_RESET_MASK);
+    }
+}
+
+int object_delete(object* obj) {
+    if (has(obj, OBJ_PROTECTED)) {
+        return 0;
+    }
+    set_flags(obj, OBJ_DEAD);
+    return 1;
+}
+
+void object_flush(object* obj) {
+    if (!has(obj, OBJ_DEFERRED) || object_type(obj) == OBJ_TLIST) {
+        return;
+    }
+    clear_flags(obj, OBJ_DEFERRED);
+    if (has(obj, OBJ_CHANGED | OBJ_DEAD)) {
+        object_notify(obj);
+    }
+}
+
+void object_flush_list(object* obj) {
+    if (object_type(obj) == OBJ_TLIST) {
+        clear_flags(obj, OBJ_DEFERRED);
+    }
+}
+
+void object_expire(object* obj, uint32_t ttl) {
+    require_typed(obj, 567);
+    obj->expire_base = static_cast<uint32_t>(time(nullptr));
+    obj->expire_arg = ttl;
+    clear_flags(obj, OBJ_EXPIRE_MASK);
+    set_flags(obj, OBJ_EXPIRE_TTL);
+    if (log_wants(LOG_DEBUG)) {
+        log_write(LOG_DEBUG, "\"%s\"(%s): set expire-TTL to %u", obj->key, type_text(obj), ttl);
+    }
+}
+
+void object_expire_at(object* obj, uint32_t when) {
+    require_typed(obj, 576);
+    obj->expire_base = static_cast<uint32_t>(time(nullptr));
+    obj->expire_arg = when;
+    clear_flags(obj, OBJ_EXPIRE_MASK);
+    set_flags(obj, OBJ_EXPIRE_ABSOLUTE);
+}
+
+int object_persist(object* obj) {
+    if (object_type(obj) == OBJ_TNONE || !has(obj, OBJ_EXPIRE_MASK)) {
+        return 0;
+    }
+    obj->expire_base = 0;
+    obj->expire_arg = 0;
+    clear_flags(obj, OBJ_EXPIRE_MASK);
+    if (log_wants(LOG_DEBUG)) {
+        log_write(LOG_DEBUG, "\"%s\"(%s): remove expire-TTL", obj->key, type_text(obj));
+    }
+    return 1;
+}
+
+void object_set_string(object* obj, sstr value) {
+    assign_string(obj, value);
+    object_persist(obj);
+    finish_change(obj);
+}
+
+void object_set_string_ttl(object* obj, uint32_t ttl, sstr value) {
+    assign_string(obj, value);
+    object_expire(obj, ttl);
+    finish_change(obj);
+}
+
+void object_append(object* obj, sstr value) {
+    require_string(obj, 686);
+    sstr_append(&obj->string, value, sstr_length(value));
+    trace_string(obj);
+    finish_change(obj);
+}
+
+int object_incr(object* obj, int64_t* delta) {
+    require_string(obj, 697);
+    if (sstr_incr(&obj->string, delta) == 0) {
+        return 0;
+    }
+    trace_string(obj);
+    finish_change(obj);
+    return 1;
+}
+
+hash_field* object_hash_field(const object* obj, const char* field) {
+    return static_cast<hash_field*>(htable_get(obj->hash, field));
+}
+
+int object_hash_set(object* obj, sstr field, sstr value) {
+    require(object_type(obj) == OBJ_THASH || object_type(obj) == OBJ_TNONE,
+            "obj->type == OBJ_THASH || obj->type == OBJ_TNONE", 718);
+    set_type(obj, OBJ_THASH);
+    if (obj->hash == nullptr) {
+        obj->hash = htable_new();
+    }
+    bool is_new;
+    hash_field* f = field_or_new(obj, field, &is_new);
+    sstr_assign(&f->value, value, sstr_length(value));
+    trace_field(obj, f);
+    mark_modified(f);
+    finish_change(obj);
+    return is_new ? 1 : 0;
+}
+
+int object_hash_incr(object* obj, sstr field, int64_t* delta) {
+    require_hash(obj, 749);
+    bool is_new;
+    hash_field* f = field_or_new(obj, field, &is_new);
+    if (sstr_incr(&f->value, delta) == 0) {
+        return 0;
+    }
+    trace_field(obj, f);
+    mark_modified(f);
+    finish_change(obj);
+    return 1;
+}
+
+int object_hash_del(object* obj, const char* field) {
+    require_hash(obj, 771);
+    if (has(obj, OBJ_FIELDS_PROTECTED)) {
+        return 0;
+    }
+    hash_field* f = object_hash_field(obj, field);
+    if (f == nullptr || (f->fflags & FIELD_PROTECTED) != 0) {
+        return 0;
+    }
+    if (log_wants(LOG_DEBUG)) {
+        log_write(LOG_DEBUG, "\"%s\"(hash): field \"%s\" scheduled to be deleted", obj->key, f->name);
+    }
+    f->fflags = static_cast<uint8_t>(f->fflags | FIELD_DOOMED);
+    finish_change(obj);
+    return 1;
+}
+
+hash_field* object_hash_protect(object* obj, const char* field, bool on) {
+    require_hash(obj, 791);
+    hash_field* f = object_hash_field(obj, field);
+    if (f != nullptr) {
+        f->fflags = static_cast<uint8_t>(on ? f->fflags | FIELD_PROTECTED : f->fflags & ~FIELD_PROTECTED);
+    }
+    return f;
+}
+
+void object_lpush(object* obj, const char* text) {
+    set_type(obj, OBJ_TLIST);
+    sstr evicted = static_cast<sstr>(dlist_push_head(obj->list, sstr_new(text, SSTR_CSTRING)));
+    if (log_wants(LOG_DEBUG)) {
+        const dlist_node* head = obj->list->head;
+        log_write(LOG_DEBUG, "\"%s\"(list): lpush to \"%s\"", obj->key,
+                  head != nullptr ? static_cast<char*>(head->value) : "");
+    }
+    set_flags(obj, OBJ_CHANGED);
+    sstr_free(&evicted);
+}
+
+void object_rpush(object* obj, const char* text) {
+    set_type(obj, OBJ_TLIST);
+    sstr evicted = static_cast<sstr>(dlist_push_tail(obj->list, sstr_new(text, SSTR_CSTRING)));
+    if (log_wants(LOG_DEBUG)) {
+        const dlist_node* tail = obj->list->tail;
+        log_write(LOG_DEBUG, "\"%s\"(list): rpush to \"%s\"", obj->key,
+                  tail != nullptr ? static_cast<char*>(tail->value) : "");
+    }
+    set_flags(obj, OBJ_CHANGED);
+    sstr_free(&evicted);
+}
+
+sstr object_rpop(object* obj) {
+    require_list(obj, 815);
+    sstr item = static_cast<sstr>(dlist_pop_tail(obj->list));
+    if (item != nullptr && log_wants(LOG_DEBUG)) {
+        log_write(LOG_DEBUG, "\"%s\"(list): rpop \"%s\"", obj->key, item);
+    }
+    return item;
+}
+
+sstr object_lpop(object* obj) {
+    require_list(obj, 841);
+    sstr item = static_cast<sstr>(dlist_pop_head(obj->list));
+    if (item != nullptr && log_wants(LOG_DEBUG)) {
+        log_write(LOG_DEBUG, "\"%s\"(list): lpop \"%s\"", obj->key, item);
+    }
+    return item;
+}
+
+sstr object_lindex(object* obj, int64_t index) {
+    require_list(obj, 854);
+    return static_cast<sstr>(dlist_index(obj->list, index));
+}
+
+void object_ltrim_tail(object* obj, int mode, uint32_t n) {
+    require_list(obj, 861);
+    if (mode != 0) {
+        return;
+    }
+    for (uint32_t left = static_cast<uint16_t>(n); left > 0 && obj->list->count > 0; left--) {
+        sstr item = static_cast<sstr>(dlist_pop_tail(obj->list));
+        sstr_free(&item);
+    }
+}
+
+void object_notify(object* obj) {
+    if (object_type(obj) == OBJ_TSTRING) {
+        notify_string(obj);
+    } else if (object_type(obj) == OBJ_THASH) {
+        notify_hash(obj);
+    }
+}

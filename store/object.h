@@ -1,0 +1,186 @@
+#pragma once
+
+#include <stdint.h>
+
+#include "core/sstr.h"
+#include "store/algor.h"
+#include "store/dlist.h"
+
+/* The keyspace: typed objects by key, the operations that change them and the change events that follow.
+ *
+ * The keyspace owns its objects; an object owns its key and its value. A pointer to an object is good until
+ * the next expiry sweep, which alone destroys records: deleting only marks them `dead`, and lookups then
+ * treat them as absent. A borrowed value is good until the object is next changed.
+ *
+ * Every change is traced at debug level. A change of a string or hash is announced to the string-change
+ * hooks and observers, at once or, while `deferred` is set, by object_flush. Lists announce nothing.
+ *
+ * The operations below that assert a type end the process through a fatal log line when it is violated:
+ * callers look objects up by type first. */
+
+enum object_type : unsigned { OBJ_TNONE = 0, OBJ_TSTRING = 1, OBJ_TLIST = 2, OBJ_THASH = 3 };
+
+/* Bits of object.flags; the type stands in the low four. */
+enum object_flag : uint16_t {
+    OBJ_TYPE_MASK = 0x0F,
+    OBJ_EXPIRE_TTL = 0x10,      /* expires a time after it was set */
+    OBJ_EXPIRE_ABSOLUTE = 0x20, /* expires after the second in which it was set, see expire.h */
+    OBJ_EXPIRE_MASK = 0x30,
+    OBJ_DEFERRED = 0x40,         /* a command is changing it in steps: events wait for object_flush */
+    OBJ_CHANGED = 0x80,          /* changed since its last event */
+    OBJ_DEAD = 0x100,            /* deleted or expired */
+    OBJ_RESET_MASK = 0x1FF,      /* what a fresh value clears */
+    OBJ_PROTECTED = 0x200,       /* cannot be deleted: seeded keys and histories */
+    OBJ_FIELDS_PROTECTED = 0x400 /* no field of it can be deleted */
+};
+
+struct history_series;
+
+/* The order of the members keeps the record at 24 bytes on the device and 40 on 64-bit hosts. */
+struct object {
+    sstr key; /* first: the keyspace finds the object through it */
+    union {
+        void* value; /* null: no value */
+        sstr string;
+        dlist* list;
+        htable* hash; /* of hash_field records */
+    };
+    union {
+        uint32_t expire_arg;  /* seconds to live, or the absolute time */
+        object* expired_next; /* during a sweep: the object found expired before this one */
+    };
+    history_series* aux;  /* the series whose ring the value is; null for all other keys */
+    uint32_t expire_base; /* time() when the expiry was set */
+    uint16_t flags;
+};
+
+enum field_flag : uint8_t {
+    FIELD_MODIFIED = 0x01, /* to be announced with "HMSET" */
+    FIELD_DOOMED = 0x02,   /* to be announced with "HDEL" and then removed */
+    FIELD_PROTECTED = 0x04 /* cannot be deleted */
+};
+
+struct hash_field {
+    sstr name;  /* first: the hash finds the field through it */
+    sstr value; /* null when an increment failed on a new field */
+    uint8_t fflags;
+};
+
+inline unsigned object_type(const object* obj) {
+    return obj->flags & OBJ_TYPE_MASK;
+}
+
+/* Called with a changed string object; the result is ignored. */
+typedef int (*string_change_hook)(object* obj);
+
+/* Filled at start-up, at most this many; called in order of registration. */
+constexpr unsigned STRING_CHANGE_HOOKS_MAX = 4;
+void object_register_string_hook(string_change_hook hook);
+
+/* Destroys the keyspace with every object and forgets the hooks, so that a test starts fresh. */
+void object_reset();
+
+/* The keyspace table, null before the first object is made. For walks in iteration order. */
+htable* object_keyspace();
+
+/* Returns the object of `key` (`length` bytes, or SSTR_CSTRING) if it has the type, making it when there is
+ * none or only a dead one; null when the key holds another type. A new string has no value. The key
+ * keeps all its bytes, but is found by those before its first NUL. */
+object* object_get_or_create(const char* key, uint32_t length, unsigned type);
+
+/* Returns the object, or null when it is absent or dead; the second form also when its type differs. */
+object* object_lookup(const char* key);
+object* object_lookup_type(const char* key, unsigned type);
+
+/* Returns "none" (also for a null object), "string", "list" or "hash", as a string that lives for ever. */
+sstr object_type_name(const object* obj);
+
+/* Returns the bytes of a string object; a string without value reads as the empty string. Borrowed. */
+sstr object_string(const object* obj);
+
+/* The empty string that stands in for a value that is not there. Lives for ever. */
+sstr object_empty_string();
+
+/* Frees the value by its type. With `reset` the object becomes typeless and loses everything but its
+ * protection; without, the record is only good for being freed. */
+void object_free_value(object* obj, bool reset);
+
+/* Marks the object dead and returns 1; a protected one is refused with 0. */
+int object_delete(object* obj);
+
+/* Ends a change in steps: announces it, if there was one. Nothing for lists and when none was begun. */
+void object_flush(object* obj);
+
+/* The same for a list: only clears the mark. */
+void object_flush_list(object* obj);
+
+/* Begins a change in steps. */
+inline void object_defer(object* obj) {
+    obj->flags = static_cast<uint16_t>(obj->flags | OBJ_DEFERRED);
+}
+
+/* --- Expiry: what a key carries; expire.h has the sweep that acts on it --- */
+
+/* Sets a time to live in seconds, counted from now. Asserts an object with a type. */
+void object_expire(object* obj, uint32_t ttl);
+
+/* Sets an absolute expiry time in seconds since the epoch. Asserts an object with a type. */
+void object_expire_at(object* obj, uint32_t when);
+
+/* Removes the expiry. Returns 1, or 0 when there was none. */
+int object_persist(object* obj);
+
+/* --- Strings --- */
+
+/* Makes the object a string with a copy of `value` (null: none), whatever it was, and removes its expiry;
+ * the second form sets a time to live in seconds instead. */
+void object_set_string(object* obj, sstr value);
+void object_set_string_ttl(object* obj, uint32_t ttl, sstr value);
+
+/* Appends to the value. Asserts a string. */
+void object_append(object* obj, sstr value);
+
+/* Adds `*delta` as sstr_incr does, with the new value in `*delta`. Returns 0, with nothing announced, when
+ * the value is no number. Asserts a string. */
+int object_incr(object* obj, int64_t* delta);
+
+/* --- Hashes --- */
+
+/* Returns the field or null. `obj` is a hash. */
+hash_field* object_hash_field(const object* obj, const char* field);
+
+/* Sets a field to a copy of `value`, and makes a typeless object a hash. Returns 1 when the field was new.
+ * Asserts a hash or typeless object. */
+int object_hash_set(object* obj, sstr field, sstr value);
+
+/* Adds to a field, making it when absent, as object_incr does. After a failure on a new field the field
+ * stays, without value. Asserts a hash. */
+int object_hash_incr(object* obj, sstr field, int64_t* delta);
+
+/* Dooms a field: it stays readable until the next announcement removes it. Returns 1, or 0 when the field
+ * is absent or protected. Asserts a hash. */
+int object_hash_del(object* obj, const char* field);
+
+/* Sets or clears a field's protection. Returns the field or null. Asserts a hash. */
+hash_field* object_hash_protect(object* obj, const char* field, bool on);
+
+/* --- Lists: the object must hold its list, as object_get_or_create gives it --- */
+
+/* Push a copy of the C string. A full list drops the item at its other end. */
+void object_lpush(object* obj, const char* text);
+void object_rpush(object* obj, const char* text);
+
+/* Remove an end item and return it, owned by the caller; null when the list is empty. Assert a list. */
+sstr object_rpop(object* obj);
+sstr object_lpop(object* obj);
+
+/* Returns the item at an index (see dlist_node_at), borrowed, or null. Asserts a list. */
+sstr object_lindex(object* obj, int64_t index);
+
+/* With `mode` 0, removes up to `n` items, taken as 16 bits, from the tail; nothing with any other mode.
+ * Asserts a list. */
+void object_ltrim_tail(object* obj, int mode, uint32_t n);
+
+/* Announces the changes of a string or hash now. Keys that begin with "_" announce nothing, but their doomed
+ * fields are removed all the same. */
+void object_notify(object* obj);
