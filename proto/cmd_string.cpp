@@ -1,0 +1,201 @@
+#include <stdlib.h>
+
+#include "core/text.h"
+#include "proto/cmd.h"
+
+namespace {
+
+constexpr char NOT_A_NUMBER_INCR[] = "failed to INCR on non-number value";
+constexpr char NOT_A_NUMBER_DECR[] = "failed to DECR on non-number value";
+
+void add_to_key(client* c, int64_t delta, const char* reason) {
+    object* obj = cmd_key_or_create(c, OBJ_TSTRING);
+    if (obj == nullptr || object_incr(obj, &delta) == 0) {
+        resp_error(c->reply, nullptr, reason);
+        return;
+    }
+    resp_integer(c->reply, delta);
+}
+
+/* The key is made before the number is looked at, so a bad number leaves an empty string behind its
+ * error. */
+void add_argument_to_key(client* c, bool negate, const char* reason) {
+    object* obj = cmd_key_or_create(c, OBJ_TSTRING);
+    char* end;
+    int64_t delta = strtoll(cmd_arg(c, 1), &end, 0);
+    if (negate) {
+        /* Without overflow: the most negative number stays itself. */
+        delta = static_cast<int64_t>(-static_cast<uint64_t>(delta));
+    }
+    if (obj == nullptr || end == cmd_arg(c, 1) || object_incr(obj, &delta) == 0) {
+        resp_error(c->reply, nullptr, reason);
+        return;
+    }
+    resp_integer(c->reply, delta);
+}
+
+/* The object of the key at `index`, made as a string when missing and marked as being changed in steps,
+ * with the value behind the key assigned. False when it cannot be made. */
+bool assign_pair(const client* c, uint32_t index) {
+    const sstr key = cmd_arg(c, index);
+    object* obj = object_lookup(key);
+    if (obj == nullptr) {
+        obj = object_get_or_create(key, sstr_length(key), OBJ_TSTRING);
+    }
+    if (obj == nullptr) {
+        return false;
+    }
+    object_defer(obj);
+    object_set_string(obj, cmd_arg(c, index + 1));
+    return true;
+}
+
+/* Announces each key once, with its last value, after all are assigned. */
+void flush_pairs(const client* c) {
+    for (uint32_t i = 0; i < c->request->argc; i += 2) {
+        object* obj = object_lookup(cmd_arg(c, i));
+        if (obj != nullptr) {
+            object_flush(obj);
+        }
+    }
+}
+
+uint32_t assign_pairs(const client* c) {
+    uint32_t assigned = 0;
+    for (uint32_t i = 0; i < c->request->argc; i += 2) {
+        if (assign_pair(c, i)) {
+            assigned++;
+        }
+    }
+    flush_pairs(c);
+    return assigned;
+}
+
+bool every_key_is_missing(const client* c) {
+    for (uint32_t i = 0; i < c->request->argc; i += 2) {
+        if (object_lookup(cmd_arg(c, i)) != nullptr) {
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+void cmd_append(client* c) {
+    object* obj = cmd_key_or_create(c, OBJ_TSTRING);
+    if (obj == nullptr) {
+        resp_error(c->reply, nullptr, "wrong type");
+        return;
+    }
+    object_append(obj, cmd_arg(c, 1));
+    resp_integer(c->reply, sstr_length(obj->string));
+}
+
+void cmd_incr(client* c) {
+    add_to_key(c, 1, NOT_A_NUMBER_INCR);
+}
+
+void cmd_decr(client* c) {
+    add_to_key(c, -1, NOT_A_NUMBER_DECR);
+}
+
+void cmd_incrby(client* c) {
+    add_argument_to_key(c, false, NOT_A_NUMBER_INCR);
+}
+
+void cmd_decrby(client* c) {
+    add_argument_to_key(c, true, NOT_A_NUMBER_DECR);
+}
+
+void cmd_get(client* c) {
+    const object* obj = object_lookup(cmd_arg(c, 0));
+    if (obj == nullptr || object_type(obj) == OBJ_TNONE) {
+        resp_bulk(c->reply, RESP_NIL);
+    } else if (object_type(obj) != OBJ_TSTRING) {
+        resp_error(c->reply, nullptr, "wrong type");
+    } else {
+        resp_bulk(c->reply, object_string(obj));
+    }
+}
+
+/* An existing key becomes a string whatever it was. */
+void cmd_set(client* c) {
+    object* obj = object_lookup(cmd_arg(c, 0));
+    if (obj == nullptr) {
+        obj = cmd_key_or_create(c, OBJ_TSTRING);
+    }
+    if (obj == nullptr) {
+        return;
+    }
+    object_set_string(obj, cmd_arg(c, 1));
+    resp_status(c->reply, nullptr);
+}
+
+/* The new value is assigned by cmd_getset_assign, since the reply borrows the old one. A hash or list has
+ * no value to show and becomes a string with that. */
+void cmd_getset(client* c) {
+    const object* obj = object_lookup_type(cmd_arg(c, 0), OBJ_TSTRING);
+    resp_bulk(c->reply, obj != nullptr ? object_string(obj) : RESP_NIL);
+}
+
+void cmd_getset_assign(client* c) {
+    if (c->request->argc < 2) {
+        return;
+    }
+    object* obj = object_lookup(cmd_arg(c, 0));
+    if (obj != nullptr) {
+        object_set_string(obj, cmd_arg(c, 1));
+    }
+}
+
+void cmd_setnx(client* c) {
+    object* obj = nullptr;
+    if (object_lookup(cmd_arg(c, 0)) == nullptr) {
+        obj = cmd_key_or_create(c, OBJ_TSTRING);
+    }
+    if (obj != nullptr) {
+        object_set_string(obj, cmd_arg(c, 1));
+    }
+    resp_integer(c->reply, obj != nullptr ? 1 : 0);
+}
+
+void cmd_setex(client* c) {
+    object* obj = cmd_key_or_create(c, OBJ_TSTRING);
+    char* end;
+    const int32_t seconds = text_parse_int32(cmd_arg(c, 1), &end, 10);
+    if (obj == nullptr || end == cmd_arg(c, 1)) {
+        resp_error(c->reply, nullptr, "wrong type or no seconds");
+        return;
+    }
+    object_set_string_ttl(obj, static_cast<uint32_t>(seconds), cmd_arg(c, 2));
+    resp_status(c->reply, nullptr);
+}
+
+void cmd_strlen(client* c) {
+    const object* obj = object_lookup(cmd_arg(c, 0));
+    if (obj == nullptr) {
+        resp_integer(c->reply, 0);
+    } else if (object_type(obj) != OBJ_TSTRING) {
+        resp_error(c->reply, nullptr, "wrong type");
+    } else {
+        resp_integer(c->reply, sstr_length(object_string(obj)));
+    }
+}
+
+void cmd_mget(client* c) {
+    for (uint32_t i = 0; i < c->request->argc; i++) {
+        const object* obj = object_lookup_type(cmd_arg(c, i), OBJ_TSTRING);
+        resp_add(c->reply, obj != nullptr ? object_string(obj) : RESP_NIL);
+    }
+}
+
+void cmd_mset(client* c) {
+    assign_pairs(c);
+    resp_status(c->reply, nullptr);
+}
+
+void cmd_msetnx(client* c) {
+    const bool all = every_key_is_missing(c) && assign_pairs(c) == c->request->argc / 2;
+    resp_integer(c->reply, all ? 1 : 0);
+}
