@@ -2,6 +2,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <stdlib.h>
 
 /* Pooled allocation of small records.
  *
@@ -30,13 +31,68 @@ typedef int64_t pool_int64 __attribute__((aligned(4)));
 /* The largest size that the pool itself serves, in bytes. */
 constexpr size_t POOL_MAX_SIZE = 204;
 
+#ifdef __SANITIZE_ADDRESS__
+constexpr bool POOL_OWN_BLOCKS = true;
+#else
+constexpr bool POOL_OWN_BLOCKS = false;
+#endif
+
+/* A free block, and likewise the head of a slab, seen as a link. */
+struct pool_link {
+    pool_link* next;
+};
+
+struct pool_class {
+    uint32_t objsize; /* block size in bytes; 0 until the class has a slab */
+    pool_link* slabs; /* the newest slab */
+    pool_link* free;  /* the block freed last */
+};
+
+/* By (size + 3) >> 2. Used by the calls below alone. */
+extern pool_class pool_classes[(POOL_MAX_SIZE >> 2) + 1];
+
+/* The rare paths of pool_alloc: a size beyond the pool, and a class without a free block. */
+void* pool_alloc_heap(size_t size);
+void pool_add_slab(size_t size);
+
 /* Returns a block of at least `size` bytes, uninitialised; null when `size` is 0. The caller owns it and
  * frees it with pool_free and the same size. */
-void* pool_alloc(size_t size);
-
-/* The same, filled with zero bytes. */
-void* pool_alloc_zeroed(size_t size);
+inline void* pool_alloc(size_t size) {
+    if (POOL_OWN_BLOCKS || size - 1 >= POOL_MAX_SIZE) {
+        return pool_alloc_heap(size);
+    }
+    pool_class* c = &pool_classes[(size + 3) >> 2];
+    if (c->free == nullptr) {
+        pool_add_slab(size);
+    }
+    pool_link* block = c->free;
+    c->free = block->next;
+    return block;
+}
 
 /* Takes back a block. `size` must be the size that it was allocated with: another size files the block
  * under the wrong class. A null pointer is allowed only with a size above POOL_MAX_SIZE. */
-void pool_free(void* block, size_t size);
+inline void pool_free(void* block, size_t size) {
+    if (POOL_OWN_BLOCKS || size > POOL_MAX_SIZE) {
+        free(block);
+        return;
+    }
+    pool_class* c = &pool_classes[(size + 3) >> 2];
+    pool_link* link = static_cast<pool_link*>(block);
+    link->next = c->free;
+    c->free = link;
+}
+
+/* The same for one record, zeroed. */
+template <typename Record> Record* pool_new() {
+    Record* record = static_cast<Record*>(pool_alloc(sizeof(Record)));
+    *record = {};
+    return record;
+}
+
+template <typename Record> void pool_delete(Record* record) {
+    pool_free(record, sizeof(Record));
+}
+
+/* A zeroed block, for arrays; null when `size` is 0. */
+void* pool_alloc_zeroed(size_t size);

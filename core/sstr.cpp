@@ -25,13 +25,14 @@ sstr allocate(uint32_t length) {
 } // namespace
 
 sstr sstr_new(const char* bytes, uint32_t length) {
-    if (bytes == nullptr) {
-        return allocate(length);
+    if (bytes != nullptr) {
+        length = resolved_length(bytes, length);
     }
-    length = resolved_length(bytes, length);
     sstr s = allocate(length);
-    memcpy(s, bytes, length);
-    s[length] = '\0';
+    if (bytes != nullptr) {
+        memcpy(s, bytes, length);
+        s[length] = '\0';
+    }
     return s;
 }
 

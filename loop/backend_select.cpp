@@ -1,27 +1,38 @@
-#include <string.h>
 #include <sys/select.h>
 
 #include "loop/loop.h"
 
 namespace {
 
+/* The kernel's own view of a set: an array of long words, the lowest descriptor in the lowest bit. Looking at
+ * whole words keeps the cost of an idle descriptor near zero. */
+constexpr int WORD_BITS = 8 * sizeof(unsigned long);
+constexpr int WORDS = FD_SETSIZE / WORD_BITS;
+
+struct word_set {
+    unsigned long words[WORDS];
+};
+static_assert(sizeof(fd_set) == sizeof(word_set));
+
 struct select_state {
-    fd_set read_set;
-    fd_set write_set;
-    int highest; /* highest registered descriptor, -1 when none was registered yet */
+    word_set readable; /* watched for reading */
+    word_set writable; /* watched for writing */
+    int highest;       /* highest registered descriptor, -1 when none was registered yet */
 };
 
 select_state state;
 
-/* The kernel's view of a set: one long word for every so many descriptors. Looking at whole words keeps the
- * cost of an idle descriptor near zero. */
-constexpr int WORD_BITS = 8 * sizeof(unsigned long);
-constexpr int WORDS = FD_SETSIZE / WORD_BITS;
-static_assert(sizeof(fd_set) == WORDS * sizeof(unsigned long));
+unsigned long bit_of(int fd) {
+    return 1UL << (fd % WORD_BITS);
+}
+
+bool is_registered(int fd) {
+    const unsigned long any = state.readable.words[fd / WORD_BITS] | state.writable.words[fd / WORD_BITS];
+    return (any & bit_of(fd)) != 0;
+}
 
 int backend_init(int) {
-    FD_ZERO(&state.read_set);
-    FD_ZERO(&state.write_set);
+    state = {};
     state.highest = -1;
     return 1;
 }
@@ -31,18 +42,14 @@ void backend_add(int fd, unsigned mask) {
         return;
     }
     if ((mask & LOOP_READABLE) != 0) {
-        FD_SET(fd, &state.read_set);
+        state.readable.words[fd / WORD_BITS] |= bit_of(fd);
     }
     if ((mask & LOOP_WRITABLE) != 0) {
-        FD_SET(fd, &state.write_set);
+        state.writable.words[fd / WORD_BITS] |= bit_of(fd);
     }
     if (fd > state.highest) {
         state.highest = fd;
     }
-}
-
-bool is_registered(int fd) {
-    return FD_ISSET(fd, &state.read_set) || FD_ISSET(fd, &state.write_set);
 }
 
 void backend_del(int fd, unsigned mask) {
@@ -50,10 +57,10 @@ void backend_del(int fd, unsigned mask) {
         return;
     }
     if ((mask & LOOP_READABLE) != 0) {
-        FD_CLR(fd, &state.read_set);
+        state.readable.words[fd / WORD_BITS] &= ~bit_of(fd);
     }
     if ((mask & LOOP_WRITABLE) != 0) {
-        FD_CLR(fd, &state.write_set);
+        state.writable.words[fd / WORD_BITS] &= ~bit_of(fd);
     }
     if (fd == state.highest) {
         while (state.highest > 0 && !is_registered(state.highest)) {
@@ -62,46 +69,33 @@ void backend_del(int fd, unsigned mask) {
     }
 }
 
-/* A copy of the words of `set` that hold descriptors up to the highest. */
-void copy_words(fd_set* copy, const fd_set* set, int words) {
-    memcpy(copy, set, static_cast<size_t>(words) * sizeof(unsigned long));
-}
-
-void load_word(unsigned long* word, const fd_set* set, int index) {
-    memcpy(word, reinterpret_cast<const char*>(set) + static_cast<size_t>(index) * sizeof *word,
-           sizeof *word);
+/* Appends the events of one word of both sets. Returns the new count, at most LOOP_MAX_EVENTS. */
+int collect(int first_fd, unsigned long readable, unsigned long writable, loop_event* events, int count) {
+    for (unsigned long any = readable | writable; any != 0 && count < LOOP_MAX_EVENTS; any &= any - 1) {
+        const int bit = __builtin_ctzl(any);
+        const unsigned mask = ((readable >> bit & 1) != 0 ? LOOP_READABLE : 0U) |
+                              ((writable >> bit & 1) != 0 ? LOOP_WRITABLE : 0U);
+        events[count++] = {first_fd + bit, mask};
+    }
+    return count;
 }
 
 int backend_wait(int timeout_ms, loop_event* events) {
     timeval timeout = {timeout_ms / 1000, (timeout_ms % 1000) * 1000};
-    fd_set readable;
-    fd_set writable;
+    word_set readable;
+    word_set writable;
     const int words = state.highest / WORD_BITS + 1;
-    copy_words(&readable, &state.read_set, words);
-    copy_words(&writable, &state.write_set, words);
-    if (select(state.highest + 1, &readable, &writable, nullptr, &timeout) < 1) {
+    for (int i = 0; i < words; i++) {
+        readable.words[i] = state.readable.words[i];
+        writable.words[i] = state.writable.words[i];
+    }
+    if (select(state.highest + 1, reinterpret_cast<fd_set*>(&readable), reinterpret_cast<fd_set*>(&writable),
+               nullptr, &timeout) < 1) {
         return 0;
     }
     int count = 0;
     for (int i = 0; i < words; i++) {
-        unsigned long read_word;
-        unsigned long write_word;
-        load_word(&read_word, &readable, i);
-        load_word(&write_word, &writable, i);
-        for (unsigned long any = read_word | write_word; any != 0; any &= any - 1) {
-            if (count == LOOP_MAX_EVENTS) {
-                return count;
-            }
-            const int bit = __builtin_ctzl(any);
-            unsigned mask = 0;
-            if ((read_word >> bit & 1) != 0) {
-                mask |= LOOP_READABLE;
-            }
-            if ((write_word >> bit & 1) != 0) {
-                mask |= LOOP_WRITABLE;
-            }
-            events[count++] = {i * WORD_BITS + bit, mask};
-        }
+        count = collect(i * WORD_BITS, readable.words[i], writable.words[i], events, count);
     }
     return count;
 }

@@ -230,7 +230,7 @@ void destroy(loop_closing* closing) {
         unlink_from_server(c);
         server_unref(c->owner);
     }
-    pool_free(c, sizeof *c);
+    pool_delete(c);
 }
 
 /* The jump of a flush that fails here replaces the reason. */
@@ -267,7 +267,7 @@ connection* loop_add_connection(int fd, server* owner) {
     }
     (void)endpoint_set_nonblocking(fd);
     (void)endpoint_set_cloexec(fd);
-    connection* c = static_cast<connection*>(pool_alloc_zeroed(sizeof(connection)));
+    connection* c = pool_new<connection>();
     c->fd = fd;
     c->owner = owner;
     c->closing.destroy = destroy;
@@ -298,6 +298,12 @@ void connection_send(connection* c, const void* bytes, uint32_t length) {
             send_or_batch(c, start, length);
         }
     });
+}
+
+buffer* connection_batch(connection* c, uint32_t size) {
+    const bool fits = c->fd >= 0 && c->pending.length == 0 && size < WRITE_THROUGH_SIZE &&
+                      c->output.length + size <= FLUSH_ABOVE;
+    return fits ? &c->output : nullptr;
 }
 
 void connection_flush(connection* c) {

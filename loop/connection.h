@@ -82,6 +82,10 @@ connection* loop_add_connection(int fd, server* owner);
  * one drops the bytes. */
 void connection_send(connection* c, const void* bytes, uint32_t length);
 
+/* Returns the output buffer when a frame of at most `size` bytes is simply batched, with nothing that can
+ * fail: the caller appends it there. Null otherwise; the frame then goes through connection_send. */
+buffer* connection_batch(connection* c, uint32_t size);
+
 /* Writes the batched output. May close the connection. */
 void connection_flush(connection* c);
 

@@ -52,7 +52,7 @@ datagram_server* datagram_open(const char* address, int port, datagram_callback 
         close(fd);
         return nullptr;
     }
-    datagram_server* s = static_cast<datagram_server*>(pool_alloc_zeroed(sizeof(datagram_server)));
+    datagram_server* s = pool_new<datagram_server>();
     s->fd = fd;
     s->callback = callback;
     loop_add_handler(fd, LOOP_READABLE, on_readable, s);
@@ -63,5 +63,5 @@ void datagram_release(datagram_server* s) {
     loop_remove_handler(s->fd);
     close(s->fd);
     s->fd = -1;
-    pool_free(s, sizeof *s);
+    pool_delete(s);
 }

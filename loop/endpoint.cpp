@@ -56,8 +56,9 @@ int connect_ipv4(const char* host, int port, int type, int* fd) {
 }
 
 void on_connecting(int fd, unsigned mask, void* argument) {
-    connecting pending = *static_cast<connecting*>(argument);
-    pool_free(argument, sizeof(connecting));
+    connecting* record = static_cast<connecting*>(argument);
+    const connecting pending = *record;
+    pool_delete(record);
     loop_remove_handler(fd);
     const bool failed = (mask & LOOP_READABLE) != 0 || (mask & LOOP_WRITABLE) == 0;
     if (failed) {
@@ -204,7 +205,7 @@ int endpoint_connect_async(const char* text, int port, endpoint_connected callba
         callback(-1, give_up(&fd), argument);
         return 1;
     }
-    connecting* pending = static_cast<connecting*>(pool_alloc(sizeof(connecting)));
+    connecting* pending = pool_new<connecting>();
     *pending = {callback, argument};
     loop_add_handler(fd, LOOP_READABLE | LOOP_WRITABLE, on_connecting, pending);
     return 1;

@@ -48,7 +48,7 @@ void unlink_timer(loop_timer* timer) {
     if (timer->next != nullptr) {
         timer->next->prev = timer->prev;
     }
-    pool_free(timer, sizeof *timer);
+    pool_delete(timer);
 }
 
 void dispatch(const loop_event* events, int count) {
@@ -177,7 +177,7 @@ void loop_remove_handler(int fd) {
 }
 
 loop_timer* loop_add_timer(uint32_t interval_ms, loop_timer_callback callback, void* argument) {
-    loop_timer* timer = static_cast<loop_timer*>(pool_alloc_zeroed(sizeof(loop_timer)));
+    loop_timer* timer = pool_new<loop_timer>();
     timer->last_sec = static_cast<uint32_t>(loop.now.tv_sec);
     timer->last_usec = static_cast<uint32_t>(loop.now.tv_usec);
     timer->interval_ms = interval_ms;

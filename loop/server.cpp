@@ -20,7 +20,7 @@ server* server_open(const char* address, int port) {
         close(fd);
         return nullptr;
     }
-    server* s = static_cast<server*>(pool_alloc_zeroed(sizeof(server)));
+    server* s = pool_new<server>();
     s->fd = fd;
     s->port = port;
     s->references = 1;
@@ -68,6 +68,6 @@ void server_release(server* s) {
 void server_unref(server* s) {
     s->references--;
     if (s->references == 0) {
-        pool_free(s, sizeof *s);
+        pool_delete(s);
     }
 }

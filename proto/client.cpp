@@ -16,7 +16,7 @@ uint32_t client_counter;
 
 client* client_of(connection* c) {
     if (c->user_data == nullptr) {
-        client* made = static_cast<client*>(pool_alloc_zeroed(sizeof(client)));
+        client* made = pool_new<client>();
         made->name = sstr_new(str_format("anynomous%u", client_counter++), SSTR_CSTRING);
         made->conn = c;
         c->user_data = made;
@@ -51,7 +51,7 @@ void client_onclose(connection* conn, int) {
     client_end_request(c);
     observers_remove(c);
     sstr_free(&c->name);
-    pool_free(c, sizeof *c);
+    pool_delete(c);
     if (log_wants(LOG_DEBUG)) {
         log_write(LOG_DEBUG, "client destroyed");
     }

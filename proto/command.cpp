@@ -76,7 +76,7 @@ void (*find_post_reply_hook(const char* name))(client*) {
 void make_command_index() {
     command_index = htable_new();
     for (const command& row : command_table) {
-        command_entry* entry = static_cast<command_entry*>(pool_alloc(sizeof(command_entry)));
+        command_entry* entry = pool_new<command_entry>();
         entry->name = sstr_new(row.name, SSTR_CSTRING);
         str_toupper(entry->name);
         entry->row = &row;
@@ -156,6 +156,11 @@ const command_entry* execute(client* c) {
 /* Hands the reply to the connection as one whole frame; a frame too large to be composed closes it. */
 void send_reply(client* c) {
     if (c->reply->type == RESP_TNONE) {
+        return;
+    }
+    buffer* batch = connection_batch(c->conn, resp_size_bound(c->reply));
+    if (batch != nullptr) {
+        resp_write(c->reply, batch);
         return;
     }
     if (reply_buffer.initial == 0) {

@@ -10,69 +10,80 @@ namespace {
 /* The smallest element, "$0\n\r\n": header lines may end in a bare line feed. */
 constexpr uint32_t SMALLEST_ELEMENT = 5;
 
-/* Takes a header line, `lead` followed by a number, off the view. As strtoul reads it, the number may
- * have blanks and a sign before it and anything behind it. */
-bool take_header(buf_view* view, char lead, uint32_t* number) {
+/* A header line, `lead` followed by a number, at `p`. As strtoul reads it, the number may have blanks and a
+ * sign before it and anything behind it. Returns what follows the line, or null when it is no such line. */
+char* take_any_header(char* p, const char* end, char lead, uint32_t* number) {
+    buf_view view = {p, static_cast<uint32_t>(end - p)};
     uint32_t length;
-    const char* line = buf_getline(view, &length, true);
+    const char* line = buf_getline(&view, &length, true);
     if (line == nullptr || length < 2 || line[0] != lead) {
-        return false;
+        return nullptr;
     }
-    /* Nearly every header is a few plain digits. */
-    uint32_t value = 0;
-    uint32_t i = 1;
-    while (i < length && i < 9 && line[i] >= '0' && line[i] <= '9') {
-        value = value * 10 + static_cast<uint32_t>(line[i] - '0');
-        i++;
-    }
-    if (i == length) {
-        *number = value;
-        return true;
-    }
-    char* end;
-    *number = text_parse_uint32(line + 1, &end, 10);
-    return end != line + 1;
+    char* digits_end;
+    *number = text_parse_uint32(line + 1, &digits_end, 10);
+    return digits_end != line + 1 ? view.start : nullptr;
 }
 
-bool take_bulk(buf_view* view, sstr* str) {
+uint32_t digit_of(char c) {
+    return static_cast<unsigned char>(c - '0');
+}
+
+/* The same; the header that every client really sends, the lead, one or two digits, CR LF, is read at
+ * once. */
+char* take_header(char* p, const char* end, char lead, uint32_t* number) {
+    if (end - p < 5 || p[0] != lead || digit_of(p[1]) > 9) {
+        return take_any_header(p, end, lead, number);
+    }
+    uint32_t value = digit_of(p[1]);
+    char* line_end = p + 2;
+    if (digit_of(*line_end) <= 9) {
+        value = value * 10 + digit_of(*line_end);
+        line_end++;
+    }
+    if (line_end[0] != '\r' || line_end[1] != '\n') {
+        return take_any_header(p, end, lead, number);
+    }
+    line_end[0] = '\0';
+    line_end[1] = '\0';
+    *number = value;
+    return line_end + 2;
+}
+
+/* A bulk string at `p`. Returns what follows it, or null when it is malformed or not whole. */
+char* take_bulk(char* p, const char* end, sstr* str) {
     uint32_t length;
-    if (!take_header(view, '$', &length)) {
-        return false;
+    p = take_header(p, end, '$', &length);
+    if (p == nullptr || end - p < 2 || length > static_cast<uint32_t>(end - p) - 2 || p[length] != '\r' ||
+        p[length + 1] != '\n') {
+        return nullptr;
     }
-    if (view->length < 2 || length > view->length - 2 || view->start[length] != '\r' ||
-        view->start[length + 1] != '\n') {
-        return false;
-    }
-    *str = sstr_new(view->start, length);
-    view->start += length + 2;
-    view->length -= length + 2;
-    return true;
+    *str = sstr_new(p, length);
+    return p + length + 2;
 }
 
-bool parse_into(request* r, buf_view* view) {
+bool parse_into(request* r, char* p, const char* end) {
     uint32_t count;
-    if (!take_header(view, '*', &count) || count == 0 || count > view->length / SMALLEST_ELEMENT) {
+    p = take_header(p, end, '*', &count);
+    if (p == nullptr || count == 0 || count > static_cast<uint32_t>(end - p) / SMALLEST_ELEMENT) {
         return false;
     }
     r->argc = count - 1;
-    r->argv = static_cast<sstr*>(pool_alloc_zeroed(r->argc * sizeof(sstr)));
-    if (!take_bulk(view, &r->name)) {
-        return false;
-    }
+    r->argv = static_cast<sstr*>(pool_alloc(r->argc * sizeof(sstr)));
     for (uint32_t i = 0; i < r->argc; i++) {
-        if (!take_bulk(view, &r->argv[i])) {
-            return false;
-        }
+        r->argv[i] = nullptr;
     }
-    return true;
+    p = take_bulk(p, end, &r->name);
+    for (uint32_t i = 0; i < r->argc && p != nullptr; i++) {
+        p = take_bulk(p, end, &r->argv[i]);
+    }
+    return p != nullptr;
 }
 
 } // namespace
 
 request* request_parse(const buffer* input) {
-    request* r = static_cast<request*>(pool_alloc_zeroed(sizeof(request)));
-    buf_view view = {input->data, input->length};
-    if (!parse_into(r, &view)) {
+    request* r = pool_new<request>();
+    if (input->length == 0 || !parse_into(r, input->data, input->data + input->length)) {
         request_free(r);
         return nullptr;
     }
@@ -87,5 +98,5 @@ void request_free(request* r) {
     if (r->argv != nullptr) {
         pool_free(r->argv, r->argc * sizeof(sstr));
     }
-    pool_free(r, sizeof *r);
+    pool_delete(r);
 }

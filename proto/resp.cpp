@@ -17,7 +17,18 @@ void require_empty(const resp* r, int line) {
     require(r->type == RESP_TNONE, "resp->type == RESP_TNONE", line);
 }
 
-/* A line of a lead character and a number: ":5\r\n", "$3\r\n", "*2\r\n". */
+/* Writes the lead, the number and a line end to `p`, which has room for them, and returns the end. */
+char* put_number_line(char* p, char lead, const char* digits, uint32_t length) {
+    *p++ = lead;
+    while (length-- > 0) {
+        *p++ = *digits++;
+    }
+    *p++ = '\r';
+    *p++ = '\n';
+    return p;
+}
+
+/* A line of a lead character and a number: ":5\r\n", "*2\r\n". */
 uint32_t write_number_line(buffer* out, char lead, int64_t number) {
     uint32_t digits;
     const char* text = text_number(number, &digits);
@@ -25,9 +36,7 @@ uint32_t write_number_line(buffer* out, char lead, int64_t number) {
     if (p == nullptr) {
         return 0;
     }
-    *p++ = lead;
-    memcpy(p, text, digits);
-    memcpy(p + digits, "\r\n", 2);
+    put_number_line(p, lead, text, digits);
     return digits + 3;
 }
 
@@ -36,18 +45,23 @@ uint32_t write_bulk(buffer* out, const char* str) {
         return buffer_append(out, "$-1\r\n", 5);
     }
     const uint32_t length = str != nullptr ? sstr_length(str) : 0;
-    if (write_number_line(out, '$', length) == 0) {
+    uint32_t digits;
+    const char* text = text_number(length, &digits);
+    /* One reservation for the whole bulk. A string beyond the buffer's limit must not wrap the sum. */
+    if (length > out->limit) {
         return 0;
     }
-    char* p = buffer_reserve(out, length + 2);
+    const uint32_t size = length + digits + 5;
+    char* p = buffer_reserve(out, size);
     if (p == nullptr) {
         return 0;
     }
+    p = put_number_line(p, '$', text, digits);
     if (length > 0) {
         memcpy(p, str, length);
     }
     memcpy(p + length, "\r\n", 2);
-    return length + 2;
+    return size;
 }
 
 uint32_t write_list(buffer* out, char lead, const resp_list* list) {
@@ -76,7 +90,7 @@ uint32_t write_text_line(buffer* out, char lead, const char* text, const char* a
 } // namespace
 
 resp* resp_new() {
-    return static_cast<resp*>(pool_alloc_zeroed(sizeof(resp)));
+    return pool_new<resp>();
 }
 
 void resp_status(resp* r, const char* text) {
@@ -113,7 +127,7 @@ void resp_add(resp* r, sstr str) {
     if (str == nullptr) {
         return;
     }
-    resp_element* e = static_cast<resp_element*>(pool_alloc(sizeof(resp_element)));
+    resp_element* e = pool_new<resp_element>();
     *e = {str, nullptr};
     if (r->list.tail != nullptr) {
         r->list.tail->next = e;
@@ -122,6 +136,26 @@ void resp_add(resp* r, sstr str) {
     }
     r->list.tail = e;
     r->list.count++;
+}
+
+uint32_t resp_size_bound(const resp* r) {
+    /* A lead character, at most 20 digits and a sign, and two line ends. */
+    constexpr uint32_t FRAMING = 26;
+    uint32_t text = 0;
+    switch (r->type) {
+    case RESP_TBULK:
+        text = r->bulk == nullptr || r->bulk == RESP_NIL ? 0 : sstr_length(r->bulk);
+        break;
+    case RESP_TMBULK:
+        return UINT32_MAX;
+    case RESP_TSTATUS:
+    case RESP_TERROR:
+        text = r->text != nullptr ? 2 * static_cast<uint32_t>(strlen(r->text)) : 0;
+        break;
+    default:
+        break;
+    }
+    return text < UINT32_MAX - FRAMING ? text + FRAMING : UINT32_MAX;
 }
 
 uint32_t resp_write(const resp* r, buffer* out) {
@@ -153,10 +187,10 @@ void resp_free(resp* r) {
         resp_element* next;
         for (resp_element* e = r->list.head; e != nullptr; e = next) {
             next = e->next;
-            pool_free(e, sizeof *e);
+            pool_delete(e);
         }
     }
-    pool_free(r, sizeof *r);
+    pool_delete(r);
 }
 
 void resp_pop_destroy(resp* r) {

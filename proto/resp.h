@@ -73,6 +73,9 @@ void resp_add(resp* r, sstr str);
 uint32_t resp_write(const resp* r, buffer* out);
 uint32_t resp_write_notify(const resp* r, buffer* out);
 
+/* A bound on the size of the reply's frame in bytes; UINT32_MAX for multibulks, which are not counted up. */
+uint32_t resp_size_bound(const resp* r);
+
 /* Frees the record and its element nodes, not the strings. */
 void resp_free(resp* r);
 

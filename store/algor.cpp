@@ -22,6 +22,14 @@ const char* item_key(const void* item) {
     return *static_cast<const char* const*>(item);
 }
 
+htable_entry* chain_of(const htable* t, uint32_t hash) {
+    return t->nbuckets != 0 ? t->buckets[hash % t->nbuckets] : nullptr;
+}
+
+bool holds(const htable_entry* entry, uint32_t hash, const char* key) {
+    return entry->hash == hash && strcmp(item_key(entry->item), key) == 0;
+}
+
 size_t array_size(uint32_t nbuckets) {
     return size_t{nbuckets} * sizeof(htable_entry*);
 }
@@ -53,8 +61,7 @@ htable_entry* insert(htable* t, uint32_t hash) {
     if (t->count >= t->nbuckets >> 1) {
         grow(t);
     }
-    htable_entry* entry = static_cast<htable_entry*>(pool_alloc(sizeof(htable_entry)));
-    entry->item = nullptr;
+    htable_entry* entry = pool_new<htable_entry>();
     entry->hash = hash;
     push(t->buckets, t->nbuckets, entry);
     t->count++;
@@ -72,14 +79,14 @@ uint32_t htable_hash(const char* key) {
 }
 
 htable* htable_new() {
-    return static_cast<htable*>(pool_alloc_zeroed(sizeof(htable)));
+    return pool_new<htable>();
 }
 
 htable_entry* htable_find(htable* t, const char* key, htable_entry** prev, bool create) {
     const uint32_t hash = htable_hash(key);
     htable_entry* before = nullptr;
-    htable_entry* entry = t->nbuckets != 0 ? t->buckets[hash % t->nbuckets] : nullptr;
-    while (entry != nullptr && !(entry->hash == hash && strcmp(item_key(entry->item), key) == 0)) {
+    htable_entry* entry = chain_of(t, hash);
+    while (entry != nullptr && !holds(entry, hash, key)) {
         before = entry;
         entry = entry->next;
     }
@@ -95,9 +102,15 @@ htable_entry* htable_find(htable* t, const char* key, htable_entry** prev, bool 
     return entry;
 }
 
-void* htable_get(htable* t, const char* key) {
-    const htable_entry* entry = htable_find(t, key, nullptr, false);
-    return entry != nullptr ? entry->item : nullptr;
+/* Apart from htable_find because nearly every request ends here. */
+void* htable_get(const htable* t, const char* key) {
+    const uint32_t hash = htable_hash(key);
+    for (const htable_entry* entry = chain_of(t, hash); entry != nullptr; entry = entry->next) {
+        if (holds(entry, hash, key)) {
+            return entry->item;
+        }
+    }
+    return nullptr;
 }
 
 htable_entry* htable_put(htable* t, void* item) {
@@ -118,7 +131,7 @@ void htable_del(htable* t, const char* key) {
         prev->next = entry->next;
     }
     t->count--;
-    pool_free(entry, sizeof *entry);
+    pool_delete(entry);
 }
 
 void htable_clear(htable* t) {
@@ -126,7 +139,7 @@ void htable_clear(htable* t) {
         htable_entry* next;
         for (htable_entry* entry = t->buckets[i]; entry != nullptr; entry = next) {
             next = entry->next;
-            pool_free(entry, sizeof *entry);
+            pool_delete(entry);
         }
         t->buckets[i] = nullptr;
     }
@@ -138,7 +151,7 @@ void htable_free(htable* t) {
     if (t->buckets != nullptr) {
         pool_free(t->buckets, array_size(t->nbuckets));
     }
-    pool_free(t, sizeof *t);
+    pool_delete(t);
 }
 
 htable_walk htable_walk_start(const htable* t) {

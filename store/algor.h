@@ -42,7 +42,7 @@ htable* htable_new();
 htable_entry* htable_find(htable* t, const char* key, htable_entry** prev, bool create);
 
 /* Returns the stored record or null. */
-void* htable_get(htable* t, const char* key);
+void* htable_get(const htable* t, const char* key);
 
 /* Stores a record under the key that its first member points to. A record that was there is replaced, not
  * freed. Returns the entry. */

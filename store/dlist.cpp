@@ -48,7 +48,7 @@ void* recycle(dlist* list, dlist_node* node, void* value) {
 }
 
 dlist_node* new_node(dlist* list, void* value) {
-    dlist_node* node = static_cast<dlist_node*>(pool_alloc(sizeof(dlist_node)));
+    dlist_node* node = pool_new<dlist_node>();
     node->value = value;
     list->count++;
     return node;
@@ -61,14 +61,14 @@ void* take(dlist* list, dlist_node* node) {
     void* value = node->value;
     unlink(list, node);
     list->count--;
-    pool_free(node, sizeof *node);
+    pool_delete(node);
     return value;
 }
 
 } // namespace
 
 dlist* dlist_new(uint16_t max) {
-    dlist* list = static_cast<dlist*>(pool_alloc_zeroed(sizeof(dlist)));
+    dlist* list = pool_new<dlist>();
     list->max = max;
     return list;
 }
@@ -147,7 +147,7 @@ void dlist_clear(dlist* list) {
     dlist_node* next;
     for (dlist_node* node = list->head; node != nullptr; node = next) {
         next = node->next;
-        pool_free(node, sizeof *node);
+        pool_delete(node);
     }
     list->count = 0;
     list->head = nullptr;
@@ -156,5 +156,5 @@ void dlist_clear(dlist* list) {
 
 void dlist_free(dlist* list) {
     dlist_clear(list);
-    pool_free(list, sizeof *list);
+    pool_delete(list);
 }

@@ -65,7 +65,7 @@ void destroy(object* obj) {
     }
     htable_del(object_keyspace(), obj->key);
     sstr_free(&obj->key);
-    pool_free(obj, sizeof *obj);
+    pool_delete(obj);
 }
 
 void scan(uint32_t now) {

@@ -77,7 +77,7 @@ void make_keyspace() {
 }
 
 object* new_object(const char* key, uint32_t length) {
-    object* obj = static_cast<object*>(pool_alloc_zeroed(sizeof(object)));
+    object* obj = pool_new<object>();
     obj->key = sstr_new(key, length);
     htable_put(keyspace, obj);
     return obj;
@@ -97,7 +97,7 @@ void give_type(object* obj, unsigned type) {
 void free_field(hash_field* field) {
     sstr_free(&field->name);
     sstr_free(&field->value);
-    pool_free(field, sizeof *field);
+    pool_delete(field);
 }
 
 void free_list(dlist* list) {
@@ -160,7 +160,7 @@ hash_field* field_or_new(object* obj, sstr name, bool* is_new) {
     htable_entry* entry = htable_find(obj->hash, name, nullptr, true);
     *is_new = entry->item == nullptr;
     if (*is_new) {
-        hash_field* field = static_cast<hash_field*>(pool_alloc_zeroed(sizeof(hash_field)));
+        hash_field* field = pool_new<hash_field>();
         field->name = sstr_new(name, sstr_length(name));
         entry->item = field;
     }
@@ -289,7 +289,7 @@ void object_reset() {
     while (object* obj = static_cast<object*>(htable_walk_next(&walk))) {
         object_free_value(obj, false);
         sstr_free(&obj->key);
-        pool_free(obj, sizeof *obj);
+        pool_delete(obj);
     }
     htable_free(keyspace);
     keyspace = nullptr;

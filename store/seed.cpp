@@ -23,7 +23,7 @@ void seed_one_string(const seed_string* seed) {
 
 void seed_one_field(object* obj, const seed_field* seed) {
     if (object_hash_field(obj, seed->name) == nullptr) {
-        hash_field* field = static_cast<hash_field*>(pool_alloc_zeroed(sizeof(hash_field)));
+        hash_field* field = pool_new<hash_field>();
         field->name = sstr_new(seed->name, SSTR_CSTRING);
         field->value = sstr_new(seed->value, SSTR_CSTRING);
         htable_put(obj->hash, field);
