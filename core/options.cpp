@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 #include "core/text.h"
-#include "stats/modules.h"
+#include "stats/iface_algor.h"
 
 namespace {
 

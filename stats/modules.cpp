@@ -1,28 +1,24 @@
 #include "stats/modules.h"
 
-#include <string.h>
-
-int history_iface_algor = 1;
+#include "stats/crond.h"
+#include "stats/history.h"
+#include "stats/lcd.h"
+#include "stats/ping.h"
+#include "stats/sysload.h"
 
 namespace {
 
 typedef void (*module_start)();
 
 /* Ends with a null entry. */
-const module_start stat_modules[] = {nullptr};
+const module_start stat_modules[] = {module_stats_start, module_lcd_start, module_crond_start,
+                                     module_ping_start, nullptr};
 
 } // namespace
 
 void modules_start() {
+    history_start();
     for (const module_start* start = stat_modules; *start != nullptr; start++) {
         (*start)();
-    }
-}
-
-void history_algor_option(const char* text) {
-    if (strcmp(text, "max") == 0) {
-        history_iface_algor = 1;
-    } else if (strcmp(text, "avg") == 0) {
-        history_iface_algor = 0;
     }
 }

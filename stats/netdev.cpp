@@ -1,0 +1,228 @@
+#include "stats/netdev.h"
+
+#include <stdlib.h>
+#include <string.h>
+#include <strings.h>
+#include <sys/time.h>
+
+#include "core/fault.h"
+#include "core/text.h"
+#include "stats/iface_algor.h"
+#include "stats/stat_value.h"
+
+uint32_t netdev_interval_us;
+
+namespace {
+
+constexpr char NETDEV_FILE[] = "/proc/net/dev";
+constexpr size_t LINE_SIZE = 1024;
+constexpr size_t NAME_LENGTH = sizeof(iface_stat::name) - 1;
+constexpr uint32_t SAMPLE_SIZE = 16;
+
+/* A delta from here on is a counter that was reset or whose low word wrapped. */
+constexpr uint32_t IMPLAUSIBLE_DELTA = 1000000000;
+
+const char* const name_prefixes[] = {"eth", "br-lan", "br-wan", "pptp-", "pppoe-", "p-", "l2tp-"};
+
+struct counters {
+    uint64_t rx_bytes;
+    uint32_t rx_packets;
+    uint64_t tx_bytes;
+    uint32_t tx_packets;
+};
+
+struct netdev_state {
+    iface_stat* ifaces; /* newest first */
+    uint32_t last_sec;  /* time of the last poll, 0 before the first */
+    uint32_t last_usec;
+    uint32_t most_ifaces; /* the most selected in one poll */
+};
+
+netdev_state state;
+
+bool is_of_interest(const char* name) {
+    for (const char* prefix : name_prefixes) {
+        if (strncmp(name, prefix, strlen(prefix)) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/* Understands a line such as
+ *   "  eth0: 1296 14 0 0 0 0 0 0 2592 28 0 0 0 0 0 0"
+ * (received bytes and packets, six others, transmitted bytes and packets). Packet counters are cut to 32
+ * bits. False for the two header lines, which have a "|", and for lines without a name. */
+bool parse_line(const char* line, char (&name)[LINE_SIZE], counters* read) {
+    if (strchr(line, '|') != nullptr) {
+        return false;
+    }
+    unsigned long long values[4] = {};
+    const int matched = sscanf(line, " %1023[^ :]:%llu %llu %*u %*u %*u %*u %*u %*u %llu %llu", name,
+                               &values[0], &values[1], &values[2], &values[3]);
+    *read = {values[0], static_cast<uint32_t>(values[1]), values[2], static_cast<uint32_t>(values[3])};
+    return matched >= 1;
+}
+
+iface_stat* new_iface(const char* name) {
+    iface_stat* iface = static_cast<iface_stat*>(calloc(1, sizeof(iface_stat)));
+    if (iface == nullptr) {
+        fault_no_memory();
+    }
+    memcpy(iface->name, name, strnlen(name, NAME_LENGTH));
+    history_init_set(iface->history, iface->name, SAMPLE_SIZE);
+    iface->next = state.ifaces;
+    if (state.ifaces != nullptr) {
+        state.ifaces->prev = iface;
+    }
+    state.ifaces = iface;
+    return iface;
+}
+
+/* A first rate shows at half its size, on purpose: the panel and the pages draw a soft start. */
+uint32_t smoothed(uint32_t delta, double seconds, uint32_t old) {
+    const uint32_t fresh = static_cast<uint32_t>(static_cast<uint64_t>(delta / seconds));
+    return static_cast<uint32_t>((uint64_t{fresh} + old) >> 1);
+}
+
+uint32_t condensed(uint32_t accumulated, uint32_t rate) {
+    if (history_iface_algor == 1) {
+        return accumulated > rate ? accumulated : rate;
+    }
+    return accumulated == 0 ? rate : static_cast<uint32_t>((uint64_t{accumulated} + rate) >> 1);
+}
+
+void update_history(iface_stat* iface, unsigned span) {
+    iface_rates* sum = &iface->accumulated[span];
+    sum->rxb = condensed(sum->rxb, iface->rate.rxb);
+    sum->rxp = condensed(sum->rxp, iface->rate.rxp);
+    sum->txb = condensed(sum->txb, iface->rate.txb);
+    sum->txp = condensed(sum->txp, iface->rate.txp);
+    char sample[SAMPLE_SIZE];
+    text_put_be32(sample, sum->rxb);
+    text_put_be32(sample + 4, sum->rxp);
+    text_put_be32(sample + 8, sum->txb);
+    text_put_be32(sample + 12, sum->txp);
+    if (history_tick(&iface->history[span], sample) == 1) {
+        *sum = {};
+    }
+}
+
+/* Only the low words of the byte counters are compared. */
+void update_rates(iface_stat* iface, const counters* read) {
+    const uint32_t rx_bytes = static_cast<uint32_t>(read->rx_bytes - iface->rx_bytes);
+    const uint32_t tx_bytes = static_cast<uint32_t>(read->tx_bytes - iface->tx_bytes);
+    const uint32_t rx_packets = read->rx_packets - iface->rx_packets;
+    const uint32_t tx_packets = read->tx_packets - iface->tx_packets;
+    if (rx_bytes >= IMPLAUSIBLE_DELTA || tx_bytes >= IMPLAUSIBLE_DELTA || rx_packets >= IMPLAUSIBLE_DELTA ||
+        tx_packets >= IMPLAUSIBLE_DELTA) {
+        return;
+    }
+    const double seconds = netdev_interval_us / 1000000.0;
+    iface->rate.rxb = smoothed(rx_bytes, seconds, iface->rate.rxb);
+    iface->rate.rxp = smoothed(rx_packets, seconds, iface->rate.rxp);
+    iface->rate.txb = smoothed(tx_bytes, seconds, iface->rate.txb);
+    iface->rate.txp = smoothed(tx_packets, seconds, iface->rate.txp);
+    for (unsigned span = 0; span < HISTORY_SPANS; span++) {
+        update_history(iface, span);
+    }
+}
+
+/* One announcement for the whole hash. */
+void publish(const char* name, const iface_stat* iface) {
+    object* hash = object_get_or_create(name, SSTR_CSTRING, OBJ_THASH);
+    if (hash == nullptr) {
+        return;
+    }
+    object_defer(hash);
+    stat_hset_u64(hash, "rxb", static_cast<uint32_t>(iface->rx_bytes),
+                  static_cast<uint32_t>(iface->rx_bytes >> 32));
+    stat_hset_u32(hash, "rxp", iface->rx_packets);
+    stat_hset_u64(hash, "txb", static_cast<uint32_t>(iface->tx_bytes),
+                  static_cast<uint32_t>(iface->tx_bytes >> 32));
+    stat_hset_u32(hash, "txp", iface->tx_packets);
+    stat_hset_u32(hash, "txbrate", iface->rate.txb);
+    stat_hset_u32(hash, "txprate", iface->rate.txp);
+    stat_hset_u32(hash, "rxbrate", iface->rate.rxb);
+    stat_hset_u32(hash, "rxprate", iface->rate.rxp);
+    stat_hset_u32(hash, "flags", iface->flags);
+    object_flush(hash);
+}
+
+void update_iface(const char* name, const counters* read) {
+    iface_stat* iface = iface_find(name);
+    if (iface == nullptr) {
+        iface = new_iface(name);
+    }
+    if (netdev_interval_us != 0) {
+        update_rates(iface, read);
+    }
+    iface->rx_bytes = read->rx_bytes;
+    iface->rx_packets = read->rx_packets;
+    iface->tx_bytes = read->tx_bytes;
+    iface->tx_packets = read->tx_packets;
+    publish(name, iface);
+}
+
+} // namespace
+
+iface_stat* iface_find(const char* name) {
+    if (name == nullptr) {
+        return nullptr;
+    }
+    iface_stat* iface = state.ifaces;
+    while (iface != nullptr && strncasecmp(iface->name, name, NAME_LENGTH) != 0) {
+        iface = iface->next;
+    }
+    return iface;
+}
+
+void netdev_set_interval(uint32_t sec, uint32_t usec) {
+    if (state.last_sec != 0 || state.last_usec != 0) {
+        const uint32_t elapsed = (sec - state.last_sec) * 1000000 + (usec - state.last_usec);
+        netdev_interval_us = static_cast<int32_t>(elapsed) > 0 ? elapsed : 0;
+    }
+    state.last_sec = sec;
+    state.last_usec = usec;
+}
+
+void netdev_read(FILE* file) {
+    char line[LINE_SIZE];
+    char name[LINE_SIZE];
+    counters read;
+    uint32_t selected = 0;
+    while (fgets(line, sizeof line, file) != nullptr) {
+        if (parse_line(line, name, &read) && is_of_interest(name)) {
+            update_iface(name, &read);
+            selected++;
+        }
+    }
+    if (selected > state.most_ifaces) {
+        state.most_ifaces = selected;
+    }
+}
+
+void netdev_poll() {
+    FILE* file = fopen(NETDEV_FILE, "re");
+    if (file == nullptr) {
+        return;
+    }
+    timeval now;
+    gettimeofday(&now, nullptr);
+    netdev_set_interval(static_cast<uint32_t>(now.tv_sec), static_cast<uint32_t>(now.tv_usec));
+    netdev_read(file);
+    fclose(file);
+}
+
+void netdev_reset() {
+    while (state.ifaces != nullptr) {
+        iface_stat* next = state.ifaces->next;
+        for (history_series& series : state.ifaces->history) {
+            sstr_free(&series.name);
+        }
+        free(state.ifaces);
+        state.ifaces = next;
+    }
+    state = {};
+    netdev_interval_us = 0;
+}

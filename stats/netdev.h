@@ -1,0 +1,53 @@
+#pragma once
+
+#include <stdint.h>
+#include <stdio.h>
+
+#include "stats/history.h"
+
+/* Interface traffic: once a second the kernel's counters of every interface of interest become smoothed
+ * rates, a hash named after the interface ("rxb", "rxp", "txb", "txp", "txbrate", "txprate", "rxbrate",
+ * "rxprate", "flags") that is announced once, and five histories of 16-byte samples (the rates rxb, rxp,
+ * txb and txp of the span, unsigned 32-bit big-endian).
+ *
+ * Records are never removed: an interface that disappears keeps its last figures in the store. When the
+ * kernel's file cannot be read, nothing changes. */
+
+struct iface_rates {
+    uint32_t rxb; /* bytes and packets per second */
+    uint32_t rxp;
+    uint32_t txb;
+    uint32_t txp;
+};
+
+struct iface_stat {
+    char name[32];
+    uint64_t rx_bytes; /* the counters as last read */
+    uint32_t rx_packets;
+    uint64_t tx_bytes;
+    uint32_t tx_packets;
+    iface_rates rate; /* smoothed: each poll averages the fresh rate with the last */
+    uint32_t flags;   /* 2: up, 1: running */
+    history_series history[HISTORY_SPANS];
+    iface_rates accumulated[HISTORY_SPANS]; /* since the last sample of each span */
+    iface_stat* prev;
+    iface_stat* next;
+};
+
+/* The record of an interface, compared ignoring case over 31 characters; null for a null name or an unknown
+ * one. */
+iface_stat* iface_find(const char* name);
+
+/* One poll of /proc/net/dev. */
+void netdev_poll();
+
+/* The poll's parts, with the clock and the text handed in: netdev_set_interval takes the present time and
+ * netdev_read the lines of the file. */
+void netdev_set_interval(uint32_t sec, uint32_t usec);
+void netdev_read(FILE* file);
+
+/* Microseconds between the last two polls, 0 when unknown. */
+extern uint32_t netdev_interval_us;
+
+/* Forgets every record and the time of the last poll. */
+void netdev_reset();
