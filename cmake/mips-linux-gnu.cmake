@@ -14,3 +14,7 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+
+# The linker's default is ready for pages of 64 kB, at the price of up to that much padding in the file; the kernels of
+# such devices have pages of 4 or 16 kB.
+set(CMAKE_EXE_LINKER_FLAGS_INIT -Wl,-z,max-page-size=16384)
