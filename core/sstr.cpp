@@ -9,15 +9,12 @@
 
 namespace {
 
-/* The length word and the NUL. */
-constexpr size_t OVERHEAD = 5;
-
 uint32_t resolved_length(const char* bytes, uint32_t length) {
     return length == SSTR_CSTRING ? static_cast<uint32_t>(strlen(bytes)) : length;
 }
 
 sstr allocate(uint32_t length) {
-    uint32_t* block = static_cast<uint32_t*>(pool_alloc(size_t{length} + OVERHEAD));
+    uint32_t* block = static_cast<uint32_t*>(pool_alloc(size_t{length} + SSTR_OVERHEAD));
     *block = length;
     return reinterpret_cast<char*>(block + 1);
 }
@@ -25,22 +22,7 @@ sstr allocate(uint32_t length) {
 } // namespace
 
 sstr sstr_new(const char* bytes, uint32_t length) {
-    if (bytes != nullptr) {
-        length = resolved_length(bytes, length);
-    }
-    sstr s = allocate(length);
-    if (bytes != nullptr) {
-        memcpy(s, bytes, length);
-        s[length] = '\0';
-    }
-    return s;
-}
-
-void sstr_free(sstr* s) {
-    if (*s != nullptr) {
-        pool_free(*s - sizeof(uint32_t), sstr_length(*s) + OVERHEAD);
-        *s = nullptr;
-    }
+    return bytes != nullptr ? sstr_copy(bytes, resolved_length(bytes, length)) : allocate(length);
 }
 
 void sstr_assign(sstr* s, const char* bytes, uint32_t length) {
@@ -60,7 +42,7 @@ void sstr_append(sstr* s, const char* bytes, uint32_t length) {
     }
     length = resolved_length(bytes, length);
     const uint32_t old_length = sstr_length(*s);
-    if (length > UINT32_MAX - OVERHEAD - old_length) {
+    if (length > UINT32_MAX - SSTR_OVERHEAD - old_length) {
         /* No length word can hold it, and no target has that much memory to spare. */
         fault_no_memory();
     }

@@ -1,6 +1,9 @@
 #pragma once
 
 #include <stdint.h>
+#include <string.h>
+
+#include "core/pool.h"
 
 /* Length-prefixed strings: the keys and values of the store.
  *
@@ -17,9 +20,22 @@ typedef char* sstr;
 /* As a length: take strlen of the bytes. */
 constexpr uint32_t SSTR_CSTRING = 0xFFFFFFFF;
 
+/* The length word and the NUL. */
+constexpr size_t SSTR_OVERHEAD = 5;
+
 /* The length in bytes of an existing string; `s` must not be null. */
 inline uint32_t sstr_length(const char* s) {
     return reinterpret_cast<const uint32_t*>(s)[-1];
+}
+
+/* Returns a new string with a copy of `length` bytes, for lengths that are known. */
+inline sstr sstr_copy(const char* bytes, uint32_t length) {
+    uint32_t* block = static_cast<uint32_t*>(pool_alloc(size_t{length} + SSTR_OVERHEAD));
+    *block = length;
+    sstr s = reinterpret_cast<sstr>(block + 1);
+    memcpy(s, bytes, length);
+    s[length] = '\0';
+    return s;
 }
 
 /* Returns a new string. With `bytes` null the text is left uninitialised and the caller writes it, its NUL
@@ -27,7 +43,12 @@ inline uint32_t sstr_length(const char* s) {
 sstr sstr_new(const char* bytes, uint32_t length);
 
 /* Frees the string, if there is one, and sets the variable to null. */
-void sstr_free(sstr* s);
+inline void sstr_free(sstr* s) {
+    if (*s != nullptr) {
+        pool_free(*s - sizeof(uint32_t), sstr_length(*s) + SSTR_OVERHEAD);
+        *s = nullptr;
+    }
+}
 
 /* Makes the variable hold a copy of the bytes. A string of the same length is overwritten in place; any
  * other is replaced. The bytes may be those of the string itself only when the length is the same. */

@@ -73,8 +73,8 @@ void backend_del(int fd, unsigned mask) {
 int collect(int first_fd, unsigned long readable, unsigned long writable, loop_event* events, int count) {
     for (unsigned long any = readable | writable; any != 0 && count < LOOP_MAX_EVENTS; any &= any - 1) {
         const int bit = __builtin_ctzl(any);
-        const unsigned mask = ((readable >> bit & 1) != 0 ? LOOP_READABLE : 0U) |
-                              ((writable >> bit & 1) != 0 ? LOOP_WRITABLE : 0U);
+        const unsigned mask = static_cast<unsigned>((readable >> bit & 1) * LOOP_READABLE |
+                                                    (writable >> bit & 1) * LOOP_WRITABLE);
         events[count++] = {first_fd + bit, mask};
     }
     return count;

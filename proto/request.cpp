@@ -57,21 +57,27 @@ char* take_bulk(char* p, const char* end, sstr* str) {
         p[length + 1] != '\n') {
         return nullptr;
     }
-    *str = sstr_new(p, length);
+    *str = sstr_copy(p, length);
     return p + length + 2;
 }
 
-bool parse_into(request* r, char* p, const char* end) {
-    uint32_t count;
-    p = take_header(p, end, '*', &count);
-    if (p == nullptr || count == 0 || count > static_cast<uint32_t>(end - p) / SMALLEST_ELEMENT) {
-        return false;
-    }
-    r->argc = count - 1;
-    r->argv = static_cast<sstr*>(pool_alloc(r->argc * sizeof(sstr)));
-    for (uint32_t i = 0; i < r->argc; i++) {
+/* The record and its argument array are one block. */
+size_t block_size(uint32_t argc) {
+    return sizeof(request) + argc * sizeof(sstr);
+}
+
+request* new_request(uint32_t argc) {
+    request* r = static_cast<request*>(pool_alloc(block_size(argc)));
+    r->name = nullptr;
+    r->argc = argc;
+    r->argv = reinterpret_cast<sstr*>(r + 1);
+    for (uint32_t i = 0; i < argc; i++) {
         r->argv[i] = nullptr;
     }
+    return r;
+}
+
+bool take_elements(request* r, char* p, const char* end) {
     p = take_bulk(p, end, &r->name);
     for (uint32_t i = 0; i < r->argc && p != nullptr; i++) {
         p = take_bulk(p, end, &r->argv[i]);
@@ -82,8 +88,17 @@ bool parse_into(request* r, char* p, const char* end) {
 } // namespace
 
 request* request_parse(const buffer* input) {
-    request* r = pool_new<request>();
-    if (input->length == 0 || !parse_into(r, input->data, input->data + input->length)) {
+    if (input->length == 0) {
+        return nullptr;
+    }
+    const char* const end = input->data + input->length;
+    uint32_t count;
+    char* p = take_header(input->data, end, '*', &count);
+    if (p == nullptr || count == 0 || count > static_cast<uint32_t>(end - p) / SMALLEST_ELEMENT) {
+        return nullptr;
+    }
+    request* r = new_request(count - 1);
+    if (!take_elements(r, p, end)) {
         request_free(r);
         return nullptr;
     }
@@ -95,8 +110,5 @@ void request_free(request* r) {
     for (uint32_t i = 0; i < r->argc; i++) {
         sstr_free(&r->argv[i]);
     }
-    if (r->argv != nullptr) {
-        pool_free(r->argv, r->argc * sizeof(sstr));
-    }
-    pool_delete(r);
+    pool_free(r, block_size(r->argc));
 }

@@ -13,7 +13,7 @@
 struct request {
     sstr name;
     uint32_t argc; /* arguments after the name */
-    sstr* argv;    /* argc of them, null where none was read yet */
+    sstr* argv;    /* argc of them, in the record's own block; null where none was read yet */
 };
 
 /* Parses the unread bytes of `input`, which keeps its read position; the line ends of the headers are

@@ -13,7 +13,7 @@ void history_algor_option(const char* text) {
 }
 
 int history_algor_hook(object* obj) {
-    if (strcmp(obj->key, "history-iface-algor") == 0) {
+    if (object_key_is(obj, "history-iface-algor")) {
         history_algor_option(object_string(obj));
     }
     return 0;

@@ -196,9 +196,9 @@ void module_ping_start() {
 }
 
 int ping_data_hook(object* obj) {
-    if (strcmp(obj->key, "ping.data") == 0) {
+    if (object_key_is(obj, "ping.data")) {
         take_report(object_string(obj));
-    } else if (strcmp(obj->key, "ping.del") == 0) {
+    } else if (object_key_is(obj, "ping.del")) {
         delete_target(object_string(obj));
     }
     return 0;

@@ -70,12 +70,22 @@ htable_entry* insert(htable* t, uint32_t hash) {
 
 } // namespace
 
+/* Two bytes a turn, since every request hashes two keys: (h * 31 + a) * 31 + b is h * 961 + a * 31 + b. */
 uint32_t htable_hash(const char* key) {
+    const signed char* p = reinterpret_cast<const signed char*>(key);
     uint32_t h = 0;
-    for (; *key != '\0'; key++) {
-        h = h * 31 + static_cast<uint32_t>(static_cast<signed char>(*key));
+    for (;;) {
+        const int a = p[0];
+        if (a == 0) {
+            return h;
+        }
+        const int b = p[1];
+        if (b == 0) {
+            return h * 31 + static_cast<uint32_t>(a);
+        }
+        h = h * 961 + static_cast<uint32_t>(a * 31 + b);
+        p += 2;
     }
-    return h;
 }
 
 htable* htable_new() {

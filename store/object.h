@@ -1,6 +1,7 @@
 #pragma once
 
 #include <stdint.h>
+#include <string.h>
 
 #include "core/sstr.h"
 #include "store/algor.h"
@@ -68,6 +69,12 @@ struct hash_field {
 
 inline unsigned object_type(const object* obj) {
     return obj->flags & OBJ_TYPE_MASK;
+}
+
+/* True for the object of this key. The first byte tells nearly all others apart: hooks ask on every change.
+ */
+inline bool object_key_is(const object* obj, const char* key) {
+    return obj->key[0] == key[0] && strcmp(obj->key, key) == 0;
 }
 
 /* Called with a changed string object; the result is ignored. */
