@@ -57,7 +57,7 @@ void buffer_init(buffer* b, uint32_t initial, uint32_t limit) {
     b->limit = limit != 0 ? limit : BUFFER_DEFAULT_LIMIT;
 }
 
-char* buffer_reserve(buffer* b, uint32_t n) {
+char* buffer_make_room(buffer* b, uint32_t n) {
     const uint32_t reclaimable = space_before_mark(b);
     const uint32_t used = consumed_since_mark(b) + b->length;
     if (n < reclaimable) {

@@ -34,9 +34,19 @@ constexpr uint32_t BUFFER_UNBOUNDED = UINT32_MAX;
 /* Makes an empty buffer; allocates nothing. 0 picks the default initial size or limit. */
 void buffer_init(buffer* b, uint32_t initial, uint32_t limit);
 
+/* The rare paths of buffer_reserve: moving the content down, and growing. */
+char* buffer_make_room(buffer* b, uint32_t n);
+
 /* Returns a pointer to `n` new bytes at the end, or null. The length counts them at once and the
  * caller fills them. Earlier pointers into the buffer are invalid afterwards. */
-char* buffer_reserve(buffer* b, uint32_t n);
+inline char* buffer_reserve(buffer* b, uint32_t n) {
+    const uint32_t end = static_cast<uint32_t>(b->data - b->base) + b->length;
+    if (b->mark == b->base && n < b->capacity - end) {
+        b->length += n;
+        return b->base + end;
+    }
+    return buffer_make_room(b, n);
+}
 
 /* Appends `n` bytes, which must not lie in this buffer. Returns n, or 0 when there is no room. */
 uint32_t buffer_append(buffer* b, const void* bytes, uint32_t n);

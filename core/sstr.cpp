@@ -19,6 +19,27 @@ sstr allocate(uint32_t length) {
     return reinterpret_cast<char*>(block + 1);
 }
 
+/* As strtoll reads it with base 0. Counters are plain decimal numbers, which are read without its generality.
+ */
+bool parse_number(const char* text, int64_t* number) {
+    constexpr int SAFE_DIGITS = 18;
+    const char* p = text + (text[0] == '-' ? 1 : 0);
+    if (*p >= '1' && *p <= '9') {
+        int64_t magnitude = 0;
+        int digits = 0;
+        for (; *p >= '0' && *p <= '9' && digits < SAFE_DIGITS; p++, digits++) {
+            magnitude = magnitude * 10 + (*p - '0');
+        }
+        if (digits < SAFE_DIGITS) {
+            *number = text[0] == '-' ? -magnitude : magnitude;
+            return true;
+        }
+    }
+    char* end;
+    *number = strtoll(text, &end, 0);
+    return end != text;
+}
+
 } // namespace
 
 sstr sstr_new(const char* bytes, uint32_t length) {
@@ -58,12 +79,11 @@ int sstr_incr(sstr* s, int64_t* value) {
     uint32_t length;
     if (*s == nullptr) {
         const char* text = text_number(*value, &length);
-        *s = sstr_new(text, length);
+        *s = sstr_copy(text, length);
         return 1;
     }
-    char* end;
-    const long long parsed = strtoll(*s, &end, 0);
-    if (end == *s) {
+    int64_t parsed;
+    if (!parse_number(*s, &parsed)) {
         return 0;
     }
     const uint32_t sum = static_cast<uint32_t>(parsed) + static_cast<uint32_t>(*value);

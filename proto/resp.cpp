@@ -72,19 +72,21 @@ uint32_t write_list(buffer* out, char lead, const resp_list* list) {
     return written;
 }
 
-/* "+" or "-", the text up to twice, and the line end. */
-uint32_t write_text_line(buffer* out, char lead, const char* text, const char* again) {
+/* The line of a status or error that has a text. An error text is written twice; no caller sets one, so
+ * clients only ever see "-ERR". */
+uint32_t write_text_line(buffer* out, char lead, const char* text, unsigned times) {
     const uint32_t length = static_cast<uint32_t>(strlen(text));
-    const uint32_t again_length = static_cast<uint32_t>(strlen(again));
-    char* p = buffer_reserve(out, length + again_length + 3);
+    char* p = buffer_reserve(out, length * times + 3);
     if (p == nullptr) {
         return 0;
     }
     *p++ = lead;
-    memcpy(p, text, length);
-    memcpy(p + length, again, again_length);
-    memcpy(p + length + again_length, "\r\n", 2);
-    return length + again_length + 3;
+    for (; times > 0; times--) {
+        memcpy(p, text, length);
+        p += length;
+    }
+    memcpy(p, "\r\n", 2);
+    return 2;
 }
 
 } // namespace
@@ -161,11 +163,9 @@ uint32_t resp_size_bound(const resp* r) {
 uint32_t resp_write(const resp* r, buffer* out) {
     switch (r->type) {
     case RESP_TSTATUS:
-        return write_text_line(out, '+', r->text != nullptr ? r->text : "OK", "");
+        return r->text == nullptr ? buffer_append(out, "+OK\r\n", 5) : write_text_line(out, '+', r->text, 1);
     case RESP_TERROR:
-        /* An error text is written twice. No caller sets one: clients only ever see "-ERR\r\n". */
-        return write_text_line(out, '-', r->text != nullptr ? r->text : "ERR",
-                               r->text != nullptr ? r->text : "");
+        return r->text == nullptr ? buffer_append(out, "-ERR\r\n", 6) : write_text_line(out, '-', r->text, 2);
     case RESP_TINTEGER:
         return write_number_line(out, ':', r->integer);
     case RESP_TBULK:
