@@ -82,9 +82,13 @@ int collect(int first_fd, unsigned long readable, unsigned long writable, loop_e
 
 int backend_wait(int timeout_ms, loop_event* events) {
     timeval timeout = {timeout_ms / 1000, (timeout_ms % 1000) * 1000};
-    word_set readable = state.readable;
-    word_set writable = state.writable;
-    const int words = static_cast<int>(static_cast<unsigned>(state.highest + WORD_BITS) / WORD_BITS);
+    word_set readable;
+    word_set writable;
+    const int words = state.highest / WORD_BITS + 1;
+    for (int i = 0; i < words; i++) {
+        readable.words[i] = state.readable.words[i];
+        writable.words[i] = state.writable.words[i];
+    }
     if (select(state.highest + 1, reinterpret_cast<fd_set*>(&readable), reinterpret_cast<fd_set*>(&writable),
                nullptr, &timeout) < 1) {
         return 0;
