@@ -85,7 +85,7 @@ void set_value(options* o, int letter, const char* text) {
         set_port(o, text);
         break;
     case 'a':
-        o->address = sstr_new(text, SSTR_CSTRING);
+        sstr_assign(&o->address, text, SSTR_CSTRING);
         break;
     case 'l':
         o->log.level = log_parse_level(text);
