@@ -16,9 +16,8 @@ size_t scratch_capacity;
 /* 20 digits, a sign and the NUL. */
 char number_buffer[22];
 
-/* Writes the digits backwards from the fixed NUL at the buffer's end and returns the first. */
-char* digits_before_end(uint64_t magnitude) {
-    char* p = number_buffer + sizeof number_buffer - 1;
+/* Writes the digits backwards from `p` and returns the first. */
+char* put_digits_before(char* p, uint64_t magnitude) {
     /* 32-bit division is far cheaper on the device, and nearly every number fits. */
     while (magnitude > UINT32_MAX) {
         *--p = static_cast<char>('0' + magnitude % 10);
@@ -30,6 +29,11 @@ char* digits_before_end(uint64_t magnitude) {
         rest /= 10;
     } while (rest != 0);
     return p;
+}
+
+/* The same before the fixed NUL at the end of the static buffer. */
+char* digits_before_end(uint64_t magnitude) {
+    return put_digits_before(number_buffer + sizeof number_buffer - 1, magnitude);
 }
 
 const char* number_result(const char* first, uint32_t* length) {
@@ -85,6 +89,19 @@ const char* text_number(int64_t value, uint32_t* length) {
 
 const char* text_unsigned(uint64_t value, uint32_t* length) {
     return number_result(digits_before_end(value), length);
+}
+
+uint32_t text_digit_count(uint64_t value) {
+    constexpr uint32_t MOST_DIGITS = 20;
+    uint32_t digits = 1;
+    for (uint64_t power = 10; digits < MOST_DIGITS && value >= power; power *= 10) {
+        digits++;
+    }
+    return digits;
+}
+
+void text_put_digits(char* end, uint64_t value) {
+    (void)put_digits_before(end, value);
 }
 
 int32_t text_parse_int32(const char* text, char** end, int base) {

@@ -19,6 +19,11 @@ const char* text_number(int64_t value, uint32_t* length = nullptr);
 /* The same for a full unsigned 64-bit range. */
 const char* text_unsigned(uint64_t value, uint32_t* length = nullptr);
 
+/* For writing a number straight to its place: its number of decimal digits, and the digits themselves, the
+ * last of them just before `end`. */
+uint32_t text_digit_count(uint64_t value);
+void text_put_digits(char* end, uint64_t value);
+
 /* Numbers from text, as the device's C library reads them. There `long` has 32 bits; the daemon must
  * answer the same on every target, so these saturate at 32 bits everywhere. Blanks, a sign and trailing
  * text are accepted; `*end` is set behind the digits, or to `text` when there were none. `end` may be

@@ -17,36 +17,57 @@ void require_empty(const resp* r, int line) {
     require(r->type == RESP_TNONE, "resp->type == RESP_TNONE", line);
 }
 
-/* Writes the lead, the number and a line end to `p`, which has room for them, and returns the end. */
-char* put_number_line(char* p, char lead, const char* digits, uint32_t length) {
-    *p++ = lead;
-    while (length-- > 0) {
-        *p++ = *digits++;
+template <uint32_t Size> uint32_t append_literal(buffer* out, const char (&text)[Size]) {
+    char* p = buffer_reserve(out, Size - 1);
+    if (p == nullptr) {
+        return 0;
     }
+    memcpy(p, text, Size - 1);
+    return Size - 1;
+}
+
+/* Writes the lead, the digits and a line end to `p`, which has room for them, and returns the end. */
+char* put_number_line(char* p, char lead, uint64_t number, uint32_t digits) {
+    *p = lead;
+    p += 1 + digits;
+    text_put_digits(p, number);
     *p++ = '\r';
     *p++ = '\n';
     return p;
 }
 
-/* A line of a lead character and a number: ":5\r\n", "*2\r\n". */
-uint32_t write_number_line(buffer* out, char lead, int64_t number) {
-    uint32_t digits;
-    const char* text = text_number(number, &digits);
+/* A line of a lead character and a count: "*2\r\n". */
+uint32_t write_count_line(buffer* out, char lead, uint32_t count) {
+    const uint32_t digits = text_digit_count(count);
     char* p = buffer_reserve(out, digits + 3);
     if (p == nullptr) {
         return 0;
     }
-    put_number_line(p, lead, text, digits);
+    put_number_line(p, lead, count, digits);
     return digits + 3;
+}
+
+uint32_t write_integer(buffer* out, int64_t value) {
+    const uint32_t sign = value < 0 ? 1 : 0;
+    const uint64_t magnitude = value < 0 ? -static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
+    const uint32_t digits = text_digit_count(magnitude);
+    const uint32_t size = sign + digits + 3;
+    char* p = buffer_reserve(out, size);
+    if (p == nullptr) {
+        return 0;
+    }
+    /* The lead of a negative number is written where its sign then stands. */
+    put_number_line(p + sign, '-', magnitude, digits);
+    *p = ':';
+    return size;
 }
 
 uint32_t write_bulk(buffer* out, const char* str) {
     if (str == RESP_NIL) {
-        return buffer_append(out, "$-1\r\n", 5);
+        return append_literal(out, "$-1\r\n");
     }
     const uint32_t length = str != nullptr ? sstr_length(str) : 0;
-    uint32_t digits;
-    const char* text = text_number(length, &digits);
+    const uint32_t digits = text_digit_count(length);
     /* One reservation for the whole bulk. A string beyond the buffer's limit must not wrap the sum. */
     if (length > out->limit) {
         return 0;
@@ -56,16 +77,17 @@ uint32_t write_bulk(buffer* out, const char* str) {
     if (p == nullptr) {
         return 0;
     }
-    p = put_number_line(p, '$', text, digits);
+    p = put_number_line(p, '$', length, digits);
     if (length > 0) {
         memcpy(p, str, length);
     }
-    memcpy(p + length, "\r\n", 2);
+    p[length] = '\r';
+    p[length + 1] = '\n';
     return size;
 }
 
 uint32_t write_list(buffer* out, char lead, const resp_list* list) {
-    uint32_t written = write_number_line(out, lead, list->count);
+    uint32_t written = write_count_line(out, lead, list->count);
     for (const resp_element* e = list->head; e != nullptr && written != 0; e = e->next) {
         written = write_bulk(out, e->str);
     }
@@ -163,11 +185,11 @@ uint32_t resp_size_bound(const resp* r) {
 uint32_t resp_write(const resp* r, buffer* out) {
     switch (r->type) {
     case RESP_TSTATUS:
-        return r->text == nullptr ? buffer_append(out, "+OK\r\n", 5) : write_text_line(out, '+', r->text, 1);
+        return r->text == nullptr ? append_literal(out, "+OK\r\n") : write_text_line(out, '+', r->text, 1);
     case RESP_TERROR:
-        return r->text == nullptr ? buffer_append(out, "-ERR\r\n", 6) : write_text_line(out, '-', r->text, 2);
+        return r->text == nullptr ? append_literal(out, "-ERR\r\n") : write_text_line(out, '-', r->text, 2);
     case RESP_TINTEGER:
-        return write_number_line(out, ':', r->integer);
+        return write_integer(out, r->integer);
     case RESP_TBULK:
         return write_bulk(out, r->bulk);
     case RESP_TMBULK:

@@ -193,7 +193,7 @@ void notify_string(object* obj) {
     if (obj->key[0] == '_') {
         return;
     }
-    resp* event = event_begin(obj, EVENT_MSET);
+    resp* event = observers != nullptr ? event_begin(obj, EVENT_MSET) : nullptr;
     if (event != nullptr) {
         resp_add(event, object_string(obj));
     }
