@@ -8,7 +8,6 @@
 #include "core/fault.h"
 #include "core/pool.h"
 #include "loop/endpoint.h"
-#include "loop/server.h"
 
 namespace {
 
@@ -322,5 +321,12 @@ void connection_fail_output(connection* c) {
     if (c->fd >= 0) {
         c->error = CONNECTION_BUFFER_FULL;
         close_with_reason(c, CONNECTION_WRITE_FAILED);
+    }
+}
+
+void server_unref(server* s) {
+    s->references--;
+    if (s->references == 0) {
+        pool_delete(s);
     }
 }

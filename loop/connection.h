@@ -54,6 +54,26 @@ typedef const char* (*connection_producer)(connection* c, uint32_t* length);
 /* The whole output of a child process: `output` is valid only during the call. */
 typedef void (*child_completed)(buffer* output, void* argument, int reason);
 
+typedef void (*server_accept_callback)(connection* c);
+typedef void (*server_override)(server* s);
+
+/* Room for the address text, NUL included; a longer one is cut in the record. */
+constexpr uint32_t SERVER_ADDRESS_SIZE = 48;
+
+/* The listening server that a connection belongs to; server.h has its operations. It stands here because the
+ * end of its last connection may be its own end. */
+struct server {
+    int32_t fd; /* -1 once released */
+    char address[SERVER_ADDRESS_SIZE];
+    int32_t port;
+    connection* connections;              /* newest first */
+    connection_data_callback conn_ondata; /* copied into each connection; set before the first accept */
+    connection_close_callback on_close;   /* copied likewise */
+    server_accept_callback on_accept;     /* optional: called with each new connection */
+    server_override accept_override;      /* optional: called instead of accepting */
+    uint32_t references;
+};
+
 struct connection {
     int32_t fd; /* -1 once closed */
     buffer input;
@@ -94,3 +114,6 @@ void connection_close(connection* c);
 
 /* Closes because a frame could not be made whole: reason 2, error CONNECTION_BUFFER_FULL. */
 void connection_fail_output(connection* c);
+
+/* Gives up one reference to a server; the last one frees the record. */
+void server_unref(server* s);

@@ -64,10 +64,3 @@ void server_release(server* s) {
     s->fd = -1;
     server_unref(s);
 }
-
-void server_unref(server* s) {
-    s->references--;
-    if (s->references == 0) {
-        pool_delete(s);
-    }
-}

@@ -7,24 +7,6 @@
 /* The listening stream server. It is counted: one reference for its opener and one for each connection, so
  * that connections outlive its release. */
 
-typedef void (*server_accept_callback)(connection* c);
-typedef void (*server_override)(server* s);
-
-/* Room for the address text, NUL included; a longer one is cut in the record. */
-constexpr uint32_t SERVER_ADDRESS_SIZE = 48;
-
-struct server {
-    int32_t fd; /* -1 once released */
-    char address[SERVER_ADDRESS_SIZE];
-    int32_t port;
-    connection* connections;              /* newest first */
-    connection_data_callback conn_ondata; /* copied into each connection; set before the first accept */
-    connection_close_callback on_close;   /* copied likewise */
-    server_accept_callback on_accept;     /* optional: called with each new connection */
-    server_override accept_override;      /* optional: called instead of accepting */
-    uint32_t references;
-};
-
 /* Listens on an address (see endpoint_parse; null means 0.0.0.0) and port. Returns the server, owned by
  * the caller until server_release, or null. */
 server* server_open(const char* address, int port);
@@ -35,6 +17,3 @@ void cb_sserver(int fd, unsigned mask, void* argument);
 
 /* Stops listening and gives up the opener's reference. */
 void server_release(server* s);
-
-/* Gives up one reference; the last one frees the record. */
-void server_unref(server* s);

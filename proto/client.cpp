@@ -1,9 +1,7 @@
 #include "proto/client.h"
 
-#include "core/log.h"
 #include "core/pool.h"
 #include "core/text.h"
-#include "proto/observe.h"
 
 client* current_client;
 
@@ -39,20 +37,8 @@ void client_end_request(client* c) {
     }
 }
 
-void client_onclose(connection* conn, int) {
-    client* c = static_cast<client*>(conn->user_data);
-    if (c == nullptr) {
-        return;
-    }
-    conn->user_data = nullptr;
-    if (log_wants(LOG_DEBUG)) {
-        log_write(LOG_DEBUG, "closing client(\"%s\")", c->name);
-    }
+void client_free(client* c) {
     client_end_request(c);
-    observers_remove(c);
     sstr_free(&c->name);
     pool_delete(c);
-    if (log_wants(LOG_DEBUG)) {
-        log_write(LOG_DEBUG, "client destroyed");
-    }
 }

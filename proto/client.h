@@ -31,6 +31,5 @@ void client_rename(client* c, const char* name, uint32_t length);
 /* Frees the request and the reply of a client, if there are any. */
 void client_end_request(client* c);
 
-/* The server's close callback: takes the client of the connection, if there is one, off the observers
- * and frees it. */
-void client_onclose(connection* conn, int reason);
+/* Frees a client with all that it holds. It must be off the observers, and its connection forget it. */
+void client_free(client* c);

@@ -7,6 +7,7 @@
 #include "core/pool.h"
 #include "core/text.h"
 #include "proto/cmd.h"
+#include "proto/observe.h"
 #include "proto/request.h"
 #include "store/algor.h"
 
@@ -213,4 +214,20 @@ void client_ondata(connection* conn) {
     }
     buffer_shrink_reset(&conn->input);
     current_client = nullptr;
+}
+
+void client_onclose(connection* conn, int) {
+    client* c = static_cast<client*>(conn->user_data);
+    if (c == nullptr) {
+        return;
+    }
+    conn->user_data = nullptr;
+    if (log_wants(LOG_DEBUG)) {
+        log_write(LOG_DEBUG, "closing client(\"%s\")", c->name);
+    }
+    observers_remove(c);
+    client_free(c);
+    if (log_wants(LOG_DEBUG)) {
+        log_write(LOG_DEBUG, "client destroyed");
+    }
 }

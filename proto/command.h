@@ -41,3 +41,7 @@ bool command_accepts(uint32_t arg_rule, uint32_t argc);
 
 /* The server's data callback: serves one request and empties the input. */
 void client_ondata(connection* conn);
+
+/* The server's close callback: takes the client of the connection, if there is one, off the observers and
+ * frees it. */
+void client_onclose(connection* conn, int reason);
