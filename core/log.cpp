@@ -220,17 +220,6 @@ void reconnect_when_due() {
 }
 
 void write_to_socket() {
-    if (state.fd < 0) {
-        reconnect_when_due();
-    }
-    if (state.mode == MODE_FILE) {
-        /* The socket file is gone and its path has become the name of a log file. */
-        write_to_file();
-        return;
-    }
-    if (state.fd < 0) {
-        return;
-    }
     ssize_t written;
     do {
         written = send(state.fd, state.line.data, state.line.length, MSG_DONTWAIT | MSG_NOSIGNAL);
@@ -258,6 +247,17 @@ void write_composed() {
     }
 }
 
+/* Tries a lost socket again when it is time to. Before the line is composed, since the path of a socket
+ * that is gone may become a file, which has no colour. A line that finds no socket is dropped, also when
+ * the log falls back to standard output with it. */
+bool has_somewhere_to_write() {
+    if (state.mode != MODE_SOCKET || state.fd >= 0) {
+        return true;
+    }
+    reconnect_when_due();
+    return state.fd >= 0;
+}
+
 void write_message(uint32_t level, const char* format, va_list arguments)
     __attribute__((format(printf, 2, 0)));
 
@@ -268,9 +268,11 @@ void write_message(uint32_t level, const char* format, va_list arguments) {
     if (level >= LEVELS) {
         return;
     }
-    compose_line(level, format, arguments);
-    write_composed();
-    buffer_shrink_reset(&state.line);
+    if (has_somewhere_to_write()) {
+        compose_line(level, format, arguments);
+        write_composed();
+        buffer_shrink_reset(&state.line);
+    }
     if (level == LOG_FATAL) {
         exit(255);
     }

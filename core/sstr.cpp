@@ -1,6 +1,5 @@
 #include "core/sstr.h"
 
-#include <stdlib.h>
 #include <string.h>
 
 #include "core/fault.h"
@@ -36,7 +35,7 @@ bool parse_number(const char* text, int64_t* number) {
         }
     }
     char* end;
-    *number = strtoll(text, &end, 0);
+    *number = text_parse_int64(text, &end, 0);
     return end != text;
 }
 

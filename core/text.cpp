@@ -47,6 +47,24 @@ bool is_blank(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\r';
 }
 
+/* As the C library's number parsers skip it. */
+const char* skip_space(const char* text) {
+    while (is_blank(*text) || *text == '\v' || *text == '\f') {
+        text++;
+    }
+    return text;
+}
+
+/* Newer C libraries read "0b11" with base 0 as binary. The device's do not, and clients must get the same
+ * answer everywhere: the 0, and text behind it. */
+bool has_binary_prefix(const char* text) {
+    const char* p = skip_space(text);
+    if (*p == '+' || *p == '-') {
+        p++;
+    }
+    return p[0] == '0' && (p[1] == 'b' || p[1] == 'B');
+}
+
 } // namespace
 
 const char* str_format(const char* format, ...) {
@@ -104,8 +122,15 @@ void text_put_digits(char* end, uint64_t value) {
     (void)put_digits_before(end, value);
 }
 
+int64_t text_parse_int64(const char* text, char** end, int base) {
+    if (base == 0 && has_binary_prefix(text)) {
+        base = 10;
+    }
+    return strtoll(text, end, base);
+}
+
 int32_t text_parse_int32(const char* text, char** end, int base) {
-    const long value = strtol(text, end, base);
+    const int64_t value = text_parse_int64(text, end, base);
     if (value > INT32_MAX) {
         return INT32_MAX;
     }
@@ -118,10 +143,7 @@ uint32_t text_parse_uint32(const char* text, char** end, int base) {
     if (errno == ERANGE) {
         return UINT32_MAX;
     }
-    const char* sign = text;
-    while (is_blank(*sign) || *sign == '\v' || *sign == '\f') {
-        sign++;
-    }
+    const char* sign = skip_space(text);
     const unsigned long long magnitude = *sign == '-' ? -value : value;
     if (magnitude > UINT32_MAX) {
         return UINT32_MAX;

@@ -26,9 +26,12 @@ void text_put_digits(char* end, uint64_t value);
 
 /* Numbers from text, as the device's C library reads them. There `long` has 32 bits; the daemon must
  * answer the same on every target, so these saturate at 32 bits everywhere. Blanks, a sign and trailing
- * text are accepted; `*end` is set behind the digits, or to `text` when there were none. `end` may be
- * null. `base` as in strtol. */
+ * text are accepted; base 0 knows the prefixes 0x and 0, and no others. `*end` is set behind the digits, or
+ * to `text` when there were none. `end` may be null. `base` as in strtol. */
 int32_t text_parse_int32(const char* text, char** end, int base);
+
+/* As strtoll: 64 bits on every target. */
+int64_t text_parse_int64(const char* text, char** end, int base);
 
 /* As strtoul with a 32-bit long: a negative number wraps into the unsigned range, a magnitude above
  * 4294967295 saturates. */

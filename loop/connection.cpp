@@ -60,7 +60,7 @@ ssize_t write_all_that_goes(const connection* c, const char* bytes, uint32_t len
             return -1;
         }
     }
-    return done;
+    return static_cast<ssize_t>(done);
 }
 
 /* May jump. */

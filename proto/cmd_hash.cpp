@@ -1,5 +1,4 @@
-#include <stdlib.h>
-
+#include "core/text.h"
 #include "proto/cmd.h"
 
 namespace {
@@ -104,7 +103,7 @@ void cmd_hincrby(client* c) {
         reply_wrong_type(c);
         return;
     }
-    int64_t delta = strtoll(cmd_arg(c, 2), nullptr, 0);
+    int64_t delta = text_parse_int64(cmd_arg(c, 2), nullptr, 0);
     if (object_hash_incr(obj, cmd_arg(c, 1), &delta) == 0) {
         resp_error(c->reply, nullptr, "failed to INCR on non-number value");
         return;

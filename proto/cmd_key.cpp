@@ -1,5 +1,4 @@
 #include <fnmatch.h>
-#include <stdlib.h>
 #include <time.h>
 
 #include "core/log.h"
@@ -46,7 +45,7 @@ void cmd_exists(client* c) {
 void cmd_expire(client* c) {
     object* obj = object_lookup(cmd_arg(c, 0));
     char* end;
-    const long long seconds = strtoll(cmd_arg(c, 1), &end, 10);
+    const int64_t seconds = text_parse_int64(cmd_arg(c, 1), &end, 10);
     if (obj == nullptr || end == cmd_arg(c, 1)) {
         resp_integer(c->reply, 0);
         return;

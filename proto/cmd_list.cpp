@@ -1,5 +1,3 @@
-#include <stdlib.h>
-
 #include "core/log.h"
 #include "core/text.h"
 #include "proto/cmd.h"

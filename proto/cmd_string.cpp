@@ -1,5 +1,3 @@
-#include <stdlib.h>
-
 #include "core/text.h"
 #include "proto/cmd.h"
 
@@ -22,7 +20,7 @@ void add_to_key(client* c, int64_t delta, const char* reason) {
 void add_argument_to_key(client* c, bool negate, const char* reason) {
     object* obj = cmd_key_or_create(c, OBJ_TSTRING);
     char* end;
-    int64_t delta = strtoll(cmd_arg(c, 1), &end, 0);
+    int64_t delta = text_parse_int64(cmd_arg(c, 1), &end, 0);
     if (negate) {
         /* Without overflow: the most negative number stays itself. */
         delta = static_cast<int64_t>(-static_cast<uint64_t>(delta));

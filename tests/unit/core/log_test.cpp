@@ -1,0 +1,1113 @@
+#include "core/log.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "tests/unit/support/test_clock.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using testing::Eq;
+using testing::ExitedWithCode;
+using testing::Matcher;
+using testing::MatchesRegex;
+
+typedef Matcher<const std::string&> text;
+
+constexpr uint32_t KEEP_LEVEL = 5;
+constexpr int32_t KEEP = -1;
+
+/* Before any case has opened the log. */
+const uint32_t level_at_start = log_configured_level();
+const bool sigpipe_was_default_at_start = signal(SIGPIPE, SIG_DFL) != SIG_ERR;
+
+bool sigpipe_is_ignored() {
+    struct sigaction action;
+    sigaction(SIGPIPE, nullptr, &action);
+    return action.sa_handler == SIG_IGN;
+}
+
+/* Collects what is written to a standard descriptor. */
+class captured {
+  public:
+    explicit captured(int fd) : fd_(fd) {
+        fflush(stdout);
+        saved_ = dup(fd);
+        file_ = tmpfile();
+        dup2(fileno(file_), fd);
+    }
+    ~captured() {
+        restore();
+        fclose(file_);
+    }
+    captured(const captured&) = delete;
+    captured& operator=(const captured&) = delete;
+
+    std::string text() {
+        fflush(stdout);
+        restore();
+        std::string all;
+        char part[4096];
+        off_t at = 0;
+        for (ssize_t n; (n = pread(fileno(file_), part, sizeof part, at)) > 0; at += n) {
+            all.append(part, static_cast<size_t>(n));
+        }
+        return all;
+    }
+
+  private:
+    void restore() {
+        if (saved_ >= 0) {
+            dup2(saved_, fd_);
+            close(saved_);
+            saved_ = -1;
+        }
+    }
+    int fd_;
+    int saved_;
+    FILE* file_;
+};
+
+bool is_readable(int fd, int timeout_ms) {
+    pollfd readable = {fd, POLLIN, 0};
+    return poll(&readable, 1, timeout_ms) == 1;
+}
+
+/* What has arrived on a socket: waits for the first bytes of what is expected, never for more. */
+std::string receive(int fd, size_t expected) {
+    std::string all;
+    std::vector<char> part(65536);
+    while (fd >= 0 && all.size() < expected && is_readable(fd, 2000)) {
+        const ssize_t n = recv(fd, part.data(), part.size(), MSG_DONTWAIT);
+        if (n <= 0) {
+            break;
+        }
+        all.append(part.data(), static_cast<size_t>(n));
+    }
+    const ssize_t more = recv(fd, part.data(), part.size(), MSG_DONTWAIT);
+    if (more > 0) {
+        all.append(part.data(), static_cast<size_t>(more));
+    }
+    return all;
+}
+
+/* A server on loopback or on a Unix path. */
+class server {
+  public:
+    explicit server(const std::string& path) : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+        EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0) << strerror(errno);
+        EXPECT_EQ(listen(fd_, 8), 0);
+    }
+    explicit server(int type, int port = 0) : fd_(socket(AF_INET, type | SOCK_CLOEXEC, 0)) {
+        const int on = 1;
+        setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(static_cast<uint16_t>(port));
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0) << strerror(errno);
+        if (type == SOCK_STREAM) {
+            EXPECT_EQ(listen(fd_, 8), 0);
+        }
+    }
+    ~server() {
+        close_all();
+    }
+    server(const server&) = delete;
+    server& operator=(const server&) = delete;
+
+    int port() const {
+        sockaddr_in address = {};
+        socklen_t length = sizeof address;
+        getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
+        return ntohs(address.sin_port);
+    }
+    std::string colon_port() const {
+        return ":" + std::to_string(port());
+    }
+    int fd() const {
+        return fd_;
+    }
+    /* Takes the next connection; its descriptor stays the server's. */
+    int accept_one() {
+        if (!is_readable(fd_, 2000)) {
+            ADD_FAILURE() << "nobody connected";
+            return -1;
+        }
+        accepted_.push_back(accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC));
+        return accepted_.back();
+    }
+    bool has_waiting_connection() const {
+        return is_readable(fd_, 20);
+    }
+    void hang_up() {
+        for (int fd : accepted_) {
+            close(fd);
+        }
+        accepted_.clear();
+    }
+    void close_all() {
+        hang_up();
+        if (fd_ >= 0) {
+            close(fd_);
+            fd_ = -1;
+        }
+    }
+
+  private:
+    int fd_;
+    std::vector<int> accepted_;
+};
+
+std::string read_file(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(file), {});
+}
+
+size_t count_open_descriptors() {
+    const fs::directory_iterator all("/proc/self/fd");
+    return static_cast<size_t>(std::distance(begin(all), end(all)));
+}
+
+/* The descriptor that is open for a path, -1 when none is. */
+int descriptor_of(const std::string& path) {
+    for (const fs::directory_entry& entry : fs::directory_iterator("/proc/self/fd")) {
+        std::error_code error;
+        if (fs::read_symlink(entry.path(), error) == path) {
+            return std::stoi(entry.path().filename());
+        }
+    }
+    return -1;
+}
+
+class Log : public testing::Test {
+  protected:
+    void SetUp() override {
+        std::string pattern = fs::temp_directory_path() / "log_test.XXXXXX";
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+        folder = fs::canonical(pattern);
+        start_folder_ = fs::current_path();
+        fs::current_path(folder);
+    }
+    void TearDown() override {
+        test_clock::release();
+        open("stdout", LOG_DEBUG, 1, 1);
+        fs::current_path(start_folder_);
+        fs::remove_all(folder);
+    }
+
+    static void open(const char* target, uint32_t level = LOG_DEBUG, int32_t colour = 1,
+                     int32_t timestamps = 0) {
+        const log_config config = {target, "ident", level, colour, timestamps};
+        log_open(&config);
+    }
+    static void open(const std::string& target, uint32_t level = LOG_DEBUG, int32_t colour = 1,
+                     int32_t timestamps = 0) {
+        open(target.c_str(), level, colour, timestamps);
+    }
+    std::string path(const std::string& name) const {
+        return folder + "/" + name;
+    }
+    /* What goes to standard output when one line is logged. */
+    static std::string shown_on_stdout(const char* message) {
+        captured out(STDOUT_FILENO);
+        log_write(LOG_INFO, "%s", message);
+        return out.text();
+    }
+    void stop_clock() {
+        now_us_ = 1700000000500000;
+        advance_us(0);
+    }
+    void advance_us(int64_t microseconds) {
+        now_us_ += microseconds;
+        test_clock::set(now_us_ / 1000000, now_us_ % 1000000);
+    }
+    void advance_ms(int64_t milliseconds) {
+        advance_us(milliseconds * 1000);
+    }
+    /* Stops the clock and makes a connected Unix socket fail, so that the failure counts from now. */
+    void lose_connection(server* s) {
+        stop_clock();
+        s->accept_one();
+        s->hang_up();
+        log_write(LOG_INFO, "lost with the connection");
+    }
+
+    std::string folder;
+
+  private:
+    fs::path start_folder_;
+    int64_t now_us_ = 0;
+};
+
+typedef Log LogDeathTest;
+
+const char info_line[] = "\033[32minfo  *** hello\033[0m\n";
+
+} // namespace
+
+/* Levels */
+
+TEST(LogLevel, IsDebugBeforeTheLogIsOpened) {
+    EXPECT_EQ(level_at_start, 0u);
+}
+
+TEST(LogLevel, NumbersAreTheOnesOfTheTable) {
+    EXPECT_EQ(LOG_DEBUG, 0u);
+    EXPECT_EQ(LOG_INFO, 1u);
+    EXPECT_EQ(LOG_WARN, 2u);
+    EXPECT_EQ(LOG_ERROR, 3u);
+    EXPECT_EQ(LOG_FATAL, 4u);
+}
+
+TEST(LogLevel, EveryNameIsParsedInAnyCase) {
+    EXPECT_EQ(log_parse_level("debug"), 0u);
+    EXPECT_EQ(log_parse_level("info"), 1u);
+    EXPECT_EQ(log_parse_level("warn"), 2u);
+    EXPECT_EQ(log_parse_level("error"), 3u);
+    EXPECT_EQ(log_parse_level("fatal"), 4u);
+    EXPECT_EQ(log_parse_level("DEBUG"), 0u);
+    EXPECT_EQ(log_parse_level("InFo"), 1u);
+    EXPECT_EQ(log_parse_level("WARN"), 2u);
+    EXPECT_EQ(log_parse_level("Error"), 3u);
+    EXPECT_EQ(log_parse_level("fATAL"), 4u);
+}
+
+TEST(LogLevel, ATextThatBeginsWithANameIsThatLevel) {
+    EXPECT_EQ(log_parse_level("debugging"), 0u);
+    EXPECT_EQ(log_parse_level("Warning"), 2u);
+    EXPECT_EQ(log_parse_level("errors only"), 3u);
+    EXPECT_EQ(log_parse_level("FATALITY"), 4u);
+    EXPECT_EQ(log_parse_level("fatal error"), 4u);
+}
+
+TEST(LogLevel, ATextThatBeginsWithNoNameIsInfo) {
+    for (const char* word : {"", "ERR", "warm", "debu", " debug", "verbose", "0", "4", "xerror"}) {
+        EXPECT_EQ(log_parse_level(word), 1u) << word;
+    }
+}
+
+TEST_F(Log, StoresLevelsBelow5AndIgnoresOthers) {
+    for (uint32_t level = 0; level < 5; level++) {
+        log_set_level(level);
+        EXPECT_EQ(log_configured_level(), level);
+    }
+    log_set_level(5);
+    EXPECT_EQ(log_configured_level(), 4u);
+    log_set_level(UINT32_MAX);
+    EXPECT_EQ(log_configured_level(), 4u);
+}
+
+TEST_F(Log, AMessageIsWantedWhenTheConfiguredLevelIsNotAboveIts) {
+    for (uint32_t configured = 0; configured < 5; configured++) {
+        log_set_level(configured);
+        for (uint32_t level = 0; level < 5; level++) {
+            EXPECT_EQ(log_wants(level), configured < level + 1) << configured << " and " << level;
+        }
+    }
+}
+
+TEST_F(Log, TheWriterItselfDoesNotAskForTheLevel) {
+    open(path("a.log"), LOG_FATAL);
+    log_write(LOG_DEBUG, "written all the same");
+    EXPECT_EQ(read_file(path("a.log")), "debug *** written all the same\n");
+}
+
+TEST_F(Log, MessagesOfLevel5AndAboveWriteNothing) {
+    open(path("a.log"));
+    log_write(5, "nothing");
+    log_write(UINT32_MAX, "nothing");
+    log_write(LOG_INFO, "something");
+    EXPECT_EQ(read_file(path("a.log")), "info  *** something\n");
+}
+
+/* Configuration */
+
+TEST_F(Log, OpeningTakesLevelColourAndTimestampsOver) {
+    open("stdout", LOG_ERROR, 0, 0);
+    EXPECT_EQ(log_configured_level(), 3u);
+    EXPECT_EQ(shown_on_stdout("hello"), "info  *** hello\n");
+    open("stdout", LOG_WARN, 7, 0);
+    EXPECT_EQ(log_configured_level(), 2u);
+    EXPECT_EQ(shown_on_stdout("hello"), info_line);
+}
+
+TEST_F(Log, ALevelOf5AndNegativeFlagsKeepWhatIsSet) {
+    open("stdout", LOG_ERROR, 0, 0);
+    open("stdout", KEEP_LEVEL, KEEP, KEEP);
+    EXPECT_EQ(log_configured_level(), 3u);
+    EXPECT_EQ(shown_on_stdout("hello"), "info  *** hello\n");
+    open("stdout", UINT32_MAX, 1, INT32_MIN);
+    EXPECT_EQ(log_configured_level(), 3u);
+    EXPECT_EQ(shown_on_stdout("hello"), info_line);
+}
+
+TEST_F(Log, NoConfigurationOnlyReopens) {
+    open(path("a.log"), LOG_WARN);
+    log_write(LOG_INFO, "before");
+    log_open(nullptr);
+    EXPECT_EQ(read_file(path("a.log")), "") << "the file was not opened again";
+    log_write(LOG_INFO, "after");
+    EXPECT_EQ(read_file(path("a.log")), "info  *** after\n");
+    EXPECT_EQ(log_configured_level(), 2u);
+}
+
+TEST_F(Log, AConfigurationWithoutTargetKeepsTheTarget) {
+    open(path("a.log"));
+    open(static_cast<const char*>(nullptr), LOG_ERROR);
+    log_write(LOG_INFO, "hello");
+    EXPECT_EQ(read_file(path("a.log")), "info  *** hello\n");
+    EXPECT_EQ(log_configured_level(), 3u);
+}
+
+TEST_F(Log, KeepsACopyOfTheTarget) {
+    std::string target = path("a.log");
+    open(target);
+    target.back() = 'X';
+    log_open(nullptr);
+    log_write(LOG_INFO, "hello");
+    EXPECT_EQ(read_file(path("a.log")), "info  *** hello\n");
+    EXPECT_FALSE(fs::exists(target));
+}
+
+TEST_F(Log, SettingATargetReplacesItAndOpensIt) {
+    open(path("a.log"));
+    log_write(LOG_INFO, "one");
+    log_set_target(path("b.log").c_str());
+    log_write(LOG_INFO, "two");
+    EXPECT_EQ(read_file(path("a.log")), "info  *** one\n");
+    EXPECT_EQ(read_file(path("b.log")), "info  *** two\n");
+}
+
+TEST_F(Log, SettingNoTargetDoesNothing) {
+    open(path("a.log"));
+    log_write(LOG_INFO, "one");
+    log_set_target(nullptr);
+    log_write(LOG_INFO, "two");
+    EXPECT_EQ(read_file(path("a.log")), "info  *** one\ninfo  *** two\n") << "the file was opened again";
+}
+
+TEST_F(Log, ClosesWhatWasOpenBeforeItOpensTheNext) {
+    open("stdout");
+    const size_t before = count_open_descriptors();
+    server s(path("log.sock"));
+    for (int i = 0; i < 5; i++) {
+        open(path("a.log"));
+        open(path("log.sock"));
+    }
+    open("syslog");
+    s.close_all();
+    EXPECT_EQ(count_open_descriptors(), before);
+}
+
+TEST_F(Log, ItsDescriptorsAreCloseOnExec) {
+    open(path("a.log"));
+    const int fd = descriptor_of(path("a.log"));
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+
+    server tcp(SOCK_STREAM);
+    server udp(SOCK_DGRAM);
+    server local(path("log.sock"));
+    for (const std::string& target :
+         {"tcp://127.0.0.1" + tcp.colon_port(), "udp://127.0.0.1" + udp.colon_port(), path("log.sock")}) {
+        open("stdout");
+        const int next = dup(STDOUT_FILENO);
+        close(next);
+        open(target);
+        ASSERT_GE(fcntl(next, F_GETFD), 0) << "the lowest free descriptor was not taken for " << target;
+        EXPECT_EQ(fcntl(next, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC) << target;
+    }
+}
+
+TEST_F(Log, TheFirstMessageOpensALogThatNobodyHasOpened) {
+    ASSERT_TRUE(sigpipe_was_default_at_start);
+    if (sigpipe_is_ignored()) {
+        GTEST_SKIP() << "another case of this process has opened the log already";
+    }
+    const std::string shown = shown_on_stdout("hello");
+    EXPECT_THAT(shown, MatchesRegex("\033\\[32m....-..-.. ..:..:.. info  \\*\\*\\* hello\033\\[0m\n"))
+        << "colours and time stamps are on at first";
+    EXPECT_TRUE(sigpipe_is_ignored());
+}
+
+TEST_F(Log, OnlyTheFirstOpeningIgnoresSigpipe) {
+    open("stdout");
+    ASSERT_TRUE(sigpipe_is_ignored() || sigpipe_was_default_at_start);
+    signal(SIGPIPE, SIG_DFL);
+    open("stdout");
+    EXPECT_FALSE(sigpipe_is_ignored());
+    signal(SIGPIPE, SIG_IGN);
+}
+
+/* Lines */
+
+TEST_F(Log, EachLevelHasItsPrefix) {
+    open(path("a.log"));
+    log_write(LOG_DEBUG, "%d", 0);
+    log_write(LOG_INFO, "%d", 1);
+    log_write(LOG_WARN, "%d", 2);
+    log_write(LOG_ERROR, "%d", 3);
+    EXPECT_EQ(read_file(path("a.log")), "debug *** 0\ninfo  *** 1\nwarn  *** 2\nerror *** 3\n");
+}
+
+TEST_F(Log, EachLevelHasItsColourOnStandardOutput) {
+    open("stdout");
+    captured out(STDOUT_FILENO);
+    log_write(LOG_DEBUG, "%d", 0);
+    log_write(LOG_INFO, "%d", 1);
+    log_write(LOG_WARN, "%d", 2);
+    log_write(LOG_ERROR, "%d", 3);
+    EXPECT_EQ(out.text(), "\033[38mdebug *** 0\033[0m\n"
+                          "\033[32minfo  *** 1\033[0m\n"
+                          "\033[33mwarn  *** 2\033[0m\n"
+                          "\033[31merror *** 3\033[0m\n");
+}
+
+TEST_F(Log, FilesNeverGetColour) {
+    open(path("a.log"), LOG_DEBUG, 1);
+    log_write(LOG_ERROR, "plain");
+    EXPECT_EQ(read_file(path("a.log")), "error *** plain\n");
+}
+
+TEST_F(Log, SocketsGetColourWhenItIsOn) {
+    server s(path("log.sock"));
+    open(path("log.sock"), LOG_DEBUG, 1);
+    log_write(LOG_INFO, "hello");
+    EXPECT_EQ(receive(s.accept_one(), sizeof info_line - 1), info_line);
+    open(path("log.sock"), LOG_DEBUG, 0);
+    log_write(LOG_INFO, "hello");
+    EXPECT_EQ(receive(s.accept_one(), 16), "info  *** hello\n");
+}
+
+TEST_F(Log, AnEmptyMessageIsALineAllTheSame) {
+    open(path("a.log"));
+    log_write(LOG_INFO, "%s", "");
+    EXPECT_EQ(read_file(path("a.log")), "info  *** \n");
+}
+
+TEST_F(Log, ArgumentsAreNeverTakenForTheFormat) {
+    open(path("a.log"));
+    log_write(LOG_INFO, "%s", "100%s%n");
+    EXPECT_EQ(read_file(path("a.log")), "info  *** 100%s%n\n");
+}
+
+TEST_F(Log, AMessageOf511BytesHasNoNul) {
+    open(path("a.log"));
+    log_write(LOG_INFO, "%0511d", 1);
+    EXPECT_EQ(read_file(path("a.log")), "info  *** " + std::string(510, '0') + "1\n");
+}
+
+TEST_F(Log, AMessageOf512BytesEndsInANulBeforeTheLineFeed) {
+    open(path("a.log"));
+    log_write(LOG_INFO, "%0512d", 1);
+    log_write(LOG_INFO, "next");
+    EXPECT_EQ(read_file(path("a.log")),
+              "info  *** " + std::string(511, '0') + "1" + std::string(1, '\0') + "\ninfo  *** next\n");
+}
+
+TEST_F(Log, TheNulOfALongMessageStandsBeforeTheEndOfTheColour) {
+    open("stdout");
+    captured out(STDOUT_FILENO);
+    log_write(LOG_INFO, "%0600d", 1);
+    EXPECT_EQ(out.text(),
+              "\033[32minfo  *** " + std::string(599, '0') + "1" + std::string(1, '\0') + "\033[0m\n");
+}
+
+TEST_F(Log, AMessageBeyondTheLineBufferLeavesAnEmptyLineAndTheNextIsWhole) {
+    const std::string huge(4194304, 'x');
+    open(path("a.log"));
+    log_write(LOG_INFO, "%s", huge.c_str());
+    EXPECT_EQ(read_file(path("a.log")), "info  *** \n");
+    open(path("a.log"));
+    log_write(LOG_INFO, "next");
+    EXPECT_EQ(read_file(path("a.log")), "info  *** next\n");
+}
+
+TEST_F(Log, TheTimestampIsLocalTimeBetweenColourAndPrefix) {
+    setenv("TZ", "XYZ-05:30", 1);
+    tzset();
+    test_clock::set(1700000000); /* 2023-11-14 22:13:20 UTC */
+    open("stdout", LOG_DEBUG, 1, 1);
+    EXPECT_EQ(shown_on_stdout("hello"), "\033[32m2023-11-15 03:43:20 info  *** hello\033[0m\n");
+    unsetenv("TZ");
+    tzset();
+}
+
+TEST_F(Log, FilesGetTimestampsToo) {
+    setenv("TZ", "UTC", 1);
+    tzset();
+    test_clock::set(951782400); /* a leap day */
+    open(path("a.log"), LOG_DEBUG, 1, 1);
+    log_write(LOG_WARN, "hello");
+    EXPECT_EQ(read_file(path("a.log")), "2000-02-29 00:00:00 warn  *** hello\n");
+    unsetenv("TZ");
+    tzset();
+}
+
+TEST_F(Log, TimestampsGoBeyond2038) {
+    setenv("TZ", "UTC", 1);
+    tzset();
+    test_clock::set(4102444799);
+    open(path("a.log"), LOG_DEBUG, 1, 1);
+    log_write(LOG_WARN, "hello");
+    EXPECT_EQ(read_file(path("a.log")), "2099-12-31 23:59:59 warn  *** hello\n");
+    unsetenv("TZ");
+    tzset();
+}
+
+/* Targets that are no files */
+
+TEST_F(Log, StdoutAndStderrInAnyCaseWriteToStandardOutput) {
+    for (const char* target : {"stdout", "STDOUT", "stderr", "StdErr"}) {
+        captured error(STDERR_FILENO);
+        open(target);
+        EXPECT_EQ(shown_on_stdout("hello"), info_line) << target;
+        EXPECT_EQ(error.text(), "") << target;
+        EXPECT_FALSE(fs::exists(path(target)));
+    }
+}
+
+TEST_F(Log, SyslogInAnyCaseDiscards) {
+    for (const char* target : {"syslog", "SYSLOG", "SysLog"}) {
+        captured error(STDERR_FILENO);
+        open(target);
+        EXPECT_EQ(shown_on_stdout("hello"), "") << target;
+        EXPECT_EQ(error.text(), "") << target;
+        EXPECT_FALSE(fs::exists(path(target)));
+    }
+}
+
+TEST_F(Log, AListeningSocketAtAPathIsConnected) {
+    server s(path("log.sock"));
+    open(path("log.sock"));
+    log_write(LOG_INFO, "hello");
+    EXPECT_EQ(receive(s.accept_one(), sizeof info_line - 1), info_line);
+    EXPECT_TRUE(fs::is_socket(path("log.sock")));
+}
+
+TEST_F(Log, UnixTargetsInAnyCaseConnectToThePathBehindThePrefix) {
+    server s(path("log.sock"));
+    for (const char* prefix : {"unix://", "UNIX://", "Unix://"}) {
+        open(prefix + path("log.sock"));
+        log_write(LOG_INFO, "hello");
+        EXPECT_EQ(receive(s.accept_one(), sizeof info_line - 1), info_line) << prefix;
+    }
+}
+
+TEST_F(Log, AUnixTargetMayBeARelativePath) {
+    server s(path("log.sock"));
+    open("unix://log.sock");
+    log_write(LOG_INFO, "hello");
+    EXPECT_EQ(receive(s.accept_one(), sizeof info_line - 1), info_line);
+}
+
+TEST_F(Log, AUnixTargetWithoutListenerStaysASocketAndLosesItsLines) {
+    open("unix://" + path("nobody.sock"));
+    EXPECT_EQ(shown_on_stdout("lost"), "");
+    EXPECT_FALSE(fs::exists(path("nobody.sock")));
+}
+
+TEST_F(Log, AUnixTargetThatIsARegularFileIsNotTouched) {
+    std::ofstream(path("plain")) << "content";
+    open("unix://" + path("plain"));
+    EXPECT_EQ(shown_on_stdout("lost"), "");
+    EXPECT_EQ(read_file(path("plain")), "content");
+}
+
+TEST_F(Log, TcpTargetsInAnyCaseConnect) {
+    server s(SOCK_STREAM);
+    for (const char* host : {"tcp://127.0.0.1", "TCP://127.0.0.1", "tcp://localhost", "Tcp://LocalHost"}) {
+        open(host + s.colon_port());
+        log_write(LOG_INFO, "hello");
+        EXPECT_EQ(receive(s.accept_one(), sizeof info_line - 1), info_line) << host;
+    }
+}
+
+TEST_F(Log, UdpTargetsSendADatagramForEachLine) {
+    server s(SOCK_DGRAM);
+    for (const char* host : {"udp://127.0.0.1", "UDP://localhost"}) {
+        open(host + s.colon_port());
+        log_write(LOG_INFO, "hello");
+        log_write(LOG_WARN, "again");
+        char datagram[256];
+        ASSERT_TRUE(is_readable(s.fd(), 2000)) << host;
+        ssize_t n = recv(s.fd(), datagram, sizeof datagram, 0);
+        EXPECT_EQ(std::string(datagram, static_cast<size_t>(n)), info_line);
+        ASSERT_TRUE(is_readable(s.fd(), 2000)) << host;
+        n = recv(s.fd(), datagram, sizeof datagram, 0);
+        EXPECT_EQ(std::string(datagram, static_cast<size_t>(n)), "\033[33mwarn  *** again\033[0m\n");
+    }
+}
+
+TEST_F(Log, ANetworkTargetsHostIsNotResolvedAndTheLinesAreLost) {
+    server s(SOCK_STREAM);
+    open("tcp://myhost" + s.colon_port());
+    EXPECT_EQ(shown_on_stdout("lost"), "");
+    EXPECT_FALSE(s.has_waiting_connection());
+}
+
+TEST_F(Log, HostAndPortConnectToThisMachineWhateverTheHost) {
+    server s(SOCK_STREAM);
+    for (const char* host : {"myhost", "localhost", "192.0.2.7", ""}) {
+        open(host + s.colon_port());
+        log_write(LOG_INFO, "hello");
+        EXPECT_EQ(receive(s.accept_one(), sizeof info_line - 1), info_line) << host;
+        EXPECT_FALSE(fs::exists(path(host + s.colon_port())));
+    }
+}
+
+TEST_F(Log, APortThatRefusesStaysASocketAndMakesNoFile) {
+    /* Bound, so that nobody else listens there, but not listening. */
+    server holder(SOCK_DGRAM);
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    socklen_t length = sizeof address;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    const std::string port = ":" + std::to_string(ntohs(address.sin_port));
+
+    fs::create_directory("tcp:");
+    for (const std::string& target : {"tcp://127.0.0.1" + port, "myhost" + port}) {
+        open(target);
+        EXPECT_EQ(shown_on_stdout("lost"), "") << target;
+        EXPECT_FALSE(fs::exists(target));
+    }
+    close(fd);
+}
+
+TEST_F(Log, PortsFrom1To65535AreSockets) {
+    fs::create_directory("udp:");
+    for (const char* target : {"udp://127.0.0.1:1", "udp://127.0.0.1:65535"}) {
+        open(target);
+        EXPECT_EQ(shown_on_stdout("lost"), "") << target;
+        EXPECT_FALSE(fs::exists(target));
+    }
+}
+
+/* The file rule */
+
+TEST_F(Log, ARegularFileIsEmptiedAndWrittenInPlainText) {
+    std::ofstream(path("a.log")) << std::string(1000, 'x');
+    open(path("a.log"));
+    EXPECT_EQ(read_file(path("a.log")), "");
+    log_write(LOG_INFO, "hello");
+    EXPECT_EQ(read_file(path("a.log")), "info  *** hello\n");
+}
+
+TEST_F(Log, AFileIsMadeWithMode664) {
+    const mode_t mask = umask(0);
+    open(path("a.log"));
+    umask(mask);
+    struct stat status;
+    ASSERT_EQ(stat(path("a.log").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0664u);
+}
+
+TEST_F(Log, APathWithAPortIsAFile) {
+    server s(SOCK_STREAM);
+    const std::string target = path("a" + s.colon_port());
+    open(target);
+    log_write(LOG_INFO, "hello");
+    EXPECT_EQ(read_file(target), "info  *** hello\n");
+    EXPECT_FALSE(s.has_waiting_connection());
+}
+
+TEST_F(Log, ATargetWithoutUsablePortIsTheNameOfAFile) {
+    for (const char* target : {"name.log", "myhost:", "myhost:0", "myhost:65536", "myhost:-1", "myhost:abc",
+                               "myhost:4294967297", "stdout2", "syslog ", "unix:/x"}) {
+        if (strcmp(target, "unix:/x") == 0) {
+            fs::create_directory("unix:");
+        }
+        open(target);
+        log_write(LOG_INFO, "hello");
+        EXPECT_EQ(read_file(path(target)), "info  *** hello\n") << target;
+    }
+}
+
+TEST_F(Log, ANetworkTargetWithoutUsablePortIsTheNameOfAFile) {
+    fs::create_directory("tcp:");
+    fs::create_directory("udp:");
+    for (const char* target :
+         {"tcp://127.0.0.1", "tcp://127.0.0.1:", "tcp://127.0.0.1:0", "tcp://127.0.0.1:65536",
+          "tcp://127.0.0.1:x", "udp://127.0.0.1", "udp://127.0.0.1:0", "udp://127.0.0.1:70000"}) {
+        open(target);
+        log_write(LOG_INFO, "hello");
+        EXPECT_EQ(read_file(target), "info  *** hello\n") << target;
+    }
+}
+
+TEST_F(Log, AFileThatCannotBeMadeFallsBackToStandardOutput) {
+    for (const std::string& target :
+         {std::string("tcp://127.0.0.1"), path("missing/a.log"), folder, std::string("")}) {
+        open(target);
+        EXPECT_EQ(shown_on_stdout("hello"), info_line) << target;
+    }
+}
+
+/* The file as a ring */
+
+namespace {
+
+class LogRing : public Log {
+  protected:
+    void SetUp() override {
+        Log::SetUp();
+        open(path("ring.log"));
+    }
+    /* Writes lines that are `length` bytes long in the file, prefix and line feed included. */
+    static void write_lines(int count, int length, char filling) {
+        for (int i = 0; i < count; i++) {
+            log_write(LOG_INFO, "%s", std::string(static_cast<size_t>(length) - 11, filling).c_str());
+        }
+    }
+    static std::string lines(int count, int length, char filling) {
+        std::string all;
+        for (int i = 0; i < count; i++) {
+            all += "info  *** " + std::string(static_cast<size_t>(length) - 11, filling) + "\n";
+        }
+        return all;
+    }
+    std::string file() const {
+        return read_file(path("ring.log"));
+    }
+};
+
+} // namespace
+
+TEST_F(LogRing, TheLineAfter31744BytesGoesToTheStart) {
+    write_lines(317, 100, 'a');
+    write_lines(1, 44, 'b');
+    EXPECT_EQ(file().size(), 31744u);
+
+    write_lines(1, 50, 'c');
+
+    const std::string old = lines(317, 100, 'a') + lines(1, 44, 'b');
+    EXPECT_EQ(file(), lines(1, 50, 'c') + old.substr(50)) << "the old text stays until it is overwritten";
+}
+
+TEST_F(LogRing, TheLineAfter31743BytesIsStillAppended) {
+    write_lines(317, 100, 'a');
+    write_lines(1, 43, 'b');
+    write_lines(1, 50, 'c');
+    EXPECT_EQ(file(), lines(317, 100, 'a') + lines(1, 43, 'b') + lines(1, 50, 'c'));
+    write_lines(1, 60, 'd');
+    EXPECT_EQ(file().substr(0, 60), lines(1, 60, 'd')) << "the count has passed 31744";
+    EXPECT_EQ(file().size(), 31743u + 50);
+}
+
+TEST_F(LogRing, ALineThatCrossesTheEndIsWrittenWhole) {
+    write_lines(1, 40000, 'a');
+    EXPECT_EQ(file().size(), 40001u) << "with the NUL of a long message";
+    write_lines(1, 50, 'b');
+    EXPECT_EQ(file().substr(0, 50), lines(1, 50, 'b'));
+    EXPECT_EQ(file().size(), 40001u);
+}
+
+TEST_F(LogRing, TheCountStartsAgainWhenTheFileHasWrapped) {
+    write_lines(256, 124, 'a');
+    write_lines(255, 124, 'b');
+    EXPECT_EQ(file(), lines(255, 124, 'b') + lines(1, 124, 'a'));
+    write_lines(1, 124, 'c');
+    write_lines(1, 124, 'd');
+    EXPECT_EQ(file(), lines(1, 124, 'd') + lines(254, 124, 'b') + lines(1, 124, 'c'));
+}
+
+TEST_F(LogRing, ReopeningEmptiesTheFileAndStartsTheCount) {
+    write_lines(255, 124, 'a');
+    log_open(nullptr);
+    write_lines(255, 124, 'b');
+    write_lines(1, 124, 'c');
+    EXPECT_EQ(file(), lines(255, 124, 'b') + lines(1, 124, 'c'));
+}
+
+TEST_F(LogRing, TheCountedNulOfLongMessagesCounts) {
+    /* 10 + 789 + NUL + line feed = 801 bytes each, 39 of them are 31239; then 505 to the byte. */
+    for (int i = 0; i < 39; i++) {
+        log_write(LOG_INFO, "%0789d", i);
+    }
+    write_lines(1, 505, 'b');
+    EXPECT_EQ(file().size(), 31744u);
+    write_lines(1, 50, 'c');
+    EXPECT_EQ(file().substr(0, 50), lines(1, 50, 'c'));
+    EXPECT_EQ(file().size(), 31744u);
+}
+
+/* Sockets that fail */
+
+TEST_F(Log, ALostConnectionIsTriedAgainAfterMoreThanASecond) {
+    server s(path("log.sock"));
+    open(path("log.sock"));
+    lose_connection(&s);
+
+    log_write(LOG_INFO, "lost at once");
+    advance_us(1000999);
+    log_write(LOG_INFO, "lost after 1000 ms");
+    EXPECT_FALSE(s.has_waiting_connection());
+    advance_us(1);
+    log_write(LOG_INFO, "hello");
+
+    EXPECT_EQ(receive(s.accept_one(), sizeof info_line - 1), info_line) << "1001 ms";
+}
+
+TEST_F(Log, TheLineThatFailsIsLostAndThoseWithinTheSecondToo) {
+    server s(path("log.sock"));
+    open(path("log.sock"));
+    lose_connection(&s);
+    EXPECT_EQ(shown_on_stdout("lost"), "");
+    advance_ms(1001);
+    log_write(LOG_INFO, "hello");
+    log_write(LOG_INFO, "hello");
+    EXPECT_EQ(receive(s.accept_one(), 2 * (sizeof info_line - 1)), std::string(info_line) + info_line);
+}
+
+TEST_F(Log, AnAttemptThatFailsCountsAsTheLastOne) {
+    open("unix://" + path("log.sock"));
+    stop_clock();
+    /* Whatever was attempted before, two attempts more than a second apart make one of them count. */
+    log_write(LOG_INFO, "lost");
+    advance_ms(1001);
+    log_write(LOG_INFO, "lost with a failing attempt");
+
+    server s(path("log.sock"));
+    advance_ms(1000);
+    log_write(LOG_INFO, "lost within the second");
+    EXPECT_FALSE(s.has_waiting_connection());
+    advance_ms(1);
+    log_write(LOG_INFO, "hello");
+    EXPECT_EQ(receive(s.accept_one(), sizeof info_line - 1), info_line);
+}
+
+TEST_F(Log, OpeningItselfIsNoAttemptThatCounts) {
+    server first(path("first.sock"));
+    open(path("first.sock"));
+    lose_connection(&first);
+    advance_ms(1001);
+    open("unix://" + path("second.sock"));
+    server second(path("second.sock"));
+
+    log_write(LOG_INFO, "hello");
+
+    EXPECT_EQ(receive(second.accept_one(), sizeof info_line - 1), info_line);
+}
+
+TEST_F(Log, AClockThatIsSetBackResetsTheTimeOfTheLastAttempt) {
+    server s(path("log.sock"));
+    open(path("log.sock"));
+    lose_connection(&s);
+
+    advance_ms(-3600000);
+    log_write(LOG_INFO, "lost, and an hour ago is the last attempt now");
+    advance_ms(1000);
+    log_write(LOG_INFO, "lost within the second");
+    EXPECT_FALSE(s.has_waiting_connection());
+    advance_ms(1);
+    log_write(LOG_INFO, "hello");
+
+    EXPECT_EQ(receive(s.accept_one(), sizeof info_line - 1), info_line);
+}
+
+TEST_F(Log, AReaderThatDoesNotReadLosesLinesAndKeepsItsConnection) {
+    server s(path("log.sock"));
+    open(path("log.sock"));
+    const int reader = s.accept_one();
+    const std::string message(10000, 'x');
+    for (int i = 0; i < 300; i++) {
+        log_write(LOG_INFO, "%s", message.c_str());
+    }
+
+    std::string all;
+    std::vector<char> part(65536);
+    for (ssize_t n; (n = recv(reader, part.data(), part.size(), MSG_DONTWAIT)) > 0;) {
+        all.append(part.data(), static_cast<size_t>(n));
+    }
+    EXPECT_GT(all.size(), 10000u);
+    EXPECT_LT(all.size(), 300u * 10000) << "nothing was lost, so the socket was never full";
+
+    log_write(LOG_INFO, "hello");
+    EXPECT_EQ(receive(reader, sizeof info_line - 1), info_line);
+    EXPECT_FALSE(s.has_waiting_connection());
+}
+
+TEST_F(Log, AShortWriteIsNotCompleted) {
+    server s(SOCK_STREAM);
+    open("tcp://127.0.0.1" + s.colon_port());
+    const int reader = s.accept_one();
+    /* More than the kernel's buffers take, but the line buffer does. */
+    const size_t size = 4000000;
+    const std::string message(size, 'x');
+    for (int i = 0; i < 4; i++) {
+        log_write(LOG_INFO, "%s", message.c_str());
+    }
+    size_t received = 0;
+    std::vector<char> part(262144);
+    while (is_readable(reader, 200)) {
+        const ssize_t n = recv(reader, part.data(), part.size(), MSG_DONTWAIT);
+        if (n <= 0) {
+            break;
+        }
+        received += static_cast<size_t>(n);
+    }
+    EXPECT_GT(received, 0u);
+    EXPECT_LT(received, 4 * size) << "nothing was lost, so the socket was never full";
+
+    log_write(LOG_INFO, "hello");
+    EXPECT_EQ(receive(reader, sizeof info_line - 1), info_line) << "the rest of an earlier line came late";
+}
+
+TEST_F(Log, ARefusedDatagramClosesTheSocketUntilTheNextAttempt) {
+    server first(SOCK_DGRAM);
+    const int port = first.port();
+    stop_clock();
+    open("udp://127.0.0.1:" + std::to_string(port));
+    first.close_all();
+    log_write(LOG_INFO, "sent, and refused");
+    log_write(LOG_INFO, "told of the refusal");
+
+    server second(SOCK_DGRAM, port);
+    advance_ms(1000);
+    log_write(LOG_INFO, "lost within the second");
+    EXPECT_FALSE(is_readable(second.fd(), 20));
+    advance_ms(1);
+    log_write(LOG_INFO, "hello");
+
+    EXPECT_EQ(receive(second.fd(), sizeof info_line - 1), info_line);
+}
+
+TEST_F(Log, ALostTcpConnectionIsMadeAgain) {
+    server s(SOCK_STREAM);
+    open("myhost" + s.colon_port());
+    stop_clock();
+    s.accept_one();
+    s.hang_up();
+    /* The first line after the end goes into the void, and its answer tells of it. */
+    log_write(LOG_INFO, "lost");
+    for (int i = 0; i < 100; i++) {
+        usleep(1000);
+        log_write(LOG_INFO, "lost");
+    }
+    EXPECT_FALSE(s.has_waiting_connection());
+    advance_ms(1001);
+    log_write(LOG_INFO, "hello");
+    EXPECT_EQ(receive(s.accept_one(), sizeof info_line - 1), info_line);
+}
+
+TEST_F(Log, ASocketPathThatHasBecomeFreeTurnsIntoAFileInPlainText) {
+    server s(path("log.sock"));
+    open(path("log.sock"));
+    lose_connection(&s);
+    s.close_all();
+    fs::remove(path("log.sock"));
+
+    advance_ms(1001);
+    log_write(LOG_INFO, "one");
+    log_write(LOG_INFO, "two");
+
+    EXPECT_EQ(read_file(path("log.sock")), "info  *** one\ninfo  *** two\n") << "files never get colour";
+}
+
+TEST_F(Log, ASocketPathThatIsGoneAltogetherLosesTheLineAndFallsBackToStandardOutput) {
+    fs::create_directory("deep");
+    server s(path("deep/log.sock"));
+    open(path("deep/log.sock"));
+    lose_connection(&s);
+    s.close_all();
+    fs::remove_all("deep");
+
+    advance_ms(1001);
+    EXPECT_EQ(shown_on_stdout("no descriptor"), "");
+    EXPECT_EQ(shown_on_stdout("hello"), info_line);
+}
+
+TEST_F(Log, WritingToASocketThatHasEndedRaisesNoSignal) {
+    server s(path("log.sock"));
+    open(path("log.sock"));
+    signal(SIGPIPE, SIG_DFL);
+    s.accept_one();
+    s.hang_up();
+    log_write(LOG_INFO, "the process is still there");
+    signal(SIGPIPE, SIG_IGN);
+}
+
+/* Fatal messages */
+
+namespace {
+
+/* A death test looks at standard error. */
+void show_stdout() {
+    dup2(STDERR_FILENO, STDOUT_FILENO);
+}
+
+} // namespace
+
+TEST_F(LogDeathTest, AFatalMessageIsWrittenAndEndsTheProcessWith255) {
+    open("stdout");
+    EXPECT_EXIT(
+        {
+            show_stdout();
+            log_write(LOG_FATAL, "the %s", "end");
+        },
+        ExitedWithCode(255), text(Eq("\033[41;37;1mfatal *** the end\033[0m\n")));
+}
+
+TEST_F(LogDeathTest, AFatalMessageIsInTheFileWhenTheProcessHasEnded) {
+    open(path("a.log"));
+    EXPECT_EXIT(log_write(LOG_FATAL, "the end"), ExitedWithCode(255), text(Eq("")));
+    EXPECT_EQ(read_file(path("a.log")), "fatal *** the end\n");
+}
+
+TEST_F(LogDeathTest, AFatalMessageIsSentWhenTheProcessHasEnded) {
+    server s(path("log.sock"));
+    open(path("log.sock"));
+    EXPECT_EXIT(log_write(LOG_FATAL, "the end"), ExitedWithCode(255), text(Eq("")));
+    const std::string expected = "\033[41;37;1mfatal *** the end\033[0m\n";
+    EXPECT_EQ(receive(s.accept_one(), expected.size()), expected);
+}
+
+TEST_F(LogDeathTest, ADiscardedFatalMessageEndsTheProcessToo) {
+    open("syslog");
+    EXPECT_EXIT(
+        {
+            show_stdout();
+            log_write(LOG_FATAL, "the end");
+        },
+        ExitedWithCode(255), text(Eq("")));
+}
+
+TEST_F(LogDeathTest, ABrokenInvariantIsAFatalLineWithExpressionUnitAndLine) {
+    open("stdout");
+    EXPECT_EXIT(
+        {
+            show_stdout();
+            log_assert_failed("a == \"b\"", "object", 123);
+        },
+        ExitedWithCode(255),
+        text(Eq("\033[41;37;1mfatal *** assertion \"a == \"b\"\" failed at object:123\033[0m\n")));
+}

@@ -1,0 +1,416 @@
+#include "core/options.h"
+
+#include <fcntl.h>
+#include <getopt.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <deque>
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+#include "stats/iface_algor.h"
+
+namespace {
+
+using testing::EndsWith;
+using testing::Eq;
+using testing::ExitedWithCode;
+using testing::HasSubstr;
+using testing::Matcher;
+using testing::MatchesRegex;
+
+typedef Matcher<const std::string&> text;
+
+/* What -h prints when the program is called `program`. */
+std::string usage(const std::string& program) {
+    return "usage: " + program +
+           "    <command> [options] \n"
+           "   -v   --version                            打印版本信息\n"
+           "   -d   --daemon                             以daemon方式运行\n"
+           "   -p   --port = xxxx                        指定端口号\n"
+           "   -a   --addr = /xxx/xxx                    指定域套接字路径，在unix套接字上侦听\n"
+           "   -l   --loglevel = [debug/info/warn/error] 指定日志输出级别\n"
+           "   -f   --logfile=xxxxx                      xxx可以是stdout, syslog,\n"
+           "                                             /tmp/xxx.sock, /path/to/regular/file\n"
+           "                                             以及localhost:port\n"
+           "   -h   --help                               打印帮助信息\n";
+}
+
+class Options : public testing::Test {
+  protected:
+    void SetUp() override {
+        options_init(&o);
+    }
+    void TearDown() override {
+        sstr_free(&o.address);
+    }
+
+    void parse(std::initializer_list<const char*> arguments, const char* program = "tessard") {
+        std::vector<char*> argv;
+        words_.push_back(program);
+        argv.push_back(words_.back().data());
+        for (const char* argument : arguments) {
+            words_.push_back(argument);
+            argv.push_back(words_.back().data());
+        }
+        argv.push_back(nullptr);
+        optind = 0; /* makes getopt begin anew */
+        options_parse(&o, static_cast<int>(argv.size()) - 1, argv.data());
+    }
+
+    /* For parses that end the process: what they print on standard output goes where a death test looks. */
+    void parse_and_show_output(std::initializer_list<const char*> arguments,
+                               const char* program = "tessard") {
+        dup2(STDERR_FILENO, STDOUT_FILENO);
+        parse(arguments, program);
+    }
+
+    /* The same with standard output thrown away. */
+    void parse_and_hide_output(std::initializer_list<const char*> arguments) {
+        const int null = open("/dev/null", O_WRONLY);
+        dup2(null, STDOUT_FILENO);
+        parse(arguments);
+    }
+
+    options o = {};
+
+  private:
+    std::deque<std::string> words_; /* the options point into them */
+};
+
+typedef Options OptionsDeathTest;
+
+} // namespace
+
+/* Defaults */
+
+TEST_F(Options, DefaultsLogToTheFileInTmpAndListenOnTheSocketInTmp) {
+    parse({});
+    EXPECT_STREQ(o.log.target, "/tmp/tessard.log");
+    EXPECT_STREQ(o.log.ident, "Tessard");
+    EXPECT_EQ(o.log.level, 1u);
+    EXPECT_EQ(o.log.colour, 1);
+    EXPECT_EQ(o.log.timestamps, 1);
+    EXPECT_STREQ(o.address, "/tmp/tessard.sock");
+    EXPECT_EQ(sstr_length(o.address), 17u);
+    EXPECT_EQ(o.port, 0);
+}
+
+TEST_F(Options, TheLogsFieldsStandInTheirOrder) {
+    EXPECT_EQ(offsetof(log_config, target), 0u);
+    EXPECT_EQ(offsetof(log_config, ident), sizeof(void*));
+    EXPECT_EQ(offsetof(log_config, level), 2 * sizeof(void*));
+    EXPECT_EQ(offsetof(log_config, colour), 2 * sizeof(void*) + 4);
+    EXPECT_EQ(offsetof(log_config, timestamps), 2 * sizeof(void*) + 8);
+}
+
+TEST_F(Options, WordsThatAreNoOptionsAreIgnored) {
+    parse({"start", "-p", "7000", "now"});
+    EXPECT_EQ(o.port, 7000);
+    EXPECT_STREQ(o.address, "/tmp/tessard.sock");
+}
+
+/* Port */
+
+TEST_F(Options, ThePortIsTaken) {
+    parse({"-p", "7000"});
+    EXPECT_EQ(o.port, 7000);
+    parse({"-p7001"});
+    EXPECT_EQ(o.port, 7001);
+    parse({"--port=7002"});
+    EXPECT_EQ(o.port, 7002);
+    parse({"-p", "1"});
+    EXPECT_EQ(o.port, 1);
+}
+
+TEST_F(Options, ThePortIsReadUpToTheFirstOtherCharacter) {
+    parse({"-p", " 80http"});
+    EXPECT_EQ(o.port, 80);
+}
+
+TEST_F(Options, APortBelow1OrNoNumberIsIgnored) {
+    for (const char* port : {"0", "-1", "abc", "", "-7000"}) {
+        parse({"-p", port});
+        EXPECT_EQ(o.port, 0) << port;
+    }
+    parse({"-p", "7000", "-p", "0", "-p", "abc"});
+    EXPECT_EQ(o.port, 7000);
+}
+
+TEST_F(Options, ThePortHas32Bits) {
+    parse({"-p", "70000"});
+    EXPECT_EQ(o.port, 70000);
+    parse({"-p", "2147483647"});
+    EXPECT_EQ(o.port, 2147483647);
+}
+
+TEST_F(Options, APortAloneLeavesTheUnixSocket) {
+    parse({"-p", "7000"});
+    EXPECT_STREQ(o.address, "/tmp/tessard.sock");
+}
+
+/* Address */
+
+TEST_F(Options, TheAddressIsCopied) {
+    parse({"-a", "/tmp/other.sock"});
+    EXPECT_STREQ(o.address, "/tmp/other.sock");
+    EXPECT_EQ(sstr_length(o.address), 15u);
+}
+
+TEST_F(Options, TheAddressCanFollowItsLetterOrAnEqualsSign) {
+    parse({"-a0.0.0.0"});
+    EXPECT_STREQ(o.address, "0.0.0.0");
+    parse({"--addr=::1"});
+    EXPECT_STREQ(o.address, "::1");
+}
+
+TEST_F(Options, TheLastAddressCounts) {
+    parse({"-a", "/tmp/first.sock", "-a", "127.0.0.1"});
+    EXPECT_STREQ(o.address, "127.0.0.1");
+    EXPECT_EQ(sstr_length(o.address), 9u);
+}
+
+TEST_F(Options, AnEmptyAddressIsTaken) {
+    parse({"-a", ""});
+    EXPECT_STREQ(o.address, "");
+    EXPECT_EQ(sstr_length(o.address), 0u);
+}
+
+/* Log level */
+
+TEST_F(Options, TheLogLevelIsTakenByTheBeginningOfItsName) {
+    parse({"-l", "debug"});
+    EXPECT_EQ(o.log.level, 0u);
+    parse({"-l", "Warning"});
+    EXPECT_EQ(o.log.level, 2u);
+    parse({"-lERROR"});
+    EXPECT_EQ(o.log.level, 3u);
+    parse({"--loglevel=fatal"});
+    EXPECT_EQ(o.log.level, 4u);
+}
+
+TEST_F(Options, AnUnknownLogLevelIsInfo) {
+    parse({"-l", "error", "-l", "ERR"});
+    EXPECT_EQ(o.log.level, 1u);
+}
+
+/* Log file */
+
+TEST_F(Options, OnlyStdoutAndSyslogChooseWhereTheLogGoes) {
+    parse({"-f", "stdout"});
+    EXPECT_STREQ(o.log.target, "stdout");
+    EXPECT_STREQ(o.log.ident, "Tessard");
+    parse({"--logfile=syslog"});
+    EXPECT_STREQ(o.log.target, "syslog");
+    EXPECT_STREQ(o.log.ident, "Tessard");
+}
+
+TEST_F(Options, AnyOtherLogFileLeavesTheLogOnItsDefaultAndIsKeptAsIdent) {
+    for (const char* target : {"/var/log/x.log", "STDOUT", "Syslog", "stderr", "stdout ", "stdou",
+                               "localhost:9000", "tcp://127.0.0.1:9000", ""}) {
+        parse({"-f", target});
+        EXPECT_STREQ(o.log.target, "/tmp/tessard.log") << target;
+        EXPECT_STREQ(o.log.ident, target);
+    }
+}
+
+TEST_F(Options, AFileBehindStdoutDoesNotTakeStdoutBack) {
+    parse({"-f", "stdout", "-f", "/var/log/x.log"});
+    EXPECT_STREQ(o.log.target, "stdout");
+    EXPECT_STREQ(o.log.ident, "/var/log/x.log");
+}
+
+/* Long forms */
+
+TEST_F(Options, ALongFormWithItsValueInAWordOfItsOwnIsIgnored) {
+    parse({"--addr", "/tmp/other.sock"});
+    EXPECT_STREQ(o.address, "/tmp/tessard.sock");
+    parse({"--port", "7000", "--loglevel", "debug", "--logfile", "stdout"});
+    EXPECT_EQ(o.port, 0);
+    EXPECT_EQ(o.log.level, 1u);
+    EXPECT_STREQ(o.log.target, "/tmp/tessard.log");
+    EXPECT_STREQ(o.log.ident, "Tessard");
+}
+
+TEST_F(Options, ManyOptionsAreTakenTogether) {
+    parse({"-p", "7000", "-a", "127.0.0.1", "--loglevel=error", "-f", "syslog"});
+    EXPECT_EQ(o.port, 7000);
+    EXPECT_STREQ(o.address, "127.0.0.1");
+    EXPECT_EQ(o.log.level, 3u);
+    EXPECT_STREQ(o.log.target, "syslog");
+}
+
+/* Version */
+
+TEST_F(OptionsDeathTest, VersionIsOneLineOnStandardOutputAndStatus0) {
+    EXPECT_EXIT(parse_and_show_output({"-v"}), ExitedWithCode(0),
+                text(MatchesRegex("Tessard 2\\.1\\.0 .+\n")));
+    EXPECT_EXIT(parse_and_show_output({"--version"}), ExitedWithCode(0), "^Tessard 2\\.1\\.0 .+\n$");
+    EXPECT_EXIT(parse_and_hide_output({"-v"}), ExitedWithCode(0), text(Eq("")));
+}
+
+TEST_F(OptionsDeathTest, VersionComesBeforeWhatFollowsIt) {
+    EXPECT_EXIT(parse_and_show_output({"-v", "-h"}), ExitedWithCode(0), "^Tessard 2\\.1\\.0 .+\n$");
+    EXPECT_EXIT(parse_and_show_output({"-vd"}), ExitedWithCode(0), "^Tessard 2\\.1\\.0 .+\n$");
+}
+
+/* Usage */
+
+TEST_F(OptionsDeathTest, HelpPrintsTheUsageByteForByteAndEndsWith255) {
+    EXPECT_EXIT(parse_and_show_output({"-h"}), ExitedWithCode(255), text(Eq(usage("tessard"))));
+    EXPECT_EXIT(parse_and_show_output({"--help"}), ExitedWithCode(255), text(Eq(usage("tessard"))));
+}
+
+TEST_F(OptionsDeathTest, TheUsageNamesTheProgramAsItWasCalled) {
+    EXPECT_EXIT(parse_and_show_output({"-h"}, "/usr/sbin/cache %s"), ExitedWithCode(255),
+                text(Eq(usage("/usr/sbin/cache %s"))));
+}
+
+TEST_F(OptionsDeathTest, TheUsageGoesToStandardOutput) {
+    EXPECT_EXIT(parse_and_hide_output({"-h"}), ExitedWithCode(255), text(Eq("")));
+}
+
+TEST_F(OptionsDeathTest, TheContinuationOfTheLogFilesLineIsIndentedBy45Blanks) {
+    const std::string indent(45, ' ');
+    EXPECT_EXIT(parse_and_show_output({"-h"}), ExitedWithCode(255),
+                text(HasSubstr("stdout, syslog,\n" + indent + "/tmp/xxx.sock, /path/to/regular/file\n" +
+                               indent + "以及")));
+}
+
+TEST_F(OptionsDeathTest, UnknownOptionsPrintTheUsageAndEndWith255) {
+    for (const char* option : {"-x", "-?", "--verbose", "-1", "--version=2", "--algor=max"}) {
+        EXPECT_EXIT(parse_and_show_output({option}), ExitedWithCode(255), text(EndsWith(usage("tessard"))))
+            << option;
+    }
+}
+
+TEST_F(OptionsDeathTest, AShortOptionWithoutItsValuePrintsTheUsageAndEndsWith255) {
+    for (const char* option : {"-p", "-a", "-l", "-f", "-g"}) {
+        EXPECT_EXIT(parse_and_show_output({option}), ExitedWithCode(255), text(EndsWith(usage("tessard"))))
+            << option;
+    }
+}
+
+namespace {
+
+void tell_algor() {
+    fprintf(stderr, "algor %d\n", history_iface_algor);
+}
+
+} // namespace
+
+TEST_F(OptionsDeathTest, TheHistoryAlgorithmIsSetAndTheUsagePrintedAllTheSame) {
+    struct {
+        int before;
+        const char* word;
+        int after;
+    } const rows[] = {
+        {1, "avg", 0}, {0, "max", 1},     {1, "max", 1}, {1, "AVG", 1},
+        {0, "Max", 0}, {1, "average", 1}, {0, "", 0},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EXIT(
+            {
+                history_iface_algor = row.before;
+                atexit(tell_algor);
+                parse_and_hide_output({"-g", row.word});
+            },
+            ExitedWithCode(255), text(Eq("algor " + std::to_string(row.after) + "\n")))
+            << row.word;
+        EXPECT_EXIT(parse_and_show_output({"-g", row.word, "-p", "7000"}), ExitedWithCode(255),
+                    text(Eq(usage("tessard"))));
+    }
+}
+
+TEST_F(Options, TheHistoryAlgorithmIsMaxByDefault) {
+    EXPECT_EQ(history_iface_algor, 1);
+}
+
+/* Daemon */
+
+namespace {
+
+/* Everything that the processes holding the write end say until the last of them is gone. */
+std::string read_to_end(int fd) {
+    std::string all;
+    char part[256];
+    pollfd readable = {fd, POLLIN, 0};
+    while (poll(&readable, 1, 10000) == 1) {
+        const ssize_t n = read(fd, part, sizeof part);
+        if (n <= 0) {
+            return all;
+        }
+        all.append(part, static_cast<size_t>(n));
+    }
+    ADD_FAILURE() << "the daemonised process did not end";
+    return all;
+}
+
+class OptionsDaemonDeathTest : public Options {
+  protected:
+    void SetUp() override {
+        Options::SetUp();
+        ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    }
+    void TearDown() override {
+        close(ends[0]);
+        Options::TearDown();
+    }
+    void say(const std::string& what) const {
+        (void)!write(ends[1], what.data(), what.size());
+    }
+    std::string heard() {
+        close(ends[1]);
+        return read_to_end(ends[0]);
+    }
+
+    int ends[2] = {-1, -1};
+};
+
+} // namespace
+
+TEST_F(OptionsDaemonDeathTest, TheCallerEndsAndTheDaemonGoesOnWithTheOptionsBehind) {
+    const std::string caller_session = std::to_string(getsid(0));
+    for (const char* option : {"-d", "--daemon"}) {
+        ASSERT_EXIT(
+            {
+                parse({"-p", "7000", option, "-l", "error"});
+                char folder[64] = "";
+                say("port " + std::to_string(o.port) + ", level " + std::to_string(o.log.level) + ", in " +
+                    getcwd(folder, sizeof folder) +
+                    (std::to_string(getsid(0)) == caller_session ? ", old session" : ", new session") +
+                    (isatty(STDOUT_FILENO) != 0 ? ", terminal\n" : ", no terminal\n"));
+                _exit(3);
+            },
+            ExitedWithCode(0), "^$");
+    }
+    const std::string daemon_said = "port 7000, level 3, in /, new session, no terminal\n";
+    EXPECT_EQ(heard(), daemon_said + daemon_said);
+}
+
+TEST_F(OptionsDaemonDeathTest, WhatFollowsIsParsedInTheDaemonWhoseOutputGoesNowhere) {
+    EXPECT_EXIT(parse_and_show_output({"-dv"}), ExitedWithCode(0), text(Eq("")));
+    EXPECT_EXIT(parse_and_show_output({"-dh"}), ExitedWithCode(0), text(Eq("")));
+    EXPECT_EQ(heard(), "");
+}
+
+TEST_F(OptionsDaemonDeathTest, ADaemonThatCannotBeMadeEndsWithStatus0) {
+    EXPECT_EXIT(
+        {
+            const rlimit none = {}; /* not even for the null device */
+            setrlimit(RLIMIT_NOFILE, &none);
+            parse({"-d"});
+            say("went on");
+            _exit(3);
+        },
+        ExitedWithCode(0), "");
+    EXPECT_EQ(heard(), "");
+}

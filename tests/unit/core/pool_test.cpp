@@ -1,0 +1,414 @@
+#include "core/pool.h"
+
+#include <gtest/gtest.h>
+#include <malloc.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace {
+
+#define SKIP_WITHOUT_SLABS()                                                                                 \
+    if (POOL_OWN_BLOCKS)                                                                                     \
+    GTEST_SKIP() << "in this build every block is an allocation of its own, so there are no slabs"
+
+/* The device's figures, and those of a target with pointers of 8 bytes. */
+constexpr size_t on_target(size_t with_4_bytes, size_t with_8_bytes) {
+    return sizeof(void*) == 4 ? with_4_bytes : with_8_bytes;
+}
+
+/* Bytes that the C library has handed out. */
+size_t heap_in_use() {
+    return mallinfo2().uordblks;
+}
+
+void* first_word(const void* block) {
+    void* word;
+    memcpy(&word, block, sizeof word);
+    return word;
+}
+
+/* Takes blocks of one size from a class whose free list is empty at first, so that every block comes from a
+ * slab that was fetched for it. At the end the class has all its blocks back, those that other cases freed
+ * included. */
+class taken_blocks {
+  public:
+    explicit taken_blocks(size_t size)
+        : size_(size), class_(&pool_classes[(size + 3) >> 2]), freed_by_others_(class_->free) {
+        class_->free = nullptr;
+    }
+    ~taken_blocks() {
+        while (class_->free != nullptr) {
+            take();
+        }
+        class_->free = freed_by_others_;
+        for (void* block : blocks_) {
+            pool_free(block, size_);
+        }
+    }
+    taken_blocks(const taken_blocks&) = delete;
+    taken_blocks& operator=(const taken_blocks&) = delete;
+
+    char* take() {
+        const pool_link* newest = class_->slabs;
+        void* block = pool_alloc(size_);
+        took_slab_ = class_->slabs != newest;
+        blocks_.push_back(block);
+        return static_cast<char*>(block);
+    }
+
+    /* The first block of a slab that the pool has fetched for it. */
+    char* take_from_new_slab() {
+        while (class_->free != nullptr) {
+            take();
+        }
+        char* block = take();
+        EXPECT_TRUE(took_slab_);
+        return block;
+    }
+
+    bool took_slab() const {
+        return took_slab_;
+    }
+
+  private:
+    size_t size_;
+    pool_class* class_;
+    pool_link* freed_by_others_;
+    bool took_slab_ = false;
+    std::vector<void*> blocks_;
+};
+
+} // namespace
+
+TEST(Pool, SizeZeroGivesNoBlock) {
+    EXPECT_EQ(pool_alloc(0), nullptr);
+    EXPECT_EQ(pool_alloc_zeroed(0), nullptr);
+}
+
+TEST(Pool, TheLargestPooledSizeIs204) {
+    EXPECT_EQ(POOL_MAX_SIZE, 204u);
+}
+
+TEST(Pool, EveryBlockHasTheBytesItWasAskedFor) {
+    struct taken {
+        unsigned char* block;
+        size_t size;
+    };
+    std::vector<taken> all;
+    for (int round = 0; round < 3; round++) {
+        for (size_t size = 1; size <= 260; size++) {
+            unsigned char* block = static_cast<unsigned char*>(pool_alloc(size));
+            ASSERT_NE(block, nullptr);
+            memset(block, static_cast<int>((size + all.size()) & 0xff), size);
+            all.push_back({block, size});
+        }
+    }
+
+    for (size_t i = 0; i < all.size(); i++) {
+        for (size_t k = 0; k < all[i].size; k++) {
+            ASSERT_EQ(all[i].block[k], static_cast<unsigned char>((all[i].size + i) & 0xff))
+                << "byte " << k << " of block " << i << " was overwritten by another block";
+        }
+        pool_free(all[i].block, all[i].size);
+    }
+}
+
+TEST(Pool, BlocksAreAlignedToAPointer) {
+    for (size_t size = 1; size <= 210; size++) {
+        void* first = pool_alloc(size);
+        void* second = pool_alloc(size);
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(first) % sizeof(void*), 0u) << size;
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(second) % sizeof(void*), 0u) << size;
+        pool_free(first, size);
+        pool_free(second, size);
+    }
+}
+
+TEST(Pool, AZeroedBlockHoldsZeroBytesAlsoAfterReuse) {
+    const unsigned char zeroes[40] = {};
+    void* block = pool_alloc_zeroed(40);
+    EXPECT_EQ(memcmp(block, zeroes, 40), 0);
+    memset(block, 0xee, 40);
+    pool_free(block, 40);
+
+    void* again = pool_alloc_zeroed(40);
+
+    EXPECT_EQ(memcmp(again, zeroes, 40), 0);
+    pool_free(again, 40);
+}
+
+TEST(Pool, AZeroedBlockBeyondThePooledSizesHoldsZeroBytes) {
+    const std::vector<unsigned char> zeroes(1000);
+    void* block = pool_alloc_zeroed(1000);
+    EXPECT_EQ(memcmp(block, zeroes.data(), 1000), 0);
+    pool_free(block, 1000);
+}
+
+TEST(Pool, ANewRecordIsZeroedAlsoAfterReuse) {
+    struct record {
+        void* pointer;
+        uint32_t words[9];
+    };
+    record* first = pool_new<record>();
+    EXPECT_EQ(first->pointer, nullptr);
+    first->pointer = first;
+    memset(first->words, 0xee, sizeof first->words);
+    pool_delete(first);
+
+    record* second = pool_new<record>();
+
+    EXPECT_EQ(second->pointer, nullptr);
+    for (const uint32_t word : second->words) {
+        EXPECT_EQ(word, 0u);
+    }
+    if (!POOL_OWN_BLOCKS) {
+        EXPECT_EQ(second, first);
+    }
+    pool_delete(second);
+}
+
+TEST(Pool, TheBlockFreedLastIsHandedOutFirst) {
+    SKIP_WITHOUT_SLABS();
+    void* a = pool_alloc(24);
+    void* b = pool_alloc(24);
+    void* c = pool_alloc(24);
+    pool_free(a, 24);
+    pool_free(c, 24);
+    pool_free(b, 24);
+
+    EXPECT_EQ(pool_alloc(24), b);
+    EXPECT_EQ(pool_alloc(24), c);
+    EXPECT_EQ(pool_alloc(24), a);
+
+    pool_free(a, 24);
+    pool_free(b, 24);
+    pool_free(c, 24);
+}
+
+TEST(Pool, AFreeBlockLinksToTheNextInItsFirstWord) {
+    SKIP_WITHOUT_SLABS();
+    void* a = pool_alloc(24);
+    void* b = pool_alloc(24);
+    pool_free(a, 24);
+    pool_free(b, 24);
+    EXPECT_EQ(first_word(b), a);
+}
+
+TEST(Pool, ReuseTakesNothingFromTheHeap) {
+    SKIP_WITHOUT_SLABS();
+    void* warm = pool_alloc(60);
+    pool_free(warm, 60);
+    const size_t before = heap_in_use();
+
+    for (int i = 0; i < 1000; i++) {
+        pool_free(pool_alloc(60), 60);
+    }
+
+    EXPECT_EQ(heap_in_use(), before);
+}
+
+TEST(Pool, Sizes1And4ShareAClassAnd5IsInTheNext) {
+    SKIP_WITHOUT_SLABS();
+    void* block = pool_alloc(1);
+    pool_free(block, 1);
+    EXPECT_EQ(pool_alloc(4), block);
+    pool_free(block, 4);
+
+    void* other = pool_alloc(5);
+    EXPECT_NE(other, block);
+    EXPECT_EQ(pool_alloc(1), block);
+
+    pool_free(other, 5);
+    pool_free(block, 1);
+}
+
+TEST(Pool, EachStepOf4BytesIsAClassOfItsOwn) {
+    SKIP_WITHOUT_SLABS();
+    for (size_t largest = 4; largest <= 204; largest += 4) {
+        void* block = pool_alloc(largest);
+        pool_free(block, largest);
+        for (size_t size = largest - 3; size <= largest; size++) {
+            EXPECT_EQ(pool_alloc(size), block) << size;
+            pool_free(block, size);
+        }
+        if (largest < 204) {
+            void* larger = pool_alloc(largest + 1);
+            EXPECT_NE(larger, block) << largest;
+            pool_free(larger, largest + 1);
+        }
+    }
+}
+
+TEST(Pool, AWrongSizeFilesTheBlockUnderTheWrongClass) {
+    SKIP_WITHOUT_SLABS();
+    void* block = pool_alloc(64);
+    pool_free(block, 32);
+    EXPECT_EQ(pool_alloc(32), block);
+    pool_free(block, 64);
+}
+
+struct slab_figures {
+    size_t size;
+    size_t objsize;
+    size_t blocks;
+};
+
+class PoolSlab : public testing::TestWithParam<slab_figures> {};
+
+TEST_P(PoolSlab, IsCutIntoAsManyBlocksAsFitEndToEnd) {
+    SKIP_WITHOUT_SLABS();
+    const slab_figures& expected = GetParam();
+    taken_blocks blocks(expected.size);
+    char* first = blocks.take_from_new_slab();
+
+    for (size_t i = 1; i < expected.blocks; i++) {
+        EXPECT_EQ(blocks.take(), first + i * expected.objsize) << "block " << i;
+        EXPECT_FALSE(blocks.took_slab()) << "block " << i;
+    }
+
+    blocks.take();
+    EXPECT_TRUE(blocks.took_slab()) << "the slab holds more blocks than expected";
+}
+
+TEST_P(PoolSlab, ChainsItsBlocksInAddressOrderUpToANullLink) {
+    SKIP_WITHOUT_SLABS();
+    const slab_figures& expected = GetParam();
+    taken_blocks blocks(expected.size);
+    char* first = blocks.take_from_new_slab();
+
+    for (size_t i = 1; i + 1 < expected.blocks; i++) {
+        EXPECT_EQ(first_word(first + i * expected.objsize), first + (i + 1) * expected.objsize) << i;
+    }
+    EXPECT_EQ(first_word(first + (expected.blocks - 1) * expected.objsize), nullptr);
+}
+
+TEST_P(PoolSlab, IsOneAllocationOf2048BytesThatBeginsWithALink) {
+    SKIP_WITHOUT_SLABS();
+    taken_blocks blocks(GetParam().size);
+    char* first = blocks.take_from_new_slab();
+
+    void* slab = first - sizeof(void*);
+    EXPECT_EQ(pool_classes[(GetParam().size + 3) >> 2].slabs, slab);
+    EXPECT_GE(malloc_usable_size(slab), 2048u);
+    EXPECT_LT(malloc_usable_size(slab), 2048u + 32);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    OfSize, PoolSlab,
+    testing::Values(slab_figures{1, on_target(4, 8), on_target(511, 255)},
+                    slab_figures{4, on_target(4, 8), on_target(511, 255)}, slab_figures{5, 8, 255},
+                    slab_figures{8, 8, 255}, slab_figures{9, on_target(12, 16), on_target(170, 127)},
+                    slab_figures{16, 16, 127}, slab_figures{44, on_target(44, 48), on_target(46, 42)},
+                    slab_figures{97, on_target(100, 104), on_target(20, 19)}, slab_figures{104, 104, 19},
+                    slab_figures{196, on_target(196, 200), 10}, slab_figures{200, 200, 10},
+                    slab_figures{201, on_target(204, 208), on_target(10, 9)},
+                    slab_figures{204, on_target(204, 208), on_target(10, 9)}),
+    [](const auto& row) { return std::to_string(row.param.size); });
+
+TEST(Pool, AClassHasThreeWordsAndThereAre52) {
+    EXPECT_EQ(sizeof pool_classes / sizeof *pool_classes, 52u);
+    EXPECT_EQ(sizeof(pool_class), 3 * sizeof(void*));
+}
+
+TEST(Pool, TheBlockSizeOfAClassIsFourTimesItsIndexRoundedUpToAPointer) {
+    SKIP_WITHOUT_SLABS();
+    for (size_t index = 1; index <= 51; index++) {
+        pool_free(pool_alloc(4 * index), 4 * index);
+        const size_t expected = on_target(4 * index, index % 2 == 0 ? 4 * index : 4 * index + 4);
+        EXPECT_EQ(pool_classes[index].objsize, expected) << index;
+    }
+    EXPECT_EQ(pool_classes[0].objsize, 0u) << "the class of size 0 is never used";
+    EXPECT_EQ(pool_classes[0].slabs, nullptr);
+}
+
+TEST(Pool, AnEmptyFreeListIsNullAfterTheLastBlockOfASlab) {
+    SKIP_WITHOUT_SLABS();
+    taken_blocks blocks(188);
+    blocks.take_from_new_slab();
+    for (int i = 1; i < 10; i++) {
+        EXPECT_NE(pool_classes[47].free, nullptr);
+        blocks.take();
+    }
+    EXPECT_EQ(pool_classes[47].free, nullptr);
+}
+
+TEST(Pool, TheTwoNewestSlabsPointAtEachOther) {
+    SKIP_WITHOUT_SLABS();
+    taken_blocks blocks(180);
+    char* first = blocks.take_from_new_slab() - sizeof(void*);
+    char* second = blocks.take_from_new_slab() - sizeof(void*);
+    EXPECT_EQ(first_word(first), second);
+    EXPECT_EQ(first_word(second), first);
+
+    char* third = blocks.take_from_new_slab() - sizeof(void*);
+
+    EXPECT_EQ(first_word(first), second);
+    EXPECT_EQ(first_word(second), third);
+    EXPECT_EQ(first_word(third), second);
+}
+
+TEST(Pool, SlabsAreNeverGivenBackToTheSystem) {
+    SKIP_WITHOUT_SLABS();
+    std::vector<void*> blocks;
+    blocks.reserve(100);
+    for (int i = 0; i < 100; i++) {
+        blocks.push_back(pool_alloc(150));
+    }
+    const std::set<void*> taken(blocks.begin(), blocks.end());
+    const size_t before = heap_in_use();
+
+    for (void* block : blocks) {
+        pool_free(block, 150);
+    }
+
+    EXPECT_EQ(heap_in_use(), before);
+    for (void*& block : blocks) {
+        block = pool_alloc(150);
+    }
+    EXPECT_EQ(std::set<void*>(blocks.begin(), blocks.end()), taken);
+    for (void* block : blocks) {
+        pool_free(block, 150);
+    }
+}
+
+TEST(Pool, BlocksOf205BytesComeFromMalloc) {
+    void* block = pool_alloc(205);
+    EXPECT_GE(malloc_usable_size(block), 205u);
+    free(block);
+}
+
+TEST(Pool, BlocksOf205BytesGoBackToFree) {
+    pool_free(malloc(205), 205);
+    void* block = malloc(100000);
+    memset(block, 1, 100000);
+    pool_free(block, 100000);
+}
+
+TEST(Pool, ANullPointerMayBeFreedWithASizeAboveThePooledOnes) {
+    pool_free(nullptr, 205);
+    void* block = pool_alloc(205);
+    EXPECT_NE(block, nullptr);
+    pool_free(block, 205);
+}
+
+TEST(Pool, AnIntegerOf64BitsInARecordNeedsOnlyAlignmentTo4Bytes) {
+    struct record {
+        uint32_t before;
+        pool_int64 value;
+    };
+    EXPECT_EQ(offsetof(record, value), 4u);
+    EXPECT_EQ(alignof(record), 4u);
+}
+
+TEST(PoolDeathTest, ExhaustedMemoryEndsTheProcess) {
+    if (POOL_OWN_BLOCKS) {
+        GTEST_SKIP() << "the sanitizer reports a failed allocation itself";
+    }
+    EXPECT_EXIT(pool_alloc(SIZE_MAX / 2), testing::KilledBySignal(SIGABRT), "^out of memory\n");
+}
