@@ -44,8 +44,8 @@ int backend_init(int limit) {
             if (state.registered == nullptr) {
                 fault_no_memory();
             }
+            state.limit = limit;
         }
-        state.limit = limit;
     }
     return state.fd >= 0;
 }

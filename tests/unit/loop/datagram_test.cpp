@@ -1,0 +1,252 @@
+#include "loop/datagram.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <functional>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <stdlib.h>
+#include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+#include <vector>
+
+#include "loop/endpoint.h"
+#include "loop/loop.h"
+
+namespace {
+
+constexpr int LIMIT = 100;
+
+/* What the callback was given, and what it does with it. */
+std::vector<std::string> requests;
+std::function<void(datagram_server* s, buffer* reply)> on_request;
+
+void take_request(datagram_server* s, buffer* request, buffer* reply) {
+    EXPECT_EQ(request, loop_request_scratch());
+    EXPECT_EQ(reply, loop_reply_scratch());
+    EXPECT_EQ(reply->length, 0u);
+    requests.emplace_back(request->data, request->length);
+    if (on_request) {
+        on_request(s, reply);
+    }
+}
+
+void answer(buffer* reply, const std::string& bytes) {
+    buffer_append(reply, bytes.data(), static_cast<uint32_t>(bytes.size()));
+}
+
+int stop_the_loop(void*) {
+    loop_stop();
+    return 1;
+}
+
+struct Datagram : testing::TestWithParam<loop_backend> {
+    void SetUp() override {
+        requests.clear();
+        on_request = {};
+        ASSERT_NE(loop_init(LIMIT, GetParam()), 0);
+        s = datagram_open("127.0.0.1", 0, take_request);
+        ASSERT_NE(s, nullptr);
+        sockaddr_in bound = {};
+        socklen_t size = sizeof bound;
+        ASSERT_EQ(getsockname(s->fd, reinterpret_cast<sockaddr*>(&bound), &size), 0);
+        port = ntohs(bound.sin_port);
+        client = connect_client();
+    }
+
+    void TearDown() override {
+        if (s != nullptr) {
+            datagram_release(s);
+        }
+        for (const int fd : clients) {
+            close(fd);
+        }
+        on_request = {};
+    }
+
+    int connect_client() {
+        int fd = -1;
+        EXPECT_EQ(endpoint_connect_udp("127.0.0.1", port, &fd), 0);
+        clients.push_back(fd);
+        return fd;
+    }
+
+    static void send_from(int fd, const std::string& bytes) {
+        ASSERT_EQ(send(fd, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
+    }
+
+    static std::string receive(int fd) {
+        std::string bytes(70000, '\0');
+        const ssize_t size = recv(fd, bytes.data(), bytes.size(), MSG_DONTWAIT);
+        return size < 0 ? "nothing" : bytes.substr(0, static_cast<size_t>(size));
+    }
+
+    /* Runs until so many requests were taken, at most some seconds. One run a test. */
+    static void run_until(size_t count) {
+        const auto then = on_request;
+        on_request = [=](datagram_server* server, buffer* reply) {
+            if (then) {
+                then(server, reply);
+            }
+            if (requests.size() == count) {
+                loop_stop();
+            }
+        };
+        loop_add_timer(3000, stop_the_loop, nullptr);
+        loop_run();
+    }
+
+    datagram_server* s = nullptr;
+    int port = 0;
+    int client = -1;
+    std::vector<int> clients;
+};
+
+INSTANTIATE_TEST_SUITE_P(Backends, Datagram, testing::Values(LOOP_SELECT, LOOP_EPOLL),
+                         [](const auto& backend) {
+                             return backend.param == LOOP_EPOLL ? "epoll" : "select";
+                         });
+
+TEST_P(Datagram, TheCallbacksReplyGoesBackToTheSender) {
+    on_request = [&](datagram_server* called, buffer* reply) {
+        EXPECT_EQ(called, s);
+        answer(reply, "reply to " + requests.back());
+    };
+    const int other = connect_client();
+    send_from(client, "one");
+    send_from(other, "two");
+    run_until(2);
+    EXPECT_EQ(requests, (std::vector<std::string>{"one", "two"}));
+    EXPECT_EQ(receive(client), "reply to one");
+    EXPECT_EQ(receive(other), "reply to two");
+}
+
+TEST_P(Datagram, WithoutReplyNothingIsSent) {
+    send_from(client, "one");
+    run_until(1);
+    EXPECT_EQ(receive(client), "nothing");
+}
+
+TEST_P(Datagram, EachDatagramIsARequestOfItsOwn) {
+    send_from(client, "a longer one comes first");
+    send_from(client, "b");
+    send_from(client, std::string("c\0c", 3));
+    run_until(3);
+    EXPECT_EQ(requests, (std::vector<std::string>{"a longer one comes first", "b", std::string("c\0c", 3)}));
+}
+
+TEST_P(Datagram, ALargeDatagramIsTakenAndAnsweredWhole) {
+    std::string bytes;
+    for (int i = 0; i < 60000; i++) {
+        bytes += static_cast<char>(i % 251);
+    }
+    on_request = [&](datagram_server*, buffer* reply) { answer(reply, bytes); };
+    send_from(client, bytes);
+    run_until(1);
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_TRUE(requests[0] == bytes);
+    EXPECT_TRUE(receive(client) == bytes);
+}
+
+TEST_P(Datagram, TheScratchBuffersAreEmptiedAfterwards) {
+    on_request = [](datagram_server*, buffer* reply) { answer(reply, "reply"); };
+    send_from(client, "request");
+    run_until(1);
+    EXPECT_EQ(requests.size(), 1u);
+    EXPECT_EQ(loop_request_scratch()->length, 0u);
+    EXPECT_EQ(loop_reply_scratch()->length, 0u);
+}
+
+TEST_P(Datagram, AnEmptyDatagramIsNoRequestAndHidesNoneBehindIt) {
+    send_from(client, "");
+    send_from(client, "");
+    send_from(client, "behind");
+    run_until(1);
+    EXPECT_EQ(requests, (std::vector<std::string>{"behind"}));
+    EXPECT_EQ(loop_request_scratch()->length, 0u);
+}
+
+TEST_P(Datagram, MayListenOnAPath) {
+    std::string folder = testing::TempDir() + "tessard-datagram-XXXXXX";
+    ASSERT_NE(mkdtemp(folder.data()), nullptr);
+    const std::string path = folder + "/server";
+    const std::string own = folder + "/client";
+    datagram_server* local = datagram_open(path.c_str(), 0, take_request);
+    ASSERT_NE(local, nullptr);
+    on_request = [](datagram_server*, buffer* reply) { answer(reply, "reply"); };
+
+    const int sender = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    clients.push_back(sender);
+    endpoint_address address;
+    endpoint_parse(own.c_str(), 0, &address);
+    ASSERT_EQ(bind(sender, &address.any, endpoint_length(&address)), 0);
+    endpoint_parse(path.c_str(), 0, &address);
+    ASSERT_EQ(connect(sender, &address.any, endpoint_length(&address)), 0);
+    send_from(sender, "request");
+    run_until(1);
+    EXPECT_EQ(receive(sender), "reply");
+
+    datagram_release(local);
+    unlink(path.c_str());
+    unlink(own.c_str());
+    rmdir(folder.c_str());
+}
+
+TEST_P(Datagram, AReplyThatNobodyCanReceiveIsLost) {
+    std::string path = testing::TempDir() + "tessard-datagram-XXXXXX";
+    close(mkstemp(path.data()));
+    datagram_server* local = datagram_open(path.c_str(), 0, take_request);
+    ASSERT_NE(local, nullptr);
+    on_request = [](datagram_server*, buffer* reply) { answer(reply, "reply"); };
+    const int sender = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0); /* without an address of its own */
+    clients.push_back(sender);
+    endpoint_address address;
+    endpoint_parse(path.c_str(), 0, &address);
+    ASSERT_EQ(connect(sender, &address.any, endpoint_length(&address)), 0);
+    send_from(sender, "one");
+    send_from(sender, "two");
+    run_until(2);
+    EXPECT_EQ(requests, (std::vector<std::string>{"one", "two"}));
+    EXPECT_EQ(loop_reply_scratch()->length, 0u);
+    datagram_release(local);
+    unlink(path.c_str());
+}
+
+TEST_P(Datagram, ListensWithoutBlockingAndIsCloseOnExec) {
+    EXPECT_TRUE(loop_has_handler(s->fd));
+    EXPECT_EQ(s->callback, take_request);
+    EXPECT_NE(fcntl(s->fd, F_GETFL) & O_NONBLOCK, 0);
+    EXPECT_EQ(fcntl(s->fd, F_GETFD), FD_CLOEXEC);
+}
+
+TEST_P(Datagram, AnAddressThatCannotBeListenedOnGivesNull) {
+    EXPECT_EQ(datagram_open("localhost", 0, take_request), nullptr);
+    EXPECT_EQ(datagram_open("/dev/null/s", 0, take_request), nullptr);
+}
+
+TEST_P(Datagram, ReleaseStopsListening) {
+    const int fd = s->fd;
+    datagram_release(s);
+    s = nullptr;
+    EXPECT_FALSE(loop_has_handler(fd));
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+}
+
+TEST_P(Datagram, MayBeReleasedFromItsCallback) {
+    on_request = [&](datagram_server* called, buffer* reply) {
+        answer(reply, "too late");
+        datagram_release(called);
+        s = nullptr;
+    };
+    send_from(client, "request");
+    send_from(client, "one more");
+    run_until(1);
+    EXPECT_EQ(requests, (std::vector<std::string>{"request"}));
+    EXPECT_EQ(loop_request_scratch()->length, 0u);
+    EXPECT_EQ(loop_reply_scratch()->length, 0u);
+}
+
+} // namespace

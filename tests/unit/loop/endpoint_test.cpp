@@ -1,0 +1,641 @@
+#include "loop/endpoint.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <functional>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <string.h>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+#include "loop/loop.h"
+
+namespace {
+
+constexpr int LIMIT = 100;
+
+/* A folder of the test's own, removed with everything in it. */
+struct folder {
+    folder() : path(testing::TempDir() + "tessard-endpoint-XXXXXX") {
+        EXPECT_NE(mkdtemp(path.data()), nullptr);
+    }
+
+    ~folder() {
+        for (const std::string& file : files) {
+            unlink(file.c_str());
+        }
+        rmdir(path.c_str());
+    }
+
+    folder(const folder&) = delete;
+    folder& operator=(const folder&) = delete;
+
+    /* A path in the folder, filled up with "x" to `length` bytes when that is given. */
+    std::string file(const std::string& name, size_t length = 0) {
+        std::string full = path + "/" + name;
+        if (full.size() < length) {
+            full.append(length - full.size(), 'x');
+        }
+        files.push_back(full);
+        return full;
+    }
+
+    std::string path;
+    std::vector<std::string> files;
+};
+
+/* A descriptor that is closed with the test. */
+struct descriptor {
+    explicit descriptor(int number) : fd(number) {}
+    ~descriptor() {
+        if (fd >= 0) {
+            close(fd);
+        }
+    }
+    descriptor(const descriptor&) = delete;
+    descriptor& operator=(const descriptor&) = delete;
+
+    int fd;
+};
+
+/* The number that the next descriptor of the process gets: what leaks, raises it. */
+int next_descriptor() {
+    const int fd = dup(STDOUT_FILENO);
+    close(fd);
+    return fd;
+}
+
+bool exists(const std::string& path) {
+    struct stat status;
+    return lstat(path.c_str(), &status) == 0;
+}
+
+void create_file(const std::string& path) {
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    ASSERT_GE(fd, 0);
+    close(fd);
+}
+
+int port_of(int fd) {
+    endpoint_address address = {};
+    socklen_t size = sizeof address;
+    EXPECT_EQ(getsockname(fd, &address.any, &size), 0);
+    return ntohs(address.ipv4.sin_port);
+}
+
+int int_option(int fd, int option) {
+    int value = -1;
+    socklen_t size = sizeof value;
+    EXPECT_EQ(getsockopt(fd, SOL_SOCKET, option, &value, &size), 0);
+    return value;
+}
+
+bool is_nonblocking(int fd) {
+    return (fcntl(fd, F_GETFL) & O_NONBLOCK) != 0;
+}
+
+bool is_close_on_exec(int fd) {
+    return (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0;
+}
+
+/* A port of 127.0.0.1 on which nothing listens. */
+int closed_port() {
+    const descriptor listener(endpoint_listen_stream("127.0.0.1", 0));
+    return port_of(listener.fd);
+}
+
+/* Garbage, so that whatever parsing leaves out is seen. */
+endpoint_address filled_address() {
+    endpoint_address address;
+    memset(static_cast<void*>(&address), 0xa5, sizeof address);
+    return address;
+}
+
+/* The address rule. */
+
+TEST(EndpointParse, ATextWithASlashIsAUnixPathWhateverThePort) {
+    endpoint_address address = filled_address();
+    EXPECT_EQ(endpoint_parse("/tmp/x.sock", 80, &address), 1);
+    EXPECT_EQ(address.any.sa_family, AF_UNIX);
+    EXPECT_STREQ(address.local.sun_path, "/tmp/x.sock");
+    EXPECT_EQ(endpoint_length(&address), 110u);
+}
+
+TEST(EndpointParse, ASlashWinsOverAColonAndOverDigits) {
+    endpoint_address address;
+    EXPECT_EQ(endpoint_parse("run:1/s", 1, &address), 1);
+    EXPECT_EQ(address.any.sa_family, AF_UNIX);
+    EXPECT_STREQ(address.local.sun_path, "run:1/s");
+    EXPECT_EQ(endpoint_parse("127.0.0.1/", 1, &address), 1);
+    EXPECT_EQ(address.any.sa_family, AF_UNIX);
+}
+
+TEST(EndpointParse, APathIsCutAt107Bytes) {
+    for (const size_t length : {106u, 107u, 108u, 109u, 300u}) {
+        const std::string path = "/" + std::string(length - 1, 'p');
+        endpoint_address address = filled_address();
+        EXPECT_EQ(endpoint_parse(path.c_str(), 0, &address), 1);
+        EXPECT_EQ(std::string(address.local.sun_path, strnlen(address.local.sun_path, 108)),
+                  path.substr(0, 107))
+            << length;
+    }
+}
+
+TEST(EndpointParse, ASlashBehindTheCutStillMakesAPath) {
+    const std::string path = std::string(120, 'p') + "/";
+    endpoint_address address;
+    EXPECT_EQ(endpoint_parse(path.c_str(), 0, &address), 1);
+    EXPECT_EQ(address.any.sa_family, AF_UNIX);
+}
+
+TEST(EndpointParse, ATextWithAColonIsAnIPv6Address) {
+    endpoint_address address = filled_address();
+    EXPECT_EQ(endpoint_parse("::1", 80, &address), 1);
+    EXPECT_EQ(address.any.sa_family, AF_INET6);
+    EXPECT_EQ(memcmp(&address.ipv6.sin6_addr, &in6addr_loopback, sizeof in6addr_loopback), 0);
+    EXPECT_EQ(address.ipv6.sin6_flowinfo, 0u);
+    EXPECT_EQ(address.ipv6.sin6_scope_id, 0u);
+    EXPECT_EQ(ntohs(address.ipv6.sin6_port), 80);
+    EXPECT_EQ(endpoint_length(&address), 28u);
+}
+
+TEST(EndpointParse, AnyOtherTextIsAnIPv4Address) {
+    endpoint_address address = filled_address();
+    EXPECT_EQ(endpoint_parse("127.0.0.1", 8080, &address), 1);
+    EXPECT_EQ(address.any.sa_family, AF_INET);
+    const unsigned char ip[] = {127, 0, 0, 1};
+    EXPECT_EQ(memcmp(&address.ipv4.sin_addr, ip, sizeof ip), 0);
+    const unsigned char port[] = {0x1f, 0x90};
+    EXPECT_EQ(memcmp(&address.ipv4.sin_port, port, sizeof port), 0);
+    EXPECT_EQ(endpoint_length(&address), 16u);
+}
+
+TEST(EndpointParse, NamesAndMalformedAddressesFail) {
+    endpoint_address address;
+    for (const char* text :
+         {"localhost", "LOCALHOST", "", " ", "256.0.0.1", "127.0.0.1 ", " 127.0.0.1", "127.1", "127.0.0.1:80",
+          ":", ":::", "::1%lo", "[::1]", "12345::", "example.org"}) {
+        EXPECT_EQ(endpoint_parse(text, 80, &address), 0) << '"' << text << '"';
+    }
+}
+
+TEST(EndpointParse, APortKeepsItsLower16Bits) {
+    endpoint_address address;
+    EXPECT_EQ(endpoint_parse("127.0.0.1", 65535, &address), 1);
+    EXPECT_EQ(ntohs(address.ipv4.sin_port), 65535);
+    EXPECT_EQ(endpoint_parse("127.0.0.1", 65536 + 80, &address), 1);
+    EXPECT_EQ(ntohs(address.ipv4.sin_port), 80);
+}
+
+TEST(EndpointIsPath, LooksForASlashAnywhere) {
+    EXPECT_TRUE(endpoint_is_path("/tmp/s"));
+    EXPECT_TRUE(endpoint_is_path("./s"));
+    EXPECT_TRUE(endpoint_is_path("s/"));
+    EXPECT_FALSE(endpoint_is_path("127.0.0.1"));
+    EXPECT_FALSE(endpoint_is_path("::1"));
+    EXPECT_FALSE(endpoint_is_path(""));
+}
+
+/* Addresses as text. */
+
+struct formatted {
+    std::string text;
+    int port;
+};
+
+formatted format(const endpoint_address& address) {
+    char text[ENDPOINT_TEXT_SIZE];
+    memset(text, '#', sizeof text);
+    formatted result = {"", -1};
+    endpoint_format(&address, text, &result.port);
+    result.text = text;
+    return result;
+}
+
+formatted parse_and_format(const char* text, int port) {
+    endpoint_address address;
+    EXPECT_EQ(endpoint_parse(text, port, &address), 1) << text;
+    return format(address);
+}
+
+TEST(EndpointFormat, AUnixPathHasPortZero) {
+    const formatted result = parse_and_format("/tmp/x.sock", 80);
+    EXPECT_EQ(result.text, "/tmp/x.sock");
+    EXPECT_EQ(result.port, 0);
+}
+
+TEST(EndpointFormat, AUnixPathThatFillsItsFieldIsCutAt107Bytes) {
+    endpoint_address address = {};
+    address.local.sun_family = AF_UNIX;
+    memset(address.local.sun_path, 'p', sizeof address.local.sun_path);
+    EXPECT_EQ(format(address).text, std::string(107, 'p'));
+}
+
+TEST(EndpointFormat, InternetAddressesComeWithThePortInHostOrder) {
+    formatted result = parse_and_format("192.168.100.200", 8080);
+    EXPECT_EQ(result.text, "192.168.100.200");
+    EXPECT_EQ(result.port, 8080);
+    result = parse_and_format("::1", 65535);
+    EXPECT_EQ(result.text, "::1");
+    EXPECT_EQ(result.port, 65535);
+}
+
+TEST(EndpointFormat, TheLongestIPv6AddressFits) {
+    EXPECT_EQ(parse_and_format("1111:2222:3333:4444:5555:6666:7777:8888", 1).text,
+              "1111:2222:3333:4444:5555:6666:7777:8888");
+    EXPECT_EQ(parse_and_format("::ffff:255.255.255.255", 1).text, "::ffff:255.255.255.255");
+}
+
+/* Listening. */
+
+TEST(EndpointListen, AStreamListenerIsNonBlockingReusableCloseOnExecAndListens) {
+    const descriptor listener(endpoint_listen_stream("127.0.0.1", 0));
+    ASSERT_GE(listener.fd, 0);
+    EXPECT_EQ(int_option(listener.fd, SO_TYPE), SOCK_STREAM);
+    EXPECT_EQ(int_option(listener.fd, SO_ACCEPTCONN), 1);
+    EXPECT_EQ(int_option(listener.fd, SO_REUSEADDR), 1);
+    EXPECT_TRUE(is_nonblocking(listener.fd));
+    EXPECT_TRUE(is_close_on_exec(listener.fd));
+}
+
+TEST(EndpointListen, AnIPv6ListenerIsBoundToItsAddressAndPort) {
+    const descriptor listener(endpoint_listen_stream("::1", 0));
+    if (listener.fd < 0) {
+        GTEST_SKIP() << "this machine has no IPv6 loopback address";
+    }
+    endpoint_address address = {};
+    socklen_t size = sizeof address;
+    ASSERT_EQ(getsockname(listener.fd, &address.any, &size), 0);
+    EXPECT_EQ(format(address).text, "::1");
+    EXPECT_GT(format(address).port, 0);
+}
+
+TEST(EndpointListen, AUnixListenerRemovesAStaleSocketFileFirst) {
+    folder there;
+    const std::string path = there.file("s");
+    const descriptor stale(endpoint_listen_local(path.c_str()));
+    ASSERT_GE(stale.fd, 0);
+    const descriptor listener(endpoint_listen_local(path.c_str()));
+    ASSERT_GE(listener.fd, 0);
+    int client;
+    EXPECT_EQ(endpoint_connect_local(path.c_str(), &client), 0);
+    const descriptor connected(client);
+    const descriptor accepted(accept(listener.fd, nullptr, nullptr));
+    EXPECT_GE(accepted.fd, 0);
+}
+
+TEST(EndpointListen, AUnixListenerRemovesAnyFileInItsPlace) {
+    folder there;
+    const std::string path = there.file("s");
+    create_file(path);
+    const descriptor listener(endpoint_listen_stream(path.c_str(), 80));
+    EXPECT_GE(listener.fd, 0);
+    struct stat status;
+    ASSERT_EQ(stat(path.c_str(), &status), 0);
+    EXPECT_TRUE(S_ISSOCK(status.st_mode));
+}
+
+TEST(EndpointListen, ALongPathIsUnlinkedAndBoundWhereItIsCut) {
+    folder there;
+    const std::string cut = there.file("s", 107);
+    const std::string whole = there.file("s", 140);
+    create_file(cut);
+    create_file(whole);
+    const descriptor listener(endpoint_listen_local(whole.c_str()));
+    ASSERT_GE(listener.fd, 0);
+    struct stat status;
+    ASSERT_EQ(stat(cut.c_str(), &status), 0);
+    EXPECT_TRUE(S_ISSOCK(status.st_mode));
+    ASSERT_EQ(stat(whole.c_str(), &status), 0);
+    EXPECT_TRUE(S_ISREG(status.st_mode));
+}
+
+TEST(EndpointListen, TheBacklogIs128) {
+    folder there;
+    const std::string path = there.file("s");
+    const descriptor listener(endpoint_listen_local(path.c_str()));
+    ASSERT_GE(listener.fd, 0);
+    endpoint_address address;
+    endpoint_parse(path.c_str(), 0, &address);
+    std::vector<int> waiting;
+    while (waiting.size() < 1000) {
+        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+        ASSERT_GE(fd, 0);
+        if (connect(fd, &address.any, endpoint_length(&address)) < 0) {
+            EXPECT_EQ(errno, EAGAIN);
+            close(fd);
+            break;
+        }
+        waiting.push_back(fd);
+    }
+    EXPECT_EQ(waiting.size(), 129u); /* the kernel refuses once more than the backlog are waiting */
+    for (const int fd : waiting) {
+        close(fd);
+    }
+}
+
+TEST(EndpointListen, ADatagramListenerIsBoundAndNonBlocking) {
+    const descriptor listener(endpoint_listen_datagram("127.0.0.1", 0));
+    ASSERT_GE(listener.fd, 0);
+    EXPECT_EQ(int_option(listener.fd, SO_TYPE), SOCK_DGRAM);
+    EXPECT_EQ(int_option(listener.fd, SO_REUSEADDR), 1);
+    EXPECT_GT(port_of(listener.fd), 0);
+    EXPECT_TRUE(is_nonblocking(listener.fd));
+    EXPECT_TRUE(is_close_on_exec(listener.fd));
+}
+
+TEST(EndpointListen, ADatagramListenerMayHaveAPath) {
+    folder there;
+    const std::string path = there.file("s");
+    const descriptor listener(endpoint_listen_datagram(path.c_str(), 0));
+    EXPECT_GE(listener.fd, 0);
+    EXPECT_TRUE(exists(path));
+}
+
+TEST(EndpointListen, AnAddressThatDoesNotParseFails) {
+    EXPECT_LT(endpoint_listen_stream("localhost", 0), 0);
+    EXPECT_LT(endpoint_listen_datagram("localhost", 0), 0);
+    EXPECT_LT(endpoint_listen("1.2.3", 0, SOCK_STREAM), 0);
+}
+
+TEST(EndpointListen, AFailedBindLeavesNoDescriptorBehind) {
+    folder there;
+    const descriptor listener(endpoint_listen_stream("127.0.0.1", 0));
+    const int before = next_descriptor();
+    EXPECT_EQ(endpoint_listen_stream("127.0.0.1", port_of(listener.fd)), -1);
+    EXPECT_EQ(endpoint_listen_local((there.path + "/missing/s").c_str()), -1);
+    EXPECT_EQ(next_descriptor(), before);
+}
+
+TEST(EndpointUnlink, RemovesWhatListeningWouldBind) {
+    folder there;
+    const std::string cut = there.file("s", 107);
+    create_file(cut);
+    endpoint_unlink((cut + "more").c_str());
+    EXPECT_FALSE(exists(cut));
+    endpoint_unlink(cut.c_str()); /* nothing there: no harm */
+}
+
+/* Connecting. */
+
+TEST(EndpointConnectLocal, ConnectsABlockingStream) {
+    folder there;
+    const std::string path = there.file("s");
+    const descriptor listener(endpoint_listen_local(path.c_str()));
+    int fd = -7;
+    EXPECT_EQ(endpoint_connect_local(path.c_str(), &fd), 0);
+    const descriptor connected(fd);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(int_option(fd, SO_TYPE), SOCK_STREAM);
+    EXPECT_FALSE(is_nonblocking(fd));
+    EXPECT_TRUE(is_close_on_exec(fd));
+}
+
+TEST(EndpointConnectLocal, AFailureIsReportedAndLeavesNoDescriptor) {
+    folder there;
+    const std::string path = there.file("s");
+    const int before = next_descriptor();
+    int fd = -7;
+    EXPECT_EQ(endpoint_connect_local(path.c_str(), &fd), ENOENT);
+    EXPECT_EQ(fd, -1);
+    create_file(path);
+    fd = -7;
+    EXPECT_EQ(endpoint_connect_local(path.c_str(), &fd), ECONNREFUSED);
+    EXPECT_EQ(fd, -1);
+    EXPECT_EQ(next_descriptor(), before);
+}
+
+TEST(EndpointConnectLocal, APathIsCutAt108Bytes) {
+    folder there;
+    const std::string path = there.file("s", 108);
+    endpoint_address address = {};
+    address.local.sun_family = AF_UNIX;
+    memcpy(address.local.sun_path, path.data(), 108);
+    const descriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(bind(listener.fd, &address.any, sizeof address.local), 0);
+    ASSERT_EQ(listen(listener.fd, 1), 0);
+    int fd = -7;
+    EXPECT_EQ(endpoint_connect_local((path + "more").c_str(), &fd), 0);
+    const descriptor connected(fd);
+    EXPECT_GE(fd, 0);
+}
+
+TEST(EndpointConnectTcp, LocalhostInAnyCaseMeansTheLoopbackAddress) {
+    const descriptor listener(endpoint_listen_stream("127.0.0.1", 0));
+    for (const char* host : {"localhost", "LocalHost", "LOCALHOST", "127.0.0.1"}) {
+        int fd = -7;
+        EXPECT_EQ(endpoint_connect_tcp(host, port_of(listener.fd), false, &fd), 0) << host;
+        const descriptor connected(fd);
+        ASSERT_GE(fd, 0);
+        EXPECT_FALSE(is_nonblocking(fd));
+        EXPECT_TRUE(is_close_on_exec(fd));
+    }
+}
+
+TEST(EndpointConnectTcp, AHostThatDoesNotParseGivesEINVAL) {
+    for (const char* host : {"::1", "example.org", "", "/tmp/s", "localhost "}) {
+        int fd = -7;
+        EXPECT_EQ(endpoint_connect_tcp(host, 80, false, &fd), EINVAL) << host;
+        EXPECT_EQ(fd, -1);
+    }
+}
+
+TEST(EndpointConnectTcp, ARefusalIsReportedAndLeavesNoDescriptor) {
+    const int port = closed_port();
+    const int before = next_descriptor();
+    int fd = -7;
+    EXPECT_EQ(endpoint_connect_tcp("localhost", port, false, &fd), ECONNREFUSED);
+    EXPECT_EQ(fd, -1);
+    EXPECT_EQ(next_descriptor(), before);
+}
+
+TEST(EndpointConnectTcp, WithoutBlockingAConnectionInTheMakingKeepsItsDescriptor) {
+    const descriptor listener(endpoint_listen_stream("127.0.0.1", 0));
+    int fd = -7;
+    EXPECT_EQ(endpoint_connect_tcp("localhost", port_of(listener.fd), true, &fd), EINPROGRESS);
+    const descriptor connected(fd);
+    ASSERT_GE(fd, 0);
+    EXPECT_TRUE(is_nonblocking(fd));
+}
+
+TEST(EndpointConnectUdp, ConnectsABlockingDatagramSocket) {
+    const descriptor receiver(endpoint_listen_datagram("127.0.0.1", 0));
+    int fd = -7;
+    EXPECT_EQ(endpoint_connect_udp("LOCALHOST", port_of(receiver.fd), &fd), 0);
+    const descriptor connected(fd);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(int_option(fd, SO_TYPE), SOCK_DGRAM);
+    EXPECT_FALSE(is_nonblocking(fd));
+    EXPECT_TRUE(is_close_on_exec(fd));
+    EXPECT_EQ(send(fd, "hello", 5, 0), 5);
+    char bytes[16];
+    EXPECT_EQ(recv(receiver.fd, bytes, sizeof bytes, 0), 5);
+}
+
+TEST(EndpointConnectUdp, AHostThatDoesNotParseGivesEINVAL) {
+    int fd = -7;
+    EXPECT_EQ(endpoint_connect_udp("::1", 80, &fd), EINVAL);
+    EXPECT_EQ(fd, -1);
+}
+
+/* Connecting with a callback. */
+
+struct outcome {
+    int calls;
+    int fd;
+    int error;
+};
+
+void on_connected(int fd, int error, void* argument) {
+    outcome* o = static_cast<outcome*>(argument);
+    o->calls++;
+    o->fd = fd;
+    o->error = error;
+    loop_stop();
+}
+
+int stop_the_loop(void*) {
+    loop_stop();
+    return 1;
+}
+
+struct EndpointConnectAsync : testing::TestWithParam<loop_backend> {
+    void SetUp() override {
+        ASSERT_NE(loop_init(LIMIT, GetParam()), 0);
+    }
+
+    /* Runs until the callback was called, at most some seconds. */
+    void run() {
+        loop_add_timer(5000, stop_the_loop, nullptr);
+        loop_run();
+    }
+
+    outcome result = {0, -7, -7};
+};
+
+INSTANTIATE_TEST_SUITE_P(Backends, EndpointConnectAsync, testing::Values(LOOP_SELECT, LOOP_EPOLL),
+                         [](const auto& backend) {
+                             return backend.param == LOOP_EPOLL ? "epoll" : "select";
+                         });
+
+TEST_P(EndpointConnectAsync, AnAddressThatDoesNotParseGivesZeroAndNoCall) {
+    EXPECT_EQ(endpoint_connect_async("localhost", 80, on_connected, &result), 0);
+    EXPECT_EQ(result.calls, 0);
+}
+
+TEST_P(EndpointConnectAsync, AnImmediateSuccessIsReportedAtOnce) {
+    folder there;
+    const std::string path = there.file("s");
+    const descriptor listener(endpoint_listen_local(path.c_str()));
+    EXPECT_EQ(endpoint_connect_async(path.c_str(), 0, on_connected, &result), 1);
+    const descriptor connected(result.fd);
+    EXPECT_EQ(result.calls, 1);
+    EXPECT_EQ(result.error, 0);
+    ASSERT_GE(result.fd, 0);
+    EXPECT_TRUE(is_nonblocking(result.fd));
+    EXPECT_TRUE(is_close_on_exec(result.fd));
+    EXPECT_FALSE(loop_has_handler(result.fd));
+}
+
+TEST_P(EndpointConnectAsync, AnImmediateFailureIsReportedAtOnceWithItsErrorNumber) {
+    folder there;
+    const int before = next_descriptor();
+    EXPECT_EQ(endpoint_connect_async(there.file("s").c_str(), 0, on_connected, &result), 1);
+    EXPECT_EQ(result.calls, 1);
+    EXPECT_EQ(result.fd, -1);
+    EXPECT_EQ(result.error, ENOENT);
+    EXPECT_EQ(next_descriptor(), before);
+}
+
+TEST_P(EndpointConnectAsync, AConnectionIsReportedWhenItBecomesWritable) {
+    const descriptor listener(endpoint_listen_stream("127.0.0.1", 0));
+    EXPECT_EQ(endpoint_connect_async("127.0.0.1", port_of(listener.fd), on_connected, &result), 1);
+    EXPECT_EQ(result.calls, 0);
+    run();
+    const descriptor connected(result.fd);
+    EXPECT_EQ(result.calls, 1);
+    EXPECT_EQ(result.error, 0);
+    ASSERT_GE(result.fd, 0);
+    EXPECT_FALSE(loop_has_handler(result.fd));
+    EXPECT_EQ(send(result.fd, "x", 1, MSG_NOSIGNAL), 1);
+}
+
+TEST_P(EndpointConnectAsync, AClosedLocalPortIsReportedAsUnreachable) {
+    const int port = closed_port();
+    const int fd = next_descriptor();
+    EXPECT_EQ(endpoint_connect_async("127.0.0.1", port, on_connected, &result), 1);
+    EXPECT_EQ(result.calls, 0);
+    run();
+    EXPECT_EQ(result.calls, 1);
+    EXPECT_EQ(result.fd, -1);
+    EXPECT_EQ(result.error, EHOSTUNREACH);
+    EXPECT_FALSE(loop_has_handler(fd));
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+}
+
+TEST_P(EndpointConnectAsync, AReadableEventIsTakenForAFailureEvenWhenThePeerOnlySpokeFirst) {
+    const descriptor listener(endpoint_listen_stream("127.0.0.1", 0));
+    const int fd = next_descriptor();
+    EXPECT_EQ(endpoint_connect_async("127.0.0.1", port_of(listener.fd), on_connected, &result), 1);
+    endpoint_set_nonblocking(listener.fd);
+    int client = -1;
+    for (int i = 0; i < 500 && client < 0; i++) {
+        client = accept(listener.fd, nullptr, nullptr);
+        usleep(client < 0 ? 1000 : 0);
+    }
+    const descriptor accepted(client);
+    ASSERT_EQ(send(client, "welcome", 7, MSG_NOSIGNAL), 7);
+    for (int i = 0; i < 500 && endpoint_bytes_readable(fd) < 7; i++) {
+        usleep(1000);
+    }
+    run();
+    EXPECT_EQ(result.calls, 1);
+    EXPECT_EQ(result.fd, -1);
+    EXPECT_EQ(result.error, EHOSTUNREACH);
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+}
+
+/* Flags, counts and the rest. */
+
+TEST(EndpointFlags, AreAddedToThoseThatAreThere) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const descriptor in(ends[0]);
+    const descriptor out(ends[1]);
+    ASSERT_EQ(fcntl(ends[1], F_SETFL, O_APPEND), 0);
+    EXPECT_EQ(endpoint_set_nonblocking(ends[1]), 0);
+    EXPECT_TRUE(is_nonblocking(ends[1]));
+    EXPECT_NE(fcntl(ends[1], F_GETFL) & O_APPEND, 0);
+    EXPECT_FALSE(is_close_on_exec(ends[1]));
+    EXPECT_EQ(endpoint_set_cloexec(ends[1]), 0);
+    EXPECT_TRUE(is_close_on_exec(ends[1]));
+}
+
+TEST(EndpointFlags, FailOnADescriptorThatIsNotOpen) {
+    const int fd = next_descriptor();
+    EXPECT_LT(endpoint_set_nonblocking(fd), 0);
+    EXPECT_LT(endpoint_set_cloexec(fd), 0);
+}
+
+TEST(EndpointBytesReadable, CountsWhatWaits) {
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    const descriptor in(ends[0]);
+    const descriptor out(ends[1]);
+    EXPECT_EQ(endpoint_bytes_readable(ends[0]), 0);
+    ASSERT_EQ(write(ends[1], "hello", 5), 5);
+    EXPECT_EQ(endpoint_bytes_readable(ends[0]), 5);
+    EXPECT_EQ(endpoint_bytes_readable(next_descriptor()), -1);
+}
+
+TEST(EndpointIsLocalHost, EveryHostIsThisMachine) {
+    EXPECT_TRUE(endpoint_is_local_host("localhost"));
+    EXPECT_TRUE(endpoint_is_local_host("192.0.2.1"));
+    EXPECT_TRUE(endpoint_is_local_host(""));
+}
+
+} // namespace

@@ -1,0 +1,411 @@
+#include "loop/server.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <string>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <vector>
+
+#include "core/pool.h"
+#include "loop/connection.h"
+#include "loop/endpoint.h"
+#include "loop/loop.h"
+
+namespace {
+
+constexpr int LIMIT = 100;
+
+int closes;
+int closed_with;
+std::vector<connection*> accepted;
+std::vector<server*> overridden;
+
+void take_input(connection* c) {
+    buffer_reset(&c->input);
+}
+
+void take_other_input(connection* c) {
+    buffer_reset(&c->input);
+}
+
+void note_close(connection*, int reason) {
+    closes++;
+    closed_with = reason;
+}
+
+void note_accept(connection* c) {
+    /* The callbacks are copied before. */
+    EXPECT_EQ(c->conn_ondata, take_input);
+    EXPECT_EQ(c->on_close, note_close);
+    accepted.push_back(c);
+}
+
+void note_override(server* s) {
+    overridden.push_back(s);
+}
+
+void stop_at_pass_end(loop_closing*) {
+    loop_stop();
+}
+
+struct Server : testing::TestWithParam<loop_backend> {
+    void SetUp() override {
+        closes = 0;
+        closed_with = -1;
+        accepted.clear();
+        overridden.clear();
+        ASSERT_NE(loop_init(LIMIT, GetParam()), 0);
+        path = testing::TempDir() + "tessard-server-XXXXXX";
+        const int fd = mkstemp(path.data());
+        ASSERT_GE(fd, 0);
+        close(fd);
+    }
+
+    void TearDown() override {
+        loop_init(LIMIT, GetParam());
+        for (const int fd : clients) {
+            close(fd);
+        }
+        unlink(path.c_str());
+    }
+
+    server* open_server() {
+        server* s = server_open(path.c_str(), 7);
+        EXPECT_NE(s, nullptr);
+        s->conn_ondata = take_input;
+        s->on_close = note_close;
+        return s;
+    }
+
+    /* A client's end of a new connection. */
+    int connect_client() {
+        int fd = -1;
+        EXPECT_EQ(endpoint_connect_local(path.c_str(), &fd), 0);
+        clients.push_back(fd);
+        return fd;
+    }
+
+    /* Accepts one client, as the loop would. */
+    connection* accept_client(server* s) {
+        connect_client();
+        cb_sserver(s->fd, LOOP_READABLE, s);
+        return s->connections;
+    }
+
+    /* Runs one pass. Only one can be run in a test. */
+    static void run_pass() {
+        static loop_closing end;
+        end = {nullptr, false, stop_at_pass_end};
+        loop_destroy_later(&end);
+        loop_run();
+    }
+
+    /* Destroys all connections, as the end of a pass would, and frees the server. */
+    static void finish(server* s) {
+        for (connection* c = s->connections; c != nullptr; c = c->next) {
+            connection_close(c);
+        }
+        while (s->connections != nullptr) {
+            s->connections->closing.destroy(&s->connections->closing);
+        }
+        server_release(s);
+    }
+
+    std::string path;
+    std::vector<int> clients;
+};
+
+bool is_at_end_of_stream(int client) {
+    pollfd ready = {client, POLLIN, 0};
+    char byte;
+    return poll(&ready, 1, 2000) == 1 && recv(client, &byte, 1, MSG_DONTWAIT) == 0;
+}
+
+INSTANTIATE_TEST_SUITE_P(Backends, Server, testing::Values(LOOP_SELECT, LOOP_EPOLL), [](const auto& backend) {
+    return backend.param == LOOP_EPOLL ? "epoll" : "select";
+});
+
+/* Opening. */
+
+TEST_P(Server, IsNewWithItsAddressAndOneReference) {
+    server* s = server_open(path.c_str(), 7);
+    ASSERT_NE(s, nullptr);
+    EXPECT_STREQ(s->address, path.substr(0, 47).c_str());
+    EXPECT_EQ(s->port, 7);
+    EXPECT_EQ(s->connections, nullptr);
+    EXPECT_EQ(s->conn_ondata, nullptr);
+    EXPECT_EQ(s->on_close, nullptr);
+    EXPECT_EQ(s->on_accept, nullptr);
+    EXPECT_EQ(s->accept_override, nullptr);
+    EXPECT_EQ(s->references, 1u);
+    EXPECT_TRUE(loop_has_handler(s->fd));
+    server_release(s);
+}
+
+TEST_P(Server, ListensWithoutBlockingAndIsCloseOnExec) {
+    server* s = open_server();
+    int listening = 0;
+    socklen_t size = sizeof listening;
+    EXPECT_EQ(getsockopt(s->fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size), 0);
+    EXPECT_EQ(listening, 1);
+    EXPECT_NE(fcntl(s->fd, F_GETFL) & O_NONBLOCK, 0);
+    EXPECT_EQ(fcntl(s->fd, F_GETFD), FD_CLOEXEC);
+    server_release(s);
+}
+
+TEST_P(Server, ListensOnAllAddressesWhenNoneIsGiven) {
+    server* s = server_open(nullptr, 0);
+    ASSERT_NE(s, nullptr);
+    EXPECT_STREQ(s->address, "0.0.0.0");
+    sockaddr_in bound = {};
+    socklen_t size = sizeof bound;
+    ASSERT_EQ(getsockname(s->fd, reinterpret_cast<sockaddr*>(&bound), &size), 0);
+    EXPECT_EQ(bound.sin_family, AF_INET);
+    EXPECT_EQ(bound.sin_addr.s_addr, htonl(INADDR_ANY));
+    server_release(s);
+}
+
+TEST_P(Server, KeepsAtMost47BytesOfItsAddressAndListensOnAllOfIt) {
+    std::string folder = testing::TempDir() + "tessard-a-folder-with-a-name-of-some-length-XXXXXX";
+    ASSERT_NE(mkdtemp(folder.data()), nullptr);
+    const std::string full = folder + "/s";
+    ASSERT_GT(full.size(), 48u);
+    server* s = server_open(full.c_str(), 0);
+    ASSERT_NE(s, nullptr);
+    EXPECT_EQ(std::string(s->address), full.substr(0, 47));
+    int client = -1;
+    EXPECT_EQ(endpoint_connect_local(full.c_str(), &client), 0);
+    close(client);
+    server_release(s);
+    unlink(full.c_str());
+    rmdir(folder.c_str());
+}
+
+TEST_P(Server, AnAddressThatCannotBeListenedOnGivesNull) {
+    EXPECT_EQ(server_open("localhost", 0), nullptr);
+    EXPECT_EQ(server_open((path + "/below-a-file").c_str(), 0), nullptr);
+}
+
+/* Accepting. */
+
+TEST_P(Server, AnAcceptedConnectionGetsItsCallbacksAndIsCounted) {
+    server* s = open_server();
+    s->on_accept = note_accept;
+    const connection* first = accept_client(s);
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(first->owner, s);
+    EXPECT_EQ(s->references, 2u);
+    const connection* second = accept_client(s);
+    EXPECT_EQ(second->next, first);
+    EXPECT_EQ(s->references, 3u);
+    ASSERT_EQ(accepted.size(), 2u);
+    EXPECT_EQ(accepted[0], first);
+    EXPECT_EQ(accepted[1], second);
+    EXPECT_NE(fcntl(first->fd, F_GETFL) & O_NONBLOCK, 0);
+    EXPECT_EQ(fcntl(first->fd, F_GETFD), FD_CLOEXEC);
+    finish(s);
+}
+
+TEST_P(Server, TheAcceptCallbackIsOptional) {
+    server* s = open_server();
+    const connection* c = accept_client(s);
+    ASSERT_NE(c, nullptr);
+    EXPECT_EQ(c->conn_ondata, take_input);
+    EXPECT_EQ(c->on_close, note_close);
+    finish(s);
+}
+
+TEST_P(Server, CallbacksAreThoseOfTheTimeOfAcceptance) {
+    server* s = open_server();
+    const connection* c = accept_client(s);
+    s->conn_ondata = take_other_input;
+    s->on_close = nullptr;
+    EXPECT_EQ(c->conn_ondata, take_input);
+    EXPECT_EQ(c->on_close, note_close);
+    const connection* next = accept_client(s);
+    EXPECT_EQ(next->conn_ondata, take_other_input);
+    EXPECT_EQ(next->on_close, nullptr);
+    finish(s);
+}
+
+TEST_P(Server, OneConnectionIsAcceptedForEachReadiness) {
+    server* s = open_server();
+    connect_client();
+    connect_client();
+    connect_client();
+    run_pass();
+    EXPECT_EQ(s->references, 2u);
+    cb_sserver(s->fd, LOOP_READABLE, s);
+    EXPECT_EQ(s->references, 3u);
+    cb_sserver(s->fd, LOOP_READABLE, s);
+    EXPECT_EQ(s->references, 4u);
+    finish(s);
+}
+
+TEST_P(Server, ActsOnReadabilityAlone) {
+    server* s = open_server();
+    s->accept_override = note_override;
+    connect_client();
+    cb_sserver(s->fd, LOOP_WRITABLE, s);
+    cb_sserver(s->fd, LOOP_ERROR, s);
+    cb_sserver(s->fd, 0, s);
+    EXPECT_EQ(overridden.size(), 0u);
+    s->accept_override = nullptr;
+    s->conn_ondata = nullptr; /* nor does it abort */
+    cb_sserver(s->fd, LOOP_WRITABLE | LOOP_ERROR, s);
+    EXPECT_EQ(s->references, 1u);
+    server_release(s);
+}
+
+TEST_P(Server, AReadinessThatNobodyIsBehindIsIgnored) {
+    server* s = open_server();
+    s->on_accept = note_accept;
+    cb_sserver(s->fd, LOOP_READABLE, s);
+    EXPECT_EQ(s->references, 1u);
+    EXPECT_EQ(s->connections, nullptr);
+    EXPECT_EQ(accepted.size(), 0u);
+    server_release(s);
+}
+
+TEST_P(Server, AcceptingWithoutDataCallbackAborts) {
+    server* s = server_open(path.c_str(), 0);
+    ASSERT_NE(s, nullptr);
+    connect_client();
+    EXPECT_EXIT(cb_sserver(s->fd, LOOP_READABLE, s), testing::KilledBySignal(SIGABRT),
+                "loop:551: .*Assertion `s->conn_ondata != \\(\\(void \\*\\)0\\)' failed");
+    server_release(s);
+}
+
+TEST_P(Server, TheOverrideIsCalledInsteadOfAccepting) {
+    server* s = server_open(path.c_str(), 0); /* without data callback, which is not looked at */
+    ASSERT_NE(s, nullptr);
+    s->accept_override = note_override;
+    connect_client();
+    run_pass();
+    ASSERT_EQ(overridden.size(), 1u);
+    EXPECT_EQ(overridden[0], s);
+    EXPECT_EQ(s->connections, nullptr);
+    const int fd = accept(s->fd, nullptr, nullptr);
+    EXPECT_GE(fd, 0); /* the client still waits */
+    close(fd);
+    server_release(s);
+}
+
+TEST_P(Server, AClientWhoseDescriptorIsNotBelowTheLimitIsClosed) {
+    server* s = open_server();
+    s->on_accept = note_accept;
+    const int client = connect_client();
+    std::vector<int> taken;
+    do {
+        taken.push_back(dup(STDOUT_FILENO));
+        ASSERT_GE(taken.back(), 0);
+    } while (taken.back() < LIMIT - 1);
+    cb_sserver(s->fd, LOOP_READABLE, s);
+    for (const int fd : taken) {
+        close(fd);
+    }
+    EXPECT_EQ(s->references, 1u);
+    EXPECT_EQ(s->connections, nullptr);
+    EXPECT_EQ(accepted.size(), 0u);
+    EXPECT_TRUE(is_at_end_of_stream(client));
+    server_release(s);
+}
+
+TEST_P(Server, AClientWhoseDescriptorIsTheLastBelowTheLimitIsServed) {
+    server* s = open_server();
+    connect_client();
+    std::vector<int> taken;
+    do {
+        taken.push_back(dup(STDOUT_FILENO));
+        ASSERT_GE(taken.back(), 0);
+    } while (taken.back() < LIMIT - 2);
+    cb_sserver(s->fd, LOOP_READABLE, s);
+    for (const int fd : taken) {
+        close(fd);
+    }
+    ASSERT_NE(s->connections, nullptr);
+    EXPECT_EQ(s->connections->fd, LIMIT - 1);
+    finish(s);
+}
+
+/* Releasing. */
+
+TEST_P(Server, ReleaseStopsListening) {
+    server* s = open_server();
+    const int fd = s->fd;
+    server_release(s);
+    EXPECT_FALSE(loop_has_handler(fd));
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+    int client = -1;
+    EXPECT_EQ(endpoint_connect_local(path.c_str(), &client), ECONNREFUSED);
+}
+
+TEST_P(Server, ReleaseWithoutConnectionsFreesTheRecord) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "every block is an allocation of its own here, and is not handed out again";
+#endif
+    server* s = open_server();
+    server_release(s);
+    void* block = pool_alloc(sizeof(server));
+    EXPECT_EQ(block, s); /* the block freed last is handed out first */
+    pool_free(block, sizeof(server));
+}
+
+TEST_P(Server, OutlivesItsReleaseUntilItsLastConnectionIsDestroyed) {
+    server* s = open_server();
+    connection* first = accept_client(s);
+    connection* second = accept_client(s);
+    server_release(s);
+    EXPECT_EQ(s->fd, -1);
+    EXPECT_EQ(s->references, 2u);
+    EXPECT_EQ(s->connections, second);
+    connection_send(first, "still here", 10);
+    connection_flush(first);
+    char bytes[16];
+    EXPECT_EQ(recv(clients[0], bytes, sizeof bytes, MSG_DONTWAIT), 10);
+    connection_close(first);
+    connection_close(second);
+    EXPECT_EQ(s->references, 2u); /* closed, but not destroyed before the end of the pass */
+    run_pass();
+    EXPECT_EQ(closes, 2);
+    EXPECT_EQ(closed_with, 0);
+}
+
+TEST_P(Server, IsFreedByTheLastConnection) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "every block is an allocation of its own here, and is not handed out again";
+#endif
+    server* s = open_server();
+    connection_close(accept_client(s));
+    server_release(s);
+    run_pass();
+    std::vector<void*> blocks;
+    for (int i = 0; i < 3; i++) {
+        blocks.push_back(pool_alloc(sizeof(server)));
+    }
+    EXPECT_TRUE(blocks[0] == s || blocks[1] == s || blocks[2] == s);
+    for (void* block : blocks) {
+        pool_free(block, sizeof(server));
+    }
+}
+
+TEST_P(Server, MayBeReleasedFromACloseCallback) {
+    static server* released;
+    released = open_server();
+    released->on_close = [](connection*, int) {
+        closes++;
+        server_release(released);
+        EXPECT_EQ(released->references, 1u);
+    };
+    connection_close(accept_client(released));
+    run_pass();
+    EXPECT_EQ(closes, 1);
+}
+
+} // namespace
