@@ -6,6 +6,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/sysinfo.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -76,6 +77,16 @@ void load_records(char* p, uint32_t left) {
     }
 }
 
+/* Whether the machine has room for a file of this size: malloc alone would promise memory that is not there,
+ * and the kernel would then end the daemon. */
+bool memory_allows(off_t size) {
+    struct sysinfo machine;
+    if (sysinfo(&machine) < 0) {
+        return true;
+    }
+    return static_cast<uint64_t>(size) <= uint64_t{machine.totalram} * machine.mem_unit / LOAD_MEMORY_SHARE;
+}
+
 /* Opens the file and measures it. Returns 0 or an error number; on failure `*fd` is closed. */
 int open_dump(const char* path, int* fd, uint32_t* size) {
     *fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
@@ -88,6 +99,8 @@ int open_dump(const char* path, int* fd, uint32_t* size) {
         error = errno;
     } else if (status.st_size > LOAD_MAX_SIZE) {
         error = EFBIG;
+    } else if (!memory_allows(status.st_size)) {
+        error = ENOMEM;
     }
     if (error != 0) {
         close(*fd);

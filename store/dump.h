@@ -23,6 +23,9 @@
  * the daemon from its other clients. */
 constexpr int64_t LOAD_MAX_SIZE = 256 * 1024 * 1024;
 
+/* Nor is a file loaded that would fill more than this share of the machine's memory (one part in so many). */
+constexpr unsigned LOAD_MEMORY_SHARE = 4;
+
 /* What the history unit registers at start-up. */
 struct dump_history_hooks {
     /* Writes the record of a history key, or nothing. */

@@ -1,0 +1,489 @@
+#include "proto/command.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "proto/cmd.h"
+#include "tests/unit/support/store_test.h"
+#include "tests/unit/support/test_client.h"
+#include "tests/unit/support/text_string.h"
+
+using namespace unit_test;
+
+namespace {
+
+class Dispatch : public store_test {
+  protected:
+    /* A client with a name that is known, and nothing logged of that. */
+    Dispatch() {
+        peer.call({"hello", "me"});
+    }
+
+    ~Dispatch() override {
+        peer.disconnect();
+    }
+
+    static std::string_view get(const char* key) {
+        const object* obj = object_lookup_type(key, OBJ_TSTRING);
+        return obj != nullptr ? bytes_of(object_string(obj)) : "(no string)";
+    }
+
+    static void set(const char* key, std::string_view value) {
+        sstr_assign(&make(key, OBJ_TSTRING)->string, value.data(), static_cast<uint32_t>(value.size()));
+    }
+
+    test_client peer;
+};
+
+/* A request with this many arguments, all "x". */
+std::string request_of(const char* name, uint32_t argc) {
+    const std::string word = name;
+    std::string bytes =
+        "*" + std::to_string(argc + 1) + "\r\n$" + std::to_string(word.size()) + "\r\n" + word + "\r\n";
+    for (uint32_t i = 0; i < argc; i++) {
+        bytes += "$1\r\nx\r\n";
+    }
+    return bytes;
+}
+
+client* client_in_hook;
+
+int look_at_client(object*) {
+    client_in_hook = current_client;
+    return 0;
+}
+
+} // namespace
+
+/* --- The table --- */
+
+TEST(CommandTable, HasEveryCommandInOrderWithItsRuleAndHandler) {
+    const command expected[] = {
+        {"hello", cmd_hello, 1},       {"ping", cmd_ping, 0},       {"dump", cmd_dump, 2},
+        {"load", cmd_load, 1},         {"keys", cmd_keys, 1},       {"exists", cmd_exists, 1},
+        {"expire", cmd_expire, 2},     {"persist", cmd_persist, 1}, {"del", cmd_del, 1},
+        {"expireat", cmd_expireat, 2}, {"ttl", cmd_ttl, 1},         {"type", cmd_type, 1},
+        {"append", cmd_append, 2},     {"incr", cmd_incr, 1},       {"decr", cmd_decr, 1},
+        {"decrby", cmd_decrby, 2},     {"incrby", cmd_incrby, 2},   {"get", cmd_get, 1},
+        {"set", cmd_set, 2},           {"getset", cmd_getset, 2},   {"strlen", cmd_strlen, 1},
+        {"setex", cmd_setex, 3},       {"setnx", cmd_setnx, 2},     {"mget", cmd_mget, 1},
+        {"mset", cmd_mset, 5},         {"msetnx", cmd_msetnx, 5},   {"hlen", cmd_hlen, 1},
+        {"hexists", cmd_hexists, 2},   {"hkeys", cmd_hkeys, 1},     {"hvals", cmd_hvals, 1},
+        {"hgetall", cmd_hgetall, 1},   {"hget", cmd_hget, 2},       {"hmget", cmd_hmget, 2},
+        {"hset", cmd_hset, 3},         {"hsetnx", cmd_hsetnx, 3},   {"hincrby", cmd_hincrby, 3},
+        {"hmset", cmd_hmset, 8},       {"hdel", cmd_hdel, 2},       {"lpush", cmd_lpush, 2},
+        {"lpushx", cmd_lpushx, 2},     {"lpop", cmd_lpop, 1},       {"rpush", cmd_rpush, 2},
+        {"rpushx", cmd_rpushx, 2},     {"rpop", cmd_rpop, 1},       {"llen", cmd_llen, 1},
+        {"lmaxlen", cmd_lmaxlen, 2},   {"lrange", cmd_lrange, 3},   {"lindex", cmd_lindex, 2},
+        {"observe", cmd_observe, 0},
+    };
+    ASSERT_EQ(std::size(expected), 49u);
+    ASSERT_EQ(std::size(command_table), 49u);
+    for (size_t i = 0; i < std::size(expected); i++) {
+        EXPECT_STREQ(command_table[i].name, expected[i].name) << i;
+        EXPECT_EQ(command_table[i].handler, expected[i].handler) << expected[i].name;
+        EXPECT_EQ(command_table[i].arg_rule, expected[i].arg_rule) << expected[i].name;
+    }
+}
+
+TEST(CommandTable, RulesDecideByTheNumberOfArguments) {
+    const struct {
+        uint32_t rule;
+        const char* accepted; /* one digit for each argc from 0 to 9 */
+    } rows[] = {
+        {0, "1111111111"}, {1, "0111111111"}, {2, "0011111111"}, {3, "0001111111"}, {4, "1111111111"},
+        {5, "1010101010"}, {6, "1111111111"}, {7, "1111111111"}, {8, "0001010101"},
+    };
+    for (const auto& row : rows) {
+        for (uint32_t argc = 0; argc < 10; argc++) {
+            EXPECT_EQ(command_accepts(row.rule, argc), row.accepted[argc] == '1')
+                << row.rule << " with " << argc;
+        }
+    }
+    EXPECT_TRUE(command_accepts(8, 4294967295u));
+    EXPECT_FALSE(command_accepts(8, 4294967294u));
+    EXPECT_TRUE(command_accepts(5, 4294967294u));
+}
+
+/* --- Names --- */
+
+TEST_F(Dispatch, NamesMatchInAnyCase) {
+    EXPECT_EQ(peer.call({"ping"}), "+OK\r\n");
+    EXPECT_EQ(peer.call({"PING"}), "+OK\r\n");
+    EXPECT_EQ(peer.call({"PiNg"}), "+OK\r\n");
+}
+
+TEST_F(Dispatch, EveryCommandIsFoundByItsNameInUpperAndLowerCase) {
+    for (const command& row : command_table) {
+        std::string upper = row.name;
+        for (char& c : upper) {
+            c = static_cast<char>(c - 'a' + 'A');
+        }
+        for (const std::string& name : {std::string(row.name), upper}) {
+            /* The trace says whether it was found. Refused by its rule, where it has one, it does nothing. */
+            log.start();
+            peer.deliver(request_of(name.c_str(), row.arg_rule == 5 ? 1 : 0));
+            EXPECT_EQ(log.text().find("Unknown command"), std::string::npos) << name;
+        }
+    }
+    peer.disconnect();
+}
+
+TEST_F(Dispatch, AnUnknownNameIsAnErrorAndTheConnectionStays) {
+    EXPECT_EQ(peer.call({"PONG"}), "-ERR\r\n");
+    EXPECT_FALSE(peer.is_closed());
+    EXPECT_EQ(peer.call({"ping"}), "+OK\r\n");
+}
+
+TEST_F(Dispatch, NamesMustMatchWhole) {
+    for (const char* name : {"", "PIN", "PINGS", " PING", "PING ", "*1", "GET SET"}) {
+        EXPECT_EQ(peer.call({name}), "-ERR\r\n") << name;
+    }
+}
+
+TEST_F(Dispatch, ANameEndsAtItsFirstNul) {
+    EXPECT_EQ(peer.call({std::string_view("ping\0more", 9)}), "+OK\r\n");
+    EXPECT_EQ(peer.call({std::string_view("\0ping", 5)}), "-ERR\r\n");
+}
+
+TEST_F(Dispatch, OnlyAsciiLettersAreFolded) {
+    log.start();
+    EXPECT_EQ(peer.call({"\xe4\xf6z{`@["}), "-ERR\r\n");
+    EXPECT_EQ(log.text(), "debug *** Unknown command \"\xe4\xf6Z{`@[\", replying error.\n");
+}
+
+TEST_F(Dispatch, AnUnknownNameIsTracedInUpperCaseAndNothingElseIs) {
+    log.start();
+    peer.call({"pong%s", "argument"});
+    EXPECT_EQ(log.text(), "debug *** Unknown command \"PONG%S\", replying error.\n");
+}
+
+TEST_F(Dispatch, NothingIsTracedAboveDebugLevel) {
+    log.start(LOG_INFO);
+    peer.call({"pong"});
+    peer.call({"set", "k", "v"});
+    peer.call({"get"});
+    peer.call({"rpush", "l", "v"});
+    peer.call({"rpop", "l"});
+    peer.call({"hello", "other"});
+    EXPECT_EQ(log.text(), "");
+}
+
+/* --- Arguments --- */
+
+TEST_F(Dispatch, TooFewArgumentsAreAnErrorThatNeitherRunsNorTraces) {
+    log.start();
+    for (const command& row : command_table) {
+        for (uint32_t argc = 0; argc < 8; argc++) {
+            if (!command_accepts(row.arg_rule, argc)) {
+                EXPECT_EQ(peer.deliver(request_of(row.name, argc)), "-ERR\r\n")
+                    << row.name << " with " << argc;
+            }
+        }
+    }
+    EXPECT_EQ(log.text(), "");
+    EXPECT_EQ(object_keyspace(), nullptr);
+    EXPECT_EQ(bytes_of(peer.record()->name), "me");
+}
+
+TEST_F(Dispatch, MsetTakesPairsAndNone) {
+    EXPECT_EQ(peer.deliver(request_of("mset", 0)), "+OK\r\n");
+    EXPECT_EQ(peer.deliver(request_of("mset", 1)), "-ERR\r\n");
+    EXPECT_EQ(peer.deliver(request_of("mset", 2)), "+OK\r\n");
+    EXPECT_EQ(peer.deliver(request_of("mset", 3)), "-ERR\r\n");
+}
+
+TEST_F(Dispatch, HmsetTakesAKeyAndPairs) {
+    for (uint32_t argc = 0; argc < 8; argc++) {
+        const bool accepted = argc == 3 || argc == 5 || argc == 7;
+        EXPECT_EQ(peer.deliver(request_of("hmset", argc)), accepted ? "+OK\r\n" : "-ERR\r\n") << argc;
+    }
+}
+
+TEST_F(Dispatch, MoreArgumentsThanNeededAreAccepted) {
+    EXPECT_EQ(peer.call({"set", "k", "v", "more", "and more"}), "+OK\r\n");
+    EXPECT_EQ(peer.call({"get", "k", "more"}), "$1\r\nv\r\n");
+    EXPECT_EQ(peer.call({"ping", "more"}), "+OK\r\n");
+}
+
+/* --- Deliveries --- */
+
+TEST_F(Dispatch, ASecondRequestInOneDeliveryIsDropped) {
+    EXPECT_EQ(peer.deliver(frame('*', {"set", "a", "1"}) + frame('*', {"set", "b", "2"})), "+OK\r\n");
+    EXPECT_EQ(get("a"), "1");
+    EXPECT_EQ(get("b"), "(no string)");
+    EXPECT_EQ(peer.conn->input.length, 0u);
+    EXPECT_EQ(peer.call({"ping"}), "+OK\r\n");
+}
+
+TEST_F(Dispatch, ARequestInTwoDeliveriesClosesTheConnection) {
+    const std::string whole = frame('*', {"set", "k", "v"});
+    for (size_t cut = 1; cut < whole.size(); cut++) {
+        test_client other;
+        EXPECT_EQ(other.deliver(whole.substr(0, cut)), "");
+        EXPECT_TRUE(other.is_closed()) << cut;
+        EXPECT_EQ(other.conn->reason, CONNECTION_CLOSED);
+        EXPECT_EQ(other.conn->input.length, 0u);
+    }
+    EXPECT_EQ(object_keyspace(), nullptr);
+}
+
+TEST_F(Dispatch, WhatIsNoRequestClosesTheConnectionWithoutAWord) {
+    for (const char* bytes : {"PING\r\n", "*0\r\n", "*x\r\n", "*\r\n", "\r\n", "x"}) {
+        test_client other;
+        log.start();
+        EXPECT_EQ(other.deliver(bytes), "");
+        EXPECT_TRUE(other.is_closed()) << bytes;
+        EXPECT_EQ(log.text(), "");
+        EXPECT_EQ(current_client, nullptr);
+    }
+}
+
+TEST_F(Dispatch, RepliesThatAreStillBatchedGoOutBeforeTheConnectionCloses) {
+    const std::string ping = frame('*', {"ping"});
+    buffer_append(&peer.conn->input, ping.data(), static_cast<uint32_t>(ping.size()));
+    client_ondata(peer.conn);
+    EXPECT_EQ(peer.deliver("nonsense"), "+OK\r\n");
+    EXPECT_TRUE(peer.is_closed());
+}
+
+TEST_F(Dispatch, TheInputIsEmptiedAndShrinksToItsInitialSize) {
+    const std::string value(100000, 'x');
+    EXPECT_EQ(peer.call({"set", "k", value}), "+OK\r\n");
+    EXPECT_EQ(get("k"), value);
+    EXPECT_EQ(peer.conn->input.length, 0u);
+    EXPECT_EQ(peer.conn->input.capacity, CONNECTION_BUFFER_INITIAL);
+}
+
+TEST_F(Dispatch, TheClientIsCurrentWhileItsCommandRunsAndNotAfterwards) {
+    object_register_string_hook(look_at_client);
+    client_in_hook = nullptr;
+    EXPECT_EQ(current_client, nullptr);
+    peer.call({"set", "k", "v"});
+    EXPECT_EQ(client_in_hook, peer.record());
+    EXPECT_EQ(current_client, nullptr);
+}
+
+TEST_F(Dispatch, TheClientIsStillCurrentInThePostReplyHooks) {
+    set("k", "v");
+    object_register_string_hook(look_at_client);
+    client_in_hook = nullptr;
+    peer.call({"getset", "k", "w"});
+    EXPECT_EQ(client_in_hook, peer.record());
+}
+
+TEST_F(Dispatch, RequestAndReplyAreGoneAfterwards) {
+    for (const char* name : {"ping", "get", "nonsense"}) {
+        peer.call({name});
+        EXPECT_EQ(peer.record()->request, nullptr) << name;
+        EXPECT_EQ(peer.record()->reply, nullptr) << name;
+    }
+}
+
+/* --- Replies --- */
+
+TEST_F(Dispatch, RepliesStandInTheOrderOfTheirRequests) {
+    set("big", std::string(3000, 'b'));
+    const std::string ping = frame('*', {"ping"});
+    buffer_append(&peer.conn->input, ping.data(), static_cast<uint32_t>(ping.size()));
+    client_ondata(peer.conn);
+    EXPECT_EQ(peer.received(), "");
+    EXPECT_EQ(peer.call({"get", "big"}), "+OK\r\n$3000\r\n" + std::string(3000, 'b') + "\r\n");
+}
+
+TEST_F(Dispatch, RepliesOfAnySizeArriveWhole) {
+    for (const size_t size : {1u, 1900u, 1960u, 1973u, 1980u, 1988u, 1989u, 1990u, 1991u, 2000u, 3990u, 4000u,
+                              5000u, 50000u, 100000u}) {
+        const std::string value(size, 'v');
+        set("k", value);
+        EXPECT_EQ(peer.call({"get", "k"}), "$" + std::to_string(size) + "\r\n" + value + "\r\n");
+    }
+}
+
+TEST_F(Dispatch, AReplyThatCannotBeComposedClosesTheConnection) {
+    set("k", std::string(1 << 20, 'v'));
+    EXPECT_EQ(peer.call({"mget", "k", "k", "k", "k", "k"}), "");
+    EXPECT_TRUE(peer.is_closed());
+    EXPECT_EQ(peer.conn->reason, CONNECTION_WRITE_FAILED);
+    EXPECT_EQ(peer.conn->error, CONNECTION_BUFFER_FULL);
+    EXPECT_EQ(current_client, nullptr);
+}
+
+TEST_F(Dispatch, TheNextReplyAfterOneThatWasTooLargeIsWhole) {
+    set("k", std::string(1 << 20, 'v'));
+    set("middle", std::string(3000, 'm'));
+    {
+        test_client other;
+        other.call({"mget", "k", "k", "k", "k", "k"});
+    }
+    EXPECT_EQ(peer.call({"get", "middle"}), "$3000\r\n" + std::string(3000, 'm') + "\r\n");
+}
+
+TEST_F(Dispatch, AHandlerMayLeaveItsReplyEmpty) {
+    test_client observer;
+    observers_add(observer.record());
+    set("k", "v");
+    log.start();
+    EXPECT_EQ(peer.call({"rpush", "k", "item"}), "");
+    EXPECT_FALSE(peer.is_closed());
+    EXPECT_EQ(log.text(), "debug *** Received from client(\"me\"):\n RPUSH(k, item)\n"
+                          "debug *** Replied to client(\"me\"): \n\n");
+    log_set_level(LOG_FATAL);
+    EXPECT_EQ(peer.call({"ping"}), "+OK\r\n");
+}
+
+/* --- Traces --- */
+
+TEST_F(Dispatch, RequestAndReplyAreTraced) {
+    log.start();
+    peer.call({"ping"});
+    EXPECT_EQ(log.text(), "debug *** Received from client(\"me\"):\n PING()\n"
+                          "debug *** Replied to client(\"me\"): \n+OK\r\n\n");
+}
+
+TEST_F(Dispatch, ArgumentsAreTracedInOrderAroundWhatTheHandlerTraces) {
+    log.start();
+    peer.call({"Set", "k", "", "%s"});
+    EXPECT_EQ(log.text(), "debug *** Received from client(\"me\"):\n SET(k, , %s)\n"
+                          "debug *** \"k\"(string): updated to \"\"\n"
+                          "debug *** Replied to client(\"me\"): \n+OK\r\n\n");
+}
+
+TEST_F(Dispatch, ATraceEndsAtTheFirstNul) {
+    log.start();
+    peer.call({"get", std::string_view("a\0b", 3), "c"});
+    EXPECT_EQ(log.text(), "debug *** Received from client(\"me\"):\n GET(a\n"
+                          "debug *** Replied to client(\"me\"): \n$-1\r\n\n");
+}
+
+TEST_F(Dispatch, LongTracesKeepTheirCountedNul) {
+    const std::string key(600, 'k');
+    log.start();
+    peer.call({"exists", key});
+    EXPECT_EQ(log.text(), "debug *** Received from client(\"me\"):\n EXISTS(" + key + ")" + '\0' +
+                              "\ndebug *** Replied to client(\"me\"): \n:0\r\n\n");
+}
+
+/* --- hello and ping --- */
+
+TEST_F(Dispatch, HelloNamesTheClientAndTracesItsCount) {
+    log.start();
+    EXPECT_EQ(peer.call({"hello", "panel", "two", "three"}), "+OK\r\n");
+    EXPECT_EQ(bytes_of(peer.record()->name), "panel");
+    /* The name is new before the reply is traced. */
+    EXPECT_EQ(log.text(), "debug *** Received from client(\"me\"):\n HELLO(panel, two, three)\n"
+                          "debug *** HELLO from client  3\n"
+                          "debug *** Replied to client(\"panel\"): \n+OK\r\n\n");
+}
+
+TEST_F(Dispatch, HelloTakesAnEmptyName) {
+    EXPECT_EQ(peer.call({"hello", ""}), "+OK\r\n");
+    EXPECT_EQ(bytes_of(peer.record()->name), "");
+}
+
+TEST_F(Dispatch, PingAnswersAStatus) {
+    EXPECT_EQ(peer.call({"ping", "echo?"}), "+OK\r\n");
+}
+
+/* --- What runs after the reply --- */
+
+TEST_F(Dispatch, GetsetRepliesTheOldValueAndAssignsTheNewOneAfterwards) {
+    set("k", "old");
+    log.start();
+    EXPECT_EQ(peer.call({"getset", "k", "new"}), "$3\r\nold\r\n");
+    EXPECT_EQ(get("k"), "new");
+    EXPECT_EQ(log.text(), "debug *** Received from client(\"me\"):\n GETSET(k, new)\n"
+                          "debug *** Replied to client(\"me\"): \n$3\r\nold\r\n\n"
+                          "debug *** \"k\"(string): updated to \"new\"\n");
+}
+
+TEST_F(Dispatch, GetsetRepliesALargeOldValueWhole) {
+    const std::string old(5000, 'o');
+    set("k", old);
+    EXPECT_EQ(peer.call({"getset", "k", std::string(5000, 'n')}), "$5000\r\n" + old + "\r\n");
+    EXPECT_EQ(get("k"), std::string(5000, 'n'));
+}
+
+TEST_F(Dispatch, GetsetIsAnnouncedWithItsNewValue) {
+    test_client observer;
+    observers_add(observer.record());
+    set("k", "old");
+    EXPECT_EQ(peer.call({"GetSet", "k", "new"}), "$3\r\nold\r\n");
+    EXPECT_EQ(observer.received(), event({"MSET", "k", "new"}));
+}
+
+TEST_F(Dispatch, GetsetOfAMissingKeyMakesNone) {
+    EXPECT_EQ(peer.call({"getset", "k", "new"}), "$-1\r\n");
+    EXPECT_EQ(object_lookup("k"), nullptr);
+}
+
+TEST_F(Dispatch, GetsetOfAHashOrListRepliesNilAndMakesItAString) {
+    peer.call({"hset", "h", "f", "v"});
+    peer.call({"rpush", "l", "v"});
+    EXPECT_EQ(peer.call({"getset", "h", "new"}), "$-1\r\n");
+    EXPECT_EQ(peer.call({"getset", "l", "new"}), "$-1\r\n");
+    EXPECT_EQ(get("h"), "new");
+    EXPECT_EQ(get("l"), "new");
+}
+
+TEST_F(Dispatch, GetsetWithOneArgumentIsAnErrorAndChangesNothing) {
+    set("k", "old");
+    EXPECT_EQ(peer.call({"getset", "k"}), "-ERR\r\n");
+    EXPECT_EQ(get("k"), "old");
+}
+
+TEST_F(Dispatch, GetsetRemovesTheExpiry) {
+    set("k", "old");
+    object_expire(object_lookup("k"), 60);
+    peer.call({"getset", "k", "new"});
+    EXPECT_EQ(object_lookup("k")->flags, OBJ_TSTRING);
+}
+
+TEST_F(Dispatch, APoppedItemIsFreedAfterTheReply) {
+    peer.call({"rpush", "l", "a", "b"});
+    log.start();
+    EXPECT_EQ(peer.call({"lpop", "l"}), "$1\r\na\r\n");
+    EXPECT_EQ(log.text(), "debug *** Received from client(\"me\"):\n LPOP(l)\n"
+                          "debug *** \"l\"(list): lpop \"a\"\n"
+                          "debug *** Replied to client(\"me\"): \n$1\r\na\r\n\n"
+                          "debug *** [POP]  destrog (a)\n");
+    log.start();
+    EXPECT_EQ(peer.call({"RPop", "l"}), "$1\r\nb\r\n");
+    EXPECT_EQ(log.text(), "debug *** Received from client(\"me\"):\n RPOP(l)\n"
+                          "debug *** \"l\"(list): rpop \"b\"\n"
+                          "debug *** Replied to client(\"me\"): \n$1\r\nb\r\n\n"
+                          "debug *** [POP]  destrog (b)\n");
+}
+
+TEST_F(Dispatch, APopThatFindsNothingFreesNothing) {
+    peer.call({"rpush", "l", "a"});
+    peer.call({"lpop", "l"});
+    set("s", "v");
+    for (const char* key : {"missing", "l", "s"}) {
+        for (const char* name : {"lpop", "rpop"}) {
+            log.start();
+            EXPECT_EQ(peer.call({name, key}), "$-1\r\n");
+            EXPECT_EQ(log.text().find("[POP]"), std::string::npos) << name << " " << key;
+        }
+    }
+}
+
+TEST_F(Dispatch, APopWithoutAKeyIsAnErrorAndFreesNothing) {
+    EXPECT_EQ(peer.call({"lpop"}), "-ERR\r\n");
+    EXPECT_EQ(peer.call({"rpop"}), "-ERR\r\n");
+}
+
+TEST_F(Dispatch, ALargeItemIsRepliedWholeBeforeItIsFreed) {
+    const std::string item(5000, 'i');
+    peer.call({"rpush", "l", item});
+    EXPECT_EQ(peer.call({"rpop", "l"}), "$5000\r\n" + item + "\r\n");
+}
+
+TEST_F(Dispatch, APoppedItemIsFreedAlsoWhenTheReplyFindsNobody) {
+    peer.call({"rpush", "l", "a"});
+    ASSERT_EQ(shutdown(peer.conn->fd, SHUT_WR), 0);
+    EXPECT_EQ(peer.call({"rpop", "l"}), "");
+    EXPECT_EQ(object_lookup("l")->list->count, 0);
+}

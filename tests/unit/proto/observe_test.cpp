@@ -1,0 +1,415 @@
+#include "proto/observe.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "proto/resp.h"
+#include "tests/unit/support/store_test.h"
+#include "tests/unit/support/test_client.h"
+#include "tests/unit/support/text_string.h"
+
+using namespace unit_test;
+
+namespace {
+
+/* An event of the names given, and its strings. */
+class made_event {
+  public:
+    explicit made_event(std::initializer_list<std::string_view> elements) {
+        for (const std::string_view element : elements) {
+            strings.push_back(sstr_new(element.data(), static_cast<uint32_t>(element.size())));
+            resp_add(r, strings.back());
+        }
+    }
+
+    ~made_event() {
+        resp_free(r);
+        for (sstr& s : strings) {
+            sstr_free(&s);
+        }
+    }
+
+    made_event(const made_event&) = delete;
+    made_event& operator=(const made_event&) = delete;
+    operator resp*() const {
+        return r;
+    }
+
+  private:
+    resp* r = resp_new();
+    std::vector<sstr> strings;
+};
+
+class Observers : public store_test {
+  protected:
+    ~Observers() override {
+        current_client = nullptr;
+    }
+
+    /* The list from its head, after a check of its links. */
+    static std::vector<const client*> members() {
+        std::vector<const client*> all;
+        for (const client* c = observers; c != nullptr; c = c->observe_next) {
+            EXPECT_EQ(c->observe_prev, all.empty() ? c : all.back());
+            all.push_back(c);
+        }
+        return all;
+    }
+
+    typedef std::vector<const client*> clients;
+};
+
+} // namespace
+
+/* --- The list --- */
+
+TEST_F(Observers, TheFirstIsHeadAndEnd) {
+    test_client a;
+    EXPECT_EQ(observers, nullptr);
+    EXPECT_TRUE(observers_add(a.record()));
+    EXPECT_EQ(members(), clients{a.record()});
+    EXPECT_EQ(a.record()->observe_next, nullptr);
+}
+
+TEST_F(Observers, TheMostRecentIsTheHead) {
+    test_client a;
+    test_client b;
+    test_client c;
+    for (test_client* peer : {&a, &b, &c}) {
+        EXPECT_TRUE(observers_add(peer->record()));
+    }
+    EXPECT_EQ(members(), (clients{c.record(), b.record(), a.record()}));
+}
+
+TEST_F(Observers, NobodyObservesTwice) {
+    test_client a;
+    test_client b;
+    test_client c;
+    EXPECT_TRUE(observers_add(a.record()));
+    EXPECT_FALSE(observers_add(a.record()));
+    observers_add(b.record());
+    observers_add(c.record());
+    for (test_client* peer : {&a, &b, &c}) {
+        EXPECT_FALSE(observers_add(peer->record()));
+    }
+    EXPECT_EQ(members(), (clients{c.record(), b.record(), a.record()}));
+}
+
+TEST_F(Observers, AnyOneOfThemCanBeTakenOff) {
+    for (int victim = 0; victim < 3; victim++) {
+        test_client peers[3];
+        clients expected;
+        for (test_client& peer : peers) {
+            observers_add(peer.record());
+        }
+        for (int i = 2; i >= 0; i--) {
+            if (i != victim) {
+                expected.push_back(peers[i].record());
+            }
+        }
+        client* gone = peers[victim].record();
+        observers_remove(gone);
+        EXPECT_EQ(members(), expected) << victim;
+        EXPECT_EQ(gone->observe_prev, nullptr);
+        EXPECT_EQ(gone->observe_next, nullptr);
+    }
+    EXPECT_EQ(observers, nullptr);
+}
+
+TEST_F(Observers, WhoWasTakenOffCanObserveAgain) {
+    test_client a;
+    test_client b;
+    observers_add(a.record());
+    observers_add(b.record());
+    observers_remove(a.record());
+    EXPECT_TRUE(observers_add(a.record()));
+    EXPECT_EQ(members(), (clients{a.record(), b.record()}));
+}
+
+TEST_F(Observers, WhoDoesNotObserveIsLeftAlone) {
+    test_client a;
+    test_client b;
+    observers_add(a.record());
+    observers_remove(b.record());
+    EXPECT_EQ(members(), clients{a.record()});
+    observers_remove(a.record());
+    observers_remove(a.record());
+    EXPECT_EQ(observers, nullptr);
+}
+
+/* --- Frames --- */
+
+TEST_F(Observers, AnEventReachesEveryObserver) {
+    test_client a;
+    test_client b;
+    test_client idle;
+    observers_add(a.record());
+    observers_add(b.record());
+    idle.record();
+    notify_observers(made_event({"MSET", "k", "v"}));
+    EXPECT_EQ(a.received(), "!3\r\n$4\r\nMSET\r\n$1\r\nk\r\n$1\r\nv\r\n");
+    EXPECT_EQ(b.received(), "!3\r\n$4\r\nMSET\r\n$1\r\nk\r\n$1\r\nv\r\n");
+    EXPECT_EQ(idle.received(), "");
+}
+
+TEST_F(Observers, TheIssuerIsNotToldOfItsOwnChange) {
+    test_client issuer;
+    test_client other;
+    observers_add(issuer.record());
+    observers_add(other.record());
+    current_client = issuer.record();
+    notify_observers(made_event({"MSET", "k", "v"}));
+    current_client = nullptr;
+    EXPECT_EQ(issuer.received(), "");
+    EXPECT_EQ(other.received(), event({"MSET", "k", "v"}));
+}
+
+TEST_F(Observers, EachEventIsAFrameOfItsOwn) {
+    test_client a;
+    observers_add(a.record());
+    notify_observers(made_event({"MSET", "a long key", "a long value"}));
+    notify_observers(made_event({"HDEL", "h"}));
+    EXPECT_EQ(a.received(), event({"MSET", "a long key", "a long value"}) + event({"HDEL", "h"}));
+}
+
+TEST_F(Observers, NilAndEmptyElementsAreWrittenAsInReplies) {
+    test_client a;
+    observers_add(a.record());
+    made_event frame_with_both({""});
+    resp_add(frame_with_both, RESP_NIL);
+    notify_observers(frame_with_both);
+    EXPECT_EQ(a.received(), "!2\r\n$0\r\n\r\n$-1\r\n");
+}
+
+TEST_F(Observers, TheEventStaysTheCallers) {
+    test_client a;
+    observers_add(a.record());
+    made_event e({"MSET", "k", "v"});
+    notify_observers(e);
+    notify_observers(e);
+    EXPECT_EQ(a.received(), event({"MSET", "k", "v"}) + event({"MSET", "k", "v"}));
+}
+
+TEST_F(Observers, AFrameGoesBehindOutputThatIsBatchedAlready) {
+    test_client a;
+    observers_add(a.record());
+    connection_send(a.conn, "+OK\r\n", 5);
+    EXPECT_EQ(a.received(), "");
+    notify_observers(made_event({"MSET", "k", "v"}));
+    EXPECT_EQ(a.received(), "+OK\r\n" + event({"MSET", "k", "v"}));
+}
+
+TEST_F(Observers, LargeFramesArriveWhole) {
+    test_client a;
+    observers_add(a.record());
+    const std::string value(100000, 'x');
+    notify_observers(made_event({"MSET", "k", value}));
+    EXPECT_EQ(a.received(), event({"MSET", "k", value}));
+}
+
+TEST_F(Observers, AreToldFromTheHeadToTheEnd) {
+    /* All three write to the same peer, each with a letter of its own before its frame. */
+    test_client peers[3];
+    for (int i = 0; i < 3; i++) {
+        observers_add(peers[i].record());
+        if (i > 0) {
+            ASSERT_EQ(dup2(peers[0].conn->fd, peers[i].conn->fd), peers[i].conn->fd);
+        }
+        connection_send(peers[i].conn, i == 0 ? "a" : i == 1 ? "b" : "c", 1);
+    }
+    const std::string e = event({"HDEL", "h", "f"});
+    notify_observers(made_event({"HDEL", "h", "f"}));
+    EXPECT_EQ(peers[0].received(), "c" + e + "b" + e + "a" + e);
+}
+
+TEST_F(Observers, OneThatIsGoneDoesNotKeepTheOthersFromBeingTold) {
+    test_client a;
+    test_client gone;
+    test_client b;
+    for (test_client* peer : {&a, &gone, &b}) {
+        observers_add(peer->record());
+    }
+    /* Writing fails from now on. */
+    ASSERT_EQ(shutdown(gone.conn->fd, SHUT_WR), 0);
+    notify_observers(made_event({"HDEL", "h"}));
+    EXPECT_TRUE(gone.is_closed());
+    EXPECT_EQ(gone.conn->reason, CONNECTION_WRITE_FAILED);
+    EXPECT_EQ(a.received(), event({"HDEL", "h"}));
+    EXPECT_EQ(b.received(), event({"HDEL", "h"}));
+    /* Its record stays until the end of the pass, and is passed over. */
+    EXPECT_EQ(members().size(), 3u);
+    notify_observers(made_event({"HDEL", "h"}));
+    EXPECT_EQ(b.received(), event({"HDEL", "h"}));
+    gone.disconnect();
+    EXPECT_EQ(members(), (clients{b.record(), a.record()}));
+}
+
+TEST_F(Observers, WhoDoesNotReadIsClosedWhenTooMuchWaits) {
+    test_client slow;
+    test_client quick;
+    observers_add(slow.record());
+    observers_add(quick.record());
+    const std::string value(60000, 'x');
+    const std::string e = event({"MSET", "k", value});
+    made_event big({"MSET", "k", value});
+    for (int i = 0; i < 100 && !slow.is_closed(); i++) {
+        notify_observers(big);
+        EXPECT_EQ(quick.received(), e);
+    }
+    EXPECT_TRUE(slow.is_closed());
+    EXPECT_EQ(slow.conn->reason, CONNECTION_WRITE_FAILED);
+    EXPECT_EQ(slow.conn->error, CONNECTION_BUFFER_FULL);
+}
+
+TEST_F(Observers, AnEventThatCannotBeComposedWholeIsSentToNobody) {
+    test_client a;
+    observers_add(a.record());
+    log.start();
+    notify_observers(made_event({"MSET", "k", std::string(5 << 20, 'x')}));
+    EXPECT_EQ(a.received(), "");
+    EXPECT_FALSE(a.is_closed());
+    notify_observers(made_event({"MSET", "k", "v"}));
+    EXPECT_EQ(a.received(), event({"MSET", "k", "v"}));
+}
+
+/* --- Traces --- */
+
+TEST_F(Observers, EachEventIsTraced) {
+    test_client a;
+    observers_add(a.record());
+    log.start();
+    notify_observers(made_event({"MSET", "k", "v"}));
+    EXPECT_EQ(log.text(), "debug *** notified clients with: \n"
+                          "debug *** !3\r\n$4\r\nMSET\r\n$1\r\nk\r\n$1\r\nv\r\n\n");
+}
+
+TEST_F(Observers, NothingIsTracedAboveDebugLevel) {
+    test_client a;
+    observers_add(a.record());
+    log.start(LOG_INFO);
+    notify_observers(made_event({"MSET", "k", "v"}));
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(Observers, WithoutObserversNothingIsTraced) {
+    log.start();
+    notify_observers(made_event({"MSET", "k", "v"}));
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(Observers, TheTraceEndsAtANulButTheFrameDoesNot) {
+    test_client a;
+    observers_add(a.record());
+    log.start();
+    notify_observers(made_event({"MSET", "k", std::string_view("a\0b", 3)}));
+    EXPECT_EQ(a.received(), event({"MSET", "k", std::string_view("a\0b", 3)}));
+    EXPECT_EQ(log.text(), "debug *** notified clients with: \n"
+                          "debug *** !3\r\n$4\r\nMSET\r\n$1\r\nk\r\n$3\r\na\n");
+}
+
+TEST_F(Observers, TheTraceComesAfterTheFramesAreOut) {
+    test_client a;
+    observers_add(a.record());
+    log.start();
+    notify_observers(made_event({"MSET", "%s%n", "%d"}));
+    EXPECT_EQ(log.text(), "debug *** notified clients with: \n"
+                          "debug *** !3\r\n$4\r\nMSET\r\n$4\r\n%s%n\r\n$2\r\n%d\r\n\n");
+}
+
+/* --- The command --- */
+
+TEST_F(Observers, TheCommandMakesAClientAnObserver) {
+    test_client a;
+    EXPECT_EQ(a.call({"observe"}), "+OK\r\n");
+    EXPECT_EQ(members(), clients{a.record()});
+}
+
+TEST_F(Observers, TheCommandIgnoresItsArguments) {
+    test_client a;
+    EXPECT_EQ(a.call({"OBSERVE", "nothing", "at", "all"}), "+OK\r\n");
+    EXPECT_EQ(members(), clients{a.record()});
+}
+
+TEST_F(Observers, ObservingAgainIsAnsweredAndWarnedOfOnce) {
+    test_client a;
+    a.call({"hello", "panel"});
+    log.start(LOG_WARN);
+    EXPECT_EQ(a.call({"observe"}), "+OK\r\n");
+    EXPECT_EQ(log.text(), "");
+    EXPECT_EQ(a.call({"observe"}), "+OK\r\n");
+    EXPECT_EQ(log.text(), "warn  *** client(\"panel\") redundantly watch\n");
+    object_set_string(make("k", OBJ_TSTRING), text("v"));
+    EXPECT_EQ(a.received(), event({"MSET", "k", "v"}));
+}
+
+TEST_F(Observers, ObservingAgainIsNotWarnedOfAboveWarnLevel) {
+    test_client a;
+    a.call({"observe"});
+    log.start(LOG_ERROR);
+    EXPECT_EQ(a.call({"observe"}), "+OK\r\n");
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(Observers, AnObserverThatSetsAKeyGetsItsReplyAlone) {
+    test_client issuer;
+    test_client other;
+    issuer.call({"observe"});
+    other.call({"observe"});
+    EXPECT_EQ(issuer.call({"set", "k", "v"}), "+OK\r\n");
+    EXPECT_EQ(other.received(), event({"MSET", "k", "v"}));
+}
+
+TEST_F(Observers, HearOfAChangeBeforeItsIssuerHasItsReply) {
+    test_client issuer;
+    test_client other;
+    other.call({"observe"});
+    const std::string bytes = frame('*', {"set", "k", "v"});
+    buffer_append(&issuer.conn->input, bytes.data(), static_cast<uint32_t>(bytes.size()));
+    client_ondata(issuer.conn);
+    EXPECT_EQ(other.received(), event({"MSET", "k", "v"}));
+    EXPECT_EQ(issuer.received(), "");
+    connection_flush(issuer.conn);
+    EXPECT_EQ(issuer.received(), "+OK\r\n");
+}
+
+TEST_F(Observers, AChangeOutsideOfCommandsReachesAllOfThem) {
+    test_client a;
+    test_client b;
+    a.call({"observe"});
+    b.call({"observe"});
+    object_set_string(make("cpu.load", OBJ_TSTRING), text("17"));
+    EXPECT_EQ(a.received(), event({"MSET", "cpu.load", "17"}));
+    EXPECT_EQ(b.received(), event({"MSET", "cpu.load", "17"}));
+}
+
+TEST_F(Observers, DoNotHearOfListsDeletionsAndExpiries) {
+    test_client issuer;
+    test_client other;
+    other.call({"observe"});
+    issuer.call({"rpush", "l", "a"});
+    issuer.call({"lpop", "l"});
+    issuer.call({"setnx", "_private", "v"});
+    issuer.call({"expire", "l", "100"});
+    issuer.call({"persist", "l"});
+    issuer.call({"del", "l"});
+    EXPECT_EQ(other.received(), "");
+}
+
+TEST_F(Observers, TheOthersGoOnWhenOneDisconnects) {
+    for (int victim = 0; victim < 3; victim++) {
+        test_client peers[3];
+        for (test_client& peer : peers) {
+            peer.call({"observe"});
+        }
+        peers[victim].disconnect();
+        notify_observers(made_event({"HDEL", "h"}));
+        for (int i = 0; i < 3; i++) {
+            EXPECT_EQ(peers[i].received(), i == victim ? "" : event({"HDEL", "h"})) << victim << " " << i;
+        }
+    }
+}

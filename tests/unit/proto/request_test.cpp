@@ -1,0 +1,356 @@
+#include "proto/request.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <random>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <string.h>
+
+#include "tests/unit/support/text_string.h"
+
+using namespace unit_test;
+
+namespace {
+
+/* A parsed request, and the input as the parser left it. The input is an allocation of exactly the size of
+ * the bytes, so that a sanitizer sees every access beyond them. */
+class parsed {
+  public:
+    explicit parsed(std::string_view bytes) : bytes_left(new char[bytes.size()]) {
+        memcpy(bytes_left.get(), bytes.data(), bytes.size());
+        const uint32_t length = static_cast<uint32_t>(bytes.size());
+        buffer input = {};
+        input.base = bytes_left.get();
+        input.mark = input.base;
+        input.data = input.base;
+        input.capacity = length;
+        input.length = length;
+        r = request_parse(&input);
+        input_kept_its_place = input.data == bytes_left.get() && input.length == length;
+    }
+
+    ~parsed() {
+        if (r != nullptr) {
+            request_free(r);
+        }
+    }
+
+    parsed(const parsed&) = delete;
+    parsed& operator=(const parsed&) = delete;
+
+    /* The name and the arguments; a single "(refused)" when there is no request. */
+    std::vector<std::string> words() const {
+        if (r == nullptr) {
+            return {"(refused)"};
+        }
+        std::vector<std::string> all = {std::string(bytes_of(r->name))};
+        for (uint32_t i = 0; i < r->argc; i++) {
+            all.emplace_back(bytes_of(r->argv[i]));
+        }
+        return all;
+    }
+
+    std::unique_ptr<char[]> bytes_left;
+    bool input_kept_its_place;
+    request* r;
+};
+
+typedef std::vector<std::string> words;
+
+words words_of(std::string_view bytes) {
+    return parsed(bytes).words();
+}
+
+const words REFUSED = {"(refused)"};
+
+/* A literal with its NULs. */
+template <size_t N> std::string_view raw(const char (&literal)[N]) {
+    return std::string_view(literal, N - 1);
+}
+
+} // namespace
+
+TEST(RequestParser, ACommandWithoutArgumentsIsANameAlone) {
+    const parsed p("*1\r\n$4\r\nPING\r\n");
+    ASSERT_NE(p.r, nullptr);
+    EXPECT_EQ(bytes_of(p.r->name), "PING");
+    EXPECT_EQ(p.r->argc, 0u);
+}
+
+TEST(RequestParser, ArgumentsFollowTheNameInOrder) {
+    const parsed p("*4\r\n$4\r\nmset\r\n$1\r\na\r\n$2\r\nbb\r\n$3\r\nccc\r\n");
+    ASSERT_NE(p.r, nullptr);
+    EXPECT_EQ(p.r->argc, 3u);
+    EXPECT_EQ(p.words(), (words{"mset", "a", "bb", "ccc"}));
+}
+
+TEST(RequestParser, AnEmptyBulkIsAnEmptyString) {
+    const parsed p("*2\r\n$3\r\nGET\r\n$0\r\n\r\n");
+    ASSERT_NE(p.r, nullptr);
+    ASSERT_NE(p.r->argv[0], nullptr);
+    EXPECT_EQ(sstr_length(p.r->argv[0]), 0u);
+    EXPECT_EQ(p.r->argv[0][0], '\0');
+}
+
+TEST(RequestParser, TheNameMayBeEmpty) {
+    EXPECT_EQ(words_of("*1\r\n$0\r\n\r\n"), words{""});
+}
+
+TEST(RequestParser, ABulkMayHoldAnyByte) {
+    EXPECT_EQ(words_of(raw("*2\r\n$3\r\nSET\r\n$8\r\n\0\r\n$1\r\n\xff\r\n")),
+              (words{"SET", std::string("\0\r\n$1\r\n\xff", 8)}));
+}
+
+TEST(RequestParser, WhatFollowsTheLastElementIsNotLookedAt) {
+    EXPECT_EQ(words_of("*1\r\n$4\r\nPING\r\n*1\r\n$4\r\nPONG\r\n"), words{"PING"});
+    EXPECT_EQ(words_of("*1\r\n$4\r\nPING\r\n\r"), words{"PING"});
+    EXPECT_EQ(words_of(raw("*1\r\n$4\r\nPING\r\n\0garbage")), words{"PING"});
+}
+
+TEST(RequestParser, HeaderLinesMayEndInABareLineFeed) {
+    EXPECT_EQ(words_of("*2\n$3\nGET\r\n$1\nk\r\n"), (words{"GET", "k"}));
+    /* The shortest request there is. */
+    EXPECT_EQ(words_of("*1\n$0\n\r\n"), words{""});
+}
+
+TEST(RequestParser, DataMustBeFollowedByExactlyCrLf) {
+    EXPECT_EQ(words_of("*1\r\n$4\r\nPING\n\n"), REFUSED);
+    EXPECT_EQ(words_of("*1\r\n$4\r\nPING\n"), REFUSED);
+    EXPECT_EQ(words_of("*1\r\n$4\r\nPING\r\r"), REFUSED);
+    EXPECT_EQ(words_of("*1\r\n$4\r\nPINGxx"), REFUSED);
+    EXPECT_EQ(words_of("*1\r\n$3\r\nPING\r\n"), REFUSED);
+    EXPECT_EQ(words_of("*1\r\n$5\r\nPING\r\n"), REFUSED);
+    EXPECT_EQ(words_of("*1\r\n$5\r\nPING\r\n\r\n"), REFUSED);
+    EXPECT_EQ(words_of("*2\r\n$3\r\nGET\r\n$1\r\nkx\r\n"), REFUSED);
+}
+
+TEST(RequestParser, TheInputKeepsItsPlaceAndItsDataButNotItsLineEnds) {
+    const std::string_view bytes = "*2\r\n$3\r\nGET\r\n$2\nk\r\r\nrest";
+    const parsed p(bytes);
+    EXPECT_EQ(p.words(), (words{"GET", "k\r"}));
+    EXPECT_TRUE(p.input_kept_its_place);
+    EXPECT_EQ(std::string(p.bytes_left.get(), bytes.size()), raw("*2\0\0$3\0\0GET\r\n$2\0k\r\r\nrest"));
+}
+
+TEST(RequestParser, ParsingStartsAtTheUnreadBytes) {
+    buffer input;
+    buffer_init(&input, 0, 0);
+    const std::string bytes = "rest of what was read*1\r\n$4\r\nPING\r\n";
+    buffer_append(&input, bytes.data(), static_cast<uint32_t>(bytes.size()));
+    buffer_consume(&input, 21);
+    request* r = request_parse(&input);
+    ASSERT_NE(r, nullptr);
+    EXPECT_EQ(bytes_of(r->name), "PING");
+    EXPECT_EQ(input.length, 14u);
+    request_free(r);
+    buffer_free(&input);
+}
+
+TEST(RequestParser, AnEmptyInputIsRefused) {
+    EXPECT_EQ(words_of(""), REFUSED);
+    buffer never_used;
+    buffer_init(&never_used, 0, 0);
+    EXPECT_EQ(request_parse(&never_used), nullptr);
+}
+
+TEST(RequestParser, InlineCommandsAreRefused) {
+    EXPECT_EQ(words_of("PING\r\n"), REFUSED);
+    EXPECT_EQ(words_of("$4\r\nPING\r\n"), REFUSED);
+    EXPECT_EQ(words_of("+OK\r\n"), REFUSED);
+    EXPECT_EQ(words_of(" *1\r\n$4\r\nPING\r\n"), REFUSED);
+    EXPECT_EQ(words_of("\r\n*1\r\n$4\r\nPING\r\n"), REFUSED);
+}
+
+TEST(RequestParser, ARequestWithoutElementsIsRefused) {
+    EXPECT_EQ(words_of("*0\r\n"), REFUSED);
+    EXPECT_EQ(words_of("*0\r\n$4\r\nPING\r\n"), REFUSED);
+    EXPECT_EQ(words_of("*00\r\n$4\r\nPING\r\n"), REFUSED);
+}
+
+TEST(RequestParser, ACountWithoutDigitsIsRefused) {
+    for (const char* line : {"*", "*x", "* ", "*-", "*+", "*--1", "*\t", "**1", "* x1"}) {
+        EXPECT_EQ(words_of(std::string(line) + "\r\n$4\r\nPING\r\n"), REFUSED) << line;
+        EXPECT_EQ(words_of(std::string(line) + "\n$4\r\nPING\r\n"), REFUSED) << line;
+    }
+}
+
+TEST(RequestParser, ALengthWithoutDigitsIsRefused) {
+    for (const char* line : {"$", "$x", "$ ", "$-", "$+", "$$4", "4", "", "*4", " $4"}) {
+        EXPECT_EQ(words_of("*1\r\n" + std::string(line) + "\r\nPING\r\n"), REFUSED) << line;
+        EXPECT_EQ(words_of("*2\r\n$3\r\nGET\r\n" + std::string(line) + "\r\nPING\r\n"), REFUSED) << line;
+    }
+}
+
+TEST(RequestParser, NumbersAreReadAsTheCLibraryReadsThem) {
+    for (const char* count : {" 1", "+1", "1x", "1 2", "1\r", "1.9", "\t1", " +1", "01", "0000000001",
+                              "00000000000000000000001", "1\rx", "-4294967295", "\v\f1"}) {
+        EXPECT_EQ(words_of("*" + std::string(count) + "\r\n$4\r\nPING\r\n"), words{"PING"}) << count;
+    }
+    for (const char* length : {" 4", "+4", "4x", "4 2", "04", "0000000004", "-4294967292", "4-1"}) {
+        EXPECT_EQ(words_of("*1\r\n$" + std::string(length) + "\r\nPING\r\n"), words{"PING"}) << length;
+    }
+}
+
+TEST(RequestParser, NumbersAreDecimal) {
+    EXPECT_EQ(words_of("*0x1\r\n$4\r\nPING\r\n"), REFUSED);
+    EXPECT_EQ(words_of("*1\r\n$0x4\r\nPING\r\n"), REFUSED);
+    EXPECT_EQ(words_of("*1\r\n$010\r\nPINGPINGPI\r\n"), words{"PINGPINGPI"});
+}
+
+TEST(RequestParser, ANumberEndsAtANul) {
+    EXPECT_EQ(words_of(raw("*1\0009\r\n$4\0008\r\nPING\r\n")), words{"PING"});
+}
+
+TEST(RequestParser, ALineThatBeginsWithANulIsRefused) {
+    EXPECT_EQ(words_of(raw("\0*1\r\n$4\r\nPING\r\n")), REFUSED);
+    EXPECT_EQ(words_of(raw("*1\r\n\0$4\r\nPING\r\n")), REFUSED);
+    EXPECT_EQ(words_of(raw("*\0001\r\n$4\r\nPING\r\n")), REFUSED);
+}
+
+TEST(RequestParser, LengthsOfAnyNumberOfDigitsAreRead) {
+    for (const size_t length : {9u, 10u, 99u, 100u, 999u, 1000u, 99999u, 1000000u}) {
+        const std::string value(length, 'v');
+        EXPECT_EQ(words_of("*2\r\n$3\r\nSET\r\n$" + std::to_string(length) + "\r\n" + value + "\r\n"),
+                  (words{"SET", value}))
+            << length;
+    }
+}
+
+TEST(RequestParser, CountsOfAnyNumberOfDigitsAreRead) {
+    for (const size_t count : {9u, 10u, 11u, 99u, 100u, 101u, 12345u}) {
+        std::string bytes = "*" + std::to_string(count) + "\r\n";
+        words expected;
+        for (size_t i = 0; i < count; i++) {
+            bytes += "$1\r\nx\r\n";
+            expected.push_back("x");
+        }
+        EXPECT_EQ(words_of(bytes), expected) << count;
+    }
+}
+
+TEST(RequestParser, CountsThatCannotFitIntoTheBytesAreRefused) {
+    for (const char* count : {"2",
+                              "3",
+                              "10",
+                              "1000000",
+                              "99999999",
+                              "100000000",
+                              "1073741824",
+                              "1073741825",
+                              "2147483647",
+                              "2147483648",
+                              "4294967294",
+                              "4294967295",
+                              "4294967296",
+                              "4294967297",
+                              "18446744073709551615",
+                              "18446744073709551617",
+                              "99999999999999999999999999",
+                              "-1",
+                              "-2",
+                              "-4294967296",
+                              "-4294967297",
+                              "-18446744073709551615"}) {
+        EXPECT_EQ(words_of("*" + std::string(count) + "\r\n$4\r\nPING\r\n"), REFUSED) << count;
+    }
+}
+
+TEST(RequestParser, EveryElementNeedsItsBytes) {
+    const std::string shortest = "$0\n\r\n";
+    EXPECT_EQ(words_of("*3\n" + shortest + shortest + shortest), (words{"", "", ""}));
+    EXPECT_EQ(words_of("*4\n" + shortest + shortest + shortest), REFUSED);
+    EXPECT_EQ(words_of("*4\n" + shortest + shortest + shortest + "$0\n\r"), REFUSED);
+}
+
+TEST(RequestParser, LengthsBeyondTheBytesAreRefused) {
+    for (const char* length : {"5",
+                               "6",
+                               "7",
+                               "100",
+                               "1000000",
+                               "2147483647",
+                               "2147483648",
+                               "4294967290",
+                               "4294967293",
+                               "4294967294",
+                               "4294967295",
+                               "4294967296",
+                               "4294967300",
+                               "18446744073709551615",
+                               "18446744073709551620",
+                               "99999999999999999999999999",
+                               "-1",
+                               "-2",
+                               "-3",
+                               "-4"}) {
+        EXPECT_EQ(words_of("*1\r\n$" + std::string(length) + "\r\nPING\r\n"), REFUSED) << length;
+    }
+}
+
+TEST(RequestParser, ARequestThatIsCutAnywhereIsRefused) {
+    const std::string requests[] = {
+        "*1\r\n$4\r\nPING\r\n",
+        "*3\r\n$3\r\nSET\r\n$3\r\nkey\r\n$12\r\nsome\r\nvalue\n\r\n",
+        "*12\n$4\nmget\r\n$0\n\r\n$0\n\r\n$0\n\r\n$0\n\r\n$0\n\r\n$0\n\r\n$0\n\r\n$0\n\r\n$0\n\r\n$0\n\r\n$"
+        "1\na\r\n",
+        "* 2x\r\n$+3\r\nGET\r\n$0000000000000000000001\r\nk\r\n",
+    };
+    for (const std::string& whole : requests) {
+        EXPECT_NE(words_of(whole), REFUSED);
+        for (size_t length = 0; length < whole.size(); length++) {
+            EXPECT_EQ(words_of(whole.substr(0, length)), REFUSED) << whole << " cut at " << length;
+        }
+    }
+}
+
+TEST(RequestParser, ABrokenByteAnywhereIsRefusedOrReadAsAnotherRequest) {
+    const std::string whole = "*3\r\n$3\r\nSET\r\n$3\r\nkey\r\n$11\r\nsome\r\nvalue\r\n";
+    for (size_t at = 0; at < whole.size(); at++) {
+        for (int byte = 0; byte < 256; byte++) {
+            std::string broken = whole;
+            broken[at] = static_cast<char>(byte);
+            const parsed p(broken);
+            if (p.r != nullptr) {
+                EXPECT_LE(p.r->argc, 2u);
+            }
+        }
+    }
+}
+
+TEST(RequestParser, RandomBytesNeverDoHarm) {
+    std::mt19937 random(3);
+    const std::string_view alphabet = raw("*$\r\n\0"
+                                          "0123456789 +-x");
+    for (int i = 0; i < 20000; i++) {
+        std::string bytes = i % 2 == 0 ? "*1\r\n$" : "*";
+        for (size_t length = random() % 40; bytes.size() < length;) {
+            bytes += alphabet[random() % alphabet.size()];
+        }
+        parsed{bytes};
+    }
+}
+
+TEST(RequestParser, TheLargestDeliveryMayBeAllElements) {
+    /* Nearly 1 MiB. */
+    const uint32_t count = 209000;
+    std::string bytes = "*" + std::to_string(count) + "\n";
+    for (uint32_t i = 0; i < count; i++) {
+        bytes += "$0\n\r\n";
+    }
+    const parsed p(bytes);
+    ASSERT_NE(p.r, nullptr);
+    EXPECT_EQ(p.r->argc, count - 1);
+    EXPECT_EQ(bytes_of(p.r->argv[count - 2]), "");
+}
+
+TEST(RequestParser, ARequestThatFailsAtItsLastElementIsFreed) {
+    std::string bytes = "*1000\r\n";
+    for (int i = 0; i < 999; i++) {
+        bytes += "$300\r\n" + std::string(300, 'x') + "\r\n";
+    }
+    EXPECT_EQ(words_of(bytes + "$300\r\n" + std::string(300, 'x') + "\r\r"), REFUSED);
+}

@@ -1,0 +1,495 @@
+#include "store/dump.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include "tests/unit/support/store_test.h"
+#include "tests/unit/support/test_client.h"
+#include "tests/unit/support/text_string.h"
+
+using namespace unit_test;
+
+namespace {
+
+std::string be32(uint32_t value) {
+    return {static_cast<char>(value >> 24), static_cast<char>(value >> 16), static_cast<char>(value >> 8),
+            static_cast<char>(value)};
+}
+
+std::string record(std::string_view key, std::string_view data) {
+    return be32(static_cast<uint32_t>(key.size())) + std::string(key) +
+           be32(static_cast<uint32_t>(data.size())) + std::string(data);
+}
+
+std::vector<std::string> history_calls;
+
+void write_history(object* obj, int fd) {
+    history_calls.push_back("write " + std::string(obj->key));
+    dump_write_record(fd, "H", 1, "ring", 4);
+}
+
+void load_history(const char* key, const char* data, uint32_t length) {
+    history_calls.push_back("load " + std::string(key) + " " + std::string(data, length));
+}
+
+/* Every test has a folder of its own. */
+class DumpAndLoad : public store_test {
+  protected:
+    DumpAndLoad() : folder(::testing::TempDir() + "tessard-dump-XXXXXX") {
+        EXPECT_NE(mkdtemp(folder.data()), nullptr);
+        file = folder + "/dump";
+        history_calls.clear();
+        dump_history = {};
+    }
+
+    ~DumpAndLoad() override {
+        dump_history = {};
+        std::filesystem::remove_all(folder);
+    }
+
+    static object* set(std::string_view key, std::string_view value) {
+        object* obj = make(key, OBJ_TSTRING);
+        sstr_assign(&obj->string, value.data(), static_cast<uint32_t>(value.size()));
+        return obj;
+    }
+
+    static std::string_view get(const char* key) {
+        const object* obj = object_lookup_type(key, OBJ_TSTRING);
+        return obj != nullptr ? bytes_of(obj->string) : "(no string)";
+    }
+
+    std::string content() const {
+        std::ifstream in(file, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    }
+
+    void write_file(const std::string& bytes) const {
+        std::ofstream out(file, std::ios::binary | std::ios::trunc);
+        out << bytes;
+    }
+
+    int load(const std::string& bytes) const {
+        write_file(bytes);
+        return load_keys(file.c_str());
+    }
+
+    std::string dump(const char* pattern = "*") const {
+        EXPECT_EQ(dump_keys(file.c_str(), pattern), 0);
+        return content();
+    }
+
+    std::string folder;
+    std::string file;
+};
+
+} // namespace
+
+/* --- Which keys are histories --- */
+
+TEST(HistoryKeys, AreToldByTheWordBehindTheLastDot) {
+    for (const char* key :
+         {"x.day", "x.week", "x.mon", "x.days", "cpu.week1", "x.month", "a.b.day", "day.mon", ".day"}) {
+        EXPECT_TRUE(is_history_key(key)) << key;
+    }
+    for (const char* key : {"", ".", "day", "week", "mon", "x.dat", "x.wee", "x.mo", "x.da", "x.day.",
+                            "x.day.x", "x.Day", "x. day", "xday", "x.10m", "x.2h"}) {
+        EXPECT_FALSE(is_history_key(key)) << key;
+    }
+}
+
+/* --- Dump --- */
+
+TEST_F(DumpAndLoad, AStringIsOneRecordInNetworkByteOrder) {
+    set("k", "abc");
+    EXPECT_EQ(dump(), std::string("\0\0\0\1k\0\0\0\3abc", 12));
+}
+
+TEST_F(DumpAndLoad, LongLengthsFillTheirFourBytes) {
+    set("key", std::string(0x010203, 'x'));
+    const std::string bytes = dump();
+    ASSERT_EQ(bytes.size(), 4u + 3 + 4 + 0x010203);
+    EXPECT_EQ(bytes.substr(0, 11), std::string("\0\0\0\3key\0\1\2\3", 11));
+    EXPECT_EQ(bytes.substr(11), std::string(0x010203, 'x'));
+}
+
+TEST_F(DumpAndLoad, KeysAndValuesMayHoldAnyByte) {
+    set(std::string_view("k\0y", 3), std::string_view("\0\xff\n", 3));
+    EXPECT_EQ(dump(), std::string("\0\0\0\3k\0y\0\0\0\3\0\xff\n", 14));
+}
+
+TEST_F(DumpAndLoad, AStringWithoutValueIsWrittenEmpty) {
+    make("k", OBJ_TSTRING);
+    EXPECT_EQ(dump(), std::string("\0\0\0\1k\0\0\0\0", 9));
+}
+
+TEST_F(DumpAndLoad, KeysAreWrittenInTableOrder) {
+    for (const char* key : {"a", "b", "c"}) {
+        set(key, key);
+    }
+    /* The buckets 9, 10 and 0 of 11. */
+    EXPECT_EQ(dump(), record("c", "c") + record("a", "a") + record("b", "b"));
+}
+
+TEST_F(DumpAndLoad, OnlyStringsAreWritten) {
+    object_rpush(make("l", OBJ_TLIST), "item");
+    object_hash_set(make("h", OBJ_THASH), text("f"), text("v"));
+    make("n", OBJ_TNONE);
+    set("s", "v");
+    EXPECT_EQ(dump(), record("s", "v"));
+}
+
+TEST_F(DumpAndLoad, OnlyKeysThatMatchThePatternAreWritten) {
+    set("cpu.load", "1");
+    set("mem.load", "2");
+    set("cpu", "3");
+    EXPECT_EQ(dump("cpu.*"), record("cpu.load", "1"));
+    EXPECT_EQ(dump("c?u"), record("cpu", "3"));
+    EXPECT_EQ(dump("[m]*"), record("mem.load", "2"));
+    EXPECT_EQ(dump("nothing"), "");
+}
+
+TEST_F(DumpAndLoad, PatternsSeeNothingSpecialInSlashesDotsAndBackslashes) {
+    set(".a/b", "1");
+    EXPECT_EQ(dump("*"), record(".a/b", "1"));
+    EXPECT_EQ(dump("?a?b"), record(".a/b", "1"));
+    set("x*", "2");
+    EXPECT_EQ(dump("x\\*"), record("x*", "2"));
+}
+
+TEST_F(DumpAndLoad, ADeletedKeyWhoseRecordStandsIsWritten) {
+    object_delete(set("k", "v"));
+    EXPECT_EQ(dump(), record("k", "v"));
+}
+
+TEST_F(DumpAndLoad, PrivateAndProtectedKeysAreWritten) {
+    set("_k", "v")->flags |= OBJ_PROTECTED;
+    EXPECT_EQ(dump(), record("_k", "v"));
+}
+
+TEST_F(DumpAndLoad, WithoutAnyKeyTheFileIsEmpty) {
+    EXPECT_EQ(dump(), "");
+    EXPECT_TRUE(std::filesystem::exists(file));
+    make("k", OBJ_THASH);
+    EXPECT_EQ(dump(), "");
+}
+
+TEST_F(DumpAndLoad, AnOlderFileIsEmptiedFirst) {
+    write_file(std::string(1000, 'x'));
+    set("k", "v");
+    EXPECT_EQ(dump(), record("k", "v"));
+}
+
+TEST_F(DumpAndLoad, ANewFileIsReadableByAllAndWritableByItsOwner) {
+    const mode_t old = umask(0);
+    dump();
+    umask(old);
+    struct stat status;
+    ASSERT_EQ(stat(file.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0644u);
+}
+
+TEST_F(DumpAndLoad, DumpingIsLoggedWithPatternAndPath) {
+    log.start(LOG_INFO);
+    dump("a%sb*");
+    EXPECT_EQ(log.text(), "info  *** dumped a%sb* to " + file + "\n");
+}
+
+TEST_F(DumpAndLoad, AFileThatCannotBeMadeIsRepliedAndLogged) {
+    log.start(LOG_INFO);
+    const std::string missing = folder + "/missing/dump";
+    EXPECT_EQ(dump_keys(missing.c_str(), "*"), ENOENT);
+    EXPECT_EQ(dump_keys(folder.c_str(), "*"), EISDIR);
+    EXPECT_EQ(dump_keys("", "*"), ENOENT);
+    EXPECT_EQ(log.text(), "info  *** failed to dump * to " + missing + ": 2\n" +
+                              "info  *** failed to dump * to " + folder + ": 21\n" +
+                              "info  *** failed to dump * to : 2\n");
+}
+
+TEST_F(DumpAndLoad, NothingIsLoggedAboveInfoLevel) {
+    log.start(LOG_WARN);
+    dump();
+    load("");
+    load_keys((folder + "/missing").c_str());
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(DumpAndLoad, AFifoThatNobodyReadsIsRefusedAtOnce) {
+    ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+    EXPECT_EQ(dump_keys(file.c_str(), "*"), ENXIO);
+}
+
+TEST_F(DumpAndLoad, AFifoThatIsFullBlocksNobody) {
+    ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+    const int reader = open(file.c_str(), O_RDONLY | O_NONBLOCK);
+    ASSERT_GE(reader, 0);
+    set("k", std::string(1 << 20, 'x'));
+    EXPECT_EQ(dump_keys(file.c_str(), "*"), 0);
+    char start[9] = {};
+    EXPECT_EQ(read(reader, start, sizeof start), 9);
+    EXPECT_EQ(std::string(start, 9), std::string("\0\0\0\1k\0\x10\0\0", 9));
+    close(reader);
+}
+
+TEST_F(DumpAndLoad, NoDescriptorIsLeftOpen) {
+    set("k", "v");
+    const int before = open("/dev/null", O_RDONLY);
+    close(before);
+    dump();
+    load(content());
+    load_keys(folder.c_str());
+    load_keys("/missing");
+    ASSERT_EQ(truncate(file.c_str(), LOAD_MAX_SIZE + 1), 0);
+    load_keys(file.c_str());
+    const int after = open("/dev/null", O_RDONLY);
+    close(after);
+    EXPECT_EQ(after, before);
+}
+
+TEST_F(DumpAndLoad, ChangesAndExpiryAreNotTouched) {
+    test_client observer;
+    observers_add(observer.record());
+    object* obj = set("k", "v");
+    object_expire(obj, 60);
+    dump();
+    EXPECT_EQ(load(record("k", "other")), 0);
+    EXPECT_EQ(get("k"), "other");
+    EXPECT_EQ(obj->flags, flags_of(OBJ_TSTRING, OBJ_EXPIRE_TTL));
+    EXPECT_EQ(obj->expire_arg, 60u);
+    EXPECT_EQ(observer.received(), "");
+}
+
+TEST_F(DumpAndLoad, ARecordCanBeWrittenByItself) {
+    const int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    dump_write_record(fd, "key", 3, "data", 4);
+    dump_write_record(fd, "", 0, "", 0);
+    close(fd);
+    EXPECT_EQ(content(), record("key", "data") + std::string(8, '\0'));
+}
+
+/* --- Load --- */
+
+TEST_F(DumpAndLoad, WhatWasDumpedIsLoaded) {
+    set("a", "1");
+    set("b", std::string_view("\0two", 4));
+    make("c", OBJ_TSTRING);
+    dump();
+    set("a", "changed");
+    set("b", "");
+    set("c", "changed");
+    EXPECT_EQ(load_keys(file.c_str()), 0);
+    EXPECT_EQ(get("a"), "1");
+    EXPECT_EQ(get("b"), std::string_view("\0two", 4));
+    EXPECT_EQ(get("c"), "");
+}
+
+TEST_F(DumpAndLoad, LoadingIsLoggedWithEachRecord) {
+    set("k", "v");
+    write_file(record("k", "abc") + record("other", ""));
+    log.start();
+    EXPECT_EQ(load_keys(file.c_str()), 0);
+    EXPECT_EQ(log.text(), "debug *** name=k, namelen=1, datalen=3, siz=16\n"
+                          "debug *** name=other, namelen=5, datalen=0, siz=0\n"
+                          "info  *** loaded " +
+                              file + "\n");
+}
+
+TEST_F(DumpAndLoad, AMissingFileIsRepliedAndLogged) {
+    log.start(LOG_INFO);
+    const std::string missing = folder + "/missing";
+    EXPECT_EQ(load_keys(missing.c_str()), 2);
+    EXPECT_EQ(log.text(), "info  *** failed to load " + missing + ": 2\n");
+}
+
+TEST_F(DumpAndLoad, KeysAreNeverMade) {
+    EXPECT_EQ(load(record("k", "v")), 0);
+    EXPECT_EQ(object_lookup("k"), nullptr);
+    make("other", OBJ_TSTRING);
+    EXPECT_EQ(load(record("k", "v")), 0);
+    EXPECT_EQ(object_keyspace()->count, 1u);
+}
+
+TEST_F(DumpAndLoad, KeysOfOtherTypesAreLeftAlone) {
+    object* list = make("l", OBJ_TLIST);
+    object_rpush(list, "item");
+    make("h", OBJ_THASH);
+    make("n", OBJ_TNONE);
+    EXPECT_EQ(load(record("l", "v") + record("h", "v") + record("n", "v")), 0);
+    EXPECT_EQ(object_type(list), OBJ_TLIST);
+    EXPECT_EQ(list->list->count, 1);
+    EXPECT_EQ(object_type(object_lookup("h")), OBJ_THASH);
+    EXPECT_EQ(object_type(object_lookup("n")), OBJ_TNONE);
+}
+
+TEST_F(DumpAndLoad, DeletedKeysAreNotRevived) {
+    object* obj = set("k", "v");
+    object_delete(obj);
+    EXPECT_EQ(load(record("k", "other")), 0);
+    EXPECT_EQ(object_lookup("k"), nullptr);
+    EXPECT_EQ(bytes_of(obj->string), "v");
+}
+
+TEST_F(DumpAndLoad, AStringWithoutValueGetsOne) {
+    make("k", OBJ_TSTRING);
+    EXPECT_EQ(load(record("k", "v")), 0);
+    EXPECT_EQ(get("k"), "v");
+}
+
+TEST_F(DumpAndLoad, TheLastRecordOfAKeyHolds) {
+    set("k", "v");
+    EXPECT_EQ(load(record("k", "1") + record("k", "22") + record("k", "33")), 0);
+    EXPECT_EQ(get("k"), "33");
+}
+
+TEST_F(DumpAndLoad, ANameEndsAtItsFirstNul) {
+    set("k", "v");
+    EXPECT_EQ(load(record(std::string_view("k\0zzz", 5), "found")), 0);
+    EXPECT_EQ(get("k"), "found");
+}
+
+TEST_F(DumpAndLoad, ANameMayBeEmpty) {
+    set("", "v");
+    EXPECT_EQ(load(record("", "found") + record("", "again")), 0);
+    EXPECT_EQ(get(""), "again");
+}
+
+TEST_F(DumpAndLoad, EightBytesAreTooFewEvenForAnEmptyRecord) {
+    set("", "v");
+    log.start();
+    EXPECT_EQ(load(record("", "")), 0);
+    EXPECT_EQ(get(""), "v");
+    EXPECT_EQ(log.text(), "info  *** loaded " + file + "\n");
+}
+
+TEST_F(DumpAndLoad, AnEmptyFileLoadsNothing) {
+    EXPECT_EQ(load(""), 0);
+}
+
+TEST_F(DumpAndLoad, AFileThatEndsAnywhereLoadsItsWholeRecords) {
+    const std::string bytes = record("a", "first") + record("bb", "") + record("c", "the third");
+    const size_t ends[] = {14, 24, bytes.size()};
+    ASSERT_EQ(bytes.size(), 24u + 18);
+    for (size_t length = 0; length <= bytes.size(); length++) {
+        object_reset();
+        for (const char* key : {"a", "bb", "c"}) {
+            set(key, "old");
+        }
+        EXPECT_EQ(load(bytes.substr(0, length)), 0);
+        EXPECT_EQ(get("a"), length >= ends[0] ? "first" : "old") << length;
+        EXPECT_EQ(get("bb"), length >= ends[1] ? "" : "old") << length;
+        EXPECT_EQ(get("c"), length >= ends[2] ? "the third" : "old") << length;
+    }
+}
+
+TEST_F(DumpAndLoad, HostileNameLengthsEndTheLoading) {
+    for (const uint32_t namelen :
+         {0xFFFFFFFFu, 0xFFFFFFFCu, 0xFFFFFFF8u, 0x80000000u, 0x7FFFFFFFu, 1000u, 3u, 2u}) {
+        object_reset();
+        set("a", "old");
+        set("b", "old");
+        /* Ten bytes from the second name length on. */
+        EXPECT_EQ(load(record("a", "new") + be32(namelen) + "b" + be32(0) + "x"), 0);
+        EXPECT_EQ(get("a"), "new") << namelen;
+        EXPECT_EQ(get("b"), "old") << namelen;
+    }
+}
+
+TEST_F(DumpAndLoad, HostileDataLengthsEndTheLoading) {
+    for (const uint32_t datalen :
+         {0xFFFFFFFFu, 0xFFFFFFFCu, 0xFFFFFFF7u, 0xFFFFFFF8u, 0x80000000u, 0x7FFFFFFFu, 1000u, 4u}) {
+        object_reset();
+        set("a", "old");
+        set("b", "old");
+        EXPECT_EQ(load(record("a", "new") + be32(1) + "b" + be32(datalen) + "xyz"), 0);
+        EXPECT_EQ(get("a"), "new") << datalen;
+        EXPECT_EQ(get("b"), "old") << datalen;
+    }
+}
+
+TEST_F(DumpAndLoad, ADataLengthThatFitsExactlyIsTaken) {
+    set("b", "old");
+    EXPECT_EQ(load(be32(1) + "b" + be32(3) + "xyz"), 0);
+    EXPECT_EQ(get("b"), "xyz");
+}
+
+TEST_F(DumpAndLoad, AFolderLoadsNothing) {
+    EXPECT_EQ(load_keys(folder.c_str()), 0);
+}
+
+TEST_F(DumpAndLoad, AFifoLoadsNothingAndBlocksNobody) {
+    ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+    EXPECT_EQ(load_keys(file.c_str()), 0);
+    set("k", "old");
+    const int writer = open(file.c_str(), O_RDWR | O_NONBLOCK);
+    const std::string bytes = record("k", "new");
+    ASSERT_EQ(write(writer, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    EXPECT_EQ(load_keys(file.c_str()), 0);
+    EXPECT_EQ(get("k"), "old");
+    close(writer);
+}
+
+TEST_F(DumpAndLoad, DevicesThatNeverEndLoadNothing) {
+    EXPECT_EQ(load_keys("/dev/zero"), 0);
+    EXPECT_EQ(load_keys("/dev/null"), 0);
+}
+
+TEST_F(DumpAndLoad, FilesBeyondWhatMemoryAllowsAreRefused) {
+    write_file("");
+    log.start(LOG_INFO);
+    for (const off_t size :
+         {off_t{LOAD_MAX_SIZE} + 1, off_t{1} << 32, (off_t{1} << 32) + 12, off_t{1} << 40}) {
+        ASSERT_EQ(truncate(file.c_str(), size), 0);
+        EXPECT_NE(load_keys(file.c_str()), 0) << size;
+    }
+    EXPECT_EQ(log.lines()[0], "info  *** failed to load " + file + ": " + std::to_string(EFBIG));
+    EXPECT_EQ(log.lines().size(), 4u);
+}
+
+TEST_F(DumpAndLoad, ASparseFileOfNothingButZerosIsLoadedInBoundedTime) {
+    set("k", "old");
+    write_file(record("k", "new"));
+    ASSERT_EQ(truncate(file.c_str(), 8 << 20), 0);
+    EXPECT_EQ(load_keys(file.c_str()), 0);
+    EXPECT_EQ(get("k"), "new");
+}
+
+/* --- Histories --- */
+
+TEST_F(DumpAndLoad, HistoriesAreWrittenAndReadByTheirHooks) {
+    dump_history = {write_history, load_history};
+    set("cpu.load.day", "not this");
+    set("k", "v");
+    const std::string bytes = dump();
+    EXPECT_TRUE(bytes == record("H", "ring") + record("k", "v") ||
+                bytes == record("k", "v") + record("H", "ring"));
+    EXPECT_EQ(history_calls, (std::vector<std::string>{"write cpu.load.day"}));
+    history_calls.clear();
+    EXPECT_EQ(load(record("cpu.load.day", "data") + record("x.weekly", "")), 0);
+    EXPECT_EQ(history_calls, (std::vector<std::string>{"load cpu.load.day data", "load x.weekly "}));
+    EXPECT_EQ(get("cpu.load.day"), "not this");
+}
+
+TEST_F(DumpAndLoad, WithoutHooksHistoriesAreNeitherWrittenNorRead) {
+    set("cpu.load.day", "v");
+    EXPECT_EQ(dump(), "");
+    EXPECT_EQ(load(record("cpu.load.day", "data")), 0);
+    EXPECT_EQ(get("cpu.load.day"), "v");
+}
+
+TEST_F(DumpAndLoad, HistoryRecordsAreTracedToo) {
+    dump_history = {write_history, load_history};
+    write_file(record("x.mon", "data"));
+    log.start();
+    load_keys(file.c_str());
+    EXPECT_EQ(log.lines()[0], "debug *** name=x.mon, namelen=5, datalen=4, siz=4");
+}
