@@ -87,6 +87,7 @@ int main(int argc, char** argv) {
         endpoint_unlink(o.address);
     }
     server* listener = server_open(o.address, o.port);
+    sstr_free(&o.address);
     if (listener == nullptr) {
         return 0;
     }

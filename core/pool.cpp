@@ -28,7 +28,7 @@ void* pool_alloc_heap(size_t size) {
     return block;
 }
 
-void pool_add_slab(size_t size) {
+pool_link* pool_add_slab(size_t size) {
     pool_class* c = &pool_classes[(size + 3) >> 2];
     c->objsize = block_size(size);
 
@@ -48,7 +48,7 @@ void pool_add_slab(size_t size) {
         block->next = next;
         next = block;
     }
-    c->free = next;
+    return next;
 }
 
 void* pool_alloc_zeroed(size_t size) {

@@ -51,9 +51,10 @@ struct pool_class {
 /* By (size + 3) >> 2. Used by the calls below alone. */
 extern pool_class pool_classes[(POOL_MAX_SIZE >> 2) + 1];
 
-/* The rare paths of pool_alloc: a size beyond the pool, and a class without a free block. */
+/* The rare paths of pool_alloc: a size beyond the pool, and a class without a free block, of whose new slab
+ * the first block is returned. */
 void* pool_alloc_heap(size_t size);
-void pool_add_slab(size_t size);
+pool_link* pool_add_slab(size_t size);
 
 /* Returns a block of at least `size` bytes, uninitialised; null when `size` is 0. The caller owns it and
  * frees it with pool_free and the same size. */
@@ -62,10 +63,7 @@ inline void* pool_alloc(size_t size) {
         return pool_alloc_heap(size);
     }
     pool_class* c = &pool_classes[(size + 3) >> 2];
-    if (c->free == nullptr) {
-        pool_add_slab(size);
-    }
-    pool_link* block = c->free;
+    pool_link* block = c->free != nullptr ? c->free : pool_add_slab(size);
     c->free = block->next;
     return block;
 }
