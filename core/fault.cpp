@@ -15,8 +15,6 @@ void fault_abort(const char* expression, const char* unit, int line, const char*
 void fault_no_memory() {
     static const char message[] = "out of memory\n";
     /* The process ends either way; there is nobody left to tell of a failed write. */
-    if (write(STDERR_FILENO, message, sizeof message - 1) < 0) {
-        abort();
-    }
+    (void)!write(STDERR_FILENO, message, sizeof message - 1);
     abort();
 }

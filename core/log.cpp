@@ -86,7 +86,7 @@ void open_local(const char* path) {
 }
 
 void open_file(const char* path) {
-    state.fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0664);
+    state.fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, 0664);
     state.mode = state.fd >= 0 ? MODE_FILE : MODE_STDOUT;
     state.file_bytes = 0;
 }
@@ -158,9 +158,9 @@ void append_text(const char* text) {
 void append_timestamp() {
     char stamp[128];
     const time_t now = time(nullptr);
-    struct tm local;
-    if (localtime_r(&now, &local) != nullptr &&
-        strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S ", &local) > 0) {
+    /* Not localtime_r: a time zone that is set after the start is to show. */
+    const struct tm* local = localtime(&now);
+    if (local != nullptr && strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S ", local) > 0) {
         append_text(stamp);
     }
 }
@@ -206,8 +206,7 @@ void write_to_file() {
 void store_attempt_time() {
     timeval now;
     gettimeofday(&now, nullptr);
-    state.attempt_sec = static_cast<uint32_t>(now.tv_sec);
-    state.attempt_usec = static_cast<uint32_t>(now.tv_usec);
+    loop_store_time(&state.attempt_sec, &state.attempt_usec, &now);
 }
 
 void reconnect_when_due() {
@@ -271,6 +270,7 @@ void write_message(uint32_t level, const char* format, va_list arguments) {
     if (has_somewhere_to_write()) {
         compose_line(level, format, arguments);
         write_composed();
+        /* The trace of one large request must not hold its memory for ever. */
         buffer_shrink_reset(&state.line);
     }
     if (level == LOG_FATAL) {

@@ -56,7 +56,7 @@ void kill_stale_instance(pid_t self) {
 }
 
 void write_pid_file(pid_t self) {
-    const int fd = open(PID_FILE, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    const int fd = open(PID_FILE, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, 0644);
     if (fd < 0) {
         return;
     }
@@ -67,9 +67,22 @@ void write_pid_file(pid_t self) {
     close(fd);
 }
 
+/* Started without its standard descriptors, the daemon would give their numbers to clients, and what is
+ * written to standard output or standard error would reach one of them. */
+void hold_standard_descriptors() {
+    int fd;
+    do {
+        fd = open("/dev/null", O_RDWR);
+    } while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd > STDERR_FILENO) {
+        close(fd);
+    }
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
+    hold_standard_descriptors();
     options o;
     options_init(&o);
     options_parse(&o, argc, argv);

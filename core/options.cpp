@@ -65,7 +65,7 @@ void set_port(options* o, const char* text) {
 }
 
 /* Only these two words choose where the log goes. Anything else is kept as the ident, which the log never
- * reads: start scripts in the field pass file names here and rely on the log staying where it is. */
+ * reads, so a file or a socket given here leaves the log on its default file. That is deliberate. */
 void set_log_file(options* o, const char* text) {
     if (strcmp(text, "stdout") == 0 || strcmp(text, "syslog") == 0) {
         o->log.target = text;

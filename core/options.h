@@ -16,5 +16,5 @@ void options_init(options* o);
 
 /* Reads the arguments over `o`, in their order. -v prints the version and exits with 0; -d becomes a daemon
  * at once, so that options behind it are read in the child. -h, -g and unknown options print the usage and
- * exit with 255. The texts stored in `o` live as long as the process. */
+ * exit with 255. The address belongs to the caller, the log's texts to argv. */
 void options_parse(options* o, int argc, char** argv);

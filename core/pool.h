@@ -8,14 +8,14 @@
  *
  * Every small record of the daemon (objects, table entries, list nodes, hash fields, string bodies) comes
  * from here. A block is named by its size alone: the caller gives the size back when it frees, so no
- * block carries a header. Sizes fall into 52 classes of 4 bytes' step; 204 bytes is the largest pooled
- * size, from 205 on malloc and free do the work.
+ * block carries a header. Sizes fall into 52 classes of 4 bytes' step, of which the first is never used; 204
+ * bytes is the largest pooled size, from 205 on malloc and free do the work.
  *
  * Invariants:
  * 1. A class's free list links its free blocks through their first word; the block freed last is handed
  *    out first.
- * 2. A slab is one malloc(2048): one pointer to the previous slab, then as many blocks as fit into the
- *    rest, chained in address order. Slabs are never given back to the system.
+ * 2. A slab is one malloc(2048): one pointer to another slab, then as many blocks as fit into the rest,
+ *    chained in address order. Slabs are never given back to the system.
  * 3. Blocks are aligned to the size of a pointer: 4 bytes on the device, 8 on 64-bit hosts, where a
  *    class's block size is its 4-byte figure rounded up to 8. Records that hold 64-bit integers must
  *    therefore declare them as `pool_int64`.

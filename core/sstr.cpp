@@ -12,9 +12,13 @@ uint32_t resolved_length(const char* bytes, uint32_t length) {
     return length == SSTR_CSTRING ? static_cast<uint32_t>(strlen(bytes)) : length;
 }
 
-sstr allocate(uint32_t length) {
-    uint32_t* block = static_cast<uint32_t*>(pool_alloc(size_t{length} + SSTR_OVERHEAD));
-    *block = length;
+sstr allocate(uint64_t length) {
+    if (length > UINT32_MAX - SSTR_OVERHEAD) {
+        /* No length word can hold it, and no target has that much memory to spare. */
+        fault_no_memory();
+    }
+    uint32_t* block = static_cast<uint32_t*>(pool_alloc(static_cast<size_t>(length) + SSTR_OVERHEAD));
+    *block = static_cast<uint32_t>(length);
     return reinterpret_cast<char*>(block + 1);
 }
 
@@ -62,11 +66,7 @@ void sstr_append(sstr* s, const char* bytes, uint32_t length) {
     }
     length = resolved_length(bytes, length);
     const uint32_t old_length = sstr_length(*s);
-    if (length > UINT32_MAX - SSTR_OVERHEAD - old_length) {
-        /* No length word can hold it, and no target has that much memory to spare. */
-        fault_no_memory();
-    }
-    sstr joined = allocate(old_length + length);
+    sstr joined = allocate(uint64_t{old_length} + length);
     memcpy(joined, *s, old_length);
     memcpy(joined + old_length, bytes, length);
     joined[old_length + length] = '\0';

@@ -138,6 +138,9 @@ int32_t text_parse_int32(const char* text, char** end, int base) {
 }
 
 uint32_t text_parse_uint32(const char* text, char** end, int base) {
+    if (base == 0 && has_binary_prefix(text)) {
+        base = 10;
+    }
     errno = 0;
     const unsigned long long value = strtoull(text, end, base);
     if (errno == ERANGE) {

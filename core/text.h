@@ -30,7 +30,7 @@ void text_put_digits(char* end, uint64_t value);
  * to `text` when there were none. `end` may be null. `base` as in strtol. */
 int32_t text_parse_int32(const char* text, char** end, int base);
 
-/* As strtoll: 64 bits on every target. */
+/* The same with 64 bits. */
 int64_t text_parse_int64(const char* text, char** end, int base);
 
 /* As strtoul with a 32-bit long: a negative number wraps into the unsigned range, a magnitude above

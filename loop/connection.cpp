@@ -177,6 +177,7 @@ void on_writable(connection* c) {
     if (c->pending.length > 0) {
         return;
     }
+    /* A client that was slow once must not hold a mebibyte for the rest of its life. */
     buffer_shrink_reset(&c->pending);
     run_producer(c);
     if (c->fd >= 0 && c->pending.length == 0) {

@@ -14,10 +14,12 @@ void on_readable(int fd, unsigned mask, void* argument) {
         return;
     }
     const int waiting = endpoint_bytes_readable(fd);
-    if (waiting < 1) {
+    if (waiting == 0) {
         /* An empty datagram is no request, but left in the queue it would hide those behind it. */
         char byte;
         (void)recv(fd, &byte, sizeof byte, MSG_DONTWAIT);
+    }
+    if (waiting < 1) {
         return;
     }
     buffer* request = loop_request_scratch();

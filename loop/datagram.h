@@ -1,5 +1,7 @@
 #pragma once
 
+#include <stdint.h>
+
 #include "core/buffer.h"
 
 /* A datagram server: one callback for each datagram, its answer sent back to the sender. Start-up opens

@@ -60,6 +60,7 @@ void on_connecting(int fd, unsigned mask, void* argument) {
     const connecting pending = *record;
     pool_delete(record);
     loop_remove_handler(fd);
+    /* An error event alone, which epoll may give, is a failure too: nobody else would close the socket. */
     const bool failed = (mask & LOOP_READABLE) != 0 || (mask & LOOP_WRITABLE) == 0;
     if (failed) {
         close(fd);
@@ -188,7 +189,7 @@ int endpoint_connect_udp(const char* host, int port, int* fd) {
 
 int endpoint_connect_async(const char* text, int port, endpoint_connected callback, void* argument) {
     endpoint_address address;
-    if (endpoint_parse(text, port, &address) == 0) {
+    if (endpoint_parse(resolve_localhost(text), port, &address) == 0) {
         return 0;
     }
     int fd = socket(address.any.sa_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);

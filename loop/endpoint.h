@@ -59,9 +59,9 @@ int endpoint_connect_udp(const char* host, int port, int* fd);
 /* Called with the connected descriptor and 0, or with -1 and an error number. */
 typedef void (*endpoint_connected)(int fd, int error, void* argument);
 
-/* Connects a stream without blocking; address texts as for endpoint_parse. Returns 1 when the address
- * parsed, and the callback is then called exactly once, perhaps before this returns; 0 otherwise, with no
- * call. A connection that fails after it was begun is reported as EHOSTUNREACH, whatever the kernel
+/* Connects a stream without blocking; address texts as for endpoint_parse, and "localhost". Returns 1 when
+ * the address parsed, and the callback is then called exactly once, perhaps before this returns; 0 otherwise,
+ * with no call. A connection that fails after it was begun is reported as EHOSTUNREACH, whatever the kernel
  * says: a readable event is taken for the failure and the cause is not asked for. */
 int endpoint_connect_async(const char* text, int port, endpoint_connected callback, void* argument);
 

@@ -71,8 +71,7 @@ void scan_timers() {
             next = timer->next;
             continue;
         }
-        timer->last_sec = static_cast<uint32_t>(loop.now.tv_sec);
-        timer->last_usec = static_cast<uint32_t>(loop.now.tv_usec);
+        loop_store_time(&timer->last_sec, &timer->last_usec, &loop.now);
         loop.running = timer;
         const int remove = timer->callback(timer->argument);
         /* Only now: the callback may have deleted the timer that came next. */
@@ -89,8 +88,7 @@ void scan_timers_when_due() {
     if (loop_elapsed_ms(&loop.scan_sec, &loop.scan_usec, &loop.now) < SCAN_MS) {
         return;
     }
-    loop.scan_sec = static_cast<uint32_t>(loop.now.tv_sec);
-    loop.scan_usec = static_cast<uint32_t>(loop.now.tv_usec);
+    loop_store_time(&loop.scan_sec, &loop.scan_usec, &loop.now);
     scan_timers();
 }
 
@@ -127,8 +125,7 @@ int loop_init(int limit, int selector) {
     if (loop.files == nullptr) {
         fault_no_memory();
     }
-    loop.scan_sec = static_cast<uint32_t>(loop.now.tv_sec);
-    loop.scan_usec = static_cast<uint32_t>(loop.now.tv_usec);
+    loop_store_time(&loop.scan_sec, &loop.scan_usec, &loop.now);
     buffer_init(&loop.request_scratch, 0, BUFFER_UNBOUNDED);
     buffer_init(&loop.reply_scratch, 0, BUFFER_UNBOUNDED);
     loop.backend = selector == LOOP_EPOLL ? &loop_epoll_backend : &loop_select_backend;
@@ -157,7 +154,7 @@ void loop_add_handler(int fd, unsigned mask, loop_handler handler, void* argumen
 }
 
 void loop_modify_handler(int fd, unsigned add, unsigned remove) {
-    if (fd >= loop.maxfd) {
+    if (fd < 0 || fd >= loop.maxfd) {
         return;
     }
     if (add != 0) {
@@ -169,7 +166,7 @@ void loop_modify_handler(int fd, unsigned add, unsigned remove) {
 }
 
 void loop_remove_handler(int fd) {
-    if (fd >= loop.maxfd) {
+    if (fd < 0 || fd >= loop.maxfd) {
         return;
     }
     loop.backend->del(fd, LOOP_READABLE | LOOP_WRITABLE | LOOP_ERROR);
@@ -178,8 +175,7 @@ void loop_remove_handler(int fd) {
 
 loop_timer* loop_add_timer(uint32_t interval_ms, loop_timer_callback callback, void* argument) {
     loop_timer* timer = pool_new<loop_timer>();
-    timer->last_sec = static_cast<uint32_t>(loop.now.tv_sec);
-    timer->last_usec = static_cast<uint32_t>(loop.now.tv_usec);
+    loop_store_time(&timer->last_sec, &timer->last_usec, &loop.now);
     timer->interval_ms = interval_ms;
     timer->callback = callback;
     timer->argument = argument;
@@ -239,12 +235,16 @@ int loop_run() {
     return loop.stop;
 }
 
+void loop_store_time(uint32_t* sec, uint32_t* usec, const timeval* now) {
+    *sec = static_cast<uint32_t>(now->tv_sec);
+    *usec = static_cast<uint32_t>(now->tv_usec);
+}
+
 int64_t loop_elapsed_ms(uint32_t* sec, uint32_t* usec, const timeval* now) {
     const int64_t elapsed = (int64_t{static_cast<uint32_t>(now->tv_sec)} - *sec) * 1000 +
                             (static_cast<int64_t>(now->tv_usec) - *usec) / 1000;
     if (elapsed < 0) {
-        *sec = static_cast<uint32_t>(now->tv_sec);
-        *usec = static_cast<uint32_t>(now->tv_usec);
+        loop_store_time(sec, usec, now);
     }
     return elapsed;
 }

@@ -86,8 +86,8 @@ const timeval* loop_now();
  * Aborts when `fd` is not below the limit. */
 void loop_add_handler(int fd, unsigned mask, loop_handler handler, void* argument);
 
-/* Watches for the bits of `add` too, then no longer for those of `remove`. A descriptor at or above the
- * limit is ignored. */
+/* Watches for the bits of `add` too, then no longer for those of `remove`. A descriptor out of range is
+ * ignored. */
 void loop_modify_handler(int fd, unsigned add, unsigned remove);
 
 /* Forgets the descriptor; events of the same batch that are still to come find an empty slot. A
@@ -113,6 +113,9 @@ void loop_stop();
 
 /* Runs until the loop is stopped. Returns the stop flag's value (not 0). */
 int loop_run();
+
+/* Stores a time in the 32 bits that records have for each part. */
+void loop_store_time(uint32_t* sec, uint32_t* usec, const timeval* now);
 
 /* Milliseconds from the stored time to now, the microseconds' share truncated toward zero. A clock that
  * was set back gives a negative value and resets the stored time to now. */

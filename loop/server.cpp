@@ -41,7 +41,7 @@ void cb_sserver(int fd, unsigned mask, void* argument) {
     if (s->conn_ondata == nullptr) {
         fault_abort("s->conn_ondata != ((void *)0)", "loop", 551, "cb_sserver");
     }
-    const int accepted = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    const int accepted = accept(fd, nullptr, nullptr);
     if (accepted < 0) {
         /* The client went away again, or descriptors ran out: there is nobody to tell. */
         return;

@@ -8,7 +8,7 @@
  * that connections outlive its release. */
 
 /* Listens on an address (see endpoint_parse; null means 0.0.0.0) and port. Returns the server, owned by
- * the caller until server_release, or null. */
+ * the caller until server_release, or null, also when the descriptor is not below the loop's limit. */
 server* server_open(const char* address, int port);
 
 /* The handler of the listening descriptor; `argument` is the server. Accepts one connection for each
