@@ -190,7 +190,9 @@ void history_load(history_series* s, object* obj, const char* data, uint32_t len
 
     const uint32_t stamp = text_get_be32(data + AT_TIME);
     const uint32_t present = now();
-    const int32_t span = static_cast<int32_t>(present - stamp) / static_cast<int32_t>(s->period * unit);
+    const int64_t seconds = int64_t{s->period} * unit;
+    const int32_t span =
+        seconds > 0 ? static_cast<int32_t>(static_cast<int32_t>(present - stamp) / seconds) : 0;
     if (span > 0) {
         if (log_wants(LOG_INFO)) {
             log_write(LOG_INFO, "loading %s: (%d-%d)/(%d*%d)  -> span = %d", obj->key,

@@ -70,11 +70,10 @@ bool has_serial_panel(const object* sys) {
 }
 
 const char* serial_port() {
+    char output[STAT_OUTPUT_SIZE];
     char model[16] = {};
-    FILE* output = stat_command_open(MODEL_COMMAND);
-    if (output != nullptr) {
-        (void)!fscanf(output, "%15s", model);
-        stat_command_close(output);
+    if (stat_command_output(MODEL_COMMAND, output)) {
+        (void)sscanf(output, "%15s", model);
     }
     for (const char* known : first_port_models) {
         if (strncmp(model, known, 6) == 0) {

@@ -1,17 +1,22 @@
 #include "stats/stat_value.h"
 
 #include <signal.h>
+#include <stdio.h>
 #include <stdlib.h>
 
 #include "core/text.h"
 
 namespace {
 
-/* The daemon ignores SIGPIPE, and a program would inherit that: one that writes for ever into a closed pipe
- * would then never end. */
-void while_pipe_signal_is_normal(void (*start)(const char*, FILE**), const char* command, FILE** output) {
-    const auto before = signal(SIGPIPE, SIG_DFL);
-    start(command, output);
+typedef void (*signal_handler)(int);
+
+/* The daemon ignores SIGPIPE, and a program that it starts would inherit that: one that writes for ever into
+ * a closed pipe would then never end. Returns what end_normal_pipe_signal puts back. */
+signal_handler begin_normal_pipe_signal() {
+    return signal(SIGPIPE, SIG_DFL);
+}
+
+void end_normal_pipe_signal(signal_handler before) {
     (void)signal(SIGPIPE, before);
 }
 
@@ -43,19 +48,24 @@ void stat_hset_u32(object* hash, const char* field, uint32_t value) {
     stat_hset_u64(hash, field, value, 0);
 }
 
-FILE* stat_command_open(const char* command) {
+bool stat_command_output(const char* command, char (&text)[STAT_OUTPUT_SIZE]) {
     const char* quiet = str_format("exec 2>/dev/null; %s", command);
-    FILE* output = nullptr;
-    while_pipe_signal_is_normal([](const char* c, FILE** out) { *out = popen(c, "re"); }, quiet, &output);
-    return output;
-}
-
-void stat_command_close(FILE* output) {
+    const signal_handler before = begin_normal_pipe_signal();
+    FILE* output = popen(quiet, "re");
+    end_normal_pipe_signal(before);
+    text[0] = '\0';
+    if (output == nullptr) {
+        return false;
+    }
+    text[fread(text, 1, sizeof text - 1, output)] = '\0';
     (void)pclose(output);
+    return true;
 }
 
 void stat_command_run(const char* command) {
-    while_pipe_signal_is_normal([](const char* c, FILE**) { (void)!system(c); }, command, nullptr);
+    const signal_handler before = begin_normal_pipe_signal();
+    (void)!system(command);
+    end_normal_pipe_signal(before);
 }
 
 uint32_t stat_reading(long long value) {

@@ -1,7 +1,7 @@
 #pragma once
 
+#include <stddef.h>
 #include <stdint.h>
-#include <stdio.h>
 
 #include "store/object.h"
 
@@ -15,11 +15,13 @@ void stat_set_number(const char* key, uint32_t value);
 void stat_hset_u64(object* hash, const char* field, uint32_t low, uint32_t high);
 void stat_hset_u32(object* hash, const char* field, uint32_t value);
 
-/* Starts a shell command whose output is read from the stream returned, null on failure. What it complains
- * about goes nowhere, and SIGPIPE ends it as usual when its output is not read. The loop waits for it in
- * stat_command_close. */
-FILE* stat_command_open(const char* command);
-void stat_command_close(FILE* output);
+/* The most that is looked at of a command's output, NUL included. */
+constexpr size_t STAT_OUTPUT_SIZE = 4096;
+
+/* Runs a shell command, waits for it and stores the beginning of its output as a C string. A command that
+ * writes more is ended by SIGPIPE; what it complains about goes nowhere. Returns false, with an empty text,
+ * when it cannot be started. */
+bool stat_command_output(const char* command, char (&text)[STAT_OUTPUT_SIZE]);
 
 /* Runs a shell command and waits for the shell, its output and complaints left alone. */
 void stat_command_run(const char* command);

@@ -112,19 +112,17 @@ void mem_poll() {
 }
 
 void host_poll() {
-    FILE* output = stat_command_open(HOST_COMMAND);
-    if (output != nullptr) {
+    char output[STAT_OUTPUT_SIZE];
+    if (stat_command_output(HOST_COMMAND, output)) {
         host_update(output);
-        stat_command_close(output);
     }
     host_publish();
 }
 
 void conn_poll() {
-    FILE* output = stat_command_open(CONN_COMMAND);
-    if (output != nullptr) {
+    char output[STAT_OUTPUT_SIZE];
+    if (stat_command_output(CONN_COMMAND, output)) {
         conn_update(output);
-        stat_command_close(output);
     }
     conn_publish();
 }
@@ -186,19 +184,20 @@ uint32_t mem_update(FILE* file) {
     return state.mem_load;
 }
 
-void host_update(FILE* output) {
+void host_update(const char* output) {
     long long reading = 0;
-    if (fscanf(output, "Online hosts: %lld\n", &reading) == 1) {
+    int end = 0;
+    if (sscanf(output, "Online hosts: %lld\n%n", &reading, &end) == 1) {
         state.hosts.value = stat_reading(reading);
-        if (fscanf(output, "Max Online hosts: %lld", &reading) == 1) {
+        if (sscanf(output + end, "Max Online hosts: %lld", &reading) == 1) {
             state.hosts_max = stat_reading(reading);
         }
     }
 }
 
-void conn_update(FILE* output) {
+void conn_update(const char* output) {
     long long reading = 0;
-    if (fscanf(output, "%lld", &reading) != 1) {
+    if (sscanf(output, "%lld", &reading) != 1) {
         reading = 0;
     }
     state.connections.value = stat_reading(reading);

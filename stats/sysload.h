@@ -32,10 +32,10 @@ uint8_t cpu_update(const char* line);
 uint32_t mem_update(FILE* file);
 
 /* Takes the output of the host tool in: "Online hosts: 5", then perhaps "Max Online hosts: 9". */
-void host_update(FILE* output);
+void host_update(const char* output);
 
 /* Takes the output of the connection command in: one number. */
-void conn_update(FILE* output);
+void conn_update(const char* output);
 
 /* Writes "host.num" and "host.maxnum", or "conn", and feeds the histories. */
 void host_publish();

@@ -1,0 +1,365 @@
+/*
+ * Histories in the running daemon: what a dump keeps of them, what a restart brings back, and that neither
+ * files nor clients with ill intent get anywhere.
+ */
+
+#include "tests/system/support/daemon_test.h"
+#include "tests/system/support/log_text.h"
+
+#include <algorithm>
+#include <map>
+#include <optional>
+
+#include <stdlib.h>
+#include <time.h>
+#include <unistd.h>
+
+using namespace system_test;
+
+namespace {
+
+using words = std::vector<std::string>;
+
+const std::string OK = "+OK\r\n";
+
+/* No processor load is like it. */
+constexpr char MARK = 0x7B;
+
+/* A load that costs no more than its rings; on a busy or emulated machine still. */
+constexpr long AT_ONCE_MS = 2000;
+
+std::string be32(uint32_t value) {
+    return {static_cast<char>(value >> 24), static_cast<char>(value >> 16), static_cast<char>(value >> 8),
+            static_cast<char>(value)};
+}
+
+uint32_t word_at(const std::string& bytes, size_t at) {
+    uint32_t value = 0;
+    for (size_t i = at; i < at + 4 && i < bytes.size(); i++)
+        value = value << 8 | static_cast<unsigned char>(bytes[i]);
+    return value;
+}
+
+uint32_t seconds() {
+    return static_cast<uint32_t>(time(nullptr));
+}
+
+std::string record(const std::string& key, const std::string& data) {
+    return be32(static_cast<uint32_t>(key.size())) + key + be32(static_cast<uint32_t>(data.size())) + data;
+}
+
+/* What a history must hold, found the plain way. */
+struct ring {
+    uint32_t period;
+    uint32_t slots;
+    uint32_t size;
+    uint32_t filled = 0;
+    uint32_t head = 0;
+    std::string samples = std::string(slots * size, '\0');
+
+    void push(const std::string& sample) {
+        samples.replace(head * size, size, sample);
+        head = (head + 1) % slots;
+        filled = std::min(filled + 1, slots);
+    }
+
+    /* Samples 0 to n - 1, none of them all zero. */
+    ring& fill(uint32_t n) {
+        for (uint32_t i = 0; i < n; i++)
+            push(std::string(size, static_cast<char>(i % 200 + 1)));
+        return *this;
+    }
+
+    ring& pad(uint32_t n) {
+        for (uint32_t i = 0; i < n; i++)
+            push(std::string(size, '\0'));
+        return *this;
+    }
+
+    /* Everything behind the time stamp. */
+    std::string rest() const {
+        return be32(period) + be32(slots) + be32(filled) + be32(head) + samples;
+    }
+
+    std::string value(uint32_t stamp) const {
+        return be32(stamp) + rest();
+    }
+
+    std::string data(uint32_t stamp) const {
+        return value(stamp).substr(0, 20 + filled * size);
+    }
+};
+
+const ring DAY = {360, 240, 0};
+const ring WEEK = {1440, 420, 0};
+const ring MONTH = {2880, 900, 0};
+
+ring ring_of(const ring& span, uint32_t size) {
+    return {span.period, span.slots, size};
+}
+
+class histories : public daemon_test {
+  protected:
+    void SetUp() override {
+        daemon_test::SetUp();
+        if (IsSkipped() || HasFatalFailure())
+            return;
+        sandbox::set_proc_file("net/dev", "eth0: 1 2 3 4 5 6 7 8 9 10\n");
+        sandbox::set_proc_file("stat", "cpu  1 1 1 1 1 1 1\n");
+        sandbox::set_proc_file("meminfo", "MemTotal: 100 kB\nMemFree: 50 kB\n");
+        sandbox::add_tool("hostmon", "echo 'Online hosts: 5'");
+        sandbox::add_tool("conntrack", "echo 'entries 123'");
+    }
+
+    void TearDown() override {
+        client.reset();
+        daemon_test::TearDown();
+    }
+
+    /* Starts the daemon and waits for its first tick, with which it knows the interface. */
+    void begin() {
+        daemon = &start();
+        client.emplace();
+        ASSERT_TRUE(eventually([&] { return client->call({"exists", "conn"}) == ":1\r\n"; }));
+    }
+
+    std::string get(const std::string& key) {
+        std::string reply = client->call({"get", key});
+        size_t start = reply.find("\r\n") + 2;
+        return reply.size() < start + 2 ? reply : reply.substr(start, reply.size() - start - 2);
+    }
+
+    std::string load(const std::string& bytes) {
+        write_file("/tmp/dump", bytes);
+        return client->call({"load", "/tmp/dump"});
+    }
+
+    std::string dump(const std::string& pattern) {
+        EXPECT_EQ(client->call({"dump", "/tmp/dump", pattern}), ":0\r\n");
+        return read_file("/tmp/dump");
+    }
+
+    /* The key holds what the ring does, stamped by the load that came after `since`. */
+    void expect_ring(const std::string& key, const ring& expected, uint32_t since) {
+        std::string value = get(key);
+        EXPECT_GE(word_at(value, 0), since) << key;
+        EXPECT_LE(word_at(value, 0), seconds()) << key;
+        EXPECT_EQ(word_at(value, 12), expected.filled) << key << ", filled";
+        EXPECT_EQ(word_at(value, 16), expected.head) << key << ", head";
+        EXPECT_TRUE(value.size() >= 4 && value.substr(4) == expected.rest()) << key;
+    }
+
+    /* Waits for so many samples of the ten-minute history. */
+    void wait_for_ticks(uint32_t count) {
+        uint32_t from = word_at(get("conn.10m"), 12);
+        EXPECT_TRUE(eventually([&] { return word_at(get("conn.10m"), 12) >= from + count; }));
+    }
+
+    process* daemon = nullptr;
+    std::optional<resp_client> client;
+};
+
+} // namespace
+
+TEST_F(histories, a_restart_brings_day_week_and_month_back_with_the_gap_padded) {
+    ASSERT_NO_FATAL_FAILURE(begin());
+
+    /* Rings not yet full, just full, and full and turned. */
+    std::map<std::string, ring> rings;
+    for (const auto& [base, size] : {std::pair("cpu", 1u), {"host", 4u}, {"conn", 4u}, {"eth0", 16u}}) {
+        rings.emplace(base + std::string(".day"), ring_of(DAY, size).fill(5));
+        rings.emplace(base + std::string(".week"), ring_of(WEEK, size).fill(420));
+        rings.emplace(base + std::string(".mon"), ring_of(MONTH, size).fill(903));
+    }
+    std::string file;
+    for (const auto& [key, expected] : rings)
+        file += record(key, expected.data(seconds()));
+    uint32_t since = seconds();
+    ASSERT_EQ(load(file), ":0\r\n");
+    for (const auto& [key, expected] : rings)
+        expect_ring(key, expected, since);
+
+    /* The dump has the filled part of each, in the table's order; the plain rings are whole. */
+    ASSERT_EQ(client->call({"set", "cpu.10m", std::string(620, MARK)}), OK);
+    ASSERT_EQ(client->call({"set", "nobody.day", "has no series"}), OK);
+    file = dump("*");
+    for (const auto& [key, expected] : rings)
+        EXPECT_NE(file.find(record(key, expected.data(word_at(get(key), 0)))), std::string::npos) << key;
+    EXPECT_EQ(file.find("nobody.day"), std::string::npos) << "a history's name without a history";
+    size_t plain = file.find(be32(7) + "cpu.10m" + be32(620));
+    ASSERT_NE(plain, std::string::npos);
+    file.replace(plain + 15, 620, 620, MARK);
+    EXPECT_NE(file.find(be32(9) + "ping.snap" + be32(400)), std::string::npos);
+
+    /* The daemon was down for 10000 seconds: 27 periods of a day's history, 6 of a week's, 3 of a month's. */
+    daemon->stop();
+    for (const auto& [key, expected] : rings) {
+        size_t at = file.find(be32(static_cast<uint32_t>(key.size())) + key) + 8 + key.size();
+        file.replace(at, 4, be32(word_at(file, at) - 10000));
+    }
+    unlink("/tmp/tessard.log");
+    ASSERT_NO_FATAL_FAILURE(begin());
+    for (const auto& [key, expected] : rings)
+        EXPECT_EQ(word_at(get(key), 12), 0u) << key << " is empty until it is loaded";
+    uint32_t before = word_at(get("cpu.10m"), 12);
+    since = seconds();
+    ASSERT_EQ(load(file), ":0\r\n");
+    words lines = log_messages(read_file("/tmp/tessard.log"), {"loading "});
+    EXPECT_EQ(lines.size(), 12u);
+    for (auto& [key, expected] : rings) {
+        unsigned span = 10000 / expected.period;
+        std::string ending =
+            ")/(" + std::to_string(expected.period) + "*1)  -> span = " + std::to_string(span);
+        EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                                [&](const std::string& line) {
+                                    return line.find("loading " + key + ": (") == 0 &&
+                                           line.size() > ending.size() &&
+                                           line.substr(line.size() - ending.size()) == ending;
+                                }),
+                  1)
+            << key;
+        expect_ring(key, expected.pad(span), since);
+    }
+
+    /* The plain ring came back whole, and goes on from the counts of this daemon. */
+    wait_for_ticks(2);
+    std::string value = get("cpu.10m");
+    uint32_t head = word_at(value, 16);
+    EXPECT_EQ(word_at(value, 12), head);
+    EXPECT_GE(head, before + 2);
+    value.erase(0, 20);
+    EXPECT_EQ(value.substr(0, before), std::string(before, MARK));
+    /* A tick may have come between reading the counts and loading. */
+    for (size_t i = before + 1; i < head; i++)
+        EXPECT_NE(value[i], MARK) << i;
+    EXPECT_EQ(value.substr(head), std::string(600 - head, MARK));
+    EXPECT_EQ(client->call({"exists", "nobody.day"}), ":0\r\n");
+}
+
+TEST_F(histories, time_stamps_of_any_age_cost_no_more_than_the_ring) {
+    ASSERT_NO_FATAL_FAILURE(begin());
+    struct age {
+        uint32_t stamp;
+        int64_t seconds;
+    };
+    uint32_t now = seconds();
+    for (const age& a : std::vector<age>{{0, now},
+                                         {1, now - 1},
+                                         {now - 1000000000, 1000000000},
+                                         {now - 5, 0},
+                                         {now + 1000, 0},
+                                         {now + 1000000000, 0},
+                                         /* Differences have 32 bits: this one is as old as the epoch. */
+                                         {0xFFFFFFFF, int64_t{now} + 1}}) {
+        ring day = ring_of(DAY, 1).fill(7);
+        ring week = ring_of(WEEK, 4).fill(500);
+        ring month = ring_of(MONTH, 16).fill(0);
+        uint32_t since = seconds();
+        long start = now_ms();
+        ASSERT_EQ(load(record("cpu.day", day.data(a.stamp)) + record("host.week", week.data(a.stamp)) +
+                       record("eth0.mon", month.data(a.stamp))),
+                  ":0\r\n");
+        EXPECT_LT(now_ms() - start, AT_ONCE_MS) << a.stamp;
+        for (auto& [key, expected] :
+             {std::pair("cpu.day", &day), {"host.week", &week}, {"eth0.mon", &month}}) {
+            /* The test's clock went on since it looked; the stamp tells when the load was. */
+            int64_t gone = a.seconds == 0 ? 0 : a.seconds + (word_at(get(key), 0) - now);
+            expected->pad(static_cast<uint32_t>(gone / expected->period));
+            expect_ring(key, *expected, since);
+        }
+    }
+}
+
+TEST_F(histories, records_that_do_not_fit_change_nothing) {
+    ASSERT_NO_FATAL_FAILURE(begin());
+    ring expected = ring_of(DAY, 4).fill(6);
+    uint32_t since = seconds();
+    ASSERT_EQ(load(record("host.day", expected.data(since))), ":0\r\n");
+    const std::string before = get("host.day");
+    expect_ring("host.day", expected, since);
+
+    const std::string head = be32(since - 7200) + be32(360) + be32(240);
+    for (const auto& [filled, next] : {std::pair(241u, 0u),
+                                       {0u, 240u},
+                                       {240u, 241u},
+                                       {0xFFFFFFFFu, 0u},
+                                       {1u, 0xFFFFFFFFu},
+                                       {0x80000000u, 0x80000000u}}) {
+        EXPECT_EQ(load(record("host.day", head + be32(filled) + be32(next))), ":0\r\n");
+        EXPECT_EQ(get("host.day"), before) << filled << ", " << next;
+    }
+    std::string bytes;
+    for (size_t length = 0; length < 20; length++)
+        bytes += record("host.day", (head + be32(1) + be32(1)).substr(0, length));
+    bytes += record("host.day", head + be32(1) + be32(1) + std::string(961, 'x'));
+    bytes += record("host.days", head + be32(1) + be32(1) + "abcd");
+    bytes += record("conn.weekend", "abcd") + record("tessard.run.day", "abcd") + record(".mon", "");
+    EXPECT_EQ(load(bytes), ":0\r\n");
+    EXPECT_EQ(get("host.day"), before);
+    EXPECT_EQ(client->call({"exists", "host.days"}), ":0\r\n");
+
+    /* Cut anywhere, a record is taken whole or not at all. */
+    std::string whole = record("host.day", ring_of(DAY, 4).fill(2).data(since));
+    for (size_t length = 0; length < whole.size(); length++) {
+        EXPECT_EQ(load(whole.substr(0, length)), ":0\r\n");
+        EXPECT_EQ(get("host.day"), before) << length;
+    }
+    EXPECT_TRUE(daemon->running());
+}
+
+TEST_F(histories, clients_may_overwrite_a_ring_and_harm_nothing_but_it) {
+    ASSERT_NO_FATAL_FAILURE(begin());
+    ring expected = ring_of(DAY, 4).fill(6);
+    ASSERT_EQ(load(record("conn.day", expected.data(seconds()))), ":0\r\n");
+
+    /* A dump never reads beyond the value that is really there. */
+    for (const std::string& value : words{"", "x", std::string(19, 'y'), std::string(30, 'z')}) {
+        EXPECT_EQ(client->call({"set", "conn.day", value}), OK);
+        EXPECT_EQ(dump("conn.day"), record("conn.day", value));
+    }
+    EXPECT_EQ(client->call({"set", "conn.day", std::string(5000, 'w')}), OK);
+    EXPECT_EQ(dump("conn.day"), record("conn.day", std::string(44, 'w'))) << "header and six samples";
+    EXPECT_EQ(client->call({"set", "conn.day", std::string(43, 'v')}), OK);
+    EXPECT_EQ(load(record("conn.day", expected.data(seconds()))), ":0\r\n");
+    EXPECT_EQ(get("conn.day"), std::string(43, 'v')) << "shorter than the record";
+
+    /* A ring of another length is left alone; of the right length it is written on. */
+    EXPECT_EQ(client->call({"append", "cpu.10m", "x"}), ":621\r\n");
+    EXPECT_EQ(client->call({"set", "host.10m", "short"}), OK);
+    EXPECT_EQ(client->call({"set", "eth0.10m", std::string(20 + 600 * 16, 'e')}), OK);
+    std::string longer = get("cpu.10m");
+    wait_for_ticks(2);
+    EXPECT_EQ(get("cpu.10m"), longer);
+    EXPECT_EQ(get("host.10m"), "short");
+    std::string value = get("eth0.10m");
+    uint32_t head = word_at(value, 16);
+    EXPECT_EQ(value.substr(4, 8), "eeeeeeee") << "period and slots are not written again";
+    EXPECT_EQ(word_at(value, 12), head);
+    ASSERT_GE(head, 2u);
+    ASSERT_LT(head, 100u);
+    EXPECT_EQ(value.substr(20 + (head - 1) * 16, 16), std::string(16, '\0')) << "no traffic";
+    EXPECT_EQ(value.substr(20 + head * 16), std::string((600 - head) * 16, 'e'));
+
+    uint32_t ticks = word_at(get("conn.10m"), 12);
+    EXPECT_EQ(client->call({"set", "cpu.10m", std::string(620, MARK)}), OK);
+    wait_for_ticks(2);
+    value = get("cpu.10m").substr(20);
+    ticks = word_at(get("conn.10m"), 12) - ticks;
+    EXPECT_EQ(value.size(), 600u);
+    EXPECT_GE(std::count(value.begin(), value.end(), '\0'), 2);
+    EXPECT_LE(static_cast<uint32_t>(std::count(value.begin(), value.end(), '\0')), ticks + 1);
+    EXPECT_EQ(std::count(value.begin(), value.end(), '\0') + std::count(value.begin(), value.end(), MARK),
+              600);
+
+    /* A history's key can expire like any other, and what comes in its place is no history. */
+    EXPECT_EQ(client->call({"del", "cpu.10m"}), ":0\r\n");
+    EXPECT_EQ(client->call({"expireat", "host.week", "1"}), ":1\r\n");
+    EXPECT_TRUE(eventually([&] { return client->call({"exists", "host.week"}) == ":0\r\n"; }));
+    wait_for_ticks(1);
+    EXPECT_EQ(client->call({"exists", "host.week"}), ":0\r\n");
+    EXPECT_EQ(client->call({"set", "host.week", "mine"}), OK);
+    EXPECT_EQ(dump("host.week"), "");
+    EXPECT_EQ(load(record("host.week", ring_of(WEEK, 4).data(0))), ":0\r\n");
+    EXPECT_EQ(get("host.week"), "mine");
+    EXPECT_TRUE(daemon->running());
+}

@@ -1,0 +1,200 @@
+#include "stats/modules.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "stats/history.h"
+#include "stats/iface_algor.h"
+#include "stats/netdev.h"
+#include "stats/ping.h"
+#include "store/dump.h"
+#include "tests/unit/support/store_test.h"
+#include "tests/unit/support/test_clock.h"
+#include "tests/unit/support/text_string.h"
+
+using namespace unit_test;
+
+namespace {
+
+std::string be32(uint32_t value) {
+    return {static_cast<char>(value >> 24), static_cast<char>(value >> 16), static_cast<char>(value >> 8),
+            static_cast<char>(value)};
+}
+
+/* The host tool counts its calls, one for each tick. */
+class StatisticsModules : public store_test {
+  protected:
+    StatisticsModules()
+        : folder(::testing::TempDir() + "tessard-modules-XXXXXX"), old_path(getenv("PATH")),
+          clock(1700000000) {
+        EXPECT_NE(mkdtemp(folder.data()), nullptr);
+        tool("hostmon", "echo x >>" + folder + "/calls");
+        tool("conntrack", "echo 'entries 1'");
+        setenv("PATH", (folder + ":" + old_path).c_str(), 1);
+        netdev_reset();
+        loop_init(1024, LOOP_SELECT);
+        modules_start();
+    }
+
+    ~StatisticsModules() override {
+        setenv("PATH", old_path.c_str(), 1);
+        std::filesystem::remove_all(folder);
+        htable_walk walk = htable_walk_start(object_keyspace());
+        while (const object* obj = static_cast<object*>(htable_walk_next(&walk))) {
+            if (obj->aux != nullptr &&
+                iface_find(std::string(obj->key, strcspn(obj->key, ".")).c_str()) == nullptr) {
+                sstr_free(&obj->aux->name);
+            }
+        }
+        loop_init(1024, LOOP_SELECT);
+        object_reset();
+        netdev_reset();
+        history_start();
+        history_iface_algor = 1;
+    }
+
+    void tool(const std::string& name, const std::string& body) const {
+        std::ofstream(folder + "/" + name) << "#!/bin/sh\n" << body << "\n";
+        chmod((folder + "/" + name).c_str(), 0755);
+    }
+
+    /* How many ticks there were. */
+    size_t calls() const {
+        std::ifstream in(folder + "/calls");
+        return static_cast<size_t>(std::count(std::istreambuf_iterator<char>(in), {}, 'x'));
+    }
+
+    std::string folder;
+    std::string old_path;
+    test_clock::frozen clock;
+};
+
+/* Lets the clock run on by a tenth of a second with each scan of the timers, and notes the number of ticks.
+ */
+struct time_machine {
+    const std::function<size_t()> calls;
+    int scans;
+    std::vector<size_t> seen = {};
+
+    static int on_scan(void* argument) {
+        time_machine* machine = static_cast<time_machine*>(argument);
+        machine->seen.push_back(machine->calls());
+        const int tenths = static_cast<int>(machine->seen.size()) + 1;
+        test_clock::set(1700000000 + tenths / 10, tenths % 10 * 100000);
+        if (tenths > machine->scans) {
+            loop_stop();
+        }
+        return 0;
+    }
+};
+
+int never_asked_hook(object*, history_series*, int) {
+    ADD_FAILURE() << "the fifth hook was taken";
+    return HISTORY_NEXT;
+}
+
+int asked;
+int asked_hook(object*, history_series*, int) {
+    asked++;
+    return HISTORY_NEXT;
+}
+
+} // namespace
+
+TEST_F(StatisticsModules, MakeTheHistoriesOfProcessorHostsAndConnections) {
+    const std::pair<const char*, uint32_t> figures[] = {{"cpu", 1}, {"host", 4}, {"conn", 4}};
+    const std::tuple<const char*, uint32_t, uint32_t> spans[] = {
+        {"10m", 1, 600}, {"2h", 12, 600}, {"day", 360, 240}, {"week", 1440, 420}, {"mon", 2880, 900}};
+    for (const auto& [figure, size] : figures) {
+        for (const auto& [span, period, slots] : spans) {
+            const std::string key = std::string(figure) + "." + span;
+            const object* obj = object_lookup_type(key.c_str(), OBJ_TSTRING);
+            ASSERT_NE(obj, nullptr) << key;
+            EXPECT_EQ(bytes_of(obj->string), be32(0) + be32(period) + be32(slots) + be32(0) + be32(0) +
+                                                 std::string(slots * size, '\0'))
+                << key;
+            EXPECT_NE(obj->flags & OBJ_PROTECTED, 0) << key;
+        }
+    }
+}
+
+TEST_F(StatisticsModules, MakeThePingTableAndNothingElse) {
+    const object* snap = object_lookup_type("ping.snap", OBJ_TSTRING);
+    ASSERT_NE(snap, nullptr);
+    EXPECT_EQ(bytes_of(snap->string), std::string(400, '\0'));
+    size_t keys = 0;
+    htable_walk walk = htable_walk_start(object_keyspace());
+    while (htable_walk_next(&walk) != nullptr) {
+        keys++;
+    }
+    EXPECT_EQ(keys, 16u) << "15 histories and the ping table";
+}
+
+TEST_F(StatisticsModules, StatisticsTickOnceASecond) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    ASSERT_EQ(write(ends[1], "x", 1), 1);
+    /* A descriptor that is always ready: no pass waits. */
+    loop_add_handler(
+        ends[0], LOOP_READABLE, [](int, unsigned, void*) {}, nullptr);
+    time_machine machine = {[this] { return calls(); }, 45};
+    loop_add_timer(100, time_machine::on_scan, &machine);
+    test_clock::set(1700000000, 100000);
+    loop_run();
+    /* The scan at n tenths notes the ticks before it: 1 from 1.1 seconds on, 2 from 2.1 on. */
+    ASSERT_EQ(machine.seen.size(), 45u);
+    for (size_t i = 0; i < machine.seen.size(); i++) {
+        EXPECT_EQ(machine.seen[i], i / 10) << (i + 1) << " tenths of a second";
+    }
+    for (const int fd : ends) {
+        close(fd);
+    }
+}
+
+TEST_F(StatisticsModules, AClientMayChooseTheInterfaceAlgorithm) {
+    object_set_string(make("history-iface-algor", OBJ_TSTRING), text("avg"));
+    EXPECT_EQ(history_iface_algor, 0);
+}
+
+TEST_F(StatisticsModules, PingReportsAreHeard) {
+    object_set_string(make("ping.data", OBJ_TSTRING), text("id=1,max=40,min=10,avg=20,total=10,loss=0"));
+    EXPECT_NE(object_lookup("ping1.day"), nullptr);
+    EXPECT_EQ(bytes_of(object_lookup("ping.snap")->string).substr(0, 4), be32(40));
+}
+
+TEST_F(StatisticsModules, OneDumpHookIsTakenAndThreeMoreFit) {
+    asked = 0;
+    for (int i = 0; i < 3; i++) {
+        register_dump_skip_hook(asked_hook);
+    }
+    register_dump_skip_hook(never_asked_hook);
+    const std::string file = folder + "/dump";
+    EXPECT_EQ(dump_keys(file.c_str(), "cpu.day"), 0);
+    EXPECT_EQ(asked, 3);
+    EXPECT_EQ(std::filesystem::file_size(file), 4 + 7 + 4 + 20u);
+}
+
+TEST_F(StatisticsModules, HistoriesTravelThroughDumpFiles) {
+    const std::string file = folder + "/dump";
+    history_series* series = object_lookup("conn.week")->aux;
+    for (int i = 0; i < 1440; i++) {
+        history_tick(series, "abcd");
+    }
+    EXPECT_EQ(dump_keys(file.c_str(), "conn.*"), 0);
+    history_reset(series);
+    EXPECT_EQ(load_keys(file.c_str()), 0);
+    EXPECT_EQ(series->filled, 1u);
+    EXPECT_EQ(bytes_of(object_lookup("conn.week")->string).substr(12, 12), be32(1) + be32(1) + "abcd");
+}

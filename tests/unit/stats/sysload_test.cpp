@@ -1,0 +1,533 @@
+#include "stats/sysload.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include <malloc.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "core/pool.h"
+#include "stats/history.h"
+#include "stats/iface_algor.h"
+#include "stats/netdev.h"
+#include "stats/stat_value.h"
+#include "tests/unit/support/store_test.h"
+#include "tests/unit/support/test_client.h"
+#include "tests/unit/support/text_string.h"
+
+using namespace unit_test;
+
+#ifdef __SANITIZE_ADDRESS__
+/* Of the sanitizer's own header, which not every installation has. */
+extern "C" size_t __sanitizer_get_current_allocated_bytes();
+#endif
+
+namespace {
+
+std::string be32(uint32_t value) {
+    return {static_cast<char>(value >> 24), static_cast<char>(value >> 16), static_cast<char>(value >> 8),
+            static_cast<char>(value)};
+}
+
+/* "cpu  user nice system idle iowait irq softirq", with the busy time as user time. */
+std::string cpu_line(uint64_t busy, uint64_t idle) {
+    return "cpu  " + std::to_string(busy) + " 0 0 " + std::to_string(idle) + " 0 0 0\n";
+}
+
+/* The statistics module as at start-up. */
+class Sysload : public store_test {
+  protected:
+    Sysload() {
+        netdev_reset();
+        history_start();
+        module_stats_start();
+    }
+
+    ~Sysload() override {
+        forget();
+        history_iface_algor = 1;
+    }
+
+    /* As before start-up. The names of the module's series are found through their keys. */
+    static void forget() {
+        htable_walk walk = htable_walk_start(object_keyspace());
+        while (const object* obj = static_cast<object*>(htable_walk_next(&walk))) {
+            if (obj->aux != nullptr &&
+                iface_find(std::string(obj->key, strcspn(obj->key, ".")).c_str()) == nullptr) {
+                sstr_free(&obj->aux->name);
+            }
+        }
+        object_reset();
+        netdev_reset();
+    }
+
+    static std::string get(const char* key) {
+        const object* obj = object_lookup_type(key, OBJ_TSTRING);
+        return obj != nullptr ? std::string(bytes_of(obj->string)) : "(no string)";
+    }
+
+    static std::string filled(const char* key) {
+        return get(key).substr(12, 4);
+    }
+
+    /* So many samples from the front of a ring. */
+    static std::string samples(const char* key, size_t count, size_t size) {
+        return get(key).substr(20, count * size);
+    }
+
+    /* Hands a text over as a file. */
+    template <typename Reader> static auto with_file(std::string text, Reader reader) {
+        FILE* file = text.empty() ? fopen("/dev/null", "r") : fmemopen(text.data(), text.size(), "r");
+        EXPECT_NE(file, nullptr);
+        struct closer {
+            FILE* file;
+            ~closer() {
+                fclose(file);
+            }
+        } const close_at_end = {file};
+        return reader(file);
+    }
+
+    static uint32_t mem(const std::string& text) {
+        return with_file(text, mem_update);
+    }
+
+    static std::string hosts(const std::string& text) {
+        host_update(text.c_str());
+        host_publish();
+        return get("host.num") + " of " + get("host.maxnum");
+    }
+
+    static std::string connections(const std::string& text) {
+        conn_update(text.c_str());
+        conn_publish();
+        return get("conn");
+    }
+
+    static uint8_t cpu(uint64_t busy, uint64_t idle) {
+        return cpu_update(cpu_line(busy, idle).c_str());
+    }
+};
+
+/* With outside tools of the test's own. */
+class SysloadTools : public Sysload {
+  protected:
+    SysloadTools() : folder(::testing::TempDir() + "tessard-tools-XXXXXX"), old_path(getenv("PATH")) {
+        EXPECT_NE(mkdtemp(folder.data()), nullptr);
+        setenv("PATH", (folder + ":" + old_path).c_str(), 1);
+        (void)signal(SIGPIPE, SIG_IGN);
+        tool("hostmon", "echo 'Online hosts: 5'; echo 'Max Online hosts: 9'");
+        tool("conntrack", "echo 'entries 123'");
+    }
+
+    ~SysloadTools() override {
+        (void)signal(SIGPIPE, SIG_DFL);
+        setenv("PATH", old_path.c_str(), 1);
+        std::filesystem::remove_all(folder);
+    }
+
+    void tool(const std::string& name, const std::string& body) const {
+        std::ofstream(folder + "/" + name) << "#!/bin/sh\n" << body << "\n";
+        chmod((folder + "/" + name).c_str(), 0755);
+    }
+
+    std::string folder;
+    std::string old_path;
+};
+
+/* What is allocated, measured without allocating. */
+struct memory_use {
+    size_t heap;
+    std::array<const void*, std::size(pool_classes)> slabs;
+
+    static memory_use now() {
+        memory_use use = {};
+#ifdef __SANITIZE_ADDRESS__
+        use.heap = __sanitizer_get_current_allocated_bytes();
+#else
+        use.heap = mallinfo2().uordblks;
+#endif
+        std::transform(std::begin(pool_classes), std::end(pool_classes), use.slabs.begin(),
+                       [](const pool_class& c) { return c.slabs; });
+        return use;
+    }
+};
+
+/* An hour of ticks of all collectors' parts, each with figures of its own. */
+void run_an_hour() {
+    char text[512];
+    for (uint32_t tick = 1; tick <= 3600; tick++) {
+        const auto as_file = [&](const char* content, void (*reader)(FILE*)) {
+            FILE* file = fmemopen(const_cast<char*>(content), strlen(content), "r");
+            reader(file);
+            fclose(file);
+        };
+        netdev_set_interval(1000000 + tick, tick);
+        snprintf(text, sizeof text,
+                 "  eth0: %u %u 0 0 0 0 0 0 %u %u 0 0 0 0 0 0\nbr-lan: %u %u 0 0 0 0 0 0 %u %u 0 0 0 0 0 0\n",
+                 tick * 1000003, tick * 700, tick * tick, tick, tick * 3, tick % 7, tick * 1000, tick * 2);
+        as_file(text, netdev_read);
+        snprintf(text, sizeof text, "cpu  %u 0 0 %u 0 0 0\n", tick * (tick % 100), tick * 50);
+        stat_set_number("cpu.load", cpu_update(text));
+        snprintf(text, sizeof text, "MemTotal: 61372 kB\nMemFree: %u kB\nBuffers: 1 kB\nCached: 2 kB\n",
+                 tick * 10);
+        as_file(text, [](FILE* file) { stat_set_number("mem.load", mem_update(file)); });
+        snprintf(text, sizeof text, "Online hosts: %u\nMax Online hosts: %u\n", tick % 300, tick);
+        host_update(text);
+        host_publish();
+        snprintf(text, sizeof text, "%u\n", tick * tick * 300);
+        conn_update(text);
+        conn_publish();
+    }
+}
+
+} // namespace
+
+/* --- Processor --- */
+
+TEST_F(Sysload, TheFirstReadingOnlyGivesTheTotals) {
+    EXPECT_EQ(cpu(74608, 1117073), 0);
+}
+
+TEST_F(Sysload, TheSecondReadingGivesHalfTheLoadAndLaterOnesApproachIt) {
+    EXPECT_EQ(cpu(100, 100), 0);
+    uint64_t busy = 100;
+    for (const uint8_t load : {50, 75, 87, 93, 96, 98, 99, 99}) {
+        busy += 100;
+        EXPECT_EQ(cpu(busy, 100), load);
+    }
+    uint64_t idle = 100;
+    for (const uint8_t load : {49, 24, 12, 6, 3, 1, 0, 0}) {
+        idle += 100;
+        EXPECT_EQ(cpu(busy, idle), load);
+    }
+}
+
+TEST_F(Sysload, TheIdleShareIsCutToWholePercent) {
+    for (const auto& [busy, idle, load] : {std::tuple(2u, 1u, 67u),
+                                           {1u, 2u, 34u},
+                                           {1u, 999u, 1u},
+                                           {999u, 1u, 100u},
+                                           {1u, 99u, 1u},
+                                           {30u, 70u, 30u}}) {
+        forget();
+        module_stats_start();
+        cpu(1, 0);
+        EXPECT_EQ(cpu(1 + busy, idle), load / 2) << busy << " busy, " << idle << " idle";
+    }
+}
+
+TEST_F(Sysload, SevenFiguresMakeTheTotal) {
+    cpu_update("cpu  1 1 1 1 1 1 1 0 0 0\n");
+    /* Of 70 jiffies 10 are idle, whatever stands behind the seventh: 85 percent, rounded up from 85.7. */
+    EXPECT_EQ(cpu_update("cpu  11 11 11 11 11 11 11 9999 8888 7777\n"), 43);
+    /* Waiting for a disk counts as work: 0 percent idle. */
+    EXPECT_EQ(cpu_update("cpu  11 11 11 11 111 11 11 9999 8888 7777\n"), 71);
+}
+
+TEST_F(Sysload, ALineThatDoesNotFitChangesNothing) {
+    cpu(100, 100);
+    EXPECT_EQ(cpu(200, 100), 50);
+    for (const char* line :
+         {"cpu 300 0 0 100 0 0 0\n", "cpu  300 0 0 100 0 0\n", "cpu0 300 0 0 100 0 0 0\n",
+          "cpu0  300 0 0 100 0 0 0\n", "CPU  300 0 0 100 0 0 0\n", " cpu  300 0 0 100 0 0 0\n",
+          "cpu  300 0 0 x 0 0 0\n", "cpu  \n", "cpu", "", "\n", "intr 300 0 0 100 0 0 0\n"}) {
+        EXPECT_EQ(cpu_update(line), 50) << line;
+    }
+    /* The totals are still those of the last good line: 100 busy, 300 idle since then. */
+    EXPECT_EQ(cpu(300, 400), 37);
+}
+
+TEST_F(Sysload, MoreBlanksThanTwoAreTaken) {
+    cpu_update("cpu   100 0 0 100 0 0 0\n");
+    EXPECT_EQ(cpu_update("cpu  \t 200  0 0 100 0 0 0"), 50);
+}
+
+TEST_F(Sysload, TwoReadingsWithinOneJiffyKeepTheLoad) {
+    cpu(100, 100);
+    EXPECT_EQ(cpu(200, 100), 50);
+    EXPECT_EQ(cpu(200, 100), 50);
+    EXPECT_EQ(cpu(199, 101), 50) << "the total is what counts";
+    EXPECT_EQ(cpu(299, 101), 75);
+}
+
+TEST_F(Sysload, MoreIdleTimeThanTimeIsNoLoad) {
+    cpu_update("cpu  100 0 0 100 500 0 0\n");
+    EXPECT_EQ(cpu_update("cpu  100 0 0 400 300 0 0\n"), 0) << "300 of 100";
+    EXPECT_EQ(cpu_update("cpu  200 0 0 400 300 0 0\n"), 50);
+    EXPECT_EQ(cpu_update("cpu  200 0 0 501 300 0 0\n"), 25) << "101 of 101";
+}
+
+TEST_F(Sysload, CountersThatWentBackAreTakenAsUnsigned) {
+    cpu(500, 500);
+    EXPECT_EQ(cpu(400, 490), 0) << "nearly all of 2^64 jiffies idle";
+    EXPECT_EQ(cpu(200, 600), 50) << "110 of nearly 2^64";
+    EXPECT_EQ(cpu(300, 600), 75) << "and on from there";
+}
+
+TEST_F(Sysload, AFirstTotalOfZeroIsNoTotal) {
+    EXPECT_EQ(cpu(0, 0), 0);
+    EXPECT_EQ(cpu(100, 0), 0);
+    EXPECT_EQ(cpu(200, 0), 50);
+}
+
+TEST_F(Sysload, AProductOfAHundredDoesNotOverflow) {
+    cpu(1, 0);
+    EXPECT_EQ(cpu(3000000000000000001, 1000000000000000000), 37) << "75 percent";
+}
+
+TEST_F(Sysload, APollKeepsAndPublishesTheSmoothedLoad) {
+    test_client observer;
+    observer.call({"observe"});
+    cpu_update("cpu  1 0 0 0 0 0 0\n");
+    cpu_update("cpu  1001 0 0 0 0 0 0\n");
+    std::vector<std::string> loads;
+    for (int i = 0; i < 24; i++) {
+        cpu_poll();
+        loads.push_back(get("cpu.load"));
+        EXPECT_EQ(observer.received(), event({"MSET", "cpu.load", loads.back()}));
+    }
+    EXPECT_EQ(filled("cpu.10m"), be32(24));
+    EXPECT_EQ(filled("cpu.2h"), be32(2));
+    EXPECT_EQ(filled("cpu.day"), be32(0));
+    int maxima[2] = {};
+    for (size_t i = 0; i < loads.size(); i++) {
+        const int load = std::stoi(loads[i]);
+        EXPECT_EQ(static_cast<unsigned char>(samples("cpu.10m", 24, 1)[i]), load);
+        maxima[i / 12] = std::max(maxima[i / 12], load);
+    }
+    EXPECT_GT(maxima[0], 0);
+    EXPECT_EQ(static_cast<unsigned char>(samples("cpu.2h", 2, 1)[0]), maxima[0]);
+    EXPECT_EQ(static_cast<unsigned char>(samples("cpu.2h", 2, 1)[1]), maxima[1]);
+}
+
+/* --- Memory --- */
+
+TEST_F(Sysload, MemoryIsWhatIsNeitherFreeNorBuffersNorCached) {
+    /* 61372 - 21052 = 40320 of 61372: 65.7 percent. */
+    EXPECT_EQ(mem("MemTotal:         61372 kB\nMemFree:           5472 kB\nBuffers:           3240 kB\n"
+                  "Cached:           12340 kB\nSwapCached:            0 kB\n"),
+              65u);
+}
+
+TEST_F(Sysload, ALineInBetweenEndsTheReading) {
+    /* 61372 - 5472 = 55900 of 61372: 91.08 percent. */
+    EXPECT_EQ(mem("MemTotal:         61372 kB\nMemFree:           5472 kB\nMemAvailable:     30000 kB\n"
+                  "Buffers:           3240 kB\nCached:           12340 kB\n"),
+              91u);
+    /* 61372 - 5472 - 3240 = 52660: 85.8 percent. */
+    EXPECT_EQ(mem("MemTotal:         61372 kB\nMemFree:           5472 kB\nBuffers:           3240 kB\n"
+                  "Shared:           10000 kB\nCached:           12340 kB\n"),
+              85u);
+}
+
+TEST_F(Sysload, AfterAReadingThatDoesNotMatchNoneIsTaken) {
+    EXPECT_EQ(mem("MemTotal: 100 kB\nMemFree: 10 kB\nBuffCached: 50 kB\n"), 90u);
+    EXPECT_EQ(mem("MemTotal: 100 kB\nMemFree: 20 kB\nBuffers: many kB\nCached: 50 kB\n"), 80u);
+    EXPECT_EQ(mem("MemTotal: 100 kB\nBuffers: 30 kB\nCached: 20 kB\n"), 100u);
+    EXPECT_EQ(mem("MemTotal: 100 kB\nMemFree: 25 kB\nCached: 20 kB\n"), 75u);
+    EXPECT_EQ(mem("MemTotal: 100 kB\n"), 100u);
+    EXPECT_EQ(mem("MemTotal: 100 kB\nMemFree: 30"), 70u);
+}
+
+TEST_F(Sysload, BlanksOfAnyKindMayStandBeforeTheFigures) {
+    EXPECT_EQ(mem("MemTotal:100 kB\nMemFree:\t\t 25 kB\n\nBuffers: 5   kB\nCached:\n10kB\n"), 60u);
+}
+
+TEST_F(Sysload, WithoutATotalTheLoadStays) {
+    EXPECT_EQ(mem(""), 0u);
+    EXPECT_EQ(mem("MemTotal: 100 kB\nMemFree: 58 kB\nBuffers: 0 kB\nCached: 0 kB\n"), 42u);
+    for (const char* text :
+         {"", "garbage", "MemTotal: 0 kB\nMemFree: 0 kB\n", "MemTotal: lots kB\nMemFree: 1 kB\n",
+          "MemFree: 10 kB\nMemTotal: 100 kB\n", "\x7f\x45\x4c\x46"}) {
+        EXPECT_EQ(mem(text), 42u) << text;
+    }
+}
+
+TEST_F(Sysload, MoreAvailableThanThereIsKeepsTheLoad) {
+    EXPECT_EQ(mem("MemTotal: 100 kB\nMemFree: 58 kB\nBuffers: 0 kB\nCached: 0 kB\n"), 42u);
+    EXPECT_EQ(mem("MemTotal: 100 kB\nMemFree: 50 kB\nBuffers: 26 kB\nCached: 25 kB\n"), 42u);
+    EXPECT_EQ(mem("MemTotal: 100 kB\nMemFree: 50 kB\nBuffers: 25 kB\nCached: 25 kB\n"), 0u);
+}
+
+TEST_F(Sysload, TheArithmeticHas32Bits) {
+    EXPECT_EQ(mem("MemTotal: 42949672 kB\nMemFree: 0 kB\nBuffers: 0 kB\nCached: 0 kB\n"), 100u);
+    /* 42949673 * 100 is 4 in 32 bits. */
+    EXPECT_EQ(mem("MemTotal: 42949673 kB\nMemFree: 0 kB\nBuffers: 0 kB\nCached: 0 kB\n"), 0u);
+    /* 4294967295 + 2 is 1. */
+    EXPECT_EQ(mem("MemTotal: 100 kB\nMemFree: 4294967295 kB\nBuffers: 2 kB\nCached: 0 kB\n"), 99u);
+    /* Figures of more than 32 bits are the largest of 32 bits: nothing is used. */
+    EXPECT_EQ(mem("MemTotal: 8589934592 kB\nMemFree: 8589934592 kB\nBuffers: 0 kB\nCached: 0 kB\n"), 0u);
+}
+
+/* --- Hosts --- */
+
+TEST_F(Sysload, BothLinesOfTheHostToolAreTaken) {
+    EXPECT_EQ(hosts("Online hosts: 5\nMax Online hosts: 9\n"), "5 of 9");
+    EXPECT_EQ(hosts("Online hosts: 7\nMax Online hosts: 12"), "7 of 12");
+}
+
+TEST_F(Sysload, WithoutTheSecondLineTheMaximumStays) {
+    EXPECT_EQ(hosts("Online hosts: 3\nMax Online hosts: 9\n"), "3 of 9");
+    EXPECT_EQ(hosts("Online hosts: 5\n"), "5 of 9");
+    EXPECT_EQ(hosts("Online hosts: 6"), "6 of 9");
+    EXPECT_EQ(hosts("Online hosts: 7\nMaximum: 10\n"), "7 of 9");
+    EXPECT_EQ(hosts("Online hosts: 8\nMax Online hosts: many\n"), "8 of 9");
+}
+
+TEST_F(Sysload, WhatTheHostToolDoesNotSayStays) {
+    EXPECT_EQ(hosts(""), "0 of 0");
+    EXPECT_EQ(hosts("Online hosts: 3\nMax Online hosts: 9\n"), "3 of 9");
+    for (const char* text :
+         {"", "garbage\n", "Max Online hosts: 20\n", "Online hosts: none\nMax Online hosts: 20\n",
+          "online hosts: 4\n", "12\n", "\xff\xfe\x01"}) {
+        EXPECT_EQ(hosts(text), "3 of 9") << text;
+    }
+}
+
+TEST_F(Sysload, HostFiguresAreSigned32BitReadings) {
+    EXPECT_EQ(hosts("Online hosts: 2147483647\nMax Online hosts: 2147483648\n"), "2147483647 of 2147483647");
+    EXPECT_EQ(hosts("Online hosts: 99999999999999999999999\nMax Online hosts: -1\n"),
+              "2147483647 of 4294967295");
+    EXPECT_EQ(hosts("Online hosts: -5\nMax Online hosts: -99999999999999999999999\n"),
+              "4294967291 of 2147483648");
+    EXPECT_EQ(hosts("Online hosts: 0\nMax Online hosts: 0\n"), "0 of 0");
+}
+
+TEST_F(Sysload, HostHistoriesKeepTheMaximumWhateverInterfacesDo) {
+    history_iface_algor = 0;
+    for (int tick = 1; tick <= 24; tick++) {
+        hosts("Online hosts: " + std::to_string(tick == 5 ? 300 : tick) + "\n");
+    }
+    EXPECT_EQ(filled("host.10m"), be32(24));
+    EXPECT_EQ(samples("host.10m", 6, 4), be32(1) + be32(2) + be32(3) + be32(4) + be32(300) + be32(6));
+    EXPECT_EQ(filled("host.2h"), be32(2));
+    EXPECT_EQ(samples("host.2h", 2, 4), be32(300) + be32(24));
+    EXPECT_EQ(filled("conn.10m"), be32(0)) << "each figure has histories of its own";
+}
+
+/* --- Connections --- */
+
+TEST_F(Sysload, TheConnectionFigureIsTheFirstNumber) {
+    EXPECT_EQ(connections("123\n"), "123");
+    EXPECT_EQ(connections(" \n\t 45 67"), "45");
+    EXPECT_EQ(connections("12abc"), "12");
+    EXPECT_EQ(connections("0x10"), "0");
+    EXPECT_EQ(connections("+8"), "8");
+}
+
+TEST_F(Sysload, WithoutANumberTheConnectionFigureIsZero) {
+    for (const char* text : {"", "\n", "found=0\n", "entries\n", "-\n", "\x80\x81\n"}) {
+        EXPECT_EQ(connections("123\n"), "123");
+        EXPECT_EQ(connections(text), "0") << text;
+    }
+}
+
+TEST_F(Sysload, TheConnectionFigureIsASigned32BitReading) {
+    EXPECT_EQ(connections("2147483647"), "2147483647");
+    EXPECT_EQ(connections("2147483648"), "2147483647");
+    EXPECT_EQ(connections("18446744073709551616"), "2147483647");
+    EXPECT_EQ(connections(std::string(100000, '1')), "2147483647");
+    EXPECT_EQ(connections("-3"), "4294967293");
+}
+
+TEST_F(Sysload, ConnectionHistoriesKeepTheMaximum) {
+    for (int tick = 1; tick <= 13; tick++) {
+        connections(std::to_string(100000 * (tick <= 6 ? tick : 13 - tick)));
+    }
+    EXPECT_EQ(samples("conn.10m", 2, 4), be32(100000) + be32(200000));
+    EXPECT_EQ(filled("conn.2h"), be32(1));
+    EXPECT_EQ(samples("conn.2h", 2, 4), be32(600000) + be32(0));
+}
+
+/* --- The whole tick --- */
+
+TEST_F(SysloadTools, ATickWritesEveryFigureInOrder) {
+    test_client observer;
+    observer.call({"observe"});
+    EXPECT_EQ(stats_ontimer(nullptr), 0);
+    const std::string frames = observer.received();
+    const std::string expected = event({"MSET", "cpu.load", get("cpu.load")}) +
+                                 event({"MSET", "mem.load", get("mem.load")}) +
+                                 event({"MSET", "host.num", "5"}) + event({"MSET", "host.maxnum", "9"}) +
+                                 event({"MSET", "conn", "123"});
+    ASSERT_GE(frames.size(), expected.size());
+    EXPECT_EQ(frames.substr(frames.size() - expected.size()), expected) << "behind those of interfaces";
+    const std::string interfaces = frames.substr(0, frames.size() - expected.size());
+    EXPECT_EQ(interfaces.find("MSET\r\n$8\r\ncpu.load"), std::string::npos);
+    for (const char* key : {"cpu.10m", "host.10m", "conn.10m"}) {
+        EXPECT_EQ(filled(key), be32(1)) << key;
+    }
+}
+
+TEST_F(SysloadTools, WithoutTheToolsHostsStayAndConnectionsAreZero) {
+    stats_ontimer(nullptr);
+    EXPECT_EQ(get("host.num") + get("host.maxnum") + get("conn"), "59123");
+    setenv("PATH", folder.c_str(), 1);
+    tool("hostmon", "exit 1");
+    std::filesystem::remove(folder + "/conntrack");
+    ::testing::internal::CaptureStderr();
+    stats_ontimer(nullptr);
+    std::filesystem::remove(folder + "/hostmon");
+    stats_ontimer(nullptr);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(get("host.num"), "5");
+    EXPECT_EQ(get("host.maxnum"), "9");
+    EXPECT_EQ(get("conn"), "0");
+    EXPECT_EQ(samples("host.10m", 3, 4), be32(5) + be32(5) + be32(5));
+    EXPECT_EQ(samples("conn.10m", 3, 4), be32(123) + be32(0) + be32(0));
+}
+
+TEST_F(SysloadTools, OnlyTheSecondWordOfTheFirstLineIsTheConnectionFigure) {
+    tool("conntrack", "[ \"$*\" = -S ] || exit 1; echo 'entries\t\t\t 4711 4712'; echo 'searched 5'");
+    tool("hostmon", "[ \"$*\" = --showg ] && echo 'Online hosts: 2'");
+    stats_ontimer(nullptr);
+    EXPECT_EQ(get("conn"), "4711");
+    EXPECT_EQ(get("host.num"), "2");
+}
+
+/* --- Memory of the daemon --- */
+
+TEST_F(Sysload, AnHourOfTicksLeavesMemoryWhereItWas) {
+    run_an_hour();
+    const memory_use before = memory_use::now();
+    run_an_hour();
+    const memory_use after = memory_use::now();
+    EXPECT_EQ(after.heap, before.heap);
+    EXPECT_EQ(after.slabs, before.slabs);
+    EXPECT_EQ(filled("conn.10m"), be32(600));
+    EXPECT_EQ(filled("eth0.day"), be32(19)) << "7198 rates in 7200 polls";
+}
+
+TEST_F(SysloadTools, TicksWithOutsideCommandsLeaveMemoryAndDescriptorsWhereTheyWere) {
+    const auto descriptors = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    };
+    /* Counters of this machine's interfaces may gain a digit at any time. */
+    for (uint32_t digits = 1; digits <= 20; digits++) {
+        sstr text = sstr_new(nullptr, digits);
+        sstr_free(&text);
+    }
+    for (int i = 0; i < 20; i++) {
+        stats_ontimer(nullptr);
+    }
+    const auto open_before = descriptors();
+    const memory_use before = memory_use::now();
+    for (int i = 0; i < 40; i++) {
+        stats_ontimer(nullptr);
+    }
+    const memory_use after = memory_use::now();
+    EXPECT_EQ(descriptors(), open_before);
+    EXPECT_LT(after.heap, before.heap + 40 * 8) << "less than the smallest block for each tick";
+    EXPECT_EQ(after.slabs, before.slabs);
+}
