@@ -225,6 +225,25 @@ void ctl_print_quoted(FILE* out, ctl_text text) {
     }
 }
 
+void ctl_print_json(FILE* out, ctl_text text) {
+    fputc('"', out);
+    for (size_t i = 0; i < text.length;) {
+        const unsigned c = byte_at(text, i);
+        const size_t wide = c >= 0x80 ? utf8_length(text, i) : 0;
+        if (wide > 0) {
+            fwrite(text.bytes + i, 1, wide, out);
+        } else if (c >= 0x80) {
+            fputs("\\ufffd", out);
+        } else if (c < 0x20 || c == 0x7f) {
+            fprintf(out, "\\u%04x", c);
+        } else {
+            fprintf(out, c == '"' || c == '\\' ? "\\%c" : "%c", static_cast<int>(c));
+        }
+        i += wide > 0 ? wide : 1;
+    }
+    fputc('"', out);
+}
+
 ctl_status ctl_print_finish(FILE* out) {
     if (fflush(out) == 0 && ferror(out) == 0) {
         return CTL_DONE;

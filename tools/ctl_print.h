@@ -35,5 +35,8 @@ void ctl_print_event(FILE* out, const ctl_reply* reply);
  * when it holds control characters or bytes that are not UTF-8. */
 void ctl_print_quoted(FILE* out, ctl_text text);
 
+/* Writes the text as a JSON string, its quotes included. Bytes that are not UTF-8 become U+FFFD. */
+void ctl_print_json(FILE* out, ctl_text text);
+
 /* Flushes. CTL_OUTPUT, with a word on standard error, when anything written to `out` so far was not taken. */
 ctl_status ctl_print_finish(FILE* out);

@@ -12,10 +12,13 @@
 #include <unistd.h>
 
 #include "tools/ctl_call.h"
+#include "tools/ctl_history.h"
 #include "tools/ctl_link.h"
 #include "tools/ctl_observe.h"
+#include "tools/ctl_pings.h"
 #include "tools/ctl_print.h"
 #include "tools/ctl_status.h"
+#include "tools/ctl_top.h"
 
 namespace {
 
@@ -43,6 +46,10 @@ constexpr const char USAGE[] =
     "Commands are the daemon's, and:\n"
     "  observe      print each change as a line, event, key and values quoted for the shell,\n"
     "               until interrupted\n"
+    "  history [--csv|--json|--plot] KEY\n"
+    "               print the samples of a history such as cpu.10m or eth0.day, oldest first\n"
+    "  pings        print what is known of each ping target\n"
+    "  top          show the daemon's figures on a live screen, until q or an interrupt\n"
     "\n"
     "Exit status: 0 done, 1 nil, 2 error reply (printed on standard error), 3 no reply (the\n"
     "daemon cannot be reached, says nothing in time, or closes the connection), 64 wrong\n"
@@ -54,7 +61,10 @@ struct subcommand {
 };
 
 constexpr subcommand SUBCOMMANDS[] = {
+    {"history", ctl_history},
     {"observe", ctl_observe},
+    {"pings", ctl_pings},
+    {"top", ctl_top},
 };
 
 struct settings {

@@ -1,5 +1,7 @@
 #include "tools/ctl_print.h"
 
+#include "tests/unit/tools/text_stream.h"
+
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -8,31 +10,6 @@
 #include <unistd.h>
 
 namespace {
-
-/* A stream that ends up in a string. */
-class stream {
-  public:
-    stream() : file(open_memstream(&bytes, &length)) {}
-    ~stream() {
-        fclose(file);
-        free(bytes);
-    }
-    stream(const stream&) = delete;
-    stream& operator=(const stream&) = delete;
-
-    operator FILE*() {
-        return file;
-    }
-    std::string text() {
-        fflush(file);
-        return std::string(bytes, length);
-    }
-
-  private:
-    char* bytes = nullptr;
-    size_t length = 0;
-    FILE* file;
-};
 
 std::string in_quotes(const std::string& text) {
     stream out;
@@ -241,6 +218,23 @@ TEST(tessctl_quoting, a_shell_reads_back_what_was_quoted) {
     pclose(shell);
     unlink(path);
     EXPECT_EQ(got, expected);
+}
+
+std::string as_json(const std::string& text) {
+    stream out;
+    ctl_print_json(out, {text.data(), text.size()});
+    return out.text();
+}
+
+TEST(tessctl_json, a_text_becomes_a_string_that_any_parser_reads) {
+    EXPECT_EQ(as_json(""), R"("")");
+    EXPECT_EQ(as_json("eth0.10m"), R"("eth0.10m")");
+    EXPECT_EQ(as_json("a \"b\" \\"), R"("a \"b\" \\")");
+    EXPECT_EQ(as_json("/'\x7f"), R"("/'\u007f")");
+    EXPECT_EQ(as_json("\n\t\x1b[0m"), R"("\u000a\u0009\u001b[0m")");
+    EXPECT_EQ(as_json(std::string("\0x", 2)), R"("\u0000x")");
+    EXPECT_EQ(as_json("k\xc3\xbchl"), "\"k\xc3\xbchl\"");
+    EXPECT_EQ(as_json("\xff\xc3"), R"("\ufffd\ufffd")");
 }
 
 TEST(tessctl_output, a_full_device_is_noticed) {
