@@ -86,7 +86,7 @@ void open_local(const char* path) {
 }
 
 void open_file(const char* path) {
-    state.fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, 0664);
+    state.fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0664);
     state.mode = state.fd >= 0 ? MODE_FILE : MODE_STDOUT;
     state.file_bytes = 0;
 }

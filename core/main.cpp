@@ -9,6 +9,7 @@
 
 #include "core/log.h"
 #include "core/options.h"
+#include "core/sstr.h"
 #include "core/text.h"
 #include "loop/endpoint.h"
 #include "loop/loop.h"
@@ -27,7 +28,7 @@ constexpr char PROCESS_NAME[] = "tessard";
 
 /* Reads at most 31 bytes of a file, ended with a NUL. Returns -1 when it cannot be read. */
 int read_small_file(const char* path, char (&text)[32]) {
-    const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
     if (fd < 0) {
         return -1;
     }
@@ -56,7 +57,7 @@ void kill_stale_instance(pid_t self) {
 }
 
 void write_pid_file(pid_t self) {
-    const int fd = open(PID_FILE, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, 0644);
+    const int fd = open(PID_FILE, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0644);
     if (fd < 0) {
         return;
     }

@@ -61,8 +61,8 @@ void sstr_append(sstr* s, const char* bytes, uint32_t length);
  * strtoll does with base 0 (0x1f is hexadecimal, 017 octal; what follows the digits is ignored). Without
  * a string, the string becomes the text of `*value`.
  *
- * The first number keeps its 64 bits; every later sum wraps at 32 bits and is sign-extended, because the
- * clients on the device read counters into 32-bit integers.
+ * The first number keeps its 64 bits; every later sum wraps at 32 bits and is sign-extended, on
+ * purpose.
  *
  * Returns 1, or 0 with nothing changed when the string does not begin with a number. */
 int sstr_incr(sstr* s, int64_t* value);

@@ -49,6 +49,7 @@ int child_spawn(const char* command, child_completed completed, void* argument) 
     if (pipe2(ends, O_CLOEXEC) < 0) {
         return 0;
     }
+    /* A pipe that the loop cannot watch would end the daemon. */
     const pid_t pid = ends[0] < loop_maxfd() ? fork() : -1;
     if (pid < 0) {
         close(ends[0]);

@@ -5,7 +5,7 @@
 /* Child processes: a shell command runs beside the loop, its standard output is collected through a pipe
  * that the loop watches like any connection, and the whole output is handed over when the pipe closes.
  *
- * The child's complaints go to /dev/null, and it inherits none of the daemon's descriptors. */
+ * The child's complaints go to /dev/null. Of the daemon's descriptors it has standard input alone. */
 
 /* Starts the command. `completed` is called exactly once, with everything the child wrote and the reason
  * for which the pipe closed: CONNECTION_PEER_CLOSED when the child closed its output, as it does by

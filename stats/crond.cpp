@@ -29,7 +29,7 @@ struct crond_task {
     char name[NAME_SIZE];
     uint32_t ticks;      /* since the last run */
     int32_t interval;    /* seconds; 0 runs once, below 0 never */
-    uint32_t elapsed_ms; /* since the last run; for debuggers */
+    uint32_t elapsed_ms; /* since the last run; kept, not used elsewhere */
     uint32_t active;     /* 0 once a run-once task has run */
     crond_task* next;
 };
@@ -47,9 +47,9 @@ struct refused_name {
 };
 
 struct crond_state {
-    bool started;
+    bool started;           /* the first tick has come */
     crond_task_list* tasks; /* made on the first tick; null when that failed */
-    refused_name* refused;
+    refused_name* refused;  /* newest first */
     uint32_t refused_count;
 };
 
@@ -121,7 +121,7 @@ void refuse(const char* name) {
             return;
         }
     }
-    if (state.refused_count == REFUSED_LIMIT) {
+    if (state.refused_count == REFUSED_LIMIT || !log_wants(LOG_WARN)) {
         return;
     }
     refused_name* r = pool_new<refused_name>();
@@ -129,10 +129,8 @@ void refuse(const char* name) {
     r->next = state.refused;
     state.refused = r;
     state.refused_count++;
-    if (log_wants(LOG_WARN)) {
-        log_write(LOG_WARN, "plug-in (%s) is not listed: its name has more than %d bytes", name,
-                  static_cast<int>(NAME_SIZE - 1));
-    }
+    log_write(LOG_WARN, "plug-in (%s) is not listed: its name has more than %d bytes", name,
+              static_cast<int>(NAME_SIZE - 1));
 }
 
 void look_at_entry(const char* name) {
@@ -191,6 +189,22 @@ void tick(crond_task* task) {
     start_script(task);
 }
 
+void forget_all() {
+    while (state.tasks != nullptr && state.tasks->head != nullptr) {
+        crond_task* next = state.tasks->head->next;
+        free(state.tasks->head);
+        state.tasks->head = next;
+    }
+    free(state.tasks);
+    while (state.refused != nullptr) {
+        refused_name* next = state.refused->next;
+        sstr_free(&state.refused->name);
+        pool_delete(state.refused);
+        state.refused = next;
+    }
+    state = {};
+}
+
 } // namespace
 
 int __crond_ontimer(void*) {
@@ -208,5 +222,6 @@ int __crond_ontimer(void*) {
 }
 
 void module_crond_start() {
+    forget_all();
     loop_add_timer(TICK_MS, __crond_ontimer, nullptr);
 }

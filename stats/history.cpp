@@ -109,6 +109,7 @@ void history_push(history_series* s, sstr value, const void* sample) {
         text_put_be32(value + AT_FILLED, s->filled);
     }
     const uint32_t offset = HISTORY_HEADER + s->head * s->sample_size;
+    /* A record may have been loaded into a value that is shorter than the ring. */
     if (offset + s->sample_size <= sstr_length(value)) {
         memcpy(value + offset, sample, s->sample_size);
     }

@@ -29,10 +29,10 @@ enum lcd_mode { MODE_NONE, MODE_NODE, MODE_SERIAL };
 typedef int (*lcd_writer)(int fd, const char* text, size_t length);
 
 struct lcd_state {
-    bool decided;
+    bool decided; /* false until the kind of panel is settled */
     lcd_mode mode;
-    const char* path;
-    lcd_writer writer;
+    const char* path;  /* the device; null without a panel */
+    lcd_writer writer; /* how a screen is sent; null without a panel */
     uint32_t shown_up; /* bytes per second, kept from refresh to refresh */
     uint32_t shown_down;
 };
@@ -72,7 +72,7 @@ bool has_serial_panel(const object* sys) {
 const char* serial_port() {
     char output[STAT_OUTPUT_SIZE];
     char model[16] = {};
-    if (stat_command_output(MODEL_COMMAND, output)) {
+    if (stat_command_output(MODEL_COMMAND, 1, output)) {
         (void)sscanf(output, "%15s", model);
     }
     for (const char* known : first_port_models) {
@@ -160,9 +160,8 @@ void read_rate(const object* hash, lcd_stat_key* stat) {
     }
 }
 
-/* "sys.lan" names the LAN interfaces, separated by ":". The stored text itself is split and so keeps only its
- * first name from then on: clients write it anew before each use. A later interface overrides an earlier
- * one. */
+/* "sys.lan" names the LAN interfaces, separated by ":"; a later one overrides an earlier one. The stored text
+ * itself is split, deliberately: each ":" becomes a NUL, so the next refresh finds only the first name. */
 void read_lan_rates() {
     const object* lan = object_lookup_type("sys.lan", OBJ_TSTRING);
     if (lan == nullptr || lan->string == nullptr) {
@@ -277,5 +276,9 @@ int lcd_ontimer(void*) {
 }
 
 void module_lcd_start() {
+    state = {};
+    for (lcd_stat_key& stat : lcd_stat_keys) {
+        stat.value = 0;
+    }
     loop_add_timer(REFRESH_MS, lcd_ontimer, nullptr);
 }

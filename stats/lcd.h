@@ -20,8 +20,9 @@
  *   5 + 20 * k   2        AA D0
  *   rest                  zeros
  *
- * The port is never waited for: a screen that it does not take is lost, and the next one comes in three
- * seconds. */
+ * Writing never waits: a screen that the port does not take is lost, and the next one comes in three seconds.
+ * Closing a serial port lets the frame go out, about 95 ms at this speed; a line that flow control holds is
+ * given up by the kernel after its closing time. */
 
 void module_lcd_start();
 

@@ -79,7 +79,7 @@ iface_stat* new_iface(const char* name) {
     return iface;
 }
 
-/* A first rate shows at half its size, on purpose: the panel and the pages draw a soft start. */
+/* Each fresh rate is averaged with the last; a first one shows at half its size, on purpose. */
 uint32_t smoothed(uint32_t delta, double seconds, uint32_t old) {
     const uint32_t fresh = static_cast<uint32_t>(static_cast<uint64_t>(delta / seconds));
     return static_cast<uint32_t>((uint64_t{fresh} + old) >> 1);

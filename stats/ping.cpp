@@ -73,8 +73,7 @@ ping_stat* target_of(uint32_t id) {
     return *target;
 }
 
-/* The accumulator keeps the largest minimum of its span: the curve of the minima then shows the worst of
- * the best times. */
+/* The accumulator keeps the largest minimum of its span, on purpose. */
 void update_history(ping_stat* target, unsigned span, const ping_figures* report) {
     ping_figures* sum = &target->accumulated[span];
     sum->max = larger(sum->max, report->max);
@@ -104,19 +103,14 @@ void update_summary(ping_stat* target, const ping_figures* report) {
     }
 }
 
-/* The entry of a target in "ping.snap", or null when the key was replaced by something shorter. */
-char* snap_entry(const object* snap, uint32_t id) {
-    if (snap->string == nullptr || sstr_length(snap->string) < PING_SNAP_SIZE) {
-        return nullptr;
-    }
-    return snap->string + (id - 1) * PING_ENTRY_SIZE;
+const object* find_snap() {
+    return object_lookup_type(SNAP_KEY, OBJ_TSTRING);
 }
 
-void publish_summary(const ping_stat* target) {
-    const object* snap = object_lookup_type(SNAP_KEY, OBJ_TSTRING);
-    char* entry = snap != nullptr ? snap_entry(snap, target->id) : nullptr;
-    if (entry != nullptr) {
-        put_figures(entry, &target->summary);
+/* Writes a target's entry; `snap` may be null, or replaced by something shorter. */
+void publish_summary(const object* snap, const ping_stat* target) {
+    if (snap != nullptr && snap->string != nullptr && sstr_length(snap->string) >= PING_SNAP_SIZE) {
+        put_figures(snap->string + (target->id - 1) * PING_ENTRY_SIZE, &target->summary);
     }
 }
 
@@ -132,7 +126,7 @@ void publish_summary(const ping_stat* target) {
         update_history(target, span, &report);
     }
     update_summary(target, &report);
-    publish_summary(target);
+    publish_summary(find_snap(), target);
 }
 
 void trace(const char* text) {
@@ -165,12 +159,11 @@ void clear_target(ping_stat* target) {
     }
     trace("pingxx-inside-release:state is not NULL");
     clear_target(target);
-    const object* snap = object_lookup_type(SNAP_KEY, OBJ_TSTRING);
-    if (snap == nullptr) {
-        return;
+    const object* snap = find_snap();
+    if (snap != nullptr) {
+        trace("pingxx-inside-release:obj ping.snap is not NULL");
+        publish_summary(snap, target);
     }
-    trace("pingxx-inside-release:obj ping.snap is not NULL");
-    publish_summary(target);
 }
 
 /* The N of a key such as "ping7.day"; 0 for keys of other names or out of range. */
@@ -182,9 +175,22 @@ uint32_t target_number(const char* key) {
     return is_target(n) ? static_cast<uint32_t>(n) : 0;
 }
 
+void forget_targets() {
+    for (ping_stat*& target : targets) {
+        if (target != nullptr) {
+            for (history_series& series : target->history) {
+                sstr_free(&series.name);
+            }
+            pool_delete(target);
+            target = nullptr;
+        }
+    }
+}
+
 } // namespace
 
 void module_ping_start() {
+    forget_targets();
     object* snap = object_get_or_create(SNAP_KEY, SSTR_CSTRING, OBJ_TSTRING);
     if (snap != nullptr) {
         const char zeros[PING_SNAP_SIZE] = {};

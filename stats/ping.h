@@ -17,16 +17,16 @@ constexpr uint32_t PING_TARGETS = 20;
 constexpr uint32_t PING_ENTRY_SIZE = 20;
 constexpr uint32_t PING_SNAP_SIZE = PING_TARGETS * PING_ENTRY_SIZE;
 
-/* Makes "ping.snap", all zero, and registers the hooks below. */
+/* Forgets every target, makes "ping.snap", all zero, and registers the hooks below. The objects of the
+ * targets' histories point to what is forgotten, so a second start needs a fresh keyspace. */
 void module_ping_start();
 
 /* A string-change hook: reacts to "ping.data" and "ping.del". Returns 0. */
 int ping_data_hook(object* obj);
 
 /* A dump hook: the series of target N stays out of a dump exactly when target N + 1 exists. The pairing is
- * off by one, and dumps in the field are made with it. */
+ * kept as it is. */
 int ping_dump_hook(object* obj, history_series* s, int fd);
 
-/* A load hook: a ping history that holds a sample is never restored, because its reports say nothing about
- * the time that has passed. */
+/* A load hook: a ping history that holds a sample is never restored. */
 int ping_load_hook(const char* key, const char* data, uint32_t length, uint32_t* unit);

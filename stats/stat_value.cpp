@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 
 #include "core/text.h"
 
@@ -18,6 +19,18 @@ signal_handler begin_normal_pipe_signal() {
 
 void end_normal_pipe_signal(signal_handler before) {
     (void)signal(SIGPIPE, before);
+}
+
+void read_lines(FILE* output, unsigned lines, char (&text)[STAT_OUTPUT_SIZE]) {
+    size_t length = 0;
+    while (lines > 0 && length < sizeof text - 1 &&
+           fgets(text + length, static_cast<int>(sizeof text - length), output) != nullptr) {
+        const char* line = text + length;
+        length += strlen(line);
+        if (line[strspn(line, " \t\r\n\v\f")] != '\0' && text[length - 1] == '\n') {
+            lines--;
+        }
+    }
 }
 
 } // namespace
@@ -48,7 +61,7 @@ void stat_hset_u32(object* hash, const char* field, uint32_t value) {
     stat_hset_u64(hash, field, value, 0);
 }
 
-bool stat_command_output(const char* command, char (&text)[STAT_OUTPUT_SIZE]) {
+bool stat_command_output(const char* command, unsigned lines, char (&text)[STAT_OUTPUT_SIZE]) {
     const char* quiet = str_format("exec 2>/dev/null; %s", command);
     const signal_handler before = begin_normal_pipe_signal();
     FILE* output = popen(quiet, "re");
@@ -57,7 +70,7 @@ bool stat_command_output(const char* command, char (&text)[STAT_OUTPUT_SIZE]) {
     if (output == nullptr) {
         return false;
     }
-    text[fread(text, 1, sizeof text - 1, output)] = '\0';
+    read_lines(output, lines, text);
     (void)pclose(output);
     return true;
 }
@@ -66,6 +79,10 @@ void stat_command_run(const char* command) {
     const signal_handler before = begin_normal_pipe_signal();
     (void)!system(command);
     end_normal_pipe_signal(before);
+}
+
+uint32_t stat_unsigned_reading(unsigned long long value) {
+    return value > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(value);
 }
 
 uint32_t stat_reading(long long value) {

@@ -98,10 +98,6 @@ void update_interface_flags() {
     freeifaddrs(addresses);
 }
 
-uint32_t saturated(unsigned long long number) {
-    return number > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(number);
-}
-
 void mem_poll() {
     FILE* file = fopen("/proc/meminfo", "re");
     if (file != nullptr) {
@@ -113,7 +109,7 @@ void mem_poll() {
 
 void host_poll() {
     char output[STAT_OUTPUT_SIZE];
-    if (stat_command_output(HOST_COMMAND, output)) {
+    if (stat_command_output(HOST_COMMAND, 2, output)) {
         host_update(output);
     }
     host_publish();
@@ -121,7 +117,7 @@ void host_poll() {
 
 void conn_poll() {
     char output[STAT_OUTPUT_SIZE];
-    if (stat_command_output(CONN_COMMAND, output)) {
+    if (stat_command_output(CONN_COMMAND, 1, output)) {
         conn_update(output);
     }
     conn_publish();
@@ -176,8 +172,9 @@ uint32_t mem_update(FILE* file) {
            fscanf(file, "MemFree: \t%llu kB\n", &n[1]) == 1 &&
            fscanf(file, "Buffers:  %llu kB\n", &n[2]) == 1 &&
            fscanf(file, "Cached:   %llu kB\n", &n[3]) == 1);
-    const uint32_t total = saturated(n[0]);
-    const uint32_t available = saturated(n[1]) + saturated(n[2]) + saturated(n[3]);
+    const uint32_t total = stat_unsigned_reading(n[0]);
+    const uint32_t available =
+        stat_unsigned_reading(n[1]) + stat_unsigned_reading(n[2]) + stat_unsigned_reading(n[3]);
     if (total != 0 && available <= total) {
         state.mem_load = (total - available) * 100 / total;
     }

@@ -89,7 +89,7 @@ bool memory_allows(off_t size) {
 
 /* Opens the file and measures it. Returns 0 or an error number; on failure `*fd` is closed. */
 int open_dump(const char* path, int* fd, uint32_t* size) {
-    *fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    *fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (*fd < 0) {
         return errno;
     }
@@ -150,7 +150,7 @@ bool is_history_key(const char* key) {
 }
 
 int dump_keys(const char* path, const char* pattern) {
-    const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, 0644);
+    const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0644);
     if (fd < 0) {
         const int error = errno;
         if (log_wants(LOG_INFO)) {

@@ -16,11 +16,10 @@
  *
  * Keys of histories (see is_history_key) are written and read by the history unit, in the same frame.
  *
- * Neither direction ever blocks on what a client names as the path: files are opened non-blocking. Neither
- * announces anything or touches an expiry. */
+ * Neither direction ever blocks on what a client names as the path: files are opened non-blocking, and a
+ * terminal does not become the daemon's own. Neither announces anything or touches an expiry. */
 
-/* The largest file that is loaded. A dump on a router is far smaller; what is larger would keep
- * the daemon from its other clients. */
+/* The largest file that is loaded: a larger one would keep the daemon from its other clients. */
 constexpr int64_t LOAD_MAX_SIZE = 256 * 1024 * 1024;
 
 /* Nor is a file loaded that would fill more than this share of the machine's memory (one part in so many). */

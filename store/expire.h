@@ -7,8 +7,7 @@
  * wall clock is set back, its count restarts.
  *
  * A key with an absolute time expires in the first scan of a later second than the one in which the expiry
- * was set, whatever the time says: "expireat" is for clients that want a key gone, and they rely on it. "ttl"
- * still answers with the stored time.
+ * was set, whatever the time says, on purpose. "ttl" still answers with the stored time.
  *
  * Objects that are dead without an expiry stay as records until their key is used again. */
 

@@ -9,8 +9,8 @@
 
 namespace {
 
-/* Event names. Only "MSET", "HMSET" and "HDEL" are ever sent; the others are made as well, so that the set
- * of events is one list and a later event costs no new start-up step. */
+/* Event names. Only "MSET", "HMSET" and "HDEL" are ever sent; the others are made as well and never used,
+ * deliberately. */
 enum event_name { EVENT_MSET, EVENT_DEL, EVENT_HMSET, EVENT_HDEL, EVENT_PUSH, EVENT_POP, EVENTS };
 
 const char* const event_texts[EVENTS] = {"MSET", "DEL", "HMSET", "HDEL", "PUSH", "POP"};
@@ -41,7 +41,7 @@ void set_type(object* obj, unsigned type) {
     set_flags(obj, type);
 }
 
-/* The line numbers of these checks are fixed names that operators know from the log. */
+/* The line numbers of these checks are fixed: they do not move when the source is edited. */
 void require(bool holds, const char* expression, int line) {
     if (!holds) {
         log_assert_failed(expression, "object", line);

@@ -44,7 +44,7 @@ class StatCommands : public ::testing::Test {
 
     static std::string output_of(const char* command) {
         char text[STAT_OUTPUT_SIZE];
-        EXPECT_TRUE(stat_command_output(command, text));
+        EXPECT_TRUE(stat_command_output(command, 1000, text));
         return text;
     }
 
@@ -173,6 +173,20 @@ TEST_F(StatCommands, ACommandThatWritesForEverEndsWithItsReader) {
         EXPECT_EQ(output.size(), STAT_OUTPUT_SIZE - 1);
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10)) << command;
     }
+}
+
+TEST_F(StatCommands, AProcessThatIsLeftBehindWithTheOutputOpenIsNotWaitedFor) {
+    const auto start = std::chrono::steady_clock::now();
+    char text[STAT_OUTPUT_SIZE];
+    ASSERT_TRUE(stat_command_output("echo Online hosts: 5; echo Max Online hosts: 9; sleep 10 &", 2, text));
+    EXPECT_STREQ(text, "Online hosts: 5\nMax Online hosts: 9\n");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+}
+
+TEST_F(StatCommands, BlankLinesAreReadButNotCounted) {
+    char text[STAT_OUTPUT_SIZE];
+    ASSERT_TRUE(stat_command_output("echo; echo ' '; echo 7; echo 8", 1, text));
+    EXPECT_STREQ(text, "\n \n7\n");
 }
 
 TEST_F(StatCommands, TheDaemonGoesOnIgnoringThePipeSignal) {
