@@ -23,14 +23,16 @@ void end_normal_pipe_signal(signal_handler before) {
 
 void read_lines(FILE* output, unsigned lines, char (&text)[STAT_OUTPUT_SIZE]) {
     size_t length = 0;
-    while (lines > 0 && length < sizeof text - 1 &&
-           fgets(text + length, static_cast<int>(sizeof text - length), output) != nullptr) {
-        const char* line = text + length;
-        length += strlen(line);
-        if (line[strspn(line, " \t\r\n\v\f")] != '\0' && text[length - 1] == '\n') {
+    bool blank = true;
+    /* Byte by byte, since a NUL must count as well. */
+    for (int c; lines > 0 && length < sizeof text - 1 && (c = getc(output)) != EOF;) {
+        text[length++] = static_cast<char>(c);
+        if (c == '\n' && !blank) {
             lines--;
         }
+        blank = c == '\n' || (blank && strchr(" \t\r\v\f", c) != nullptr && c != '\0');
     }
+    text[length] = '\0';
 }
 
 } // namespace
