@@ -220,6 +220,16 @@ TEST_F(log_targets, a_file_that_cannot_be_made_leaves_standard_output) {
     EXPECT_EQ(records[0].text, started_line(daemon));
 }
 
+TEST_F(log_targets, a_fifo_at_the_files_place_leaves_standard_output) {
+    ASSERT_EQ(mkfifo(LOG_FILE, 0666), 0);
+    process& daemon = start();
+    std::vector<log_record> records = parse_log(daemon.out());
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].colour, "\033[32m");
+    EXPECT_EQ(records[0].text, started_line(daemon));
+    EXPECT_TRUE(S_ISFIFO(mode_of(LOG_FILE)));
+}
+
 TEST_F(log_targets, a_closed_standard_output_harms_nothing) {
     process_options options;
     options.before_exec = [] { close(1); };
@@ -227,6 +237,21 @@ TEST_F(log_targets, a_closed_standard_output_harms_nothing) {
     resp_client client;
     for (int i = 0; i < 10; i++)
         EXPECT_EQ(client.call({"ping"}), "+OK\r\n");
+}
+
+TEST_F(log_targets, closed_standard_descriptors_are_given_to_no_client) {
+    process_options options;
+    options.before_exec = [] {
+        for (int fd : {0, 1, 2})
+            close(fd);
+    };
+    start({"-f", "stdout", "-l", "debug"}, "/tmp/tessard.sock", 0, options);
+    /* Whoever of them had the number 1 would read the log of all. */
+    std::vector<resp_client> clients(4);
+    for (resp_client& client : clients)
+        EXPECT_EQ(client.call({"ping"}), "+OK\r\n");
+    for (resp_client& client : clients)
+        EXPECT_EQ(client.during(20), "");
 }
 
 TEST_F(log_file, the_time_stamp_is_local_time) {

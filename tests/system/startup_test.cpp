@@ -5,6 +5,7 @@
 #include "tests/system/support/daemon_test.h"
 #include "tests/system/support/log_text.h"
 
+#include <algorithm>
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -12,6 +13,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace system_test;
@@ -80,6 +82,19 @@ class start_up : public daemon_test {
         lstat(path.c_str(), &info);
         return info.st_mode;
     }
+
+    /* How long a key whose time has already come stays in a daemon that has just started, in ms. */
+    long life_of_an_expired_key() {
+        process& daemon = start();
+        long served = now_ms();
+        resp_client client;
+        EXPECT_EQ(client.call({"set", "k", "v"}), "+OK\r\n");
+        EXPECT_EQ(client.call({"expire", "k", "0"}), ":1\r\n");
+        EXPECT_TRUE(eventually([&] { return client.call({"exists", "k"}) == ":0\r\n"; }));
+        long life = now_ms() - served;
+        daemon.stop();
+        return life;
+    }
 };
 
 class predecessor : public daemon_test {
@@ -91,6 +106,20 @@ class predecessor : public daemon_test {
     void expect_spared(named_process& other) {
         start();
         EXPECT_EQ(other.wait_exit(0), STILL_RUNNING);
+    }
+
+    /* True once the process has ended; it is not reaped, and its pid stays in use. */
+    static bool has_ended(const named_process& other) {
+        siginfo_t info = {};
+        waitid(P_PID, static_cast<id_t>(other.pid()), &info, WEXITED | WNOHANG | WNOWAIT);
+        return info.si_pid == other.pid();
+    }
+
+    /* True when the process waits for something. */
+    static bool sleeps(pid_t pid) {
+        std::string text = read_file("/proc/" + std::to_string(pid) + "/stat");
+        size_t name_end = text.rfind(") ");
+        return name_end != std::string::npos && text.compare(name_end + 2, 1, "S") == 0;
     }
 };
 
@@ -115,6 +144,14 @@ class descriptors : public daemon_test {
         if (folder != nullptr)
             closedir(folder);
         return found;
+    }
+
+    /* Where the descriptor leads, "" when it is not open. */
+    static std::string target(pid_t pid, const std::string& descriptor) {
+        char text[256] = "";
+        std::string link = "/proc/" + std::to_string(pid) + "/fd/" + descriptor;
+        ssize_t length = readlink(link.c_str(), text, sizeof text);
+        return std::string(text, length > 0 ? static_cast<size_t>(length) : 0);
     }
 
     static size_t count(pid_t pid) {
@@ -354,6 +391,14 @@ TEST_F(start_up, a_pid_file_that_cannot_be_made_is_passed_over) {
     EXPECT_EQ(mode_of("/tmp/tessard.pid"), static_cast<mode_t>(S_IFDIR | 0755));
 }
 
+TEST_F(start_up, a_fifo_in_place_of_the_pid_file_holds_up_nobody) {
+    ASSERT_EQ(mkfifo("/tmp/tessard.pid", 0666), 0);
+    start();
+    resp_client client;
+    EXPECT_EQ(client.call({"ping"}), "+OK\r\n");
+    EXPECT_TRUE(S_ISFIFO(mode_of("/tmp/tessard.pid")));
+}
+
 TEST_F(start_up, pid_file_and_socket_stay_behind) {
     process& daemon = start();
     daemon.stop();
@@ -453,6 +498,75 @@ TEST_F(start_up, the_built_in_keys_can_be_overwritten_but_not_deleted) {
     EXPECT_EQ(client.call({"get", "fhour.interval"}), "$2\r\n60\r\n");
     EXPECT_EQ(client.call({"hset", "tessard.run", "pid", "7"}), ":0\r\n");
     EXPECT_EQ(client.call({"hget", "tessard.run", "pid"}), "$1\r\n7\r\n");
+}
+
+TEST_F(start_up, the_first_sweep_of_expired_keys_comes_a_second_after_the_first_tick) {
+    /* The first tick, 100 ms after the start, notes the time, and the one a second later sweeps. What the
+       machine does meanwhile makes it later, so the quickest of some tries counts. */
+    const long latest = 1100 + 50;
+    long quickest = LIMIT_MS;
+    for (int tries = 0; tries < 8 && quickest > latest; tries++)
+        quickest = std::min(quickest, life_of_an_expired_key());
+    EXPECT_LE(quickest, latest);
+}
+
+TEST_F(predecessor, the_start_is_logged_before_it_is_killed) {
+    named_process other("tessard");
+    write_pid(std::to_string(other.pid()));
+    /* Standard output is a pipe that is full, so the daemon stops at its first line. */
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    fcntl(ends[1], F_SETFL, O_NONBLOCK);
+    const std::string block(4096, 'x');
+    while (write(ends[1], block.data(), block.size()) > 0) {
+    }
+    fcntl(ends[1], F_SETFL, 0);
+    process_options options;
+    std::string pipe_path = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(ends[1]);
+    options.before_exec = [&] { dup2(open(pipe_path.c_str(), O_WRONLY | O_CLOEXEC), 1); };
+    process& daemon = launch({"-f", "stdout"}, options);
+    int asleep = 0;
+    EXPECT_TRUE(eventually([&] {
+        asleep = sleeps(daemon.pid()) ? asleep + 1 : 0;
+        return asleep == 20;
+    }));
+    EXPECT_FALSE(file_exists("/tmp/tessard.sock"));
+    EXPECT_EQ(other.wait_exit(0), STILL_RUNNING);
+
+    std::string logged;
+    fcntl(ends[0], F_SETFL, O_NONBLOCK);
+    EXPECT_TRUE(eventually([&] {
+        char chunk[4096];
+        for (ssize_t got; (got = read(ends[0], chunk, sizeof chunk)) > 0;)
+            logged.append(chunk, static_cast<size_t>(got));
+        return logged.find("application started with pid ") != std::string::npos;
+    }));
+    EXPECT_EQ(other.wait_exit(), KILLED_BY + SIGKILL);
+    EXPECT_TRUE(wait_for_server());
+    close(ends[0]);
+    close(ends[1]);
+}
+
+TEST_F(predecessor, nobody_waits_for_its_end) {
+    /* It stays as it is until the test takes note of its end, and the daemon starts all the same. The
+       quickest of some tries counts: a busy machine may hold up any of them. */
+    const long longest = 30;
+    long quickest = LIMIT_MS;
+    for (int tries = 0; tries < 20 && quickest > longest; tries++) {
+        named_process other("tessard");
+        write_pid(std::to_string(other.pid()));
+        process& daemon = launch({});
+        const std::string pid = std::to_string(daemon.pid());
+        ASSERT_TRUE(eventually([&] { return has_ended(other); }));
+        long killed = now_ms();
+        ASSERT_TRUE(eventually([&] { return read_file("/tmp/tessard.pid") == pid; }));
+        quickest = std::min(quickest, now_ms() - killed);
+        EXPECT_TRUE(wait_for_server());
+        EXPECT_TRUE(has_ended(other));
+        EXPECT_EQ(kill(other.pid(), 0), 0) << "the test reaped it too early";
+        daemon.stop();
+    }
+    EXPECT_LE(quickest, longest);
 }
 
 TEST_F(predecessor, a_running_daemon_is_killed_and_replaced) {
@@ -630,6 +744,19 @@ TEST_F(descriptors, none_is_inherited_when_listening_on_tcp_with_the_log_on_a_so
     EXPECT_GE(count(daemon.pid()), 6u);
     EXPECT_EQ(inheritable(daemon.pid()), std::vector<std::string>{});
     close(listener);
+}
+
+TEST_F(descriptors, none_is_an_epoll_descriptor) {
+    process& daemon = start();
+    resp_client client;
+    EXPECT_EQ(client.call({"ping"}), "+OK\r\n");
+    int looked_at = 0;
+    for (int fd = 0; fd < 100; fd++) {
+        const std::string leads_to = target(daemon.pid(), std::to_string(fd));
+        looked_at += !leads_to.empty();
+        EXPECT_NE(leads_to, "anon_inode:[eventpoll]") << fd;
+    }
+    EXPECT_GE(looked_at, 6);
 }
 
 TEST_F(descriptors, clients_that_left_give_theirs_back) {

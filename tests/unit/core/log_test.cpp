@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "tests/unit/support/test_clock.h"
+#include "tests/unit/support/test_kernel.h"
 
 namespace fs = std::filesystem;
 
@@ -611,6 +612,16 @@ TEST_F(Log, AListeningSocketAtAPathIsConnected) {
     EXPECT_TRUE(fs::is_socket(path("log.sock")));
 }
 
+TEST_F(Log, APathMayLeadToASocketThroughALink) {
+    server s(path("log.sock"));
+    fs::create_symlink("log.sock", path("link"));
+    open(path("link"));
+    log_write(LOG_INFO, "hello");
+    EXPECT_EQ(receive(s.accept_one(), sizeof info_line - 1), info_line);
+    EXPECT_TRUE(fs::is_symlink(path("link")));
+    EXPECT_TRUE(fs::is_socket(path("log.sock")));
+}
+
 TEST_F(Log, UnixTargetsInAnyCaseConnectToThePathBehindThePrefix) {
     server s(path("log.sock"));
     for (const char* prefix : {"unix://", "UNIX://", "Unix://"}) {
@@ -680,6 +691,18 @@ TEST_F(Log, HostAndPortConnectToThisMachineWhateverTheHost) {
         EXPECT_EQ(receive(s.accept_one(), sizeof info_line - 1), info_line) << host;
         EXPECT_FALSE(fs::exists(path(host + s.colon_port())));
     }
+}
+
+TEST_F(Log, APortEndsAtTheFirstByteThatIsNoDigit) {
+    server s(SOCK_STREAM);
+    for (const char* tail : {"x", " ", ":1", "/log", ".5"}) {
+        for (const char* host : {"myhost", "tcp://127.0.0.1"}) {
+            open(host + s.colon_port() + tail);
+            log_write(LOG_INFO, "hello");
+            EXPECT_EQ(receive(s.accept_one(), sizeof info_line - 1), info_line) << host << tail;
+        }
+    }
+    EXPECT_TRUE(fs::is_empty(folder));
 }
 
 TEST_F(Log, APortThatRefusesStaysASocketAndMakesNoFile) {
@@ -954,6 +977,18 @@ TEST_F(Log, AReaderThatDoesNotReadLosesLinesAndKeepsItsConnection) {
     log_write(LOG_INFO, "hello");
     EXPECT_EQ(receive(reader, sizeof info_line - 1), info_line);
     EXPECT_FALSE(s.has_waiting_connection());
+}
+
+TEST_F(Log, AnInterruptedWriteIsTriedAgain) {
+    server s(path("log.sock"));
+    open(path("log.sock"));
+    const int reader = s.accept_one();
+    test_kernel::send_answers = {EINTR, EINTR, EINTR};
+    log_write(LOG_INFO, "hello");
+    EXPECT_EQ(test_kernel::send_answers.size(), 0u);
+    EXPECT_EQ(receive(reader, sizeof info_line - 1), info_line);
+    log_write(LOG_INFO, "hello");
+    EXPECT_EQ(receive(reader, sizeof info_line - 1), info_line) << "the socket was not kept";
 }
 
 TEST_F(Log, AShortWriteIsNotCompleted) {

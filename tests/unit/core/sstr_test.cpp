@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -80,6 +81,10 @@ TEST_F(Sstr, WithoutBytesTheCallerWritesTheText) {
     EXPECT_EQ(sstr_length(s), 3u);
     memcpy(s, "xyz", 4);
     EXPECT_EQ(whole(), std::string("xyz\0", 4));
+}
+
+TEST(SstrDeathTest, WithoutBytesAllBitsSetIsALengthThatNoStringCanHave) {
+    EXPECT_EXIT(sstr_new(nullptr, 0xFFFFFFFF), testing::KilledBySignal(SIGABRT), "^out of memory\n");
 }
 
 TEST_F(Sstr, LongStringsAreWholeAroundThePooledSizes) {

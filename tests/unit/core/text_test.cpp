@@ -291,6 +291,26 @@ TEST(TextParseUint32, LeavesTheEndAtTheTextWhenThereAreNoDigits) {
     EXPECT_EQ(end, text);
 }
 
+TEST(TextParseUint32, BaseZeroTakesHexadecimalAndOctalAndKnowsNoBinaryPrefix) {
+    EXPECT_EQ(text_parse_uint32("0xffffffff", nullptr, 0), 4294967295u);
+    EXPECT_EQ(text_parse_uint32("017", nullptr, 0), 15u);
+    for (const char* text : {"0b11", "0B11", "+0b1", " -0b1"}) {
+        char* end;
+        EXPECT_EQ(text_parse_uint32(text, &end, 0), 0u) << text;
+        EXPECT_EQ(end, strchr(text, '0') + 1) << text;
+    }
+}
+
+TEST(TextParseInt64, BaseZeroTakesHexadecimalAndOctalAndKnowsNoBinaryPrefix) {
+    EXPECT_EQ(text_parse_int64("0x7fffffffffffffff", nullptr, 0), INT64_MAX);
+    EXPECT_EQ(text_parse_int64("-017", nullptr, 0), -15);
+    for (const char* text : {"0b11", "0B11", "+0b1", " -0b1"}) {
+        char* end;
+        EXPECT_EQ(text_parse_int64(text, &end, 0), 0) << text;
+        EXPECT_EQ(end, strchr(text, '0') + 1) << text;
+    }
+}
+
 /* str_split */
 
 TEST(TextSplit, SplitsAtBlanksTabsAndLineEndsByDefault) {

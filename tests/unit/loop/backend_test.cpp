@@ -8,7 +8,6 @@
 #include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
@@ -16,42 +15,9 @@
 #include <vector>
 
 #include "loop/loop.h"
+#include "tests/unit/support/test_kernel.h"
 
-namespace {
-
-/* What the backends ask of the kernel, written down on the way. */
-int select_descriptors = -1;
-timeval select_timeout;
-
-struct control_call {
-    int operation;
-    int fd;
-    uint32_t events;
-
-    bool operator==(const control_call&) const = default;
-};
-
-std::vector<control_call> control_calls;
-int control_descriptor = -1;
-
-} // namespace
-
-/* Both take the place of the C library's functions in this program. */
-extern "C" int select(int descriptors, fd_set* readable, fd_set* writable, fd_set* failed, timeval* timeout) {
-    select_descriptors = descriptors;
-    if (timeout == nullptr) {
-        return pselect(descriptors, readable, writable, failed, nullptr, nullptr);
-    }
-    select_timeout = *timeout;
-    const timespec wait = {timeout->tv_sec, static_cast<long>(timeout->tv_usec) * 1000};
-    return pselect(descriptors, readable, writable, failed, &wait, nullptr);
-}
-
-extern "C" int epoll_ctl(int epoll, int operation, int fd, epoll_event* event) noexcept {
-    control_descriptor = epoll;
-    control_calls.push_back({operation, fd, event->events});
-    return static_cast<int>(syscall(SYS_epoll_ctl, epoll, operation, fd, event));
-}
+using namespace test_kernel;
 
 namespace {
 

@@ -7,6 +7,7 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <stddef.h>
 #include <string>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -17,31 +18,10 @@
 #include "loop/endpoint.h"
 #include "loop/loop.h"
 #include "loop/server.h"
+#include "tests/unit/support/test_kernel.h"
 
-namespace {
-
-/* Answers that the kernel is made to give to the next calls, instead of doing them: an error number, or 0 for
- * no bytes. */
-std::deque<int> send_answers;
-std::deque<int> recv_answers;
-
-ssize_t give(std::deque<int>* answers) {
-    const int answer = answers->front();
-    answers->pop_front();
-    errno = answer;
-    return answer == 0 ? 0 : -1;
-}
-
-} // namespace
-
-/* Both take the place of the C library's functions in this program. */
-extern "C" ssize_t send(int fd, const void* bytes, size_t size, int flags) {
-    return send_answers.empty() ? sendto(fd, bytes, size, flags, nullptr, 0) : give(&send_answers);
-}
-
-extern "C" ssize_t recv(int fd, void* bytes, size_t size, int flags) {
-    return recv_answers.empty() ? recvfrom(fd, bytes, size, flags, nullptr, nullptr) : give(&recv_answers);
-}
+using test_kernel::recv_answers;
+using test_kernel::send_answers;
 
 namespace {
 
@@ -314,6 +294,26 @@ TEST_P(Connection, HasThreeEmptyBuffersWithTheirLimits) {
     EXPECT_EQ(c->input.limit, 1048576u);
     EXPECT_EQ(c->output.limit, 65536u);
     EXPECT_EQ(c->pending.limit, 1048576u);
+}
+
+TEST(ConnectionRecord, FieldsStandInTheirOrder) {
+    const size_t offsets[] = {
+        offsetof(connection, fd),        offsetof(connection, input),       offsetof(connection, output),
+        offsetof(connection, owner),     offsetof(connection, conn_ondata), offsetof(connection, on_close),
+        offsetof(connection, producer),  offsetof(connection, error),       offsetof(connection, reason),
+        offsetof(connection, user_data), offsetof(connection, completed),   offsetof(connection, prev),
+        offsetof(connection, next),      offsetof(connection, pending),     offsetof(connection, jump),
+        offsetof(connection, closing)};
+    const size_t on_device[] = {0, 4, 32, 60, 64, 68, 72, 76, 78, 80, 84, 88, 92, 96, 124, 128};
+    for (size_t i = 1; i < sizeof offsets / sizeof *offsets; i++) {
+        EXPECT_LT(offsets[i - 1], offsets[i]) << i;
+        if (sizeof(void*) == 4) {
+            EXPECT_EQ(offsets[i], on_device[i]) << i;
+        }
+    }
+    EXPECT_EQ(sizeof(connection::fd), 4u);
+    EXPECT_EQ(sizeof(connection::error), 2u);
+    EXPECT_EQ(sizeof(connection::reason), 2u);
 }
 
 TEST_P(Connection, MakesItsDescriptorNonBlockingAndCloseOnExec) {

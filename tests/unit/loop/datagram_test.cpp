@@ -15,6 +15,7 @@
 
 #include "loop/endpoint.h"
 #include "loop/loop.h"
+#include "tests/unit/support/test_kernel.h"
 
 namespace {
 
@@ -225,6 +226,28 @@ TEST_P(Datagram, ListensWithoutBlockingAndIsCloseOnExec) {
 TEST_P(Datagram, AnAddressThatCannotBeListenedOnGivesNull) {
     EXPECT_EQ(datagram_open("localhost", 0, take_request), nullptr);
     EXPECT_EQ(datagram_open("/dev/null/s", 0, take_request), nullptr);
+}
+
+TEST_P(Datagram, ADescriptorAtTheLimitGivesNullAndIsClosed) {
+    std::vector<int> taken;
+    do {
+        taken.push_back(dup(STDOUT_FILENO));
+        ASSERT_GE(taken.back(), 0);
+    } while (taken.back() < LIMIT - 1);
+    EXPECT_EQ(datagram_open("127.0.0.1", 0, take_request), nullptr);
+    EXPECT_EQ(fcntl(LIMIT, F_GETFD), -1);
+    for (const int fd : taken) {
+        close(fd);
+    }
+}
+
+TEST_P(Datagram, AQuestionForTheWaitingBytesThatFailsLosesNoDatagram) {
+    send_from(client, "kept");
+    send_from(client, "kept too");
+    test_kernel::ioctl_failures = {EIO, ENOMEM};
+    run_until(2);
+    EXPECT_EQ(test_kernel::ioctl_failures.size(), 0u);
+    EXPECT_EQ(requests, (std::vector<std::string>{"kept", "kept too"}));
 }
 
 TEST_P(Datagram, ReleaseStopsListening) {

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "loop/loop.h"
+#include "tests/unit/support/test_kernel.h"
 
 namespace {
 
@@ -564,6 +565,58 @@ TEST_P(EndpointConnectAsync, AConnectionIsReportedWhenItBecomesWritable) {
     EXPECT_EQ(send(result.fd, "x", 1, MSG_NOSIGNAL), 1);
 }
 
+TEST_P(EndpointConnectAsync, LocalhostInAnyCaseMeansTheLoopbackAddress) {
+    const descriptor listener(endpoint_listen_stream("127.0.0.1", 0));
+    EXPECT_EQ(endpoint_connect_async("LocalHost", port_of(listener.fd), on_connected, &result), 1);
+    run();
+    const descriptor connected(result.fd);
+    EXPECT_EQ(result.calls, 1);
+    EXPECT_EQ(result.error, 0);
+    endpoint_address peer = {};
+    socklen_t size = sizeof peer;
+    ASSERT_EQ(getpeername(result.fd, &peer.any, &size), 0);
+    EXPECT_EQ(format(peer).text, "127.0.0.1");
+    EXPECT_EQ(format(peer).port, port_of(listener.fd));
+}
+
+TEST_P(EndpointConnectAsync, AnIPv6AddressIsConnected) {
+    const descriptor listener(endpoint_listen_stream("::1", 0));
+    if (listener.fd < 0) {
+        GTEST_SKIP() << "this machine has no IPv6 loopback address";
+    }
+    endpoint_address bound = {};
+    socklen_t size = sizeof bound;
+    ASSERT_EQ(getsockname(listener.fd, &bound.any, &size), 0);
+    EXPECT_EQ(endpoint_connect_async("::1", format(bound).port, on_connected, &result), 1);
+    run();
+    const descriptor connected(result.fd);
+    EXPECT_EQ(result.calls, 1);
+    EXPECT_EQ(result.error, 0);
+    endpoint_address peer = {};
+    size = sizeof peer;
+    ASSERT_EQ(getpeername(result.fd, &peer.any, &size), 0);
+    EXPECT_EQ(format(peer).text, "::1");
+    EXPECT_EQ(format(peer).port, format(bound).port);
+}
+
+TEST_P(EndpointConnectAsync, ADescriptorAtTheLimitIsClosedAndReportedAsTooMany) {
+    const descriptor listener(endpoint_listen_stream("127.0.0.1", 0));
+    const int port = port_of(listener.fd);
+    std::vector<int> taken;
+    do {
+        taken.push_back(dup(STDOUT_FILENO));
+        ASSERT_GE(taken.back(), 0);
+    } while (taken.back() < LIMIT - 1);
+    EXPECT_EQ(endpoint_connect_async("127.0.0.1", port, on_connected, &result), 1);
+    EXPECT_EQ(next_descriptor(), LIMIT);
+    for (const int fd : taken) {
+        close(fd);
+    }
+    EXPECT_EQ(result.calls, 1);
+    EXPECT_EQ(result.fd, -1);
+    EXPECT_EQ(result.error, EMFILE);
+}
+
 TEST_P(EndpointConnectAsync, AClosedLocalPortIsReportedAsUnreachable) {
     const int port = closed_port();
     const int fd = next_descriptor();
@@ -596,6 +649,24 @@ TEST_P(EndpointConnectAsync, AReadableEventIsTakenForAFailureEvenWhenThePeerOnly
     EXPECT_EQ(result.calls, 1);
     EXPECT_EQ(result.fd, -1);
     EXPECT_EQ(result.error, EHOSTUNREACH);
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+}
+
+/* Only epoll reports errors. */
+TEST(EndpointConnectAsyncByEpoll, AnErrorEventAloneIsAFailureToo) {
+    ASSERT_NE(loop_init(LIMIT, LOOP_EPOLL), 0);
+    outcome result = {0, -7, -7};
+    const descriptor listener(endpoint_listen_stream("127.0.0.1", 0));
+    const int fd = next_descriptor();
+    EXPECT_EQ(endpoint_connect_async("127.0.0.1", port_of(listener.fd), on_connected, &result), 1);
+    ASSERT_TRUE(loop_has_handler(fd));
+    test_kernel::epoll_answers = {{{EPOLLERR, {.fd = fd}}}};
+    loop_add_timer(5000, stop_the_loop, nullptr);
+    loop_run();
+    EXPECT_EQ(result.calls, 1);
+    EXPECT_EQ(result.fd, -1);
+    EXPECT_EQ(result.error, EHOSTUNREACH);
+    EXPECT_FALSE(loop_has_handler(fd));
     EXPECT_EQ(fcntl(fd, F_GETFD), -1);
 }
 

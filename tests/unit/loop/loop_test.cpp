@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <functional>
 #include <gtest/gtest.h>
+#include <stddef.h>
 #include <string>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -12,7 +13,9 @@
 #include <unistd.h>
 #include <vector>
 
+#include "core/pool.h"
 #include "tests/unit/support/test_clock.h"
+#include "tests/unit/support/test_kernel.h"
 
 namespace {
 
@@ -357,6 +360,52 @@ TEST_P(Loop, AnIntervalAbove24DaysIsKept) {
     EXPECT_EQ(fired, (names{"a@2", "b@4"}));
 }
 
+TEST_P(Loop, ATimersBlockGoesBackToThePoolWhenItIsRemoved) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "every block is an allocation of its own here, and is not handed out again";
+#endif
+    loop_timer* deleted = add("deleted", 0);
+    loop_del_timer(deleted);
+    void* block = pool_alloc(sizeof(loop_timer));
+    EXPECT_EQ(block, deleted); /* the block freed last is handed out first */
+    pool_free(block, sizeof(loop_timer));
+
+    loop_timer* self = nullptr;
+    self = add("self", 0, 0, [&] { loop_del_timer(self); });
+    run_passes({100});
+    block = pool_alloc(sizeof(loop_timer));
+    EXPECT_EQ(block, self);
+    pool_free(block, sizeof(loop_timer));
+}
+
+TEST_P(Loop, ATimerThatReturnsNonZeroGivesItsBlockBack) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "every block is an allocation of its own here, and is not handed out again";
+#endif
+    const loop_timer* timer = add("a", 0, 1);
+    run_passes({100});
+    void* block = pool_alloc(sizeof(loop_timer));
+    EXPECT_EQ(block, timer);
+    pool_free(block, sizeof(loop_timer));
+}
+
+TEST(LoopTimer, FieldsStandInTheirOrder) {
+    const size_t offsets[] = {offsetof(loop_timer, last_sec),    offsetof(loop_timer, last_usec),
+                              offsetof(loop_timer, interval_ms), offsetof(loop_timer, callback),
+                              offsetof(loop_timer, argument),    offsetof(loop_timer, prev),
+                              offsetof(loop_timer, next)};
+    for (size_t i = 1; i < sizeof offsets / sizeof *offsets; i++) {
+        EXPECT_LT(offsets[i - 1], offsets[i]) << i;
+        if (i < 3 || sizeof(void*) == 4) {
+            EXPECT_EQ(offsets[i], 4 * i);
+        }
+    }
+    EXPECT_EQ(sizeof(loop_timer::interval_ms), 4u);
+    if (sizeof(void*) == 4) {
+        EXPECT_EQ(sizeof(loop_timer), 28u);
+    }
+}
+
 TEST_P(Loop, AStopFromATimerLetsTheScanEnd) {
     add("a", 0);
     add("b", 0, 0, loop_stop);
@@ -432,6 +481,17 @@ TEST_P(Loop, InitReadsTheClock) {
     EXPECT_EQ(loop_now()->tv_sec, START_SECONDS);
 }
 
+TEST_P(Loop, EachPassWaitsAtMost100Milliseconds) {
+    const bool epoll = GetParam() == LOOP_EPOLL;
+    test_kernel::epoll_timeout = -1;
+    test_kernel::select_timeout = {-1, -1};
+    add("a", 5000); /* neither the timers nor their absence change it */
+    run_passes({0, 0});
+    EXPECT_EQ(test_kernel::epoll_timeout, epoll ? 100 : -1);
+    EXPECT_EQ(test_kernel::select_timeout.tv_sec, epoll ? -1 : 0);
+    EXPECT_EQ(test_kernel::select_timeout.tv_usec, epoll ? -1 : 100000);
+}
+
 TEST_P(Loop, WithoutAnyEventAPassEndsAfter100Milliseconds) {
     test_clock::release();
     loop_init(LIMIT, GetParam());
@@ -486,6 +546,34 @@ TEST_P(Loop, AnEventOfAHandlerThatWasRemovedEarlierInTheBatchIsSkipped) {
     run_passes({0, 0});
     EXPECT_EQ(std::min(one->calls, other->calls), 0);
     EXPECT_GE(std::max(one->calls, other->calls), 1);
+}
+
+TEST_P(Loop, EventsAreDispatchedInTheOrderInWhichTheBackendGivesThem) {
+    names order;
+    remove_pass_handler();
+    ready_descriptor& lower = add_ready([&](unsigned) { order.push_back("lower"); });
+    ready_descriptor& middle = add_ready([&](unsigned) { order.push_back("middle"); });
+    ready_descriptor& higher = add_ready([&](unsigned) { order.push_back("higher"); });
+    ASSERT_LT(lower.fd, middle.fd);
+    ASSERT_LT(middle.fd, higher.fd);
+    static loop_closing end;
+    end = {nullptr, false, [](loop_closing*) { loop_stop(); }};
+    loop_destroy_later(&end);
+    if (GetParam() == LOOP_EPOLL) {
+        std::vector<epoll_event> batch;
+        for (const int fd : {middle.fd, higher.fd, lower.fd}) {
+            batch.push_back({EPOLLIN, {.fd = fd}});
+        }
+        test_kernel::epoll_answers = {batch};
+        EXPECT_NE(loop_run(), 0);
+        EXPECT_EQ(order, (names{"middle", "higher", "lower"}));
+    } else {
+        /* The lower descriptor comes first, whichever was registered first. */
+        loop_remove_handler(lower.fd);
+        loop_add_handler(lower.fd, LOOP_READABLE, on_ready, &lower);
+        EXPECT_NE(loop_run(), 0);
+        EXPECT_EQ(order, (names{"lower", "middle", "higher"}));
+    }
 }
 
 TEST_P(Loop, AHandlerMayRemoveItself) {
@@ -557,6 +645,20 @@ TEST_P(Loop, ModifyAndRemoveIgnoreDescriptorsFromTheLimitOn) {
     EXPECT_EQ((epoll ? loop_epoll_backend : loop_select_backend).wait(0, events), 2);
     loop_remove_handler(LIMIT);
     loop_remove_handler(1 << 20);
+    EXPECT_TRUE(loop_has_handler(r.fd));
+}
+
+TEST_P(Loop, ModifyAndRemoveIgnoreTheDescriptorOfWhatIsClosed) {
+    ready_descriptor& r = add_ready();
+    const bool epoll = GetParam() == LOOP_EPOLL;
+    test_kernel::control_calls.clear();
+    loop_modify_handler(-1, LOOP_READABLE | LOOP_WRITABLE, 0);
+    loop_modify_handler(-1, 0, LOOP_READABLE);
+    loop_remove_handler(-1);
+    EXPECT_EQ(test_kernel::control_calls.size(), 0u);
+    /* Watching a descriptor that is not open would make select fail. */
+    loop_event events[LOOP_MAX_EVENTS];
+    EXPECT_EQ((epoll ? loop_epoll_backend : loop_select_backend).wait(0, events), 2);
     EXPECT_TRUE(loop_has_handler(r.fd));
 }
 

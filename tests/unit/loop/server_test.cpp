@@ -6,8 +6,10 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <stddef.h>
 #include <stdlib.h>
 #include <string>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <vector>
@@ -192,6 +194,35 @@ TEST_P(Server, AnAddressThatCannotBeListenedOnGivesNull) {
     EXPECT_EQ(server_open((path + "/below-a-file").c_str(), 0), nullptr);
 }
 
+TEST_P(Server, ADescriptorAtTheLimitGivesNullAndIsClosed) {
+    std::vector<int> taken;
+    do {
+        taken.push_back(dup(STDOUT_FILENO));
+        ASSERT_GE(taken.back(), 0);
+    } while (taken.back() < LIMIT - 1);
+    EXPECT_EQ(server_open(path.c_str(), 0), nullptr);
+    EXPECT_EQ(fcntl(LIMIT, F_GETFD), -1);
+    for (const int fd : taken) {
+        close(fd);
+    }
+}
+
+TEST(ServerRecord, FieldsStandInTheirOrder) {
+    const size_t offsets[] = {
+        offsetof(server, fd),          offsetof(server, address),         offsetof(server, port),
+        offsetof(server, connections), offsetof(server, conn_ondata),     offsetof(server, on_close),
+        offsetof(server, on_accept),   offsetof(server, accept_override), offsetof(server, references)};
+    const size_t on_device[] = {0, 4, 52, 56, 60, 64, 68, 72, 76};
+    for (size_t i = 1; i < sizeof offsets / sizeof *offsets; i++) {
+        EXPECT_LT(offsets[i - 1], offsets[i]) << i;
+        if (i < 4 || sizeof(void*) == 4) {
+            EXPECT_EQ(offsets[i], on_device[i]) << i;
+        }
+    }
+    EXPECT_EQ(sizeof(server::address), 48u);
+    EXPECT_EQ(sizeof(server::references), 4u);
+}
+
 /* Accepting. */
 
 TEST_P(Server, AnAcceptedConnectionGetsItsCallbacksAndIsCounted) {
@@ -271,6 +302,26 @@ TEST_P(Server, AReadinessThatNobodyIsBehindIsIgnored) {
     EXPECT_EQ(s->connections, nullptr);
     EXPECT_EQ(accepted.size(), 0u);
     server_release(s);
+}
+
+TEST_P(Server, AClientThatFindsNoDescriptorLeftWaitsForOne) {
+    server* s = open_server();
+    s->on_accept = note_accept;
+    connect_client();
+    rlimit before;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none = {0, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    cb_sserver(s->fd, LOOP_READABLE, s);
+    const uint32_t references = s->references;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_EQ(references, 1u);
+    EXPECT_EQ(accepted.size(), 0u);
+    EXPECT_TRUE(loop_has_handler(s->fd));
+    cb_sserver(s->fd, LOOP_READABLE, s);
+    EXPECT_EQ(accepted.size(), 1u);
+    EXPECT_EQ(s->references, 2u);
+    finish(s);
 }
 
 TEST_P(Server, AcceptingWithoutDataCallbackAborts) {

@@ -16,6 +16,7 @@
 
 #include "tests/unit/support/store_test.h"
 #include "tests/unit/support/test_client.h"
+#include "tests/unit/support/test_kernel.h"
 #include "tests/unit/support/text_string.h"
 
 using namespace unit_test;
@@ -453,6 +454,22 @@ TEST_F(DumpAndLoad, FilesBeyondWhatMemoryAllowsAreRefused) {
     }
     EXPECT_EQ(log.lines()[0], "info  *** failed to load " + file + ": " + std::to_string(EFBIG));
     EXPECT_EQ(log.lines().size(), 4u);
+}
+
+TEST_F(DumpAndLoad, AFileLargerThanAQuarterOfTheMachinesMemoryIsRefused) {
+    test_kernel::memory = 1 << 20;
+    set("k", "old");
+    write_file(record("k", "new"));
+    ASSERT_EQ(truncate(file.c_str(), (1 << 18) + 1), 0);
+    log.start(LOG_INFO);
+    EXPECT_EQ(load_keys(file.c_str()), ENOMEM);
+    EXPECT_EQ(log.text(), "info  *** failed to load " + file + ": " + std::to_string(ENOMEM) + "\n");
+    EXPECT_EQ(get("k"), "old");
+
+    ASSERT_EQ(truncate(file.c_str(), 1 << 18), 0);
+    EXPECT_EQ(load_keys(file.c_str()), 0);
+    EXPECT_EQ(get("k"), "new");
+    test_kernel::memory = 0;
 }
 
 TEST_F(DumpAndLoad, ASparseFileOfNothingButZerosIsLoadedInBoundedTime) {

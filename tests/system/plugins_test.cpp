@@ -1,0 +1,236 @@
+/*
+ * Plug-in scripts: real ones, in the fixed folder, started by the real daemon once a second at most.
+ *
+ * A tick of the daemon begins with the plug-ins and ends with the connection tool. Here that tool waits at
+ * the end of each tick until the test lets it go on, so scripts and their files never meet a tick that comes
+ * too early.
+ */
+
+#include "tests/system/support/daemon_test.h"
+#include "tests/system/support/log_text.h"
+
+#include <algorithm>
+#include <dirent.h>
+#include <fcntl.h>
+#include <map>
+#include <signal.h>
+#include <sstream>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace system_test;
+
+namespace {
+
+using words = std::vector<std::string>;
+
+const std::string FOLDER = "/usr/lib/lua/tplugins/";
+
+std::string work(const std::string& name) {
+    return sandbox::workspace("work/") + name;
+}
+
+class plugins : public daemon_test {
+  protected:
+    void SetUp() override {
+        daemon_test::SetUp();
+        if (IsSkipped() || HasFatalFailure())
+            return;
+        write_file(work("tick"), "1");
+        sandbox::add_tool("hostmon", ":\n");
+        sandbox::add_tool("conntrack", "[ -e " + work("gate") + " ] || exit 0\necho >" + work("waits") +
+                                           "\nwhile [ -e " + work("gate") + " ]; do sleep 0.02; done\n");
+    }
+
+    /* A script that notes the tick on which it runs, in one write. */
+    static void add(const std::string& name, mode_t mode = 0755) {
+        sandbox::add_plugin(name, "echo $(cat " + work("tick") + ") " + name + " >>" + work("runs") + "\n",
+                            mode);
+    }
+
+    void start_gated() {
+        write_file(work("gate"), "");
+        start({"-l", "debug"});
+        wait_for_end_of_tick();
+    }
+
+    /* The tick's scripts have been started, and the daemon waits. */
+    static void wait_for_end_of_tick() {
+        ASSERT_TRUE(eventually([] { return file_exists(work("waits")); }));
+    }
+
+    /* Lets the tick end that waits, and waits for the end of the next. */
+    void next_tick() {
+        ticks++;
+        write_file(work("tick"), std::to_string(ticks));
+        unlink(work("waits").c_str());
+        unlink(work("gate").c_str());
+        /* The tool has seen that the gate is gone once the daemon answers again. */
+        resp_client client;
+        EXPECT_EQ(client.call({"ping"}), "+OK\r\n");
+        write_file(work("gate"), "");
+        wait_for_end_of_tick();
+    }
+
+    static std::map<std::string, words> runs() {
+        std::map<std::string, words> all;
+        std::istringstream text(read_file(work("runs")));
+        for (std::string when, name; text >> when >> name;)
+            all[name].push_back(when);
+        return all;
+    }
+
+    /* Waits until so many runs were noted. */
+    static bool wait_for_runs(size_t count) {
+        return eventually([count] {
+            std::string text = read_file(work("runs"));
+            return static_cast<size_t>(std::count(text.begin(), text.end(), '\n')) >= count;
+        });
+    }
+
+    static words logged() {
+        return log_messages(read_file("/tmp/tessard.log"), {"task_list"});
+    }
+
+    int ticks = 1;
+};
+
+class plugins_and_clients : public daemon_test {
+  protected:
+    /* The longest of many calls, in ms. */
+    static long longest_call(int ms) {
+        resp_client client;
+        long longest = 0;
+        for (long end = now_ms() + ms; now_ms() < end;) {
+            long before = now_ms();
+            EXPECT_EQ(client.call({"ping"}), "+OK\r\n");
+            longest = std::max(longest, now_ms() - before);
+            usleep(2000);
+        }
+        return longest;
+    }
+
+    static words ended_children_of(pid_t parent) {
+        words found;
+        DIR* folder = opendir("/proc");
+        for (dirent* entry; folder != nullptr && (entry = readdir(folder)) != nullptr;) {
+            if (atoi(entry->d_name) == 0)
+                continue;
+            std::string stat = read_file("/proc/" + std::string(entry->d_name) + "/stat");
+            size_t name_end = stat.rfind(')');
+            if (name_end != std::string::npos && atoi(stat.c_str() + name_end + 4) == parent &&
+                stat[name_end + 2] == 'Z')
+                found.push_back(stat);
+        }
+        if (folder != nullptr)
+            closedir(folder);
+        return found;
+    }
+};
+
+} // namespace
+
+TEST_F(plugins, run_on_the_periods_of_their_names_counted_in_ticks) {
+    add("0_boot.sh");
+    add("1_x.sh");
+    add("2_y.sh");
+    add("5_check.sh");
+    add("check.sh");
+    add("-1_never.sh");
+    add(".1_hidden.sh");
+    add("1_plain.sh", 0644);
+    make_folders(FOLDER + "1_folder");
+    std::string long_name = "1_" + std::string(62, 'n');
+    add(long_name);
+    ASSERT_NO_FATAL_FAILURE(start_gated());
+    EXPECT_TRUE(wait_for_runs(2));
+
+    words listed = logged();
+    std::sort(listed.begin(), listed.end());
+    EXPECT_EQ(listed, (words{"insert (-1_never.sh) to task_list (-1)", "insert (0_boot.sh) to task_list (0)",
+                             "insert (1_x.sh) to task_list (1)", "insert (2_y.sh) to task_list (2)",
+                             "insert (5_check.sh) to task_list (5)", "insert (check.sh) to task_list (-1)"}));
+
+    const size_t runs_by_tick[] = {0, 2, 4, 5, 7, 9, 11};
+    for (int tick = 2; tick <= 6; tick++) {
+        ASSERT_NO_FATAL_FAILURE(next_tick());
+        EXPECT_TRUE(wait_for_runs(runs_by_tick[tick])) << tick;
+    }
+    EXPECT_EQ(runs(), (std::map<std::string, words>{{"0_boot.sh", {"1"}},
+                                                    {"1_x.sh", {"1", "2", "3", "4", "5", "6"}},
+                                                    {"2_y.sh", {"2", "4", "6"}},
+                                                    {"5_check.sh", {"5"}}}));
+    EXPECT_EQ(logged().size(), 6u) << "each is listed once";
+
+    words refused;
+    for (const log_record& record : parse_log(read_file("/tmp/tessard.log")))
+        if (record.text.find(long_name) != std::string::npos)
+            refused.push_back(record.level);
+    EXPECT_EQ(refused, words{"warn  *** "}) << "said once";
+
+    /* One loses its permission, one is deleted and comes back, one is found late. */
+    size_t known = logged().size();
+    chmod((FOLDER + "1_x.sh").c_str(), 0644);
+    unlink((FOLDER + "2_y.sh").c_str());
+    add("1_late.sh");
+    ASSERT_NO_FATAL_FAILURE(next_tick());
+    EXPECT_TRUE(wait_for_runs(12));
+    words changes = logged();
+    changes.erase(changes.begin(), changes.begin() + static_cast<long>(known));
+    std::sort(changes.begin(), changes.end());
+    EXPECT_EQ(changes, (words{"insert (1_late.sh) to task_list (1)", "remove (1_x.sh) from task_list"}));
+    add("2_y.sh");
+    ASSERT_NO_FATAL_FAILURE(next_tick());
+    EXPECT_TRUE(wait_for_runs(14));
+    EXPECT_EQ(runs()["1_x.sh"].size(), 6u);
+    EXPECT_EQ(runs()["2_y.sh"], (words{"2", "4", "6", "8"}));
+    EXPECT_EQ(runs()["1_late.sh"], (words{"7", "8"}));
+    unlink(work("gate").c_str());
+}
+
+TEST_F(plugins_and_clients, scripts_that_sleep_or_flood_their_output_delay_no_client) {
+    sandbox::add_plugin("1_sleep.sh", "exec sleep 60\n");
+    sandbox::add_plugin("1_flood.sh", "exec yes\n");
+    /* The daemon's output is a pipe that nobody reads; its end is held open, so that the flood never ends. */
+    ASSERT_EQ(mkfifo(work("flooded").c_str(), 0600), 0);
+    int reader = open(work("flooded").c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(reader, 0);
+    process_options options;
+    options.before_exec = [] {
+        int pipe = open(work("flooded").c_str(), O_WRONLY);
+        dup2(pipe, 1);
+        ::close(pipe);
+    };
+    start({}, "/tmp/tessard.sock", 0, options);
+    long longest = longest_call(3500);
+    /* A script that was waited for would take a minute; the shell's start takes a few ms. */
+    EXPECT_LT(longest, 1000);
+    std::string flood(70000, '\0');
+    EXPECT_GT(read(reader, flood.data(), flood.size()), 1000) << "the flood was to be there";
+    ::close(reader);
+}
+
+TEST_F(plugins_and_clients, many_runs_leave_no_ended_children_and_no_descriptors) {
+    for (int i = 10; i < 43; i++)
+        sandbox::add_plugin("1_" + std::to_string(i), "echo x >>" + work("runs") + "\n");
+    process& daemon = start();
+    auto descriptors = [&] {
+        int count = 0;
+        DIR* folder = opendir(("/proc/" + std::to_string(daemon.pid()) + "/fd").c_str());
+        for (dirent* entry; folder != nullptr && (entry = readdir(folder)) != nullptr;)
+            count += entry->d_name[0] != '.' ? 1 : 0;
+        if (folder != nullptr)
+            closedir(folder);
+        return count;
+    };
+    ASSERT_TRUE(eventually([] { return read_file(work("runs")).size() >= 2 * 33 * 1; }));
+    EXPECT_TRUE(eventually([] { return read_file(work("runs")).size() >= 2 * 33 * 4; }));
+    /* Between two ticks nothing runs: the shells have ended and are reaped. */
+    words ended;
+    EXPECT_TRUE(eventually([&] {
+        ended = ended_children_of(daemon.pid());
+        return ended.empty() && descriptors() <= 8;
+    })) << ended.size()
+        << " ended children, " << descriptors() << " descriptors";
+}

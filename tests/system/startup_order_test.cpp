@@ -1,0 +1,157 @@
+/*
+ * From the command line to the steady state: what is done before the daemon serves, what stands in the store
+ * before the first tick, and in which order the timers then do their work, as the debug log tells it.
+ */
+
+#include "tests/system/support/daemon_test.h"
+#include "tests/system/support/log_text.h"
+
+#include <algorithm>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace system_test;
+
+namespace {
+
+using words = std::vector<std::string>;
+
+/* Time enough for a reply that comes at all before the first tick. */
+constexpr int BEFORE_FIRST_TICK_MS = 3000;
+
+class startup_order : public daemon_test {
+  protected:
+    static words log() {
+        return log_messages(read_file("/tmp/tessard.log"));
+    }
+
+    /* The bulks of a frame, sorted. */
+    static words elements(const std::string& frame) {
+        words all;
+        size_t at = frame.find("\r\n");
+        while (at != std::string::npos && at + 3 < frame.size()) {
+            size_t length = strtoul(frame.c_str() + at + 3, nullptr, 10);
+            size_t start = frame.find("\r\n", at + 3) + 2;
+            all.push_back(frame.substr(start, length));
+            at = start + length;
+        }
+        std::sort(all.begin(), all.end());
+        return all;
+    }
+
+    /* Where the first message that holds the text stands from there on; the log's length when none does. */
+    static size_t find(const words& messages, const std::string& text, size_t from = 0) {
+        for (size_t i = from; i < messages.size(); i++)
+            if (messages[i].find(text) != std::string::npos)
+                return i;
+        return messages.size();
+    }
+};
+
+} // namespace
+
+TEST_F(startup_order, keys_and_histories_stand_before_the_first_tick_and_the_timers_follow_in_order) {
+    sandbox::set_proc_file("net/dev", "Inter-|\n face |\n  eth0: 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16\n");
+    sandbox::set_proc_file("stat", "cpu  100 0 0 100 0 0 0 0 0 0\n");
+    sandbox::set_proc_file("meminfo", "MemTotal: 100 kB\nMemFree: 50 kB\nBuffers: 1 kB\nCached: 1 kB\n");
+    sandbox::add_tool("hostmon", "echo 'Online hosts: 5'; echo 'Max Online hosts: 9'\n");
+    sandbox::add_tool("conntrack", "echo 'entries 7'\n");
+    sandbox::add_plugin("0_boot.sh", ":\n");
+    ASSERT_EQ(mkfifo("/dev/st7565", 0600), 0);
+    /* On a busy machine the first tick may come before the question; then once more. */
+    process* daemon = nullptr;
+    words keys;
+    words messages;
+    for (int attempt = 0; attempt < 5; attempt++) {
+        daemon = &start({"-l", "debug"});
+        resp_client client;
+        keys = elements(client.call({"keys", "*"}, BEFORE_FIRST_TICK_MS));
+        messages = log();
+        if (find(messages, "KEYS(*)") < find(messages, "task_list"))
+            break;
+        daemon->stop();
+    }
+    ASSERT_TRUE(daemon->running()) << "no daemon could be asked before its first tick";
+    EXPECT_EQ(read_file("/tmp/tessard.pid"), std::to_string(daemon->pid()));
+
+    const std::string second_tick = "\"conn\"(string): updated to \"7\"";
+    ASSERT_TRUE(eventually([&] {
+        messages = log();
+        size_t first = find(messages, second_tick);
+        return find(messages, second_tick, first + 1) < messages.size() &&
+               find(messages, "open (/dev/st7565) failed.") < messages.size();
+    }));
+
+    EXPECT_EQ(messages[0], "application started with pid " + std::to_string(daemon->pid()));
+    size_t plugin = find(messages, "insert (0_boot.sh) to task_list (0)");
+    words expected = {"fhour.interval", "ping.snap", "tessard.run"};
+    for (const char* figure : {"cpu.", "host.", "conn."})
+        for (const char* span : {"10m", "2h", "day", "week", "mon"})
+            expected.push_back(std::string(figure) + span);
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(keys, expected);
+
+    /* Seeding and the modules' start announce nothing: between the start and the first tick there is nothing
+     * but the client. */
+    for (size_t i = 1; i < plugin; i++)
+        EXPECT_TRUE(messages[i].find("updated") == std::string::npos &&
+                    messages[i].find("loading") == std::string::npos)
+            << messages[i];
+
+    /* The first tick: the newest timer first, the collectors in their order. */
+    const words order = {
+        "insert (0_boot.sh) to task_list (0)",    "\"eth0\"(hash): field \"rxb\" updated",
+        "\"cpu.load\"(string): updated to \"0\"", "\"mem.load\"(string): updated to \"48\"",
+        "\"host.num\"(string): updated to \"5\"", "\"host.maxnum\"(string): updated to \"9\"",
+        "\"conn\"(string): updated to \"7\""};
+    size_t at = 0;
+    for (const std::string& step : order) {
+        size_t next = find(messages, step, at);
+        EXPECT_LT(next, messages.size()) << step;
+        EXPECT_EQ(find(messages, step), next) << step << " came too early";
+        at = next;
+    }
+
+    /* The second tick has no new plug-ins; the panel is looked after for the first time after three seconds.
+     */
+    EXPECT_EQ(find(messages, "task_list", plugin + 1), messages.size());
+    size_t second = find(messages, second_tick, at + 1);
+    EXPECT_LT(second, find(messages, "open (/dev/st7565) failed."));
+}
+
+TEST_F(startup_order, a_daemon_that_cannot_serve_has_its_log_and_pid_and_starts_no_module) {
+    sandbox::add_tool("hostmon", "echo x >>" + sandbox::workspace("work/ticks") + "\n");
+    sandbox::add_plugin("0_boot.sh", "echo x >>" + sandbox::workspace("work/runs") + "\n");
+    named_process predecessor("tessard");
+    write_file("/tmp/tessard.pid", std::to_string(predecessor.pid()));
+    process& daemon = launch({"-l", "debug", "-a", "/nonexistent/folder/socket"});
+    EXPECT_EQ(daemon.wait_exit(), 0);
+    EXPECT_EQ(log(), words{"application started with pid " + std::to_string(daemon.pid())});
+    EXPECT_EQ(read_file("/tmp/tessard.pid"), std::to_string(daemon.pid()));
+    EXPECT_EQ(predecessor.wait_exit(), KILLED_BY + 9);
+    EXPECT_FALSE(file_exists(sandbox::workspace("work/ticks")));
+    EXPECT_FALSE(file_exists(sandbox::workspace("work/runs")));
+}
+
+TEST_F(startup_order, the_sweep_runs_from_the_start_and_beside_the_modules) {
+    start({"-l", "debug"});
+    resp_client client;
+    ASSERT_EQ(client.call({"setex", "k", "1", "v"}), "+OK\r\n");
+    words messages;
+    ASSERT_TRUE(eventually([&] {
+        messages = log();
+        return find(messages, "\"k\"(string): destroyed") < messages.size();
+    }));
+    size_t marked = find(messages, "add to expired list");
+    EXPECT_LT(marked, find(messages, "\"k\"(string): expired."));
+    EXPECT_LT(find(messages, "\"k\"(string): updated to \"v\""), marked);
+}
+
+TEST_F(startup_order, the_log_is_open_before_the_predecessor_is_ended) {
+    /* A predecessor that cannot be ended by its number alone: the file names a program of another name. */
+    named_process other("another");
+    write_file("/tmp/tessard.pid", std::to_string(other.pid()));
+    process& daemon = start({"-l", "debug"});
+    EXPECT_EQ(other.wait_exit(0), STILL_RUNNING);
+    EXPECT_EQ(log()[0], "application started with pid " + std::to_string(daemon.pid()));
+}

@@ -1,0 +1,812 @@
+#include "stats/crond.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <map>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "loop/loop.h"
+#include "tests/unit/stats/own_world.h"
+#include "tests/unit/support/store_test.h"
+
+using namespace unit_test;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::UnorderedElementsAre;
+
+namespace {
+
+using lines = std::vector<std::string>;
+
+const std::string FOLDER = "/usr/lib/lua/tplugins/";
+
+/* Every test runs in a process with a plug-in folder of its own: real scripts, started by a real shell. A
+ * script tells over a pipe on which tick it was started; the pipe ends when the last script has. */
+class PlugIns : public store_test {
+  protected:
+    void in_own_folder(const std::function<void()>& body) {
+        run_in_own_world(own_plugin_folder, [&] {
+            module_crond_start();
+            log.start(LOG_DEBUG);
+            open_pipe();
+            body();
+        });
+    }
+
+    /* The scripts' way to the test. */
+    void open_pipe() {
+        int ends[2];
+        ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+        /* The shell knows descriptors of one digit alone. */
+        reports = fcntl(ends[1], F_DUPFD, 3);
+        ASSERT_GE(reports, 3);
+        ASSERT_LE(reports, 9);
+        close(ends[1]);
+        from_scripts = ends[0];
+        setenv("OUT", std::to_string(reports).c_str(), 1);
+    }
+
+    static void write_script(const std::string& name, const std::string& body, mode_t mode = 0755) {
+        std::ofstream(FOLDER + name) << "#!/bin/sh\n" << body << "\n";
+        chmod((FOLDER + name).c_str(), mode);
+    }
+
+    /* A script that reports the ticks on which it runs. */
+    static void add(const std::string& name, mode_t mode = 0755) {
+        write_script(name, "echo \"$TICK ${0##*/}\" >&$OUT", mode);
+    }
+
+    void set_mode(const std::string& name, mode_t mode) {
+        wait_for_scripts();
+        ASSERT_EQ(chmod((FOLDER + name).c_str(), mode), 0);
+    }
+
+    void remove(const std::string& name) {
+        wait_for_scripts();
+        ASSERT_EQ(unlink((FOLDER + name).c_str()), 0);
+    }
+
+    void tick(int count = 1) {
+        for (; count > 0; count--) {
+            ticks++;
+            setenv("TICK", std::to_string(ticks).c_str(), 1);
+            EXPECT_EQ(__crond_ontimer(nullptr), 0);
+        }
+    }
+
+    /* Scripts run in the background: before their files are changed, all that were started must have ended.
+     */
+    void wait_for_scripts() {
+        close(reports);
+        std::istringstream text(read_to_end(from_scripts));
+        close(from_scripts);
+        int when;
+        for (std::string name; text >> when && std::getline(text.ignore(), name);) {
+            finished[name].push_back(when);
+            std::sort(finished[name].begin(), finished[name].end());
+        }
+        open_pipe();
+    }
+
+    /* On which ticks each script was run since the last call. */
+    std::map<std::string, std::vector<int>> runs() {
+        wait_for_scripts();
+        return std::exchange(finished, {});
+    }
+
+    /* What was logged since the last call. */
+    lines logged() {
+        lines all = log.lines();
+        log.start(LOG_DEBUG);
+        return all;
+    }
+
+    int ticks = 0;
+    int reports = -1;
+    int from_scripts = -1;
+    std::map<std::string, std::vector<int>> finished;
+};
+
+std::string inserted(const std::string& name, int interval) {
+    return "debug *** insert (" + name + ") to task_list (" + std::to_string(interval) + ")";
+}
+
+std::string removed(const std::string& name) {
+    return "debug *** remove (" + name + ") from task_list";
+}
+
+/* The processes whose parent this is, ended ones included. */
+std::vector<pid_t> own_children() {
+    std::vector<pid_t> found;
+    DIR* folder = opendir("/proc");
+    while (const dirent* entry = folder != nullptr ? readdir(folder) : nullptr) {
+        if (atoi(entry->d_name) == 0) {
+            continue;
+        }
+        std::ifstream file("/proc/" + std::string(entry->d_name) + "/stat");
+        const std::string text(std::istreambuf_iterator<char>(file), {});
+        const size_t name_end = text.rfind(')');
+        if (name_end != std::string::npos && atoi(text.c_str() + name_end + 4) == getpid()) {
+            found.push_back(atoi(entry->d_name));
+        }
+    }
+    closedir(folder);
+    return found;
+}
+
+} // namespace
+
+/* --- When scripts run --- */
+
+TEST_F(PlugIns, RunOnThePeriodOfTheirNamesCountedInTicks) {
+    in_own_folder([&] {
+        add("1_x.sh");
+        add("2_x.sh");
+        add("5_check.sh");
+        add("7");
+        tick(15);
+        EXPECT_THAT(
+            runs(),
+            UnorderedElementsAre(
+                testing::Pair("1_x.sh", ElementsAre(1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15)),
+                testing::Pair("2_x.sh", ElementsAre(2, 4, 6, 8, 10, 12, 14)),
+                testing::Pair("5_check.sh", ElementsAre(5, 10, 15)), testing::Pair("7", ElementsAre(7, 14))));
+    });
+}
+
+TEST_F(PlugIns, CountFromTheTickOnWhichTheyWereFound) {
+    in_own_folder([&] {
+        tick(3);
+        add("3_late.sh");
+        add("1_late.sh");
+        tick(6);
+        EXPECT_THAT(runs(), UnorderedElementsAre(testing::Pair("3_late.sh", ElementsAre(6, 9)),
+                                                 testing::Pair("1_late.sh", ElementsAre(4, 5, 6, 7, 8, 9))));
+    });
+}
+
+TEST_F(PlugIns, WithALongPeriodRunOnItsLastTickAndNotBefore) {
+    in_own_folder([&] {
+        add("60_report.sh");
+        tick(59);
+        EXPECT_THAT(runs(), IsEmpty());
+        tick(1);
+        EXPECT_THAT(runs()["60_report.sh"], ElementsAre(60));
+        tick(60);
+        EXPECT_THAT(runs()["60_report.sh"], ElementsAre(120));
+    });
+}
+
+TEST_F(PlugIns, OfPeriodZeroRunOnceOnTheTickOnWhichTheyWereFound) {
+    in_own_folder([&] {
+        tick();
+        add("0_boot.sh");
+        add("00_too.sh");
+        add("0");
+        add("-0_minus.sh");
+        tick(10);
+        EXPECT_THAT(runs(), UnorderedElementsAre(testing::Pair("0_boot.sh", ElementsAre(2)),
+                                                 testing::Pair("00_too.sh", ElementsAre(2)),
+                                                 testing::Pair("0", ElementsAre(2)),
+                                                 testing::Pair("-0_minus.sh", ElementsAre(2))));
+        EXPECT_THAT(logged(), UnorderedElementsAre(inserted("0_boot.sh", 0), inserted("00_too.sh", 0),
+                                                   inserted("0", 0), inserted("-0_minus.sh", 0)));
+    });
+}
+
+TEST_F(PlugIns, ThatRanOnceNeverRunAgainEvenIfTheirFilesAreReplaced) {
+    in_own_folder([&] {
+        add("0_boot.sh");
+        tick(2);
+        remove("0_boot.sh");
+        tick(2);
+        add("0_boot.sh");
+        tick(2);
+        EXPECT_THAT(runs()["0_boot.sh"], ElementsAre(1));
+        EXPECT_THAT(logged(), ElementsAre(inserted("0_boot.sh", 0)));
+    });
+}
+
+TEST_F(PlugIns, ThatRanOnceAreNewWhenTheirXBitWasTakenInTheMeantime) {
+    in_own_folder([&] {
+        add("0_boot.sh");
+        tick();
+        set_mode("0_boot.sh", 0644);
+        tick();
+        set_mode("0_boot.sh", 0755);
+        tick(2);
+        EXPECT_THAT(runs()["0_boot.sh"], ElementsAre(1, 3));
+    });
+}
+
+TEST_F(PlugIns, WithoutDigitsAreListedAndNeverRun) {
+    in_own_folder([&] {
+        for (const char* name : {"check.sh", "x5_a.sh", "+_a.sh", "-_a.sh", "_5", "-"}) {
+            add(name);
+        }
+        tick(8);
+        EXPECT_THAT(runs(), IsEmpty());
+        EXPECT_THAT(logged(), UnorderedElementsAre(inserted("check.sh", -1), inserted("x5_a.sh", -1),
+                                                   inserted("+_a.sh", -1), inserted("-_a.sh", -1),
+                                                   inserted("_5", -1), inserted("-", -1)));
+    });
+}
+
+TEST_F(PlugIns, OfANegativePeriodAreListedWithItAndNeverRun) {
+    in_own_folder([&] {
+        add("-5_x.sh");
+        add("-1_y.sh");
+        add("-2147483648_z.sh");
+        add("-9999999999_w.sh");
+        tick(12);
+        EXPECT_THAT(runs(), IsEmpty());
+        EXPECT_THAT(logged(),
+                    UnorderedElementsAre(inserted("-5_x.sh", -5), inserted("-1_y.sh", -1),
+                                         "debug *** insert (-2147483648_z.sh) to task_list (-2147483648)",
+                                         "debug *** insert (-9999999999_w.sh) to task_list (-2147483648)"));
+    });
+}
+
+TEST_F(PlugIns, PeriodsAreDecimalAndEndAtTheFirstOtherCharacter) {
+    in_own_folder([&] {
+        for (const char* name : {"03_a.sh", "0x2_b.sh", "2.5_c.sh", "+3_d.sh", "4e1_e.sh"}) {
+            add(name);
+        }
+        tick(6);
+        EXPECT_THAT(runs(), UnorderedElementsAre(testing::Pair("03_a.sh", ElementsAre(3, 6)),
+                                                 testing::Pair("0x2_b.sh", ElementsAre(1)),
+                                                 testing::Pair("2.5_c.sh", ElementsAre(2, 4, 6)),
+                                                 testing::Pair("+3_d.sh", ElementsAre(3, 6)),
+                                                 testing::Pair("4e1_e.sh", ElementsAre(4))));
+        EXPECT_THAT(logged(), UnorderedElementsAre(inserted("03_a.sh", 3), inserted("0x2_b.sh", 0),
+                                                   inserted("2.5_c.sh", 2), inserted("+3_d.sh", 3),
+                                                   inserted("4e1_e.sh", 4)));
+    });
+}
+
+TEST_F(PlugIns, PeriodsBeyond32BitsSaturate) {
+    in_own_folder([&] {
+        add("4294967297_x.sh");
+        add("99999999999999999999_y.sh");
+        tick(3);
+        EXPECT_THAT(runs(), IsEmpty());
+        EXPECT_THAT(logged(), UnorderedElementsAre(inserted("4294967297_x.sh", 2147483647),
+                                                   inserted("99999999999999999999_y.sh", 2147483647)));
+    });
+}
+
+TEST_F(PlugIns, LeadingBlanksBelongToTheNumberButTheShellDoesNotFindTheScript) {
+    in_own_folder([&] {
+        add(" 2_x.sh");
+        add("\t3_y.sh");
+        /* The shell complains that the folder is no command. */
+        const int before = dup(STDERR_FILENO);
+        dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDERR_FILENO);
+        tick(6);
+        dup2(before, STDERR_FILENO);
+        EXPECT_THAT(logged(), UnorderedElementsAre(inserted(" 2_x.sh", 2), inserted("\t3_y.sh", 3)));
+        EXPECT_THAT(runs(), IsEmpty());
+    });
+}
+
+TEST_F(PlugIns, AreStartedInTheOrderInWhichTheyWereFound) {
+    in_own_folder([&] {
+        for (const char* name : {"1_c", "1_a", "1_b"}) {
+            write_script(name, "echo \"$TICK $$ ${0##*/}\" >&$OUT");
+            tick();
+        }
+        EXPECT_THAT(logged(), ElementsAre(inserted("1_c", 1), inserted("1_a", 1), inserted("1_b", 1)));
+        tick();
+        /* Numbers of processes grow with each that is started. */
+        std::map<int, std::string> by_pid;
+        for (const auto& [report, when] : runs()) {
+            if (when.back() == 4) {
+                by_pid[atoi(report.c_str())] = report.substr(report.find(' ') + 1);
+            }
+        }
+        ASSERT_EQ(by_pid.size(), 3u);
+        if (by_pid.rbegin()->first - by_pid.begin()->first < 10000) {
+            EXPECT_THAT(by_pid,
+                        ElementsAre(testing::Pair(testing::_, "1_c"), testing::Pair(testing::_, "1_a"),
+                                    testing::Pair(testing::_, "1_b")));
+        }
+    });
+}
+
+TEST_F(PlugIns, ThatAreDeletedAreStartedAllTheSameAndFailInTheShell) {
+    in_own_folder([&] {
+        add("1_gone.sh");
+        add("2_gone.sh");
+        tick();
+        remove("1_gone.sh");
+        remove("2_gone.sh");
+        int errors[2];
+        ASSERT_EQ(pipe2(errors, O_CLOEXEC), 0);
+        const int before = dup(STDERR_FILENO);
+        dup2(errors[1], STDERR_FILENO);
+        tick(2);
+        dup2(before, STDERR_FILENO);
+        close(before);
+        close(errors[1]);
+        std::istringstream complaints(read_to_end(errors[0]));
+        lines all;
+        for (std::string line; std::getline(complaints, line);) {
+            all.push_back(line);
+        }
+        EXPECT_THAT(all, UnorderedElementsAre(testing::HasSubstr(FOLDER + "1_gone.sh"),
+                                              testing::HasSubstr(FOLDER + "1_gone.sh"),
+                                              testing::HasSubstr(FOLDER + "2_gone.sh")));
+        EXPECT_THAT(runs()["1_gone.sh"], ElementsAre(1));
+    });
+}
+
+/* --- Which files are listed --- */
+
+TEST_F(PlugIns, AreListedOnceWhenFirstSeen) {
+    in_own_folder([&] {
+        add("2_x.sh");
+        tick(5);
+        EXPECT_THAT(logged(), ElementsAre(inserted("2_x.sh", 2)));
+    });
+}
+
+TEST_F(PlugIns, AreExecutableRegularFilesWhoseNamesDoNotBeginWithADot) {
+    in_own_folder([&] {
+        add("1_plain.sh", 0644);
+        add(".1_hidden.sh");
+        ASSERT_EQ(mkdir((FOLDER + "1_folder").c_str(), 0755), 0);
+        ASSERT_EQ(mkfifo((FOLDER + "1_fifo").c_str(), 0755), 0);
+        ASSERT_EQ(symlink("/nonexistent/1_x", (FOLDER + "1_dangling").c_str()), 0);
+        ASSERT_EQ(symlink("/usr", (FOLDER + "1_link_to_folder").c_str()), 0);
+        tick(3);
+        EXPECT_THAT(runs(), IsEmpty());
+        EXPECT_THAT(logged(), IsEmpty());
+    });
+}
+
+TEST_F(PlugIns, MayBeLinksToScripts) {
+    in_own_folder([&] {
+        write_script(".real", "echo \"$TICK link\" >&$OUT");
+        ASSERT_EQ(symlink(".real", (FOLDER + "2_link").c_str()), 0);
+        tick(4);
+        EXPECT_THAT(runs()["link"], ElementsAre(2, 4));
+        EXPECT_THAT(logged(), ElementsAre(inserted("2_link", 2)));
+    });
+}
+
+TEST_F(PlugIns, AreListedWhenTheyBecomeExecutable) {
+    in_own_folder([&] {
+        add("1_x.sh", 0644);
+        tick(2);
+        set_mode("1_x.sh", 0755);
+        tick(2);
+        EXPECT_THAT(runs()["1_x.sh"], ElementsAre(3, 4));
+        EXPECT_THAT(logged(), ElementsAre(inserted("1_x.sh", 1)));
+    });
+}
+
+TEST_F(PlugIns, LeaveTheListWhenTheirXBitIsTaken) {
+    in_own_folder([&] {
+        add("1_x.sh");
+        add("2_y.sh");
+        tick(2);
+        logged();
+        set_mode("1_x.sh", 0644);
+        tick(2);
+        EXPECT_THAT(logged(), ElementsAre(removed("1_x.sh")));
+        std::map<std::string, std::vector<int>> all = runs();
+        EXPECT_THAT(all["1_x.sh"], ElementsAre(1, 2));
+        EXPECT_THAT(all["2_y.sh"], ElementsAre(2, 4));
+    });
+}
+
+TEST_F(PlugIns, ThatComeBackCountAfresh) {
+    in_own_folder([&] {
+        add("3_x.sh");
+        tick(2);
+        set_mode("3_x.sh", 0644);
+        tick();
+        set_mode("3_x.sh", 0755);
+        tick(3);
+        EXPECT_THAT(runs()["3_x.sh"], ElementsAre(6));
+        EXPECT_THAT(logged(), ElementsAre(inserted("3_x.sh", 3), removed("3_x.sh"), inserted("3_x.sh", 3)));
+    });
+}
+
+TEST_F(PlugIns, ThatAreDeletedStayListedAndAreStartedAgainWhenTheyComeBack) {
+    in_own_folder([&] {
+        add("3_x.sh");
+        tick(2);
+        remove("3_x.sh");
+        const int before = dup(STDERR_FILENO);
+        dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDERR_FILENO);
+        tick(2);
+        dup2(before, STDERR_FILENO);
+        wait_for_scripts();
+        add("3_x.sh");
+        tick(2);
+        EXPECT_THAT(runs()["3_x.sh"], ElementsAre(6));
+        EXPECT_THAT(logged(), ElementsAre(inserted("3_x.sh", 3)));
+    });
+}
+
+TEST_F(PlugIns, GoOnWithoutTheirFolder) {
+    in_own_folder([&] {
+        add("2_x.sh");
+        tick();
+        const std::string folder = FOLDER.substr(0, FOLDER.size() - 1);
+        wait_for_scripts();
+        ASSERT_EQ(rename(folder.c_str(), (folder + ".away").c_str()), 0);
+        const int before = dup(STDERR_FILENO);
+        dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDERR_FILENO);
+        tick(2);
+        dup2(before, STDERR_FILENO);
+        wait_for_scripts();
+        ASSERT_EQ(rename((folder + ".away").c_str(), folder.c_str()), 0);
+        tick(1);
+        EXPECT_THAT(runs()["2_x.sh"], ElementsAre(4));
+        EXPECT_THAT(logged(), ElementsAre(inserted("2_x.sh", 2)));
+    });
+}
+
+TEST_F(PlugIns, ThatAListedNameBeginsWithAreHidden) {
+    in_own_folder([&] {
+        add("1_a.sh");
+        tick();
+        add("1_a");
+        add("1_");
+        add("1");
+        tick();
+        EXPECT_THAT(logged(), ElementsAre(inserted("1_a.sh", 1)));
+        EXPECT_THAT(runs(), ElementsAre(testing::Pair("1_a.sh", ElementsAre(1, 2))));
+    });
+}
+
+TEST_F(PlugIns, WhoseNamesAreLongerThanAListedOneAreNotHidden) {
+    in_own_folder([&] {
+        add("1_a");
+        tick();
+        add("1_a.sh");
+        tick();
+        EXPECT_THAT(logged(), ElementsAre(inserted("1_a", 1), inserted("1_a.sh", 1)));
+        EXPECT_THAT(runs(), ElementsAre(testing::Pair("1_a", ElementsAre(1, 2)),
+                                        testing::Pair("1_a.sh", ElementsAre(2))));
+    });
+}
+
+TEST_F(PlugIns, ThatAreHiddenAppearWhenTheOtherLeaves) {
+    in_own_folder([&] {
+        add("1_a.sh");
+        tick();
+        add("1_a");
+        tick();
+        set_mode("1_a.sh", 0644);
+        tick(2);
+        const lines all = logged();
+        EXPECT_THAT(all, ElementsAre(inserted("1_a.sh", 1), removed("1_a.sh"), inserted("1_a", 1)));
+    });
+}
+
+TEST_F(PlugIns, LeaveTheListForAnyEntryThatTheirNameBeginsWith) {
+    in_own_folder([&] {
+        add("9_abc");
+        tick();
+        add("9_a", 0644);
+        tick();
+        /* The line bears the entry's name, not the task's. The task comes back at once or on the next tick,
+         * depending on the folder's order, and is thrown out again with each tick. */
+        lines all = logged();
+        ASSERT_GE(all.size(), 2u);
+        EXPECT_EQ(all[0], inserted("9_abc", 9));
+        EXPECT_EQ(all[1], removed("9_a"));
+        remove("9_a");
+        tick(2);
+        tick(8);
+        EXPECT_THAT(runs(), testing::SizeIs(testing::Le(1)));
+    });
+}
+
+TEST_F(PlugIns, LeaveTheListInTheOrderOfTheListWhenSeveralFit) {
+    in_own_folder([&] {
+        add("9_ax");
+        tick();
+        add("9_ay");
+        tick();
+        logged();
+        remove("9_ax");
+        remove("9_ay");
+        add("9_a", 0644);
+        tick();
+        EXPECT_THAT(logged(), ElementsAre(removed("9_a"))) << "one of the two";
+        remove("9_a");
+        add("9_ay");
+        tick();
+        EXPECT_THAT(logged(), IsEmpty()) << "the second is still listed";
+        add("9_ax");
+        tick();
+        EXPECT_THAT(logged(), ElementsAre(inserted("9_ax", 9)));
+    });
+}
+
+TEST_F(PlugIns, DanglingLinksRemoveATaskLikeFilesWithoutXBit) {
+    in_own_folder([&] {
+        add("9_x");
+        tick();
+        remove("9_x");
+        ASSERT_EQ(symlink("/nonexistent/9_x", (FOLDER + "9_x").c_str()), 0);
+        tick();
+        EXPECT_THAT(logged(), ElementsAre(inserted("9_x", 9), removed("9_x")));
+    });
+}
+
+TEST_F(PlugIns, FoldersThatTakeAListedNameLeaveTheTask) {
+    in_own_folder([&] {
+        add("9_x");
+        tick();
+        remove("9_x");
+        ASSERT_EQ(mkdir((FOLDER + "9_x").c_str(), 0755), 0);
+        tick(2);
+        EXPECT_THAT(logged(), ElementsAre(inserted("9_x", 9)));
+    });
+}
+
+TEST_F(PlugIns, MoreThan33AreNotListed) {
+    in_own_folder([&] {
+        for (int i = 10; i < 45; i++) {
+            add("5_" + std::to_string(i));
+        }
+        tick(5);
+        lines listed = logged();
+        EXPECT_EQ(listed.size(), 33u);
+        EXPECT_THAT(listed, testing::Each(testing::StartsWith("debug *** insert (5_")));
+        std::map<std::string, std::vector<int>> all = runs();
+        EXPECT_EQ(all.size(), 33u);
+        for (const auto& [name, when] : all) {
+            EXPECT_THAT(when, ElementsAre(5)) << name;
+        }
+        /* One goes, and one of those that found no room takes its place. */
+        set_mode(all.begin()->first, 0644);
+        tick(2);
+        listed = logged();
+        ASSERT_EQ(listed.size(), 2u);
+        EXPECT_EQ(listed[0], removed(all.begin()->first));
+        EXPECT_THAT(listed[1], testing::StartsWith("debug *** insert (5_"));
+    });
+}
+
+TEST_F(PlugIns, That33AreListedIsSaidByNobody) {
+    in_own_folder([&] {
+        for (int i = 10; i < 43; i++) {
+            add("5_" + std::to_string(i));
+        }
+        tick();
+        EXPECT_EQ(logged().size(), 33u);
+        add("5_99");
+        tick(3);
+        EXPECT_THAT(logged(), IsEmpty());
+    });
+}
+
+TEST_F(PlugIns, OfNamesBelow64BytesAreListedWhole) {
+    in_own_folder([&] {
+        const std::string name = "1_" + std::string(61, 'n');
+        ASSERT_EQ(name.size(), 63u);
+        add(name);
+        tick(2);
+        EXPECT_THAT(logged(), ElementsAre(inserted(name, 1)));
+        EXPECT_THAT(runs()[name], ElementsAre(1, 2));
+    });
+}
+
+TEST_F(PlugIns, OfLongerNamesAreRefusedAndThatIsSaidOnceEach) {
+    in_own_folder([&] {
+        const lines names = {"1_" + std::string(62, 'a'), "1_" + std::string(63, 'b'),
+                             "1_" + std::string(253, 'c')};
+        ASSERT_EQ(names[0].size(), 64u);
+        for (const std::string& name : names) {
+            add(name);
+        }
+        tick(4);
+        lines all = logged();
+        EXPECT_EQ(all.size(), 3u);
+        for (const std::string& name : names) {
+            EXPECT_THAT(all, testing::Contains(testing::AllOf(testing::StartsWith("warn  *** "),
+                                                              testing::HasSubstr(name))));
+        }
+        EXPECT_THAT(runs(), IsEmpty());
+        const std::string later = "1_" + std::string(62, 'd');
+        add(later);
+        tick(2);
+        all = logged();
+        EXPECT_THAT(all, ElementsAre(testing::HasSubstr(later)));
+    });
+}
+
+TEST_F(PlugIns, OfLongNamesThatAreNotExecutableHarmNobody) {
+    in_own_folder([&] {
+        const std::string name = "1_" + std::string(61, 'n');
+        add(name);
+        tick();
+        add(name + "x", 0644);
+        add(name + "yz", 0644);
+        tick();
+        EXPECT_THAT(logged(), ElementsAre(inserted(name, 1)));
+    });
+}
+
+TEST_F(PlugIns, AreNotSpokenOfAboveTheDebugLevel) {
+    in_own_folder([&] {
+        log.start(LOG_INFO);
+        add("1_x.sh");
+        tick();
+        set_mode("1_x.sh", 0644);
+        tick();
+        EXPECT_THAT(log.lines(), IsEmpty());
+    });
+}
+
+TEST_F(PlugIns, WithPercentSignsInTheirNamesAreLoggedAsTheyAre) {
+    in_own_folder([&] {
+        add("1_%s%n%d.sh");
+        tick();
+        EXPECT_THAT(logged(), ElementsAre(inserted("1_%s%n%d.sh", 1)));
+    });
+}
+
+TEST_F(PlugIns, WithoutMemoryForTheListNeverStart) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "the address sanitizer's heap has no such end";
+#endif
+    in_own_folder([&] {
+        add("1_x.sh");
+        log.start(LOG_ERROR);
+        log_write(LOG_ERROR, "the log has its memory");
+        fflush(nullptr);
+        rlimit before;
+        ASSERT_EQ(getrlimit(RLIMIT_AS, &before), 0);
+        const rlimit none = {0, before.rlim_max};
+        ASSERT_EQ(setrlimit(RLIMIT_AS, &none), 0);
+        /* Takes what is left, the large pieces first. */
+        size_t taken = 0;
+        for (size_t size = 1 << 20; size >= 16 && taken < (1U << 28); size /= 2) {
+            for (void* block = malloc(size); block != nullptr && taken < (1U << 28); block = malloc(size)) {
+                taken += size;
+            }
+        }
+        const bool exhausted = malloc(16) == nullptr;
+        const int first = exhausted ? __crond_ontimer(nullptr) : 0;
+        const int second = exhausted ? __crond_ontimer(nullptr) : 0;
+        if (setrlimit(RLIMIT_AS, &before) != 0 || !exhausted) {
+            _exit(NO_WORLD);
+        }
+        EXPECT_EQ(first, 0);
+        EXPECT_EQ(second, 0);
+        tick(2);
+        EXPECT_THAT(log.lines(),
+                    ElementsAre("error *** the log has its memory",
+                                "error *** tsk_list is NULL in function (__crond_ontimer) line (177)"));
+        EXPECT_THAT(runs(), IsEmpty());
+    });
+}
+
+/* --- What running them costs the daemon --- */
+
+TEST_F(PlugIns, ThatSleepHoldNobodyUp) {
+    in_own_folder([&] {
+        write_script("1_sleep.sh",
+                     "echo $$ >&$OUT; exec sleep 60 >/dev/null 2>&1 3>&- 4>&- 5>&- 6>&- 7>&- 8>&- 9>&-");
+        const auto start = std::chrono::steady_clock::now();
+        tick(3);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+        close(reports);
+        std::istringstream pids(read_to_end(from_scripts));
+        int count = 0;
+        for (pid_t pid; pids >> pid; count++) {
+            EXPECT_EQ(kill(pid, SIGKILL), 0);
+        }
+        EXPECT_EQ(count, 3);
+    });
+}
+
+TEST_F(PlugIns, ThatFloodTheirOutputHoldNobodyUp) {
+    in_own_folder([&] {
+        int flooded[2];
+        ASSERT_EQ(pipe2(flooded, O_CLOEXEC), 0);
+        const int before = dup(STDOUT_FILENO);
+        write_script("1_flood.sh", "echo $$ >&$OUT; exec yes 3>&- 4>&- 5>&- 6>&- 7>&- 8>&- 9>&-");
+        fflush(nullptr);
+        dup2(flooded[1], STDOUT_FILENO);
+        const auto start = std::chrono::steady_clock::now();
+        tick(3);
+        const auto end = std::chrono::steady_clock::now();
+        dup2(before, STDOUT_FILENO);
+        EXPECT_LT(end - start, std::chrono::seconds(10));
+        close(reports);
+        std::istringstream pids(read_to_end(from_scripts));
+        int count = 0;
+        for (pid_t pid; pids >> pid; count++) {
+            EXPECT_EQ(kill(pid, SIGKILL), 0);
+        }
+        EXPECT_EQ(count, 3);
+    });
+}
+
+TEST_F(PlugIns, ThousandRunsLeaveNoChildBehind) {
+    in_own_folder([&] {
+        for (int i = 10; i < 43; i++) {
+            write_script("1_" + std::to_string(i), "echo \"$TICK x\" >&$OUT");
+        }
+        size_t count = 0;
+        for (int i = 0; i < 31; i++) {
+            tick();
+            count += runs()["x"].size();
+            EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child is left after tick " << ticks;
+        }
+        EXPECT_EQ(count, 1023u);
+        EXPECT_THAT(own_children(), IsEmpty());
+    });
+}
+
+TEST_F(PlugIns, LeaveNoDescriptorOpenInTheDaemon) {
+    in_own_folder([&] {
+        const auto count = [] {
+            int open_now = 0;
+            for (int fd = 0; fd < 1024; fd++) {
+                open_now += fcntl(fd, F_GETFD) >= 0 ? 1 : 0;
+            }
+            return open_now;
+        };
+        add("1_x.sh");
+        tick();
+        const int before = count();
+        tick(50);
+        EXPECT_EQ(count(), before);
+    });
+}
+
+TEST_F(PlugIns, AreLookedForOnceASecond) {
+    /* The timer's period, by the clock of the loop. */
+    in_own_folder([&] {
+        add("0_now.sh");
+        ASSERT_NE(loop_init(1024, LOOP_SELECT), 0);
+        module_crond_start();
+        ticks = 1;
+        setenv("TICK", "1", 1);
+        const auto start = std::chrono::steady_clock::now();
+        struct watch {
+            log_capture* log;
+            int scans;
+        } w = {&log, 0};
+        loop_add_timer(
+            100,
+            [](void* argument) {
+                watch* seen = static_cast<watch*>(argument);
+                if (!seen->log->lines().empty() || ++seen->scans > 100) {
+                    loop_stop();
+                }
+                return 0;
+            },
+            &w);
+        loop_run();
+        EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(990));
+        EXPECT_THAT(runs()["0_now.sh"], ElementsAre(1));
+    });
+}

@@ -1,0 +1,889 @@
+#include "stats/lcd.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "loop/loop.h"
+#include "tests/unit/stats/own_world.h"
+#include "tests/unit/support/store_test.h"
+#include "tests/unit/support/text_string.h"
+
+using namespace unit_test;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+const std::string CLEAR("\xCC\xB1\xAA\xD0", 4);
+
+std::string padded(std::string line) {
+    line.resize(20, ' ');
+    return line;
+}
+
+/* A frame of these lines, each of 20 bytes. */
+std::string frame_of(const std::vector<std::string>& lines) {
+    std::string frame("\xCC\xB3\0\0\x01", 5);
+    for (const std::string& line : lines) {
+        EXPECT_EQ(line.size(), 20u) << line;
+        frame += line;
+    }
+    frame += "\xAA\xD0";
+    frame.resize(91, '\0');
+    return frame;
+}
+
+/* The standard screen as frame and as the driver node gets it. */
+std::string screen_frame(const std::string& loads, const std::string& up, const std::string& down,
+                         const std::string& hosts) {
+    return frame_of({padded(loads), padded(up), padded(down), padded(hosts)});
+}
+
+std::string screen_text(const std::string& loads, const std::string& up, const std::string& down,
+                        const std::string& hosts) {
+    std::string text = loads + "\n" + up + "\n" + down + "\n" + hosts + "\n";
+    text.resize(128, '\0');
+    return text;
+}
+
+/* What a text becomes on the wire. */
+std::string written(std::string_view bytes, size_t length, int expected_result) {
+    int ends[2];
+    EXPECT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
+    const std::string text(bytes);
+    EXPECT_EQ(lcd_write_frame(ends[1], text.c_str(), length), expected_result);
+    char wire[1000];
+    const ssize_t size = read(ends[0], wire, sizeof wire);
+    close(ends[0]);
+    close(ends[1]);
+    return std::string(wire, size > 0 ? static_cast<size_t>(size) : 0);
+}
+
+std::string framed(std::string_view text) {
+    return written(text, 128, 128);
+}
+
+std::string read_all(int fd) {
+    std::string all;
+    char chunk[4096];
+    for (ssize_t size; (size = read(fd, chunk, sizeof chunk)) > 0;) {
+        all.append(chunk, static_cast<size_t>(size));
+    }
+    return all;
+}
+
+std::string content(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(file), {});
+}
+
+/* A /dev of the test's own, in a process of its own, since the unit decides on its panel once. */
+class Panel : public store_test {
+  protected:
+    void in_own_devices(const std::function<void()>& body) {
+        run_in_own_world(
+            [this] {
+                terminal = posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+                char name[64] = "";
+                if (terminal < 0 || grantpt(terminal) != 0 || unlockpt(terminal) != 0 ||
+                    ptsname_r(terminal, name, sizeof name) != 0 || !unshare_mounts()) {
+                    return false;
+                }
+                /* Opened after the mounts became our own, so that it can be shown elsewhere. */
+                line = open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
+                return line >= 0 && cover_devices() && cover("/srv");
+            },
+            [&] {
+                module_lcd_start();
+                setenv("PATH", ("/srv:" + std::string(getenv("PATH"))).c_str(), 1);
+                set_model("");
+                log.start(LOG_DEBUG);
+                body();
+            });
+    }
+
+    /* What the tool "uci" tells of the model. */
+    static void set_model(const std::string& answer) {
+        std::ofstream("/srv/answer") << answer;
+        std::ofstream("/srv/uci") << "#!/bin/sh\necho \"$*\" >>/srv/calls\ncat /srv/answer\n";
+        chmod("/srv/uci", 0755);
+    }
+
+    /* Makes the terminal the device of this name. */
+    void attach(const std::string& device) const {
+        close(open(device.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+        const std::string source = "/proc/self/fd/" + std::to_string(line);
+        ASSERT_EQ(mount(source.c_str(), device.c_str(), nullptr, MS_BIND, nullptr), 0) << strerror(errno);
+    }
+
+    termios settings() const {
+        termios now = {};
+        EXPECT_EQ(tcgetattr(line, &now), 0);
+        return now;
+    }
+
+    void set_raw() const {
+        termios now = settings();
+        cfmakeraw(&now);
+        ASSERT_EQ(tcsetattr(line, TCSANOW, &now), 0);
+    }
+
+    static void set(const char* key, std::string_view value) {
+        object_set_string(make(key, OBJ_TSTRING), text(value));
+    }
+
+    static void hset(const char* key, std::string_view field, std::string_view value) {
+        object_hash_set(make(key, OBJ_THASH), text(field), text(value));
+    }
+
+    /* The node as a plain file, empty before each run: what one run writes. */
+    static std::string node_after_run() {
+        std::ofstream("/dev/st7565", std::ios::trunc).close();
+        EXPECT_EQ(lcd_ontimer(nullptr), 0);
+        return content("/dev/st7565");
+    }
+
+    /* What one run sends to the serial panel. */
+    std::string sent_by_run() const {
+        EXPECT_EQ(lcd_ontimer(nullptr), 0);
+        return read_all(terminal);
+    }
+
+    /* What a run prints as complaints. */
+    static std::string errors_of_run() {
+        int ends[2];
+        EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
+        const int before = dup(STDERR_FILENO);
+        dup2(ends[1], STDERR_FILENO);
+        close(ends[1]);
+        EXPECT_EQ(lcd_ontimer(nullptr), 0);
+        dup2(before, STDERR_FILENO);
+        close(before);
+        return read_to_end(ends[0]);
+    }
+
+    /* A device that has a serial panel, its line raw. */
+    void serial_device(const std::string& model = "KT7030-B", const std::string& device = "/dev/ttyS0") {
+        hset("sys", "pnp", "LCD");
+        set_model(model);
+        set_raw();
+        attach(device);
+    }
+
+    int terminal = -1;
+    int line = -1;
+};
+
+} // namespace
+
+/* --- Rates --- */
+
+TEST(PanelRates, ChangeTheirUnitAtAThousandAndAMillion) {
+    EXPECT_STREQ(rate_format(0), "  0B/s");
+    EXPECT_STREQ(rate_format(7), "  7B/s");
+    EXPECT_STREQ(rate_format(42), " 42B/s");
+    EXPECT_STREQ(rate_format(999), "999B/s");
+    EXPECT_STREQ(rate_format(1000), "  1KB/s");
+    EXPECT_STREQ(rate_format(1999), "  1KB/s");
+    EXPECT_STREQ(rate_format(45678), " 45KB/s");
+    EXPECT_STREQ(rate_format(999999), "999KB/s");
+    EXPECT_STREQ(rate_format(1000000), "1.00MB/s");
+    EXPECT_STREQ(rate_format(1500000), "1.50MB/s");
+    EXPECT_STREQ(rate_format(12345678), "12.35MB/s");
+    EXPECT_STREQ(rate_format(123456789), "123.46MB/s");
+}
+
+TEST(PanelRates, OfFullLengthFitTheBuffer) {
+    EXPECT_STREQ(rate_format(4294967295U), "4294.97MB/s");
+    const char* text = rate_format(5);
+    EXPECT_EQ(std::string(text, 12), std::string("  5B/s\0\0\0\0\0\0", 12));
+}
+
+TEST(PanelRates, StandInOneSharedBuffer) {
+    const char* first = rate_format(1);
+    const char* second = rate_format(2000);
+    EXPECT_EQ(first, second);
+    EXPECT_STREQ(first, "  2KB/s");
+}
+
+/* --- Frames --- */
+
+TEST(PanelFrames, HaveFourLinesPaddedTo20Bytes) {
+    EXPECT_EQ(framed("CPU : 40% MEM:  50%\nUP  :   1KB/s\nDOWN: 1.50MB/s\nHosts Online:   3\n"),
+              std::string("\xCC\xB3\0\0\x01"
+                          "CPU : 40% MEM:  50% "
+                          "UP  :   1KB/s       "
+                          "DOWN: 1.50MB/s      "
+                          "Hosts Online:   3   "
+                          "\xAA\xD0\0\0\0\0",
+                          91));
+}
+
+TEST(PanelFrames, CutLinesAt20Bytes) {
+    EXPECT_EQ(framed("12345678901234567890\n123456789012345678901\n1234567890123456789\n"
+                     "1234567890123456789012345678901234567890\n"),
+              frame_of({"12345678901234567890", "12345678901234567890", "1234567890123456789 ",
+                        "12345678901234567890"}));
+}
+
+TEST(PanelFrames, OfThreeLinesHaveTheirEndMarkAt65) {
+    const std::string frame = framed("a\nb\nc\n");
+    EXPECT_EQ(frame, frame_of({padded("a"), padded("b"), padded("c")}));
+    EXPECT_EQ(frame.size(), 91u);
+    EXPECT_EQ(frame.substr(65, 2), "\xAA\xD0");
+    EXPECT_EQ(frame.substr(67), std::string(24, '\0'));
+}
+
+TEST(PanelFrames, EndTheirLastLineWithTheTextAlso) {
+    EXPECT_EQ(framed("a\nb\nc"), frame_of({padded("a"), padded("b"), padded("c")}));
+    EXPECT_EQ(framed("a"), frame_of({padded("a")}));
+    EXPECT_EQ(framed("a\n"), frame_of({padded("a")}));
+    EXPECT_EQ(framed("a\n").substr(25, 2), "\xAA\xD0");
+    EXPECT_EQ(framed("a\nb\nc\nd"), frame_of({padded("a"), padded("b"), padded("c"), padded("d")}));
+}
+
+TEST(PanelFrames, TakeFourLinesAtMost) {
+    EXPECT_EQ(framed("a\nb\nc\nd\ne\n"), frame_of({padded("a"), padded("b"), padded("c"), padded("d")}));
+    EXPECT_EQ(framed("a\nb\nc\nd\ne\nf\ng\nh\n").substr(85), std::string("\xAA\xD0\0\0\0\0", 6));
+}
+
+TEST(PanelFrames, KeepEmptyLinesBetweenOthers) {
+    EXPECT_EQ(framed("a\n\nc\n"), frame_of({padded("a"), padded(""), padded("c")}));
+    EXPECT_EQ(framed("\n\nc\n"), frame_of({padded(""), padded(""), padded("c")}));
+    EXPECT_EQ(framed("\n\n\n\nx"), frame_of({padded(""), padded(""), padded(""), padded("")}));
+}
+
+TEST(PanelFrames, TakeAtMost127BytesOfText) {
+    const std::string text = std::string(120, 'a') + "\n" + std::string(40, 'b');
+    EXPECT_EQ(written(text, 128, 128), frame_of({std::string(20, 'a'), padded("bbbbbb")}));
+    EXPECT_EQ(written(text, 1000, 128), frame_of({std::string(20, 'a'), padded("bbbbbb")}));
+}
+
+TEST(PanelFrames, TakeOneByteLessThanTheLength) {
+    EXPECT_EQ(written("abcdef", 6, 6), frame_of({padded("abcde")}));
+    EXPECT_EQ(written("abcdef", 7, 7), frame_of({padded("abcdef")}));
+    EXPECT_EQ(written("ab\ncdef", 5, 5), frame_of({padded("ab"), padded("c")}));
+    EXPECT_EQ(written("abcdef", 127, 127), frame_of({padded("abcdef")}));
+}
+
+TEST(PanelFrames, EndTheTextAtItsFirstNul) {
+    EXPECT_EQ(framed(std::string_view("ab\0cd\nef\n", 9)), frame_of({padded("ab")}));
+}
+
+TEST(PanelFrames, AreWrittenWholeForAnEmptyTextToo) {
+    for (const size_t length : {0, 1, 128}) {
+        const std::string frame = written("", length, static_cast<int>(length));
+        ASSERT_EQ(frame.size(), 91u) << length;
+        EXPECT_EQ(frame.substr(0, 5), std::string("\xCC\xB3\0\0\x01", 5));
+    }
+    EXPECT_EQ(written("abc", 0, 0).size(), 91u);
+}
+
+TEST(PanelFrames, TheClearTextIsACommand) {
+    EXPECT_EQ(written("__clear", 8, 0), CLEAR);
+    EXPECT_EQ(written("__clear", 128, 0), CLEAR);
+    EXPECT_EQ(written("__clear\nmore\n", 128, 0), CLEAR);
+    EXPECT_EQ(written("__clearly", 128, 0), CLEAR);
+}
+
+TEST(PanelFrames, AnAlmostClearTextIsNone) {
+    EXPECT_EQ(framed("__Clear"), frame_of({padded("__Clear")}));
+    EXPECT_EQ(framed(" __clear"), frame_of({padded(" __clear")}));
+    /* The length counts the end of the text. */
+    EXPECT_EQ(written("__clear", 7, 7), frame_of({padded("__clea")}));
+}
+
+TEST(PanelFrames, ThatCannotBeWrittenAreAFailure) {
+    EXPECT_EQ(lcd_write_frame(-1, "text\n", 128), -1);
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
+    const std::string much(1 << 20, 'x');
+    ASSERT_GT(write(ends[1], much.data(), much.size()), 0);
+    EXPECT_EQ(lcd_write_frame(ends[1], "text\n", 128), -1);
+    /* The clear command's result is 0 in any case. */
+    EXPECT_EQ(lcd_write_frame(ends[1], "__clear", 128), 0);
+    close(ends[0]);
+    close(ends[1]);
+}
+
+/* --- The driver node --- */
+
+TEST_F(Panel, ANodeGetsTheTextAndZerosUpTo128Bytes) {
+    in_own_devices([&] {
+        EXPECT_EQ(node_after_run(),
+                  screen_text("CPU :  0% MEM:   0%", "UP  :   0B/s", "DOWN:   0B/s", "Hosts Online:   0"));
+        set("cpu.load", "80");
+        set("mem.load", "37");
+        set("host.num", "12");
+        EXPECT_EQ(node_after_run(),
+                  screen_text("CPU : 40% MEM:  37%", "UP  :   0B/s", "DOWN:   0B/s", "Hosts Online:  12"));
+    });
+}
+
+TEST_F(Panel, HalfOfTheStoredProcessorLoadIsShown) {
+    in_own_devices([&] {
+        const std::pair<const char*, const char*> loads[] = {{"0", " 0"},   {"1", " 0"},    {"2", " 1"},
+                                                             {"19", " 9"},  {"20", "10"},   {"81", "40"},
+                                                             {"100", "50"}, {"255", "127"}, {"300", "150"}};
+        for (const auto& [stored, shown] : loads) {
+            set("cpu.load", stored);
+            EXPECT_EQ(node_after_run(), screen_text("CPU : " + std::string(shown) + "% MEM:   0%",
+                                                    "UP  :   0B/s", "DOWN:   0B/s", "Hosts Online:   0"))
+                << stored;
+        }
+    });
+}
+
+TEST_F(Panel, FiguresAreReadAsNumbersUpToTheFirstOtherByte) {
+    in_own_devices([&] {
+        set("cpu.load", "60 percent");
+        set("mem.load", " 0045");
+        set("host.num", "many");
+        EXPECT_EQ(node_after_run(),
+                  screen_text("CPU : 30% MEM:  45%", "UP  :   0B/s", "DOWN:   0B/s", "Hosts Online:   0"));
+        set("cpu.load", "99999999999");
+        set("mem.load", "-7");
+        set("host.num", "99999999999");
+        EXPECT_EQ(node_after_run(), screen_text("CPU : 1073741823% MEM:  -7%", "UP  :   0B/s", "DOWN:   0B/s",
+                                                "Hosts Online: 2147483647"));
+    });
+}
+
+TEST_F(Panel, AKeyThatIsGoneOrNoStringKeepsItsLastValue) {
+    in_own_devices([&] {
+        set("cpu.load", "80");
+        set("mem.load", "37");
+        set("host.num", "12");
+        const std::string screen = node_after_run();
+        object_delete(object_lookup("cpu.load"));
+        object_delete(object_lookup("mem.load"));
+        object_reset();
+        make("mem.load", OBJ_THASH);
+        make("host.num", OBJ_TLIST);
+        EXPECT_EQ(node_after_run(), screen);
+        EXPECT_EQ(screen,
+                  screen_text("CPU : 40% MEM:  37%", "UP  :   0B/s", "DOWN:   0B/s", "Hosts Online:  12"));
+    });
+}
+
+TEST_F(Panel, TheLanInterfacesRatesAreShown) {
+    in_own_devices([&] {
+        set("sys.lan", "br-lan");
+        hset("br-lan", "rxbrate", "1000");
+        hset("br-lan", "txbrate", "1500000");
+        EXPECT_EQ(node_after_run(),
+                  screen_text("CPU :  0% MEM:   0%", "UP  :   1KB/s", "DOWN: 1.50MB/s", "Hosts Online:   0"));
+        hset("br-lan", "rxbrate", "999");
+        hset("br-lan", "txbrate", "999999");
+        EXPECT_EQ(node_after_run(),
+                  screen_text("CPU :  0% MEM:   0%", "UP  : 999B/s", "DOWN: 999KB/s", "Hosts Online:   0"));
+    });
+}
+
+TEST_F(Panel, ALaterInterfaceOverridesAnEarlierOneFieldByField) {
+    in_own_devices([&] {
+        hset("eth0", "rxbrate", "1");
+        hset("eth0", "txbrate", "2");
+        hset("eth1", "rxbrate", "3");
+        hset("eth2", "other", "4");
+        make("eth3", OBJ_TLIST);
+        set("sys.lan", "eth0:eth1:eth2:eth3:eth4");
+        EXPECT_EQ(node_after_run(),
+                  screen_text("CPU :  0% MEM:   0%", "UP  :   3B/s", "DOWN:   2B/s", "Hosts Online:   0"));
+    });
+}
+
+TEST_F(Panel, TheListOfInterfacesIsCutInTheStoreByItsFirstUse) {
+    in_own_devices([&] {
+        hset("eth0", "rxbrate", "1");
+        hset("eth1", "rxbrate", "3");
+        set("sys.lan", "eth0:eth1:eth2");
+        EXPECT_THAT(node_after_run(), testing::HasSubstr("UP  :   3B/s\n"));
+        const object* lan = object_lookup("sys.lan");
+        EXPECT_STREQ(lan->string, "eth0");
+        EXPECT_EQ(bytes_of(lan->string), std::string_view("eth0\0eth1\0eth2", 14));
+        EXPECT_THAT(node_after_run(), testing::HasSubstr("UP  :   1B/s\n")) << "only the first is left";
+        set("sys.lan", "eth0:eth1:eth2");
+        EXPECT_THAT(node_after_run(), testing::HasSubstr("UP  :   3B/s\n"));
+    });
+}
+
+TEST_F(Panel, EmptyNamesInTheListAreNoInterfaces) {
+    in_own_devices([&] {
+        hset("", "rxbrate", "9");
+        hset("eth1", "rxbrate", "3");
+        set("sys.lan", "::eth1::");
+        EXPECT_THAT(node_after_run(), testing::HasSubstr("UP  :   3B/s\n"));
+    });
+}
+
+TEST_F(Panel, RatesAreZeroWhenNoListedInterfaceIsThere) {
+    in_own_devices([&] {
+        hset("eth0", "rxbrate", "5");
+        hset("eth0", "txbrate", "6");
+        set("sys.lan", "eth0");
+        EXPECT_THAT(node_after_run(), testing::HasSubstr("UP  :   5B/s\nDOWN:   6B/s\n"));
+        set("sys.lan", "gone");
+        EXPECT_THAT(node_after_run(), testing::HasSubstr("UP  :   0B/s\nDOWN:   0B/s\n"));
+        set("sys.lan", "eth0");
+        EXPECT_THAT(node_after_run(), testing::HasSubstr("UP  :   5B/s\nDOWN:   6B/s\n"));
+        set("sys.lan", "");
+        EXPECT_THAT(node_after_run(), testing::HasSubstr("UP  :   0B/s\nDOWN:   0B/s\n"));
+    });
+}
+
+TEST_F(Panel, WithoutAUsableListTheShownRatesStay) {
+    in_own_devices([&] {
+        hset("eth0", "rxbrate", "5");
+        hset("eth0", "txbrate", "6");
+        set("sys.lan", "eth0");
+        node_after_run();
+        object_reset();
+        EXPECT_THAT(node_after_run(), testing::HasSubstr("UP  :   5B/s\nDOWN:   6B/s\n"));
+        make("sys.lan", OBJ_TSTRING);
+        EXPECT_THAT(node_after_run(), testing::HasSubstr("UP  :   5B/s\nDOWN:   6B/s\n")) << "no value";
+        object_reset();
+        make("sys.lan", OBJ_THASH);
+        EXPECT_THAT(node_after_run(), testing::HasSubstr("UP  :   5B/s\nDOWN:   6B/s\n")) << "no string";
+    });
+}
+
+TEST_F(Panel, KeysOfTheRatesNamesAreNotShownByThemselves) {
+    in_own_devices([&] {
+        set("rxbrate", "77");
+        set("txbrate", "78");
+        EXPECT_THAT(node_after_run(), testing::HasSubstr("UP  :   0B/s\nDOWN:   0B/s\n"));
+        set("sys.lan", "eth0");
+        EXPECT_THAT(node_after_run(), testing::HasSubstr("UP  :   0B/s\nDOWN:   0B/s\n"));
+    });
+}
+
+TEST_F(Panel, ARateBeyond32BitsSaturates) {
+    in_own_devices([&] {
+        hset("eth0", "rxbrate", "4294967295");
+        hset("eth0", "txbrate", "99999999999999999999");
+        set("sys.lan", "eth0");
+        EXPECT_THAT(node_after_run(), testing::HasSubstr("UP  : 2147.48MB/s\nDOWN: 2147.48MB/s\n"));
+    });
+}
+
+TEST_F(Panel, ANodeComesBeforeASerialPanel) {
+    in_own_devices([&] {
+        serial_device();
+        EXPECT_NE(node_after_run(), "");
+        EXPECT_EQ(read_all(terminal), "");
+        EXPECT_EQ(content("/srv/calls"), "");
+        /* And stays chosen. */
+        unlink("/dev/st7565");
+        log.start(LOG_DEBUG);
+        EXPECT_EQ(sent_by_run(), "");
+        EXPECT_THAT(log.lines(), ElementsAre("error *** open (/dev/st7565) failed."));
+    });
+}
+
+TEST_F(Panel, AnUnavailableNodeIsLoggedOnEachRunAndUsedWhenItComesBack) {
+    in_own_devices([&] {
+        EXPECT_NE(node_after_run(), "");
+        unlink("/dev/st7565");
+        log.start(LOG_DEBUG);
+        lcd_ontimer(nullptr);
+        lcd_ontimer(nullptr);
+        EXPECT_THAT(log.lines(), ElementsAre("error *** open (/dev/st7565) failed.",
+                                             "error *** open (/dev/st7565) failed."));
+        EXPECT_NE(node_after_run(), "");
+        log.start(LOG_FATAL);
+        unlink("/dev/st7565");
+        lcd_ontimer(nullptr);
+        EXPECT_THAT(log.lines(), IsEmpty());
+    });
+}
+
+TEST_F(Panel, ANodeThatNobodyReadsHoldsNobodyUp) {
+    in_own_devices([&] {
+        ASSERT_EQ(mkfifo("/dev/st7565", 0600), 0);
+        const auto start = std::chrono::steady_clock::now();
+        lcd_ontimer(nullptr);
+        EXPECT_THAT(log.lines(), ElementsAre("error *** open (/dev/st7565) failed."));
+        const int reader = open("/dev/st7565", O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        for (int i = 0; i < 1000; i++) {
+            lcd_ontimer(nullptr);
+        }
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+        const std::string all = read_all(reader);
+        EXPECT_EQ(all.size() % 128, 0u);
+        EXPECT_EQ(all.substr(0, 128),
+                  screen_text("CPU :  0% MEM:   0%", "UP  :   0B/s", "DOWN:   0B/s", "Hosts Online:   0"));
+    });
+}
+
+TEST_F(Panel, ANodeThatMayNotBeWrittenIsNone) {
+    in_own_devices([&] {
+        /* Even an administrator cannot write where nothing can be written. */
+        ASSERT_EQ(mkdir("/srv/ro", 0755), 0);
+        ASSERT_TRUE(cover("/srv/ro"));
+        std::ofstream("/srv/ro/node").close();
+        ASSERT_EQ(symlink("/srv/ro/node", "/dev/st7565"), 0);
+        ASSERT_EQ(mount(nullptr, "/srv/ro", nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+        lcd_ontimer(nullptr);
+        EXPECT_THAT(log.lines(), IsEmpty());
+        serial_device();
+        EXPECT_EQ(sent_by_run().substr(0, 4), CLEAR);
+    });
+}
+
+/* --- Whether there is a serial panel --- */
+
+TEST_F(Panel, WithoutTheSystemsHashTheQuestionStaysOpen) {
+    in_own_devices([&] {
+        set_raw();
+        attach("/dev/ttyS0");
+        set_model("KT7010");
+        for (int i = 0; i < 5; i++) {
+            EXPECT_EQ(sent_by_run(), "");
+        }
+        make("sys.lan", OBJ_TSTRING);
+        EXPECT_EQ(sent_by_run(), "");
+        EXPECT_EQ(content("/srv/calls"), "");
+        hset("sys", "pnp", "LCD");
+        EXPECT_EQ(sent_by_run().size(), 4u + 91u);
+    });
+}
+
+TEST_F(Panel, AKeyOfTheSystemsNameThatIsNoHashLeavesTheQuestionOpen) {
+    in_own_devices([&] {
+        set("sys", "LCD");
+        EXPECT_EQ(sent_by_run(), "");
+        object_reset();
+        make("sys", OBJ_TLIST);
+        EXPECT_EQ(sent_by_run(), "");
+        object_reset();
+        serial_device();
+        EXPECT_EQ(sent_by_run().size(), 4u + 91u);
+    });
+}
+
+TEST_F(Panel, ANodeMayAppearWhileTheQuestionIsOpen) {
+    in_own_devices([&] {
+        lcd_ontimer(nullptr);
+        lcd_ontimer(nullptr);
+        EXPECT_NE(node_after_run(), "");
+    });
+}
+
+TEST_F(Panel, ASystemWithoutPnpHasNoPanelForGood) {
+    in_own_devices([&] {
+        hset("sys", "other", "LCD");
+        EXPECT_EQ(sent_by_run(), "");
+        serial_device();
+        EXPECT_EQ(sent_by_run(), "");
+        EXPECT_EQ(content("/srv/calls"), "");
+        EXPECT_EQ(node_after_run(), "") << "not even a node is used any more";
+        EXPECT_THAT(log.lines(), testing::Not(testing::Contains(testing::HasSubstr("open ("))));
+    });
+}
+
+TEST_F(Panel, AnythingButLcdIsNoPanel) {
+    for (const char* pnp : {"", "lcd", "LCD ", "LCD2", "LC", " LCD"}) {
+        SCOPED_TRACE(pnp);
+        in_own_devices([&] {
+            hset("sys", "pnp", pnp);
+            EXPECT_EQ(sent_by_run(), "");
+            serial_device();
+            EXPECT_EQ(sent_by_run(), "");
+        });
+    }
+}
+
+TEST_F(Panel, TheModelsPortIsAskedOfTheConfigurationTool) {
+    in_own_devices([&] {
+        serial_device();
+        sent_by_run();
+        sent_by_run();
+        EXPECT_EQ(content("/srv/calls"), "get product_params.vendor.standardtype\n") << "once";
+    });
+}
+
+TEST_F(Panel, TheModelTellsThePort) {
+    const std::pair<const char*, const char*> models[] = {
+        {"KT7010", "/dev/ttyS0"},
+        {"KT7020", "/dev/ttyS0"},
+        {"KT7030-B\n", "/dev/ttyS0"},
+        {"\n  KT7040 KT7", "/dev/ttyS0"},
+        {"KQM810x", "/dev/ttyS0"},
+        {"KQM820", "/dev/ttyS0"},
+        {"KT7", "/dev/ttyS1"},
+        {"KT701", "/dev/ttyS1"},
+        {"KT7050", "/dev/ttyS1"},
+        {"KQM830", "/dev/ttyS1"},
+        {"kt7010", "/dev/ttyS1"},
+        {"XKT7010", "/dev/ttyS1"},
+        {"", "/dev/ttyS1"},
+        {"a-name-that-is-far-longer-than-any-KT7010-would-be", "/dev/ttyS1"},
+        {"KT7010-and-a-name-that-is-far-longer-than-fifteen", "/dev/ttyS0"},
+    };
+    for (const auto& [model, port] : models) {
+        SCOPED_TRACE(model);
+        in_own_devices([&, model = model, port = port] {
+            serial_device(model, port);
+            EXPECT_EQ(sent_by_run().size(), 4u + 91u);
+        });
+    }
+}
+
+TEST_F(Panel, WithoutAnAnswerThePanelIsOnTheSecondPort) {
+    in_own_devices([&] {
+        serial_device("", "/dev/ttyS1");
+        unlink("/srv/uci");
+        EXPECT_EQ(errors_of_run(), "") << "the tool's complaints go nowhere";
+        EXPECT_EQ(read_all(terminal).size(), 4u + 91u);
+    });
+}
+
+TEST_F(Panel, AToolThatWritesForEverHoldsNobodyUp) {
+    for (const char* output : {"yes KT7010", "yes ''", "yes | tr -d '\\n'", "yes | tr 'y\\n' '\\000\\000'"}) {
+        SCOPED_TRACE(output);
+        in_own_devices([&] {
+            serial_device();
+            std::ofstream("/srv/uci") << "#!/bin/sh\n" << output << "\n";
+            /* Ends the test when the run never does. */
+            alarm(15);
+            errors_of_run();
+            alarm(0);
+        });
+    }
+}
+
+/* --- The serial panel --- */
+
+TEST_F(Panel, ASerialPanelIsClearedOnceAndGetsAFrameWithEachRun) {
+    in_own_devices([&] {
+        serial_device();
+        set("cpu.load", "80");
+        set("mem.load", "37");
+        set("host.num", "12");
+        const std::string frame =
+            screen_frame("CPU : 40% MEM:  37%", "UP  :   0B/s", "DOWN:   0B/s", "Hosts Online:  12");
+        EXPECT_EQ(sent_by_run(), CLEAR + frame);
+        EXPECT_EQ(sent_by_run(), frame);
+        EXPECT_EQ(frame.substr(85, 2), "\xAA\xD0");
+        hset("lan", "rxbrate", "4000000000");
+        hset("lan", "txbrate", "20000");
+        set("sys.lan", "lan");
+        set("cpu.load", "99999999999");
+        EXPECT_EQ(sent_by_run(), screen_frame("CPU : 1073741823% ME", "UP  : 2147.48MB/s", "DOWN:  20KB/s",
+                                              "Hosts Online:  12"));
+    });
+}
+
+TEST_F(Panel, TheLineIsSetTo9600BaudEightBitsNoParityOneStopBit) {
+    in_own_devices([&] {
+        hset("sys", "pnp", "LCD");
+        set_model("KT7030-B");
+        termios other = settings();
+        cfmakeraw(&other);
+        other.c_cflag |= CS7 | CSTOPB | PARENB;
+        other.c_cflag &= ~static_cast<tcflag_t>(CS8 & ~CS7);
+        other.c_iflag &= ~static_cast<tcflag_t>(INPCK);
+        other.c_iflag |= IXON;
+        other.c_cc[VMIN] = 1;
+        other.c_cc[VTIME] = 0;
+        cfsetispeed(&other, B115200);
+        cfsetospeed(&other, B115200);
+        ASSERT_EQ(tcsetattr(line, TCSANOW, &other), 0);
+        attach("/dev/ttyS0");
+        EXPECT_EQ(errors_of_run(), "");
+        const termios now = settings();
+        EXPECT_EQ(now.c_cflag & CSIZE, static_cast<tcflag_t>(CS8));
+        EXPECT_EQ(now.c_cflag & CSTOPB, 0u);
+        EXPECT_EQ(now.c_cflag & PARENB, 0u);
+        EXPECT_EQ(now.c_iflag & INPCK, static_cast<tcflag_t>(INPCK));
+        EXPECT_EQ(now.c_iflag & IXON, static_cast<tcflag_t>(IXON)) << "what is not named is left alone";
+        EXPECT_EQ(now.c_cc[VMIN], 0);
+        EXPECT_EQ(now.c_cc[VTIME], 150);
+        EXPECT_EQ(cfgetispeed(&now), static_cast<speed_t>(B9600));
+        EXPECT_EQ(cfgetospeed(&now), static_cast<speed_t>(B9600));
+    });
+}
+
+TEST_F(Panel, ALineThatRunsAt9600BaudIsNotFlushedAgain) {
+    in_own_devices([&] {
+        hset("sys", "pnp", "LCD");
+        set_model("KT7030-B");
+        set_raw();
+        termios now = settings();
+        cfsetispeed(&now, B9600);
+        cfsetospeed(&now, B9600);
+        ASSERT_EQ(tcsetattr(line, TCSANOW, &now), 0);
+        attach("/dev/ttyS0");
+        EXPECT_EQ(sent_by_run().size(), 4u + 91u);
+        now = settings();
+        EXPECT_EQ(cfgetospeed(&now), static_cast<speed_t>(B9600));
+        EXPECT_EQ(now.c_cc[VTIME], 150);
+    });
+}
+
+TEST_F(Panel, APortThatIsNoTerminalGetsItsMessageAndIsUsed) {
+    in_own_devices([&] {
+        hset("sys", "pnp", "LCD");
+        set_model("KT7030-B");
+        std::ofstream("/dev/ttyS0").close();
+        EXPECT_EQ(errors_of_run(), "SetupSerial 1: Inappropriate ioctl for device\n");
+        /* The frame is written over the clear command: each opening of a file begins at its start. */
+        const std::string frame =
+            screen_frame("CPU :  0% MEM:   0%", "UP  :   0B/s", "DOWN:   0B/s", "Hosts Online:   0");
+        EXPECT_EQ(content("/dev/ttyS0"), frame);
+        EXPECT_EQ(errors_of_run(), "");
+    });
+}
+
+TEST_F(Panel, APortThatCannotBeOpenedIsTriedAgainFromTheStart) {
+    in_own_devices([&] {
+        hset("sys", "pnp", "LCD");
+        set_model("KT7030-B");
+        EXPECT_EQ(errors_of_run(), "Can't Open x86_LCD Port.: No such file or directory\n");
+        EXPECT_EQ(errors_of_run(), "Can't Open x86_LCD Port.: No such file or directory\n");
+        EXPECT_THAT(log.lines(), testing::Not(testing::Contains(testing::HasSubstr("open ("))));
+        EXPECT_EQ(content("/srv/calls"), "get product_params.vendor.standardtype\n"
+                                         "get product_params.vendor.standardtype\n");
+        /* The model may be known better by then. */
+        set_model("KT7");
+        set_raw();
+        attach("/dev/ttyS1");
+        EXPECT_EQ(sent_by_run().size(), 4u + 91u);
+    });
+}
+
+TEST_F(Panel, WhileAPortCannotBeOpenedANodeMayAppear) {
+    in_own_devices([&] {
+        hset("sys", "pnp", "LCD");
+        EXPECT_EQ(errors_of_run(), "Can't Open x86_LCD Port.: No such file or directory\n");
+        EXPECT_NE(node_after_run(), "");
+    });
+}
+
+TEST_F(Panel, WhileAPortCannotBeOpenedThePanelMayBeDeniedForGood) {
+    in_own_devices([&] {
+        hset("sys", "pnp", "LCD");
+        EXPECT_EQ(errors_of_run(), "Can't Open x86_LCD Port.: No such file or directory\n");
+        hset("sys", "pnp", "none");
+        EXPECT_EQ(errors_of_run(), "");
+        hset("sys", "pnp", "LCD");
+        EXPECT_EQ(errors_of_run(), "");
+    });
+}
+
+TEST_F(Panel, AChosenPortThatGoesAwayIsLoggedAndUsedWhenItComesBack) {
+    in_own_devices([&] {
+        serial_device();
+        sent_by_run();
+        ASSERT_EQ(umount2("/dev/ttyS0", MNT_DETACH), 0);
+        unlink("/dev/ttyS0");
+        log.start(LOG_DEBUG);
+        EXPECT_EQ(errors_of_run(), "");
+        EXPECT_THAT(log.lines(), ElementsAre("error *** open (/dev/ttyS0) failed."));
+        attach("/dev/ttyS0");
+        EXPECT_EQ(sent_by_run().size(), 91u) << "not cleared again";
+    });
+}
+
+TEST_F(Panel, APanelThatStopsReadingHoldsNobodyUp) {
+    in_own_devices([&] {
+        log.start(LOG_INFO);
+        serial_device();
+        const auto start = std::chrono::steady_clock::now();
+        for (int i = 0; i < 3000; i++) {
+            ASSERT_EQ(lcd_ontimer(nullptr), 0);
+        }
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+        const std::string first = read_all(terminal);
+        EXPECT_LT(first.size(), 4u + 3000u * 91u) << "screens that were not taken are lost";
+        EXPECT_THAT(log.lines(), IsEmpty());
+        /* Once it reads again, whole frames come. */
+        sent_by_run();
+        EXPECT_EQ(sent_by_run(),
+                  screen_frame("CPU :  0% MEM:   0%", "UP  :   0B/s", "DOWN:   0B/s", "Hosts Online:   0"));
+    });
+}
+
+TEST_F(Panel, ThePortDoesNotBecomeTheControllingTerminal) {
+    in_own_devices([&] {
+        serial_device();
+        setsid();
+        sent_by_run();
+        const std::string stat = content("/proc/self/stat");
+        int group = -1;
+        int session = -1;
+        int controlling = -1;
+        ASSERT_EQ(
+            sscanf(stat.c_str() + stat.rfind(')') + 1, " %*c %*d %d %d %d", &group, &session, &controlling),
+            3);
+        EXPECT_EQ(controlling, 0);
+    });
+}
+
+TEST_F(Panel, NoDescriptorIsLeftOpen) {
+    in_own_devices([&] {
+        const auto count = [] {
+            int open_now = 0;
+            for (int fd = 0; fd < 1024; fd++) {
+                open_now += fcntl(fd, F_GETFD) >= 0 ? 1 : 0;
+            }
+            return open_now;
+        };
+        const int before = count();
+        hset("sys", "pnp", "LCD");
+        for (int i = 0; i < 10; i++) {
+            errors_of_run();
+        }
+        EXPECT_EQ(count(), before + 10) << "the test's own ten pipes";
+        serial_device();
+        for (int i = 0; i < 10; i++) {
+            sent_by_run();
+        }
+        EXPECT_EQ(count(), before + 10);
+    });
+}
+
+TEST_F(Panel, IsLookedAfterEveryThreeSeconds) {
+    in_own_devices([&] {
+        ASSERT_EQ(mkfifo("/dev/st7565", 0600), 0);
+        ASSERT_NE(loop_init(1024, LOOP_SELECT), 0);
+        log.start(LOG_DEBUG);
+        module_lcd_start();
+        const auto start = std::chrono::steady_clock::now();
+        struct watch {
+            log_capture* log;
+            int scans;
+        } w = {&log, 0};
+        loop_add_timer(
+            100,
+            [](void* argument) {
+                watch* seen = static_cast<watch*>(argument);
+                if (!seen->log->lines().empty() || ++seen->scans > 100) {
+                    loop_stop();
+                }
+                return 0;
+            },
+            &w);
+        loop_run();
+        const auto passed = std::chrono::steady_clock::now() - start;
+        EXPECT_GE(passed, std::chrono::milliseconds(2990));
+        EXPECT_THAT(log.lines(), ElementsAre("error *** open (/dev/st7565) failed."));
+    });
+}
