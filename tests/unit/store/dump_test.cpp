@@ -423,6 +423,26 @@ TEST_F(DumpAndLoad, ADataLengthThatFitsExactlyIsTaken) {
     EXPECT_EQ(get("b"), "xyz");
 }
 
+/* A daemon in the background leads a session without a terminal. Were a terminal that a client names to
+ * become its own, the hang-up of that terminal would end it. */
+TEST_F(DumpAndLoad, ATerminalDoesNotBecomeTheDaemonsOwn) {
+    const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_GE(master, 0);
+    ASSERT_EQ(grantpt(master), 0);
+    ASSERT_EQ(unlockpt(master), 0);
+    const std::string terminal = ptsname(master);
+    EXPECT_EXIT(
+        {
+            setsid();
+            const int loaded = load_keys(terminal.c_str());
+            const int dumped = dump_keys(terminal.c_str(), "*");
+            const bool has_terminal = open("/dev/tty", O_RDWR | O_NOCTTY) >= 0;
+            _exit(loaded == 0 && dumped == 0 && !has_terminal ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
+    close(master);
+}
+
 TEST_F(DumpAndLoad, AFolderLoadsNothing) {
     EXPECT_EQ(load_keys(folder.c_str()), 0);
 }
