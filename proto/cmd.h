@@ -83,8 +83,7 @@ inline object* cmd_key_or_create(const client* c, unsigned type) {
     return object_get_or_create(cmd_arg(c, 0), sstr_length(cmd_arg(c, 0)), type);
 }
 
-/* True when the key exists with a type that is not `type`. */
-inline bool cmd_key_clashes(const client* c, unsigned type) {
-    const object* obj = object_lookup(cmd_arg(c, 0));
-    return obj != nullptr && object_type(obj) != type;
+/* The error of a key that is missing where one must be, or of another type. */
+inline void cmd_reply_wrong_type(client* c) {
+    resp_error(c->reply, nullptr, "missing key or wrong type");
 }

@@ -10,14 +10,10 @@ const object* hash_of_key(const client* c) {
     return object_lookup_type(cmd_arg(c, 0), OBJ_THASH);
 }
 
-hash_field* field_of_key(const client* c, uint32_t field_index) {
+/* The field that the second argument names. */
+hash_field* field_of_key(const client* c) {
     const object* obj = hash_of_key(c);
-    return obj != nullptr ? object_hash_field(obj, cmd_arg(c, field_index)) : nullptr;
-}
-
-/* A field whose first increment failed has no value and reads as the empty string. */
-sstr field_value(const hash_field* field) {
-    return field->value != nullptr ? field->value : object_empty_string();
+    return obj != nullptr ? object_hash_field(obj, cmd_arg(c, 1)) : nullptr;
 }
 
 void reply_fields(client* c, unsigned show) {
@@ -29,13 +25,9 @@ void reply_fields(client* c, unsigned show) {
             resp_add(c->reply, field->name);
         }
         if ((show & SHOW_VALUE) != 0) {
-            resp_add(c->reply, field_value(field));
+            resp_add(c->reply, field->value);
         }
     }
-}
-
-void reply_wrong_type(client* c) {
-    resp_error(c->reply, nullptr, "wrong type");
 }
 
 } // namespace
@@ -46,18 +38,20 @@ void cmd_hlen(client* c) {
 }
 
 void cmd_hexists(client* c) {
-    resp_integer(c->reply, field_of_key(c, 1) != nullptr ? 1 : 0);
+    resp_integer(c->reply, field_of_key(c) != nullptr ? 1 : 0);
 }
 
 void cmd_hget(client* c) {
-    const hash_field* field = field_of_key(c, 1);
-    resp_bulk(c->reply, field != nullptr ? field_value(field) : RESP_NIL);
+    const hash_field* field = field_of_key(c);
+    resp_bulk(c->reply, field != nullptr ? field->value : RESP_NIL);
 }
 
 void cmd_hmget(client* c) {
+    /* The key may be long: it is looked up once. */
+    const object* obj = hash_of_key(c);
     for (uint32_t i = 1; i < c->request->argc; i++) {
-        const hash_field* field = field_of_key(c, i);
-        resp_add(c->reply, field != nullptr ? field_value(field) : RESP_NIL);
+        const hash_field* field = obj != nullptr ? object_hash_field(obj, cmd_arg(c, i)) : nullptr;
+        resp_add(c->reply, field != nullptr ? field->value : RESP_NIL);
     }
 }
 
@@ -76,20 +70,20 @@ void cmd_hgetall(client* c) {
 void cmd_hset(client* c) {
     object* obj = cmd_key_or_create(c, OBJ_THASH);
     if (obj == nullptr) {
-        reply_wrong_type(c);
+        cmd_reply_wrong_type(c);
         return;
     }
     resp_integer(c->reply, object_hash_set(obj, cmd_arg(c, 1), cmd_arg(c, 2)));
 }
 
 void cmd_hsetnx(client* c) {
-    if (field_of_key(c, 1) != nullptr) {
+    if (field_of_key(c) != nullptr) {
         resp_integer(c->reply, 0);
         return;
     }
     object* obj = cmd_key_or_create(c, OBJ_THASH);
     if (obj == nullptr) {
-        reply_wrong_type(c);
+        cmd_reply_wrong_type(c);
         return;
     }
     object_hash_set(obj, cmd_arg(c, 1), cmd_arg(c, 2));
@@ -100,7 +94,7 @@ void cmd_hsetnx(client* c) {
 void cmd_hincrby(client* c) {
     object* obj = cmd_key_or_create(c, OBJ_THASH);
     if (obj == nullptr) {
-        reply_wrong_type(c);
+        cmd_reply_wrong_type(c);
         return;
     }
     int64_t delta = text_parse_int64(cmd_arg(c, 2), nullptr, 0);
@@ -114,7 +108,7 @@ void cmd_hincrby(client* c) {
 void cmd_hmset(client* c) {
     object* obj = cmd_key_or_create(c, OBJ_THASH);
     if (obj == nullptr) {
-        reply_wrong_type(c);
+        cmd_reply_wrong_type(c);
         return;
     }
     object_defer(obj);

@@ -12,13 +12,15 @@ object* list_of_key(const client* c) {
     return object_lookup_type(cmd_arg(c, 0), OBJ_TLIST);
 }
 
-void reply_wrong_type(client* c) {
-    resp_error(c->reply, nullptr, "missing key or wrong type");
+/* True when the key exists with a type other than list. */
+bool key_clashes(const client* c) {
+    const object* obj = object_lookup(cmd_arg(c, 0));
+    return obj != nullptr && object_type(obj) != OBJ_TLIST;
 }
 
 void push_all(client* c, push_operation push) {
-    if (observers == nullptr && cmd_key_clashes(c, OBJ_TLIST)) {
-        reply_wrong_type(c);
+    if (observers == nullptr && key_clashes(c)) {
+        cmd_reply_wrong_type(c);
         return;
     }
     object* obj = cmd_key_or_create(c, OBJ_TLIST);
@@ -102,7 +104,7 @@ void cmd_llen(client* c) {
     if (obj == nullptr) {
         resp_integer(c->reply, 0);
     } else if (object_type(obj) != OBJ_TLIST) {
-        reply_wrong_type(c);
+        cmd_reply_wrong_type(c);
     } else {
         resp_integer(c->reply, obj->list->count);
     }
@@ -111,7 +113,7 @@ void cmd_llen(client* c) {
 void cmd_lindex(client* c) {
     object* obj = list_of_key(c);
     if (obj == nullptr) {
-        reply_wrong_type(c);
+        cmd_reply_wrong_type(c);
         return;
     }
     char* end;
@@ -129,7 +131,7 @@ void cmd_lindex(client* c) {
 void cmd_lrange(client* c) {
     object* obj = list_of_key(c);
     if (obj == nullptr) {
-        reply_wrong_type(c);
+        cmd_reply_wrong_type(c);
         return;
     }
     dlist* list = obj->list;
@@ -167,7 +169,7 @@ void cmd_lmaxlen(client* c) {
         return;
     }
     if (object_type(obj) != OBJ_TLIST) {
-        reply_wrong_type(c);
+        cmd_reply_wrong_type(c);
         return;
     }
     char* end;

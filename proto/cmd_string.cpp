@@ -83,7 +83,7 @@ bool every_key_is_missing(const client* c) {
 void cmd_append(client* c) {
     object* obj = cmd_key_or_create(c, OBJ_TSTRING);
     if (obj == nullptr) {
-        resp_error(c->reply, nullptr, "wrong type");
+        cmd_reply_wrong_type(c);
         return;
     }
     object_append(obj, cmd_arg(c, 1));
@@ -111,7 +111,7 @@ void cmd_get(client* c) {
     if (obj == nullptr || object_type(obj) == OBJ_TNONE) {
         resp_bulk(c->reply, RESP_NIL);
     } else if (object_type(obj) != OBJ_TSTRING) {
-        resp_error(c->reply, nullptr, "wrong type");
+        cmd_reply_wrong_type(c);
     } else {
         resp_bulk(c->reply, object_string(obj));
     }
@@ -175,7 +175,7 @@ void cmd_strlen(client* c) {
     if (obj == nullptr) {
         resp_integer(c->reply, 0);
     } else if (object_type(obj) != OBJ_TSTRING) {
-        resp_error(c->reply, nullptr, "wrong type");
+        cmd_reply_wrong_type(c);
     } else {
         resp_integer(c->reply, sstr_length(object_string(obj)));
     }

@@ -79,7 +79,7 @@ void history_init(history_series* s, const char* base_name, const history_span* 
         return;
     }
     clear_ring(s, obj);
-    obj->flags = static_cast<uint16_t>(obj->flags | OBJ_PROTECTED);
+    object_set_flags(obj, OBJ_PROTECTED);
     obj->aux = s;
 }
 

@@ -195,7 +195,7 @@ void module_ping_start() {
     if (snap != nullptr) {
         const char zeros[PING_SNAP_SIZE] = {};
         sstr_assign(&snap->string, zeros, PING_SNAP_SIZE);
-        snap->flags = static_cast<uint16_t>(snap->flags | OBJ_PROTECTED);
+        object_set_flags(snap, OBJ_PROTECTED);
     }
     object_register_string_hook(ping_data_hook);
     register_dump_skip_hook(ping_dump_hook);

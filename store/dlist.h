@@ -44,8 +44,7 @@ dlist_node* dlist_node_at(const dlist* list, int64_t index);
 void* dlist_index(const dlist* list, int64_t index);
 
 /* Unlinks the first node from the head that holds exactly this pointer. The node is not freed and the
- * count stays as it was: nobody in the daemon calls this, and the callers that it was made for count for
- * themselves. */
+ * count stays as it was; nobody in the daemon calls this. */
 void dlist_remove_value(dlist* list, const void* value);
 
 /* Frees every node, not the values; the cap stays. */

@@ -43,7 +43,7 @@ object* find_expired(uint32_t now) {
         if (!is_expired(obj, now)) {
             continue;
         }
-        obj->flags = static_cast<uint16_t>(obj->flags | OBJ_DEAD);
+        object_set_flags(obj, OBJ_DEAD);
         obj->expired_next = expired;
         expired = obj;
         if (log_wants(LOG_DEBUG)) {

@@ -28,17 +28,13 @@ bool has(const object* obj, unsigned flags) {
     return (obj->flags & flags) != 0;
 }
 
-void set_flags(object* obj, unsigned flags) {
-    obj->flags = static_cast<uint16_t>(obj->flags | flags);
-}
-
 void clear_flags(object* obj, unsigned flags) {
     obj->flags = static_cast<uint16_t>(obj->flags & ~flags);
 }
 
 void set_type(object* obj, unsigned type) {
     clear_flags(obj, OBJ_TYPE_MASK);
-    set_flags(obj, type);
+    object_set_flags(obj, type);
 }
 
 /* The line numbers of these checks are fixed: they do not move when the source is edited. */
@@ -140,7 +136,7 @@ void trace_field(const object* obj, const hash_field* field) {
 }
 
 void finish_change(object* obj) {
-    set_flags(obj, OBJ_CHANGED);
+    object_set_flags(obj, OBJ_CHANGED);
     if (!has(obj, OBJ_DEFERRED)) {
         object_notify(obj);
     }
@@ -167,10 +163,6 @@ hash_field* field_or_new(object* obj, sstr name, bool* is_new) {
     return static_cast<hash_field*>(entry->item);
 }
 
-void mark_modified(hash_field* field) {
-    field->fflags = static_cast<uint8_t>(field->fflags | FIELD_MODIFIED);
-}
-
 /* An event in the making: nothing is made when nobody would be told. */
 resp* event_begin(const object* obj, event_name name) {
     if (observers == nullptr || obj->key[0] == '_') {
@@ -193,7 +185,7 @@ void notify_string(object* obj) {
     if (obj->key[0] == '_') {
         return;
     }
-    resp* event = observers != nullptr ? event_begin(obj, EVENT_MSET) : nullptr;
+    resp* event = event_begin(obj, EVENT_MSET);
     if (event != nullptr) {
         resp_add(event, object_string(obj));
     }
@@ -272,6 +264,22 @@ void notify_hash(object* obj) {
     free_doomed(doomed);
 }
 
+/* Marks a field as modified and announces it, unless a change in steps is under way. When the object has no
+ * other change to announce, the table need not be walked for marks. */
+void finish_field_change(object* obj, hash_field* field) {
+    if (has(obj, OBJ_DEFERRED | OBJ_CHANGED)) {
+        field->fflags = static_cast<uint8_t>(field->fflags | FIELD_MODIFIED);
+        finish_change(obj);
+        return;
+    }
+    resp* event = event_begin(obj, EVENT_HMSET);
+    if (event != nullptr) {
+        resp_add(event, field->name);
+        resp_add(event, field->value);
+        event_send(event);
+    }
+}
+
 } // namespace
 
 void object_register_string_hook(string_change_hook hook) {
@@ -343,10 +351,9 @@ sstr object_type_name(const object* obj) {
 }
 
 sstr object_string(const object* obj) {
-    return obj->string != nullptr ? obj->string : object_empty_string();
-}
-
-sstr object_empty_string() {
+    if (obj->string != nullptr) {
+        return obj->string;
+    }
     if (empty_string == nullptr) {
         empty_string = sstr_new("", 0);
     }
@@ -379,7 +386,7 @@ int object_delete(object* obj) {
     if (has(obj, OBJ_PROTECTED)) {
         return 0;
     }
-    set_flags(obj, OBJ_DEAD);
+    object_set_flags(obj, OBJ_DEAD);
     return 1;
 }
 
@@ -404,7 +411,7 @@ void object_expire(object* obj, uint32_t ttl) {
     obj->expire_base = static_cast<uint32_t>(time(nullptr));
     obj->expire_arg = ttl;
     clear_flags(obj, OBJ_EXPIRE_MASK);
-    set_flags(obj, OBJ_EXPIRE_TTL);
+    object_set_flags(obj, OBJ_EXPIRE_TTL);
     if (log_wants(LOG_DEBUG)) {
         log_write(LOG_DEBUG, "\"%s\"(%s): set expire-TTL to %u", obj->key, type_text(obj), ttl);
     }
@@ -415,7 +422,7 @@ void object_expire_at(object* obj, uint32_t when) {
     obj->expire_base = static_cast<uint32_t>(time(nullptr));
     obj->expire_arg = when;
     clear_flags(obj, OBJ_EXPIRE_MASK);
-    set_flags(obj, OBJ_EXPIRE_ABSOLUTE);
+    object_set_flags(obj, OBJ_EXPIRE_ABSOLUTE);
 }
 
 int object_persist(object* obj) {
@@ -475,8 +482,7 @@ int object_hash_set(object* obj, sstr field, sstr value) {
     hash_field* f = field_or_new(obj, field, &is_new);
     sstr_assign(&f->value, value, sstr_length(value));
     trace_field(obj, f);
-    mark_modified(f);
-    finish_change(obj);
+    finish_field_change(obj, f);
     return is_new ? 1 : 0;
 }
 
@@ -488,8 +494,7 @@ int object_hash_incr(object* obj, sstr field, int64_t* delta) {
         return 0;
     }
     trace_field(obj, f);
-    mark_modified(f);
-    finish_change(obj);
+    finish_field_change(obj, f);
     return 1;
 }
 
@@ -527,7 +532,7 @@ void object_lpush(object* obj, const char* text) {
         log_write(LOG_DEBUG, "\"%s\"(list): lpush to \"%s\"", obj->key,
                   head != nullptr ? static_cast<char*>(head->value) : "");
     }
-    set_flags(obj, OBJ_CHANGED);
+    object_set_flags(obj, OBJ_CHANGED);
     sstr_free(&evicted);
 }
 
@@ -539,7 +544,7 @@ void object_rpush(object* obj, const char* text) {
         log_write(LOG_DEBUG, "\"%s\"(list): rpush to \"%s\"", obj->key,
                   tail != nullptr ? static_cast<char*>(tail->value) : "");
     }
-    set_flags(obj, OBJ_CHANGED);
+    object_set_flags(obj, OBJ_CHANGED);
     sstr_free(&evicted);
 }
 

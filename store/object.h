@@ -62,13 +62,17 @@ enum field_flag : uint8_t {
 };
 
 struct hash_field {
-    sstr name;  /* first: the hash finds the field through it */
-    sstr value; /* null when an increment failed on a new field */
+    sstr name; /* first: the hash finds the field through it */
+    sstr value;
     uint8_t fflags;
 };
 
 inline unsigned object_type(const object* obj) {
     return obj->flags & OBJ_TYPE_MASK;
+}
+
+inline void object_set_flags(object* obj, unsigned flags) {
+    obj->flags = static_cast<uint16_t>(obj->flags | flags);
 }
 
 /* True for the object of this key. The first byte tells nearly all others apart: hooks ask on every change.
@@ -105,9 +109,6 @@ sstr object_type_name(const object* obj);
 /* Returns the bytes of a string object; a string without value reads as the empty string. Borrowed. */
 sstr object_string(const object* obj);
 
-/* The empty string that stands in for a value that is not there. Lives for ever. */
-sstr object_empty_string();
-
 /* Frees the value by its type. With `reset` the object becomes typeless and loses everything but its
  * protection; without, the record is only good for being freed. */
 void object_free_value(object* obj, bool reset);
@@ -123,7 +124,7 @@ void object_flush_list(object* obj);
 
 /* Begins a change in steps. */
 inline void object_defer(object* obj) {
-    obj->flags = static_cast<uint16_t>(obj->flags | OBJ_DEFERRED);
+    object_set_flags(obj, OBJ_DEFERRED);
 }
 
 /* --- Expiry: what a key carries; expire.h has the sweep that acts on it --- */
@@ -160,12 +161,11 @@ hash_field* object_hash_field(const object* obj, const char* field);
  * Asserts a hash or typeless object. */
 int object_hash_set(object* obj, sstr field, sstr value);
 
-/* Adds to a field, making it when absent, as object_incr does. After a failure on a new field the field
- * stays, without value. Asserts a hash. */
+/* Adds to a field, making it when absent, as object_incr does.  Asserts a hash. */
 int object_hash_incr(object* obj, sstr field, int64_t* delta);
 
 /* Dooms a field: it stays readable until the next announcement removes it. Returns 1, or 0 when the field
- * is absent or protected. Asserts a hash. */
+ * is absent or protected, by itself or with all fields of the object. Asserts a hash. */
 int object_hash_del(object* obj, const char* field);
 
 /* Sets or clears a field's protection. Returns the field or null. Asserts a hash. */

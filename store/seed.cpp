@@ -17,7 +17,7 @@ void seed_one_string(const seed_string* seed) {
     }
     sstr_assign(&obj->string, seed->value, SSTR_CSTRING);
     if (seed->protect != 0) {
-        obj->flags = static_cast<uint16_t>(obj->flags | OBJ_PROTECTED);
+        object_set_flags(obj, OBJ_PROTECTED);
     }
 }
 
@@ -37,10 +37,10 @@ void seed_one_hash(const seed_hash* seed) {
         return;
     }
     if (seed->protect != 0) {
-        obj->flags = static_cast<uint16_t>(obj->flags | OBJ_PROTECTED);
+        object_set_flags(obj, OBJ_PROTECTED);
     }
     if (seed->protect_fields != 0) {
-        obj->flags = static_cast<uint16_t>(obj->flags | OBJ_FIELDS_PROTECTED);
+        object_set_flags(obj, OBJ_FIELDS_PROTECTED);
     }
     for (const seed_field* field = seed->fields; field->name != nullptr; field++) {
         seed_one_field(obj, field);
