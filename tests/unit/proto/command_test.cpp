@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -486,4 +487,55 @@ TEST_F(Dispatch, APoppedItemIsFreedAlsoWhenTheReplyFindsNobody) {
     ASSERT_EQ(shutdown(peer.conn->fd, SHUT_WR), 0);
     EXPECT_EQ(peer.call({"rpop", "l"}), "");
     EXPECT_EQ(object_lookup("l")->list->count, 0);
+}
+
+/* --- What long requests cost and keep --- */
+
+TEST_F(Dispatch, ManyFieldsOfALongKeyCostOneLookupOfTheKey) {
+    constexpr size_t FIELDS = 20000;
+    std::string request = "*" + std::to_string(FIELDS + 2) + "\r\n$5\r\nhmget\r\n$200000\r\n" +
+                          std::string(200000, 'k') + "\r\n";
+    std::string reply = "*" + std::to_string(FIELDS) + "\r\n";
+    for (size_t i = 0; i < FIELDS; i++) {
+        request += "$1\r\nf\r\n";
+        reply += "$-1\r\n";
+    }
+    const auto start = std::chrono::steady_clock::now();
+    const std::string got = peer.deliver(request);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    EXPECT_TRUE(got == reply);
+}
+
+TEST_F(Dispatch, HdelCountsBeyond16Bits) {
+    peer.call({"hset", "h", "f", "v"});
+    constexpr size_t FIELDS = 70000;
+    std::string request = "*" + std::to_string(FIELDS + 2) + "\r\n$4\r\nhdel\r\n$1\r\nh\r\n";
+    for (size_t i = 0; i < FIELDS; i++) {
+        request += "$1\r\nf\r\n";
+    }
+    EXPECT_EQ(peer.deliver(request), ":70000\r\n");
+}
+
+TEST_F(Dispatch, MsetKeepsAllBytesOfItsKeys) {
+    const std::string key("a\0b", 3);
+    peer.call({"mset", key, "v"});
+    EXPECT_EQ(peer.call({"keys", "a"}), frame('*', {key}));
+}
+
+TEST_F(Dispatch, AKeyWithoutATypeIsThereForNobody) {
+    (void)object_get_or_create("typeless", SSTR_CSTRING, OBJ_TNONE);
+    EXPECT_EQ(peer.call({"keys", "typeless"}), "*0\r\n");
+    EXPECT_EQ(peer.call({"del", "typeless"}), ":0\r\n");
+    EXPECT_EQ(peer.call({"get", "typeless"}), "$-1\r\n");
+}
+
+TEST_F(Dispatch, ASilentCommandBehindANearlyFullBatchKeepsTheConnection) {
+    set("k", "v");
+    test_client watcher;
+    watcher.call({"observe"});
+    const std::string batched(3990, 'x');
+    ASSERT_EQ(buffer_append(&peer.conn->output, batched.data(), 3990), 3990u);
+    EXPECT_EQ(peer.call({"lpush", "k", "v"}), batched);
+    EXPECT_GE(peer.conn->fd, 0);
+    watcher.disconnect();
 }

@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <dlfcn.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <sys/mount.h>
@@ -61,6 +63,18 @@ std::string screen_text(const std::string& loads, const std::string& up, const s
     text.resize(128, '\0');
     return text;
 }
+
+/* What the unit does to the settings of its line. A pseudo-terminal knows neither parity nor sizes but eight
+ * bits, so while a test watches, the line seems to have them; and it can refuse settings, which no terminal
+ * of ours does.
+ */
+struct line_watch {
+    bool on = false;
+    int failing = 0; /* the number of the setting that fails, from 1 on */
+    std::vector<termios> set;
+};
+
+line_watch watched;
 
 /* What a text becomes on the wire. */
 std::string written(std::string_view bytes, size_t length, int expected_result) {
@@ -191,6 +205,32 @@ class Panel : public store_test {
 };
 
 } // namespace
+
+/* Defined in the program, these take precedence over the C library's. */
+
+extern "C" int tcgetattr(int fd, termios* settings) noexcept {
+    static const auto real = reinterpret_cast<int (*)(int, termios*)>(dlsym(RTLD_NEXT, "tcgetattr"));
+    const int result = real(fd, settings);
+    if (result == 0 && watched.on) {
+        settings->c_cflag &= ~static_cast<tcflag_t>(CSIZE);
+        settings->c_cflag |= CS7 | PARENB | CSTOPB;
+    }
+    return result;
+}
+
+extern "C" int tcsetattr(int fd, int when, const termios* settings) noexcept {
+    static const auto real =
+        reinterpret_cast<int (*)(int, int, const termios*)>(dlsym(RTLD_NEXT, "tcsetattr"));
+    if (watched.on) {
+        EXPECT_EQ(when, TCSANOW);
+        watched.set.push_back(*settings);
+        if (static_cast<int>(watched.set.size()) == watched.failing) {
+            errno = EIO;
+            return -1;
+        }
+    }
+    return real(fd, when, settings);
+}
 
 /* --- Rates --- */
 
@@ -721,21 +761,51 @@ TEST_F(Panel, TheLineIsSetTo9600BaudEightBitsNoParityOneStopBit) {
     });
 }
 
-TEST_F(Panel, ALineThatRunsAt9600BaudIsNotFlushedAgain) {
+TEST_F(Panel, SizeParityAndStopBitsAreSetBeforeTheSpeed) {
     in_own_devices([&] {
-        hset("sys", "pnp", "LCD");
-        set_model("KT7030-B");
-        set_raw();
+        serial_device();
+        watched.on = true;
+        EXPECT_EQ(sent_by_run().size(), 4u + 91u);
+        watched.on = false;
+        ASSERT_EQ(watched.set.size(), 2u);
+        EXPECT_EQ(watched.set[0].c_cflag & CSIZE, static_cast<tcflag_t>(CS8));
+        EXPECT_EQ(watched.set[0].c_cflag & (CSTOPB | PARENB), 0u);
+        EXPECT_EQ(watched.set[0].c_iflag & INPCK, static_cast<tcflag_t>(INPCK));
+        EXPECT_EQ(watched.set[0].c_cc[VMIN], 0);
+        EXPECT_EQ(watched.set[0].c_cc[VTIME], 150);
+        EXPECT_NE(cfgetospeed(&watched.set[0]), static_cast<speed_t>(B9600));
+        EXPECT_EQ(cfgetispeed(&watched.set[1]), static_cast<speed_t>(B9600));
+        EXPECT_EQ(cfgetospeed(&watched.set[1]), static_cast<speed_t>(B9600));
+    });
+}
+
+TEST_F(Panel, ALineThatRunsAt9600BaudIsSetOnce) {
+    in_own_devices([&] {
+        serial_device();
         termios now = settings();
         cfsetispeed(&now, B9600);
         cfsetospeed(&now, B9600);
         ASSERT_EQ(tcsetattr(line, TCSANOW, &now), 0);
-        attach("/dev/ttyS0");
+        watched.on = true;
         EXPECT_EQ(sent_by_run().size(), 4u + 91u);
-        now = settings();
-        EXPECT_EQ(cfgetospeed(&now), static_cast<speed_t>(B9600));
-        EXPECT_EQ(now.c_cc[VTIME], 150);
+        watched.on = false;
+        EXPECT_EQ(watched.set.size(), 1u);
     });
+}
+
+TEST_F(Panel, SettingsThatAreRefusedGetTheirMessageAndThePortIsUsed) {
+    const std::pair<int, const char*> failures[] = {{1, "SetupSerial 3: Input/output error\n"},
+                                                    {2, "tcsetattr fd: Input/output error\n"}};
+    for (const auto& [number, message] : failures) {
+        in_own_devices([&, number = number, message = message] {
+            serial_device();
+            watched = {true, number, {}};
+            EXPECT_EQ(errors_of_run(), message);
+            EXPECT_EQ(watched.set.size(), 2u) << "the speed is set in any case";
+            watched.on = false;
+            EXPECT_EQ(read_all(terminal).size(), 4u + 91u);
+        });
+    }
 }
 
 TEST_F(Panel, APortThatIsNoTerminalGetsItsMessageAndIsUsed) {

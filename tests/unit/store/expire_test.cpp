@@ -338,6 +338,15 @@ TEST_F(ExpirySweep, AClockThatWasSetBackRestartsTheCountOfATimeToLive) {
     EXPECT_FALSE(stands("k"));
 }
 
+TEST_F(ExpirySweep, ATimeToLiveOfZeroGoesInAScanOfTheSameSecond) {
+    object* obj = string_object("k");
+    sweep_at(START - 1);
+    test_clock::set(START);
+    object_expire(obj, 0);
+    sweep_at(START);
+    EXPECT_FALSE(stands("k"));
+}
+
 TEST_F(ExpirySweep, ARestartedCountSparesEvenATimeToLiveOfZeroForOneScan) {
     object_expire(string_object("k"), 0);
     sweep_at(START);
