@@ -36,7 +36,7 @@ void leave();
  * has been entered: outside one, the network is the machine's and its processes are none of ours. */
 std::vector<pid_t> inhabitants();
 
-/* A path in the workspace: "work/x" gives "/srv/work/x". */
+/* A path below the folder that the sandbox keeps for a test: "work/x" gives "/srv/work/x". */
 std::string workspace(const std::string& below);
 
 /* The programs under test, as they are to be started. */
