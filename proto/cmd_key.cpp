@@ -1,7 +1,7 @@
-#include <fnmatch.h>
 #include <time.h>
 
 #include "core/log.h"
+#include "core/pattern.h"
 #include "core/text.h"
 #include "proto/cmd.h"
 #include "proto/observe.h"
@@ -28,14 +28,16 @@ void cmd_observe(client* c) {
 
 /* A key that was deleted is listed as long as its record stands: only the type is looked at. */
 void cmd_keys(client* c) {
-    const char* pattern = cmd_arg(c, 0);
+    pattern wanted;
+    pattern_compile(&wanted, cmd_arg(c, 0));
     resp_add(c->reply, nullptr);
     htable_walk walk = htable_walk_start(object_keyspace());
     while (const object* obj = static_cast<object*>(htable_walk_next(&walk))) {
-        if (object_type(obj) != OBJ_TNONE && fnmatch(pattern, obj->key, 0) == 0) {
+        if (object_type(obj) != OBJ_TNONE && pattern_match(&wanted, obj->key)) {
             resp_add(c->reply, obj->key);
         }
     }
+    pattern_free(&wanted);
 }
 
 void cmd_exists(client* c) {

@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <fnmatch.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -11,6 +10,7 @@
 #include <unistd.h>
 
 #include "core/log.h"
+#include "core/pattern.h"
 #include "core/text.h"
 
 dump_history_hooks dump_history;
@@ -149,24 +149,27 @@ bool is_history_key(const char* key) {
            strncmp(dot + 1, "week", 4) == 0;
 }
 
-int dump_keys(const char* path, const char* pattern) {
+int dump_keys(const char* path, const char* keys) {
     const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0644);
     if (fd < 0) {
         const int error = errno;
         if (log_wants(LOG_INFO)) {
-            log_write(LOG_INFO, "failed to dump %s to %s: %d", pattern, path, error);
+            log_write(LOG_INFO, "failed to dump %s to %s: %d", keys, path, error);
         }
         return error;
     }
+    pattern wanted;
+    pattern_compile(&wanted, keys);
     htable_walk walk = htable_walk_start(object_keyspace());
     while (object* obj = static_cast<object*>(htable_walk_next(&walk))) {
-        if (object_type(obj) == OBJ_TSTRING && fnmatch(pattern, obj->key, 0) == 0) {
+        if (object_type(obj) == OBJ_TSTRING && pattern_match(&wanted, obj->key)) {
             dump_object(obj, fd);
         }
     }
+    pattern_free(&wanted);
     close(fd);
     if (log_wants(LOG_INFO)) {
-        log_write(LOG_INFO, "dumped %s to %s", pattern, path);
+        log_write(LOG_INFO, "dumped %s to %s", keys, path);
     }
     return 0;
 }

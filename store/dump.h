@@ -39,10 +39,10 @@ extern dump_history_hooks dump_history;
 /* True when the text behind the key's last "." begins with "day", "week" or "mon". */
 bool is_history_key(const char* key);
 
-/* Writes every string key that matches the fnmatch pattern to the file, which is created (0644) or
- * emptied. A deleted key whose record still stands is written too. Returns 0, or the error number of
- * the failed creation. */
-int dump_keys(const char* path, const char* pattern);
+/* Writes every string key that matches the pattern `keys` (core/pattern.h) to the file, which is created
+ * (0644) or emptied. A deleted key whose record still stands is written too. Returns 0, or the error number
+ * of the failed creation. */
+int dump_keys(const char* path, const char* keys);
 
 /* Writes one record, continuing short writes; gives up silently when the file takes no more. */
 void dump_write_record(int fd, const char* key, uint32_t namelen, const char* data, uint32_t datalen);

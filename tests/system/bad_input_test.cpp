@@ -757,6 +757,7 @@ TEST_F(bad_input, of_keys_with_one_hash_is_served) {
 TEST_F(bad_input, as_a_pattern_does_not_hold_up_others) {
     resp_client client;
     EXPECT_EQ(client.call({"set", repeated("a", 2000), "v"}), OK);
+    EXPECT_EQ(client.call({"set", repeated("a", 30000), "v"}), OK);
     EXPECT_EQ(client.call({"set", "[", "v"}), OK);
     EXPECT_EQ(client.call({"set", repeated("[", 500), "v"}), OK);
     const words patterns = {
@@ -773,6 +774,11 @@ TEST_F(bad_input, as_a_pattern_does_not_hold_up_others) {
         repeated("*(", 500) + "a" + repeated(")", 500),
         repeated("+(a|", 500),
         "*[" + repeated("b", 5000) + "]",
+        "*[" + repeated("b", 30000) + "]",
+        "*" + repeated("a", 15000) + "b",
+        "*" + repeated("a", 15000) + "b*",
+        "*" + repeated("?", 15000) + "b*",
+        "*" + repeated("[ab]", 7000) + "b*",
         "*[" + repeated("b-c", 2000) + "]",
         "*[" + repeated("[:digit:]", 500) + "]",
         "[[:" + repeated("b", 20000) + ":]]",

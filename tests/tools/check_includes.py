@@ -19,7 +19,7 @@ FOLDERS = ["core", "loop", "proto", "store", "stats", "tools"]
 # From the ground. A name may be a pattern.
 FLOORS = [
     ["core/fault", "core/pool", "core/text", "core/buffer"],
-    ["core/sstr"],
+    ["core/sstr", "core/pattern"],
     ["loop/loop"],
     ["loop/endpoint"],
     ["core/log"],
