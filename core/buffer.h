@@ -31,6 +31,10 @@ constexpr uint32_t BUFFER_DEFAULT_INITIAL = 1024;
 constexpr uint32_t BUFFER_DEFAULT_LIMIT = 4194304;
 constexpr uint32_t BUFFER_UNBOUNDED = UINT32_MAX;
 
+/* An empty buffer of the default sizes, for those of a whole process. */
+constexpr buffer BUFFER_EMPTY = {
+    nullptr, nullptr, 0, nullptr, 0, BUFFER_DEFAULT_INITIAL, BUFFER_DEFAULT_LIMIT};
+
 /* Makes an empty buffer; allocates nothing. 0 picks the default initial size or limit. */
 void buffer_init(buffer* b, uint32_t initial, uint32_t limit);
 

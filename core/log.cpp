@@ -55,7 +55,7 @@ struct log_state {
     bool initialised;
 };
 
-log_state state = {LOG_DEBUG, MODE_STDOUT, -1, true, true, nullptr, 0, 0, 0, {}, false};
+log_state state = {LOG_DEBUG, MODE_STDOUT, -1, true, true, nullptr, 0, 0, 0, BUFFER_EMPTY, false};
 
 bool begins_with(const char* text, const char* prefix) {
     return strncasecmp(text, prefix, strlen(prefix)) == 0;
@@ -145,7 +145,6 @@ void reopen() {
         open_named_target(target);
     }
     if (!state.initialised) {
-        buffer_init(&state.line, 0, 0);
         (void)signal(SIGPIPE, SIG_IGN);
         state.initialised = true;
     }
@@ -327,6 +326,12 @@ void log_write(uint32_t level, const char* format, ...) {
     va_start(arguments, format);
     write_message(level, format, arguments);
     va_end(arguments);
+}
+
+void log_write_buffer(uint32_t level, buffer* text) {
+    if (buffer_append(text, "", 1) == 1) {
+        log_write(level, "%s", text->data);
+    }
 }
 
 void log_assert_failed(const char* expression, const char* unit, int line) {

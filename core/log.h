@@ -2,6 +2,8 @@
 
 #include <stdint.h>
 
+#include "core/buffer.h"
+
 /* The process-wide log: lines to standard output, to a file that is used as a ring of about 31 KiB, to a
  * Unix, TCP or UDP socket, or nowhere.
  *
@@ -55,6 +57,10 @@ inline bool log_wants(uint32_t level) {
  * line feed. LOG_FATAL ends the process with exit status 255 and does not return. Opens the log first
  * if nobody has. */
 void log_write(uint32_t level, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+/* The same for bytes that stand in a buffer, up to their first NUL. Appends one; without room for it nothing
+ * is written. */
+void log_write_buffer(uint32_t level, buffer* text);
 
 /* A broken invariant of the units above the log: a fatal line with the expression, unit and line, and
  * with it the end of the process. */

@@ -9,7 +9,7 @@
 /* Buffered, non-blocking streams: every accepted client, and the pipes of child processes.
  *
  * The layer above sees callbacks and three operations: send, flush and close. None of them returns a
- * failure. A write that fails deep inside a send jumps back (longjmp) to the outermost armed operation on
+ * failure. A write that fails deep inside a send jumps back (longjmp) to the innermost armed operation on
  * this connection, which closes it with a reason. Frames between that operation and the write therefore
  * hold nothing that needs a destructor.
  *
@@ -102,8 +102,9 @@ connection* loop_add_connection(int fd, server* owner);
  * one drops the bytes. */
 void connection_send(connection* c, const void* bytes, uint32_t length);
 
-/* Returns the output buffer when a frame of at most `size` bytes is simply batched, with nothing that can
- * fail: the caller appends it there. Null otherwise; the frame then goes through connection_send. */
+/* Returns the output buffer when a frame of at most `size` bytes is simply batched: the caller appends it
+ * there, or calls connection_fail_output when the heap has no room for it. Null otherwise; the frame then
+ * goes through connection_send. */
 buffer* connection_batch(connection* c, uint32_t size);
 
 /* Writes the batched output. May close the connection. */

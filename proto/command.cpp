@@ -1,6 +1,6 @@
 #include "proto/command.h"
 
-#include <strings.h>
+#include <string.h>
 
 #include "core/buffer.h"
 #include "core/log.h"
@@ -62,12 +62,14 @@ struct command_entry {
 };
 
 htable* command_index; /* made with the first request */
-buffer trace_buffer;   /* made with the first trace */
-buffer reply_buffer;   /* one frame, composed whole before it is sent */
+
+/* Empty but for the time of their use. */
+buffer trace_buffer = BUFFER_EMPTY;
+buffer reply_buffer = BUFFER_EMPTY; /* one frame, composed whole before it is sent */
 
 void (*find_post_reply_hook(const char* name))(client*) {
     for (const post_reply_hook& row : post_reply_hooks) {
-        if (strcasecmp(row.name, name) == 0) {
+        if (strcmp(row.name, name) == 0) {
             return row.hook;
         }
     }
@@ -93,23 +95,14 @@ const command_entry* find_command(const char* upper_name) {
     return static_cast<command_entry*>(htable_get(command_index, upper_name));
 }
 
-void start_trace() {
-    if (trace_buffer.initial == 0) {
-        buffer_init(&trace_buffer, 0, 0);
-    }
-    buffer_shrink_reset(&trace_buffer);
-}
-
 /* The text ends at its first NUL, which may be one of the client's. */
 void log_trace() {
-    if (buffer_append(&trace_buffer, "", 1) == 1) {
-        log_write(LOG_DEBUG, "%s", trace_buffer.data);
-    }
+    log_write_buffer(LOG_DEBUG, &trace_buffer);
+    buffer_shrink_reset(&trace_buffer);
 }
 
 void trace_request(const client* c) {
     const request* r = c->request;
-    start_trace();
     buffer_printf(&trace_buffer, "Received from client(\"%s\"):\n %s(", c->name, r->name);
     for (uint32_t i = 0; i < r->argc; i++) {
         if (i > 0) {
@@ -122,7 +115,6 @@ void trace_request(const client* c) {
 }
 
 void trace_reply(const client* c) {
-    start_trace();
     buffer_printf(&trace_buffer, "Replied to client(\"%s\"): \n", c->name);
     resp_write(c->reply, &trace_buffer);
     log_trace();
@@ -161,11 +153,10 @@ void send_reply(client* c) {
     }
     buffer* batch = connection_batch(c->conn, resp_size_bound(c->reply));
     if (batch != nullptr) {
-        resp_write(c->reply, batch);
+        if (resp_write(c->reply, batch) == 0) {
+            connection_fail_output(c->conn);
+        }
         return;
-    }
-    if (reply_buffer.initial == 0) {
-        buffer_init(&reply_buffer, 0, 0);
     }
     if (resp_write(c->reply, &reply_buffer) != 0) {
         connection_send(c->conn, reply_buffer.data, reply_buffer.length);

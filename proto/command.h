@@ -36,7 +36,7 @@ constexpr unsigned COMMANDS = 49;
 /* All commands, in the order in which they are documented. */
 extern const command command_table[COMMANDS];
 
-/* True when a command with this rule takes `argc` arguments. */
+/* True when a command with this rule takes `argc` arguments. A rule that is not named above takes any. */
 bool command_accepts(uint32_t arg_rule, uint32_t argc);
 
 /* The server's data callback: serves one request and empties the input. */

@@ -9,20 +9,18 @@ client* observers;
 namespace {
 
 /* One frame, composed once and copied to every observer. */
-buffer notify_buffer;
+buffer notify_buffer = BUFFER_EMPTY;
 
-bool compose(const resp* event) {
-    if (notify_buffer.initial == 0) {
-        buffer_init(&notify_buffer, 0, 0);
+void send_frame() {
+    for (client* c = observers; c != nullptr; c = c->observe_next) {
+        if (c != current_client) {
+            connection_send(c->conn, notify_buffer.data, notify_buffer.length);
+            connection_flush(c->conn);
+        }
     }
-    buffer_shrink_reset(&notify_buffer);
-    return resp_write_notify(event, &notify_buffer) != 0;
-}
-
-void trace_frame() {
-    log_write(LOG_DEBUG, "notified clients with: ");
-    if (buffer_append(&notify_buffer, "", 1) == 1) {
-        log_write(LOG_DEBUG, "%s", notify_buffer.data);
+    if (log_wants(LOG_DEBUG)) {
+        log_write(LOG_DEBUG, "notified clients with: ");
+        log_write_buffer(LOG_DEBUG, &notify_buffer);
     }
 }
 
@@ -62,16 +60,11 @@ void observers_remove(client* c) {
 }
 
 void notify_observers(const resp* event) {
-    if (observers == nullptr || !compose(event)) {
+    if (observers == nullptr) {
         return;
     }
-    for (client* c = observers; c != nullptr; c = c->observe_next) {
-        if (c != current_client) {
-            connection_send(c->conn, notify_buffer.data, notify_buffer.length);
-            connection_flush(c->conn);
-        }
+    if (resp_write_notify(event, &notify_buffer) != 0) {
+        send_frame();
     }
-    if (log_wants(LOG_DEBUG)) {
-        trace_frame();
-    }
+    buffer_shrink_reset(&notify_buffer);
 }
