@@ -41,11 +41,9 @@ int give_up(int* fd) {
 }
 
 int connect_ipv4(const char* host, int port, int type, int* fd) {
-    endpoint_address address = {};
-    address.ipv4.sin_family = AF_INET;
-    address.ipv4.sin_port = htons(static_cast<uint16_t>(port));
+    endpoint_address address;
     *fd = -1;
-    if (inet_pton(AF_INET, resolve_localhost(host), &address.ipv4.sin_addr) != 1) {
+    if (endpoint_parse(resolve_localhost(host), port, &address) == 0 || address.any.sa_family != AF_INET) {
         return EINVAL;
     }
     *fd = socket(AF_INET, type, 0);
@@ -171,8 +169,8 @@ int endpoint_listen_datagram(const char* text, int port) {
 int endpoint_connect_local(const char* path, int* fd) {
     endpoint_address address = {};
     copy_path(&address.local, path, sizeof address.local.sun_path);
-    *fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (*fd >= 0 && connect(*fd, &address.any, sizeof address.local) == 0) {
+    *fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (*fd >= 0 && connect(*fd, &address.any, sizeof address.local) == 0 && fcntl(*fd, F_SETFL, 0) == 0) {
         return 0;
     }
     return give_up(fd);

@@ -18,7 +18,8 @@ union endpoint_address {
     sockaddr_in6 ipv6;
 };
 
-/* The longest Unix path that is bound; a longer one is cut here. */
+/* The longest Unix path that is bound; a longer one is cut here. Connecting takes all 108 bytes of the field.
+ */
 constexpr unsigned ENDPOINT_MAX_PATH = 107;
 
 /* Room for an address as text, NUL included: any path or IPv6 address. */
@@ -50,7 +51,8 @@ int endpoint_listen_local(const char* path);
 int endpoint_listen_datagram(const char* text, int port);
 
 /* Outgoing connections. Return 0 or an error number; `*fd` is -1 on failure. `localhost` in any case means
- * 127.0.0.1; TCP and UDP take IPv4 only. With `non_blocking`, EINPROGRESS is returned with a valid
+ * 127.0.0.1; TCP and UDP take IPv4 only. A Unix listener whose queue is full is not waited for (EAGAIN), so
+ * that one that never accepts cannot stop the daemon; the descriptor blocks as usual. With `non_blocking`, EINPROGRESS is returned with a valid
  * descriptor, and the caller waits for it to become writable. */
 int endpoint_connect_local(const char* path, int* fd);
 int endpoint_connect_tcp(const char* host, int port, bool non_blocking, int* fd);
@@ -62,7 +64,8 @@ typedef void (*endpoint_connected)(int fd, int error, void* argument);
 /* Connects a stream without blocking; address texts as for endpoint_parse, and "localhost". Returns 1 when
  * the address parsed, and the callback is then called exactly once, perhaps before this returns; 0 otherwise,
  * with no call. A connection that fails after it was begun is reported as EHOSTUNREACH, whatever the kernel
- * says: a readable event is taken for the failure and the cause is not asked for. */
+ * says: a readable event is taken for the failure and the cause is not asked for. A socket whose descriptor
+ * is not below the loop's limit is reported as EMFILE. */
 int endpoint_connect_async(const char* text, int port, endpoint_connected callback, void* argument);
 
 /* Add a descriptor flag. Return the result of fcntl, negative on failure. */
