@@ -53,17 +53,26 @@ void clear_ring(const history_series* s, object* obj) {
     text_put_be32(obj->string + AT_SLOTS, s->slots);
 }
 
-/* Pushes `count` zero samples. More than a ring's worth of them only turns the ring, so the cost is bounded
- * by its length. */
+/* Clears `count` samples, those that the value really has. */
+void clear_samples(const history_series* s, sstr value, uint32_t first, uint32_t count) {
+    const uint32_t room = (sstr_length(value) - HISTORY_HEADER) / s->sample_size;
+    if (first < room) {
+        const uint32_t there = room - first;
+        memset(value + HISTORY_HEADER + size_t{first} * s->sample_size, 0,
+               size_t{count < there ? count : there} * s->sample_size);
+    }
+}
+
+/* Has the effect of pushing `count` zero samples. More than a ring's worth of them only turns the ring. */
 void pad(history_series* s, sstr value, uint32_t count) {
-    static const char zero_sample[HISTORY_MAX_SAMPLE] = {};
-    if (count > s->slots) {
-        s->head = static_cast<uint32_t>((uint64_t{s->head} + count - s->slots) % s->slots);
-        count = s->slots;
-    }
-    for (; count > 0; count--) {
-        history_push(s, value, zero_sample);
-    }
+    const uint32_t cleared = count < s->slots ? count : s->slots;
+    const uint32_t before_turn = cleared < s->slots - s->head ? cleared : s->slots - s->head;
+    clear_samples(s, value, s->head, before_turn);
+    clear_samples(s, value, 0, cleared - before_turn);
+    s->filled = cleared < s->slots - s->filled ? s->filled + cleared : s->slots;
+    s->head = static_cast<uint32_t>((uint64_t{s->head} + count) % s->slots);
+    text_put_be32(value + AT_FILLED, s->filled);
+    text_put_be32(value + AT_HEAD, s->head);
 }
 
 } // namespace
@@ -87,6 +96,10 @@ void history_init_set(history_series (&set)[HISTORY_SPANS], const char* base_nam
     for (unsigned i = 0; i < HISTORY_SPANS; i++) {
         history_init(&set[i], base_name, &history_standard_spans[i], sample_size);
     }
+}
+
+void history_free(history_series* s) {
+    sstr_free(&s->name);
 }
 
 int history_tick(history_series* s, const void* sample) {

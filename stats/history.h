@@ -26,9 +26,6 @@
 
 constexpr uint32_t HISTORY_HEADER = 20;
 
-/* The largest sample, in bytes. */
-constexpr uint32_t HISTORY_MAX_SAMPLE = 200;
-
 struct history_span {
     const char* name;
     uint32_t period; /* ticks for each sample */
@@ -44,7 +41,7 @@ constexpr unsigned HISTORY_PING_SPANS = 3;
 extern const history_span history_ping_spans[HISTORY_PING_SPANS];
 
 struct history_series {
-    sstr name; /* the key: base name, ".", span name */
+    sstr name; /* the key: base name, ".", span name; owned */
     uint32_t period;
     uint32_t ticks; /* since the last sample */
     uint32_t slots;
@@ -54,17 +51,22 @@ struct history_series {
 };
 
 /* Makes the series and its key. A value of the right length is cleared, any other is replaced by a cleared
- * one. When the key holds another type, the series counts without storing. */
+ * one. When the key holds another type, the series counts without storing. The key's object points to
+ * the record from then on, which must stay where it is as long as the keyspace lives. */
 void history_init(history_series* s, const char* base_name, const history_span* span, uint32_t sample_size);
 
 /* The same for the five standard spans. */
 void history_init_set(history_series (&set)[HISTORY_SPANS], const char* base_name, uint32_t sample_size);
 
+/* Frees what the series owns, after its keyspace. The record itself is the caller's. */
+void history_free(history_series* s);
+
 /* Counts a tick. Returns 1 when it took `sample` (sample_size bytes), also when there was nowhere to store
  * it: the collector then starts a new accumulation. Else 0. */
 int history_tick(history_series* s, const void* sample);
 
-/* Writes one sample into the ring that `value` holds. */
+/* Writes one sample into the ring that `value` holds, which must have the header's bytes at least. A sample
+ * behind the end of a short value is counted and not written. */
 void history_push(history_series* s, sstr value, const void* sample);
 
 /* Empties the ring: only the counts restart, samples and time stamp stay. */

@@ -218,7 +218,7 @@ void netdev_reset() {
     while (state.ifaces != nullptr) {
         iface_stat* next = state.ifaces->next;
         for (history_series& series : state.ifaces->history) {
-            sstr_free(&series.name);
+            history_free(&series);
         }
         free(state.ifaces);
         state.ifaces = next;

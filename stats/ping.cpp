@@ -56,7 +56,8 @@ bool parse_report(const char* text, uint32_t* id, ping_figures* f) {
         return false;
     }
     *id = static_cast<uint32_t>(n[0]);
-    *f = {stat_reading(n[1]), stat_reading(n[2]), stat_reading(n[3]), stat_reading(n[4]), stat_reading(n[5])};
+    *f = {stat_signed_reading(n[1]), stat_signed_reading(n[2]), stat_signed_reading(n[3]),
+          stat_signed_reading(n[4]), stat_signed_reading(n[5])};
     return true;
 }
 
@@ -179,7 +180,7 @@ void forget_targets() {
     for (ping_stat*& target : targets) {
         if (target != nullptr) {
             for (history_series& series : target->history) {
-                sstr_free(&series.name);
+                history_free(&series);
             }
             pool_delete(target);
             target = nullptr;

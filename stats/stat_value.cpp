@@ -87,7 +87,7 @@ uint32_t stat_unsigned_reading(unsigned long long value) {
     return value > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(value);
 }
 
-uint32_t stat_reading(long long value) {
+uint32_t stat_signed_reading(long long value) {
     if (value > INT32_MAX) {
         return INT32_MAX;
     }

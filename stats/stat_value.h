@@ -29,7 +29,7 @@ void stat_command_run(const char* command);
 
 /* A reading of scanf's "%lld" as the device's "%d" stores it: saturated at 32 bits, a negative one as
  * unsigned. */
-uint32_t stat_reading(long long value);
+uint32_t stat_signed_reading(long long value);
 
 /* A reading of scanf's "%llu", saturated at 32 bits. */
 uint32_t stat_unsigned_reading(unsigned long long value);

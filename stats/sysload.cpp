@@ -28,9 +28,7 @@ struct counted {
 struct sysload_state {
     uint64_t cpu_total; /* sum of the seven counters at the last good read, 0 before the first */
     uint64_t cpu_idle;
-    uint8_t cpu_load; /* smoothed, percent */
-    uint8_t cpu_maximum[HISTORY_SPANS];
-    history_series cpu_history[HISTORY_SPANS];
+    counted cpu_load;  /* smoothed, percent */
     uint32_t mem_load; /* percent */
     counted hosts;
     uint32_t hosts_max; /* as the host tool reports it */
@@ -52,23 +50,10 @@ void update_cpu_load(uint64_t total, uint64_t idle) {
         return;
     }
     const uint64_t idle_percent = percent_of(didle < dtotal ? didle : dtotal, dtotal);
-    const uint8_t load = static_cast<uint8_t>(100 - idle_percent);
-    state.cpu_load = static_cast<uint8_t>((load + state.cpu_load) >> 1);
+    state.cpu_load.value = (static_cast<uint32_t>(100 - idle_percent) + state.cpu_load.value) >> 1;
 }
 
 /* Always maxima, whatever the interface histories keep. */
-void feed_cpu_history() {
-    for (unsigned i = 0; i < HISTORY_SPANS; i++) {
-        uint8_t* maximum = &state.cpu_maximum[i];
-        if (*maximum < state.cpu_load) {
-            *maximum = state.cpu_load;
-        }
-        if (history_tick(&state.cpu_history[i], maximum) == 1) {
-            *maximum = 0;
-        }
-    }
-}
-
 void feed_history(counted* figure) {
     for (unsigned i = 0; i < HISTORY_SPANS; i++) {
         uint32_t* maximum = &figure->maximum[i];
@@ -77,9 +62,17 @@ void feed_history(counted* figure) {
         }
         char sample[4];
         text_put_be32(sample, *maximum);
-        if (history_tick(&figure->history[i], sample) == 1) {
+        /* The load's samples are single bytes. */
+        const char* low_bytes = sample + sizeof sample - figure->history[i].sample_size;
+        if (history_tick(&figure->history[i], low_bytes) == 1) {
             *maximum = 0;
         }
+    }
+}
+
+void forget_figure(counted* figure) {
+    for (history_series& series : figure->history) {
+        history_free(&series);
     }
 }
 
@@ -125,7 +118,7 @@ void conn_poll() {
 
 } // namespace
 
-uint8_t cpu_update(const char* line) {
+uint32_t cpu_update(const char* line) {
     unsigned long long n[7];
     if (strncmp(line, "cpu  ", 5) == 0 && sscanf(line + 5, "%llu %llu %llu %llu %llu %llu %llu", &n[0], &n[1],
                                                  &n[2], &n[3], &n[4], &n[5], &n[6]) == 7) {
@@ -137,7 +130,7 @@ uint8_t cpu_update(const char* line) {
         state.cpu_total = total;
         state.cpu_idle = idle;
     }
-    return state.cpu_load;
+    return state.cpu_load.value;
 }
 
 /* The first lines look like
@@ -149,13 +142,12 @@ void cpu_poll() {
     if (file == nullptr) {
         return;
     }
-    char line[CPU_LINE_SIZE];
-    if (fgets(line, sizeof line, file) != nullptr) {
-        cpu_update(line);
-    }
+    char line[CPU_LINE_SIZE] = "";
+    (void)!fgets(line, sizeof line, file);
     fclose(file);
-    feed_cpu_history();
-    stat_set_number("cpu.load", state.cpu_load);
+    const uint32_t load = cpu_update(line);
+    feed_history(&state.cpu_load);
+    stat_set_number("cpu.load", load);
 }
 
 /* The file begins with
@@ -185,9 +177,9 @@ void host_update(const char* output) {
     long long reading = 0;
     int end = 0;
     if (sscanf(output, "Online hosts: %lld\n%n", &reading, &end) == 1) {
-        state.hosts.value = stat_reading(reading);
+        state.hosts.value = stat_signed_reading(reading);
         if (sscanf(output + end, "Max Online hosts: %lld", &reading) == 1) {
-            state.hosts_max = stat_reading(reading);
+            state.hosts_max = stat_signed_reading(reading);
         }
     }
 }
@@ -197,7 +189,7 @@ void conn_update(const char* output) {
     if (sscanf(output, "%lld", &reading) != 1) {
         reading = 0;
     }
-    state.connections.value = stat_reading(reading);
+    state.connections.value = stat_signed_reading(reading);
 }
 
 void host_publish() {
@@ -222,8 +214,11 @@ int stats_ontimer(void*) {
 }
 
 void module_stats_start() {
+    forget_figure(&state.cpu_load);
+    forget_figure(&state.hosts);
+    forget_figure(&state.connections);
     state = {};
-    history_init_set(state.cpu_history, "cpu", 1);
+    history_init_set(state.cpu_load.history, "cpu", 1);
     history_init_set(state.hosts.history, "host", 4);
     history_init_set(state.connections.history, "conn", 4);
     loop_add_timer(TICK_MS, stats_ontimer, nullptr);

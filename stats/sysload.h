@@ -13,7 +13,7 @@
  * The outside commands run on the loop's thread, which waits for them. */
 
 /* Makes the histories "cpu" (1 byte: percent), "host" and "conn" (4 bytes, big-endian), adds the timer and
- * lets clients choose the interface algorithm. */
+ * lets clients choose the interface algorithm. Figures of an earlier start are forgotten. */
 void module_stats_start();
 
 /* The timer's callback, all collectors in order. Returns 0. */
@@ -26,7 +26,7 @@ void cpu_poll();
 
 /* Takes the first line of /proc/stat in. Returns the smoothed load in percent. A line without two blanks
  * behind "cpu" or with fewer than seven numbers changes nothing. */
-uint8_t cpu_update(const char* line);
+uint32_t cpu_update(const char* line);
 
 /* Takes /proc/meminfo in, which is read by position. Returns the load in percent. */
 uint32_t mem_update(FILE* file);

@@ -25,7 +25,7 @@ namespace {
 constexpr uint32_t NOW = 1700000000;
 
 /* Bytes per sample: processor; hosts and connections; interfaces; ping; the most that there may be. */
-const std::vector<uint32_t> sample_sizes = {1, 4, 16, 20, HISTORY_MAX_SAMPLE};
+const std::vector<uint32_t> sample_sizes = {1, 4, 16, 20, 200};
 
 std::string be32(uint32_t value) {
     return {static_cast<char>(value >> 24), static_cast<char>(value >> 16), static_cast<char>(value >> 8),
@@ -106,7 +106,7 @@ class Histories : public store_test {
     ~Histories() override {
         history_start();
         for (history_series& s : made) {
-            sstr_free(&s.name);
+            history_free(&s);
         }
         unlink(path.c_str());
     }
@@ -248,7 +248,7 @@ TEST_F(Histories, ASetHasOneSeriesForEveryStandardSpan) {
         EXPECT_EQ(object_lookup(names[i])->aux, &set[i]);
         EXPECT_EQ(value_of(set[i]).substr(4, 4), be32(history_standard_spans[i].period));
         EXPECT_EQ(value_of(set[i]).substr(8, 4), be32(history_standard_spans[i].slots));
-        sstr_free(&set[i].name);
+        history_free(&set[i]);
     }
 }
 
@@ -716,13 +716,13 @@ TEST_F(Histories, DecadesOldRecordsEqualPushingEachMissedSample) {
 TEST_F(Histories, TheLongestGapTakesNoLongerThanTheRing) {
     /* 2^31 - 1 samples of a period of one second; one by one they would take minutes. */
     const test_clock::frozen clock(0x7FFFFFFF);
-    history_series& s = series("x", {"day", 1, 600}, HISTORY_MAX_SAMPLE);
+    history_series& s = series("x", {"day", 1, 600}, 200);
     for (int i = 0; i < 100; i++) {
         load(s, model_of(s, 7, 0).record());
         EXPECT_EQ(s.filled, 600u);
         EXPECT_EQ(s.head, (7 + 2147483647u) % 600);
     }
-    EXPECT_EQ(value_of(s).substr(20), std::string(size_t{600} * HISTORY_MAX_SAMPLE, '\0'));
+    EXPECT_EQ(value_of(s).substr(20), std::string(size_t{600} * 200, '\0'));
 }
 
 TEST_F(Histories, CountsThatDoNotFitTheRingAreIgnoredWithTheirRecord) {
@@ -876,7 +876,7 @@ TEST_F(Histories, AFileBringsDayWeekAndMonthBackWithTheGapPadded) {
     for (history_series& s : set) {
         take_samples(s, 0, 11);
         models.push_back(model_of(s, 11, NOW));
-        sstr_free(&s.name);
+        history_free(&s);
     }
     ASSERT_EQ(dump_keys(path.c_str(), "*"), 0);
 
@@ -909,7 +909,7 @@ TEST_F(Histories, AFileBringsDayWeekAndMonthBackWithTheGapPadded) {
     models[0].time = NOW + 10000;
     expect_value(value_of(set[0]), models[0].value(), "10m written on");
     for (history_series& s : set) {
-        sstr_free(&s.name);
+        history_free(&s);
     }
 }
 

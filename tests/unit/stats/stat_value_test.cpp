@@ -136,15 +136,15 @@ TEST_F(StatValues, AFieldTakesA32BitNumber) {
 /* --- What scanf read --- */
 
 TEST(StatReadings, SaturateAt32BitsAndStoreNegativeOnesAsUnsigned) {
-    EXPECT_EQ(stat_reading(0), 0u);
-    EXPECT_EQ(stat_reading(5), 5u);
-    EXPECT_EQ(stat_reading(2147483647), 2147483647u);
-    EXPECT_EQ(stat_reading(2147483648), 2147483647u);
-    EXPECT_EQ(stat_reading(INT64_MAX), 2147483647u);
-    EXPECT_EQ(stat_reading(-1), 4294967295u);
-    EXPECT_EQ(stat_reading(INT64_C(-2147483648)), 2147483648u);
-    EXPECT_EQ(stat_reading(INT64_C(-2147483649)), 2147483648u);
-    EXPECT_EQ(stat_reading(INT64_MIN), 2147483648u);
+    EXPECT_EQ(stat_signed_reading(0), 0u);
+    EXPECT_EQ(stat_signed_reading(5), 5u);
+    EXPECT_EQ(stat_signed_reading(2147483647), 2147483647u);
+    EXPECT_EQ(stat_signed_reading(2147483648), 2147483647u);
+    EXPECT_EQ(stat_signed_reading(INT64_MAX), 2147483647u);
+    EXPECT_EQ(stat_signed_reading(-1), 4294967295u);
+    EXPECT_EQ(stat_signed_reading(INT64_C(-2147483648)), 2147483648u);
+    EXPECT_EQ(stat_signed_reading(INT64_C(-2147483649)), 2147483648u);
+    EXPECT_EQ(stat_signed_reading(INT64_MIN), 2147483648u);
 }
 
 /* --- Outside commands --- */

@@ -64,7 +64,7 @@ class Sysload : public store_test {
         while (const object* obj = static_cast<object*>(htable_walk_next(&walk))) {
             if (obj->aux != nullptr &&
                 iface_find(std::string(obj->key, strcspn(obj->key, ".")).c_str()) == nullptr) {
-                sstr_free(&obj->aux->name);
+                history_free(obj->aux);
             }
         }
         object_reset();
