@@ -1,5 +1,7 @@
 #include "core/fault.h"
 
+/* The handler is declared only where assertions are. */
+#undef NDEBUG
 #include <assert.h>
 #include <stdlib.h>
 #include <unistd.h>

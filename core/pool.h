@@ -83,6 +83,7 @@ inline void pool_free(void* block, size_t size) {
 
 /* The same for one record, zeroed. */
 template <typename Record> Record* pool_new() {
+    static_assert(alignof(Record) <= sizeof(void*), "a block is aligned to a pointer: see pool_int64");
     Record* record = static_cast<Record*>(pool_alloc(sizeof(Record)));
     *record = {};
     return record;

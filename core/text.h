@@ -6,7 +6,7 @@
 /* Plain C-string helpers: formatting into a shared buffer, numbers to text and back, splitting, trimming
  * and taking lines out of a byte view. Nothing here is locked: the process has one thread. */
 
-/* Formats into one process-wide scratch buffer (256 bytes at first, growing by 256 as needed) and returns
+/* Formats into one process-wide scratch buffer (256 bytes at first, always a multiple of 256) and returns
  * it, or null when the result is empty or the format is invalid. The text is valid until the next
  * call; callers copy it. */
 const char* str_format(const char* format, ...) __attribute__((format(printf, 1, 2)));

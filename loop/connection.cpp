@@ -22,18 +22,24 @@ void close_with_reason(connection* c, int reason);
     longjmp(*c->jump, reason);
 }
 
-/* Runs `operation` with a jump target of its own. A failure raised inside lands here and closes the
- * connection; the target of the operation around it is current again afterwards. */
-template <typename Operation> void run_armed(connection* c, Operation operation) {
+/* Runs `operation` with a jump target of its own, where a failure raised inside lands; the target of the
+ * operation around it is current again afterwards. Returns the failure's reason, or 0. */
+template <typename Operation> int catch_failure(connection* c, Operation operation) {
     jmp_buf* const outer = c->jump;
     jmp_buf here;
     c->jump = &here;
     const int reason = setjmp(here);
     if (reason == 0) {
         operation();
-        c->jump = outer;
-    } else {
-        c->jump = outer;
+    }
+    c->jump = outer;
+    return reason;
+}
+
+/* The same, and a failure closes the connection. */
+template <typename Operation> void run_armed(connection* c, Operation operation) {
+    const int reason = catch_failure(c, operation);
+    if (reason != 0) {
         close_with_reason(c, reason);
     }
 }
@@ -233,22 +239,9 @@ void destroy(loop_closing* closing) {
     pool_delete(c);
 }
 
-/* The jump of a flush that fails here replaces the reason. */
-int flush_before_close(connection* c) {
-    jmp_buf* const outer = c->jump;
-    jmp_buf here;
-    c->jump = &here;
-    const int reason = setjmp(here);
-    if (reason == 0) {
-        flush_output(c);
-    }
-    c->jump = outer;
-    return reason;
-}
-
 void close_with_reason(connection* c, int reason) {
     if (reason == CONNECTION_CLOSED && c->output.length > 0) {
-        reason = flush_before_close(c);
+        reason = catch_failure(c, [=] { flush_output(c); });
     }
     if (c->fd >= 0) {
         loop_remove_handler(c->fd);

@@ -15,9 +15,12 @@ void on_readable(int fd, unsigned mask, void* argument) {
     }
     const int waiting = endpoint_bytes_readable(fd);
     if (waiting == 0) {
-        /* An empty datagram is no request, but left in the queue it would hide those behind it. */
+        /* An empty datagram is no request, but left in the queue it would hide those behind it. Looked at
+         * first, since a full one may have come meanwhile. */
         char byte;
-        (void)recv(fd, &byte, sizeof byte, MSG_DONTWAIT);
+        if (recv(fd, &byte, sizeof byte, MSG_DONTWAIT | MSG_PEEK | MSG_TRUNC) == 0) {
+            (void)recv(fd, &byte, sizeof byte, MSG_DONTWAIT);
+        }
     }
     if (waiting < 1) {
         return;

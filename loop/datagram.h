@@ -9,8 +9,9 @@
 
 struct datagram_server;
 
-/* `request` holds the datagram; what the callback leaves in `reply` is sent back, nothing when it is
- * empty. Both buffers belong to the loop and are emptied afterwards. */
+/* `request` holds the datagram, which is never empty: empty ones are dropped. What the callback leaves in
+ * `reply` is sent back, nothing when it is empty. Both buffers belong to the loop and are emptied afterwards.
+ * The callback may release the server. */
 typedef void (*datagram_callback)(datagram_server* s, buffer* request, buffer* reply);
 
 struct datagram_server {
@@ -18,7 +19,8 @@ struct datagram_server {
     datagram_callback callback;
 };
 
-/* Listens on an address (see endpoint_parse) and port. Returns the server or null. */
+/* Listens on an address (see endpoint_parse) and port. Returns the server, or null when that fails or its
+ * descriptor is not below the loop's limit. */
 datagram_server* datagram_open(const char* address, int port, datagram_callback callback);
 
 /* Stops listening and frees the server. */

@@ -76,14 +76,14 @@ int loop_init(int limit, int selector);
 /* The descriptor limit given to loop_init. */
 int loop_maxfd();
 
-/* True when the slot of `fd` has a handler. */
+/* True when the slot of `fd` has a handler. `fd` must be a descriptor below the limit. */
 bool loop_has_handler(int fd);
 
 /* Current time as read at the top of the pass and again before the timer scan. */
 const timeval* loop_now();
 
 /* Registers the handler of a descriptor and watches for `mask`. A handler that was there is replaced.
- * Aborts when `fd` is not below the limit. */
+ * `fd` must not be negative. Aborts when it is not below the limit. */
 void loop_add_handler(int fd, unsigned mask, loop_handler handler, void* argument);
 
 /* Watches for the bits of `add` too, then no longer for those of `remove`. A descriptor out of range is
@@ -108,7 +108,8 @@ void loop_del_timer_match(loop_timer_callback callback, const void* argument);
  * queued once. */
 void loop_destroy_later(loop_closing* closing);
 
-/* Ends loop_run: no further handler of the batch is called and timers are not scanned. */
+/* Ends loop_run. From a handler: no further handler of the batch is called and timers are not scanned. From
+ * a timer's callback: the scan runs to its end. What was closed is destroyed in both cases. */
 void loop_stop();
 
 /* Runs until the loop is stopped. Returns the stop flag's value (not 0). */

@@ -31,5 +31,6 @@ void client_rename(client* c, const char* name, uint32_t length);
 /* Frees the request and the reply of a client, if there are any. */
 void client_end_request(client* c);
 
-/* Frees a client with all that it holds. It must be off the observers, and its connection forget it. */
+/* Frees a client with all that it holds. The caller has taken it off the observers (observers_remove) and
+ * sets its connection's user_data to null. */
 void client_free(client* c);

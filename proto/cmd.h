@@ -4,69 +4,70 @@
 #include "store/object.h"
 
 /* The command handlers, by family. Each reads the client's request, whose argument count has passed its
- * rule, and fills the client's reply; the protocol's manual says what they answer. */
+ * rule, and fills the client's reply. What a command answers stands beside it: OK, :n an integer, bulk a
+ * string, nil, [...] a multibulk, error "-ERR" alone. */
 
 /* cmd_key.cpp: the connection and the keyspace */
-void cmd_hello(client* c);
-void cmd_ping(client* c);
-void cmd_observe(client* c);
-void cmd_keys(client* c);
-void cmd_exists(client* c);
-void cmd_expire(client* c);
-void cmd_persist(client* c);
-void cmd_del(client* c);
-void cmd_expireat(client* c);
-void cmd_ttl(client* c);
-void cmd_type(client* c);
+void cmd_hello(client* c);    /* [name]: renames the client for the log; OK */
+void cmd_ping(client* c);     /* OK */
+void cmd_observe(client* c);  /* announces changes to this client from now on; OK */
+void cmd_keys(client* c);     /* pattern: [the keys that match it] (core/pattern.h), deleted ones included */
+void cmd_exists(client* c);   /* key: :1 or :0 */
+void cmd_expire(client* c);   /* key seconds: :1; no key or no number :0 */
+void cmd_persist(client* c);  /* key: :1 when an expiry was removed, else :0 */
+void cmd_del(client* c);      /* key...: :number deleted; protected keys stay */
+void cmd_expireat(client* c); /* key time: as expire */
+void cmd_ttl(client* c);      /* key: :seconds left; :-1 without an expiry, :-2 without the key */
+void cmd_type(client* c);     /* key: bulk none, string, list or hash */
 
 /* cmd_dump.cpp */
-void cmd_dump(client* c);
-void cmd_load(client* c);
+void cmd_dump(client* c); /* path pattern: :0 or :errno */
+void cmd_load(client* c); /* path: :0 or :errno */
 
-/* cmd_string.cpp */
-void cmd_append(client* c);
-void cmd_incr(client* c);
-void cmd_decr(client* c);
-void cmd_decrby(client* c);
-void cmd_incrby(client* c);
-void cmd_get(client* c);
-void cmd_set(client* c);
-void cmd_getset(client* c);
-void cmd_strlen(client* c);
-void cmd_setex(client* c);
-void cmd_setnx(client* c);
-void cmd_mget(client* c);
-void cmd_mset(client* c);
-void cmd_msetnx(client* c);
+/* cmd_string.cpp. An absent key is made a string; one of another type is an error. */
+void cmd_append(client* c); /* key text: :new length */
+void cmd_incr(client* c);   /* key: :sum; no number in it: error */
+void cmd_decr(client* c);   /* key: as incr */
+void cmd_decrby(client* c); /* key n: as incrby */
+void cmd_incrby(client* c); /* key n: :sum; n in any base of C; no number: error */
+void cmd_get(client* c);    /* key: bulk or nil */
+void cmd_set(client* c);    /* key value: OK, whatever type the key had */
+void cmd_getset(client* c); /* key value: bulk of the old value or nil; a missing key stays missing */
+void cmd_strlen(client* c); /* key: :length, :0 without the key */
+void cmd_setex(client* c);  /* key seconds value: OK; no number: error */
+void cmd_setnx(client* c);  /* key value: :1, or :0 when the key exists */
+void cmd_mget(client* c);   /* key...: [bulk or nil for each]; another type: nil */
+void cmd_mset(client* c);   /* key value...: OK, whatever types the keys had */
+void cmd_msetnx(client* c); /* key value...: :1, or :0 when one of the keys exists */
 
 /* The hook of "getset", run after the old value was written: assigns the new one. */
 void cmd_getset_assign(client* c);
 
-/* cmd_hash.cpp */
-void cmd_hlen(client* c);
-void cmd_hexists(client* c);
-void cmd_hkeys(client* c);
-void cmd_hvals(client* c);
-void cmd_hgetall(client* c);
-void cmd_hget(client* c);
-void cmd_hmget(client* c);
-void cmd_hset(client* c);
-void cmd_hsetnx(client* c);
-void cmd_hincrby(client* c);
-void cmd_hmset(client* c);
-void cmd_hdel(client* c);
+/* cmd_hash.cpp. What only reads or deletes takes a key of another type for a missing one. */
+void cmd_hlen(client* c);    /* key: :fields */
+void cmd_hexists(client* c); /* key field: :1 or :0 */
+void cmd_hkeys(client* c);   /* key: [fields] in table order */
+void cmd_hvals(client* c);   /* key: [values] in the same order */
+void cmd_hgetall(client* c); /* key: [field value...] in the same order */
+void cmd_hget(client* c);    /* key field: bulk or nil */
+void cmd_hmget(client* c);   /* key field...: [bulk or nil for each] */
+void cmd_hset(client* c);    /* key field value: :1 when the field was new, else :0; another type: error */
+void cmd_hsetnx(client* c);  /* key field value: :1, or :0 when the field exists; another type: error */
+void cmd_hincrby(client* c); /* key field n: :sum; another type, or no number in the field: error */
+void cmd_hmset(client* c);   /* key field value...: OK, announced as one change; another type: error */
+void cmd_hdel(client* c);    /* key field...: :number deleted; protected fields stay */
 
 /* cmd_list.cpp */
-void cmd_lpush(client* c);
-void cmd_lpushx(client* c);
-void cmd_lpop(client* c);
-void cmd_rpush(client* c);
-void cmd_rpushx(client* c);
-void cmd_rpop(client* c);
-void cmd_llen(client* c);
-void cmd_lmaxlen(client* c);
-void cmd_lrange(client* c);
-void cmd_lindex(client* c);
+void cmd_lpush(client* c);   /* key item...: :length, at most the cap; another type: see README */
+void cmd_lpushx(client* c);  /* key item: :length; missing or another type: :0 */
+void cmd_lpop(client* c);    /* key: bulk or nil */
+void cmd_rpush(client* c);   /* as lpush */
+void cmd_rpushx(client* c);  /* as lpushx */
+void cmd_rpop(client* c);    /* as lpop */
+void cmd_llen(client* c);    /* key: :length, :0 without the key; another type: error */
+void cmd_lmaxlen(client* c); /* key n: sets the cap when n >= 1; :cap, :0 without the key */
+void cmd_lrange(client* c);  /* key start stop: [items], or nil; missing or another type: error */
+void cmd_lindex(client* c);  /* key index: bulk or nil; missing or another type: error */
 
 /* The hook of "lpop" and "rpop", run after the item was written: frees it. */
 void cmd_pop_destroy(client* c);

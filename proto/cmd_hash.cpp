@@ -90,7 +90,7 @@ void cmd_hsetnx(client* c) {
     resp_integer(c->reply, 1);
 }
 
-/* An increment that is no number counts as 0: clients send empty readings and expect the old value. */
+/* An increment that is no number counts as 0, which stays so for the clients that rely on it. */
 void cmd_hincrby(client* c) {
     object* obj = cmd_key_or_create(c, OBJ_THASH);
     if (obj == nullptr) {

@@ -73,7 +73,7 @@ void cmd_persist(client* c) {
     resp_integer(c->reply, obj != nullptr ? object_persist(obj) : 0);
 }
 
-/* Deletions are announced to nobody: observers follow values, and a key's end has none. */
+/* Deletions are announced to nobody: an event carries the value that a key has now. */
 void cmd_del(client* c) {
     int64_t deleted = 0;
     for (uint32_t i = 0; i < c->request->argc; i++) {

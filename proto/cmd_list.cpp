@@ -127,7 +127,7 @@ void cmd_lindex(client* c) {
     resp_bulk(c->reply, object_lindex(obj, index));
 }
 
-/* Reading beyond the cap raises it: clients that ask for more are taken to want more kept. */
+/* Reading beyond the cap raises it, which stays so for the clients that rely on it. */
 void cmd_lrange(client* c) {
     object* obj = list_of_key(c);
     if (obj == nullptr) {

@@ -28,8 +28,8 @@ uint32_t digit_of(char c) {
     return static_cast<unsigned char>(c - '0');
 }
 
-/* The same; the header that every client really sends, the lead, one or two digits, CR LF, is read at
- * once. */
+/* As take_any_header, which does the rare cases: the header that every client really sends (the lead, one or
+ * two digits, CR LF) is read at once, since a small request is mostly headers. */
 char* take_header(char* p, const char* end, char lead, uint32_t* number) {
     if (end - p < 5 || p[0] != lead || digit_of(p[1]) > 9) {
         return take_any_header(p, end, lead, number);
@@ -88,9 +88,6 @@ bool take_elements(request* r, char* p, const char* end) {
 } // namespace
 
 request* request_parse(const buffer* input) {
-    if (input->length == 0) {
-        return nullptr;
-    }
     const char* const end = input->data + input->length;
     uint32_t count;
     char* p = take_header(input->data, end, '*', &count);

@@ -7,6 +7,7 @@
 
 namespace {
 
+/* In the log this unit is called "proto", and the lines are those of this file. */
 void require(bool holds, const char* expression, int line) {
     if (!holds) {
         log_assert_failed(expression, "proto", line);

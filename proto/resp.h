@@ -68,8 +68,8 @@ void resp_bulk(resp* r, sstr str);
 void resp_add(resp* r, sstr str);
 
 /* Append the frame to `out`: of the reply, and of a multibulk as a pushed event ("!" in place of "*").
- * Nothing is written for RESP_TNONE. Return 0 when the frame is not whole because the
- * buffer's limit was met, and the caller then gives it up; else not 0. */
+ * Return 0 when the frame is not whole, since the buffer's limit or the heap has no room for it, and the
+ * caller then gives it up; else not 0. Nothing is written for RESP_TNONE, and the result is 0 too. */
 uint32_t resp_write(const resp* r, buffer* out);
 uint32_t resp_write_notify(const resp* r, buffer* out);
 

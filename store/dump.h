@@ -22,7 +22,7 @@
 /* The largest file that is loaded: a larger one would keep the daemon from its other clients. */
 constexpr int64_t LOAD_MAX_SIZE = 256 * 1024 * 1024;
 
-/* Nor is a file loaded that would fill more than this share of the machine's memory (one part in so many). */
+/* Nor is a file loaded that is larger than the machine's memory divided by this. */
 constexpr unsigned LOAD_MEMORY_SHARE = 4;
 
 /* What the history unit registers at start-up. */
@@ -44,7 +44,8 @@ bool is_history_key(const char* key);
  * of the failed creation. */
 int dump_keys(const char* path, const char* keys);
 
-/* Writes one record, continuing short writes; gives up silently when the file takes no more. */
+/* Writes one record, continuing short writes; gives up silently when the file takes no more. What is written
+ * after that stands inside the broken record's data, should the file take it. */
 void dump_write_record(int fd, const char* key, uint32_t namelen, const char* data, uint32_t datalen);
 
 /* Assigns the values of a file's records to the string keys that exist; other records are skipped. A

@@ -20,7 +20,8 @@ struct sweep_clock {
 /* When the last scan was; zero before the first. */
 sweep_clock last_scan;
 
-bool is_expired(object* obj, uint32_t now) {
+/* Tells whether the object's time is up. For a clock that was set back the count restarts. */
+bool check_expiry(object* obj, uint32_t now) {
     switch (obj->flags & OBJ_EXPIRE_MASK) {
     case OBJ_EXPIRE_ABSOLUTE:
         return obj->expire_base < now;
@@ -40,7 +41,7 @@ object* find_expired(uint32_t now) {
     object* expired = nullptr;
     htable_walk walk = htable_walk_start(object_keyspace());
     while (object* obj = static_cast<object*>(htable_walk_next(&walk))) {
-        if (!is_expired(obj, now)) {
+        if (!check_expiry(obj, now)) {
             continue;
         }
         object_set_flags(obj, OBJ_DEAD);

@@ -60,11 +60,6 @@ void require_typed(const object* obj, int line) {
     require(object_type(obj) != OBJ_TNONE, "obj->type != OBJ_TNONE", line);
 }
 
-const char* type_text(const object* obj) {
-    const unsigned type = object_type(obj);
-    return type_texts[type < TYPES ? type : OBJ_TNONE];
-}
-
 void make_keyspace() {
     keyspace = htable_new();
     for (int i = 0; i < EVENTS; i++) {
@@ -75,7 +70,6 @@ void make_keyspace() {
 object* new_object(const char* key, uint32_t length) {
     object* obj = pool_new<object>();
     obj->key = sstr_new(key, length);
-    htable_put(keyspace, obj);
     return obj;
 }
 
@@ -226,6 +220,14 @@ void free_doomed(hash_field* last) {
     }
 }
 
+/* Nothing without an event, which nobody would receive. */
+void add_field(resp* event, const hash_field* field) {
+    if (event != nullptr) {
+        resp_add(event, field->name);
+        resp_add(event, field->value);
+    }
+}
+
 void notify_hash(object* obj) {
     resp* deletions = nullptr;
     resp* updates = nullptr;
@@ -247,10 +249,7 @@ void notify_hash(object* obj) {
             if (updates == nullptr) {
                 updates = event_begin(obj, EVENT_HMSET);
             }
-            if (updates != nullptr) {
-                resp_add(updates, field->name);
-                resp_add(updates, field->value);
-            }
+            add_field(updates, field);
             field->fflags = static_cast<uint8_t>(field->fflags & ~FIELD_MODIFIED);
             any = true;
         }
@@ -273,11 +272,8 @@ void finish_field_change(object* obj, hash_field* field) {
         return;
     }
     resp* event = event_begin(obj, EVENT_HMSET);
-    if (event != nullptr) {
-        resp_add(event, field->name);
-        resp_add(event, field->value);
-        event_send(event);
-    }
+    add_field(event, field);
+    event_send(event);
 }
 
 } // namespace
@@ -314,9 +310,11 @@ object* object_get_or_create(const char* key, uint32_t length, unsigned type) {
     if (keyspace == nullptr) {
         make_keyspace();
     }
-    object* obj = static_cast<object*>(htable_get(keyspace, key));
+    htable_entry* entry = htable_find(keyspace, key, nullptr, true);
+    object* obj = static_cast<object*>(entry->item);
     if (obj == nullptr) {
         obj = new_object(key, length);
+        entry->item = obj;
     } else if (has(obj, OBJ_DEAD)) {
         object_free_value(obj, true);
     }
@@ -413,7 +411,7 @@ void object_expire(object* obj, uint32_t ttl) {
     clear_flags(obj, OBJ_EXPIRE_MASK);
     object_set_flags(obj, OBJ_EXPIRE_TTL);
     if (log_wants(LOG_DEBUG)) {
-        log_write(LOG_DEBUG, "\"%s\"(%s): set expire-TTL to %u", obj->key, type_text(obj), ttl);
+        log_write(LOG_DEBUG, "\"%s\"(%s): set expire-TTL to %u", obj->key, object_type_name(obj), ttl);
     }
 }
 
@@ -433,7 +431,7 @@ int object_persist(object* obj) {
     obj->expire_arg = 0;
     clear_flags(obj, OBJ_EXPIRE_MASK);
     if (log_wants(LOG_DEBUG)) {
-        log_write(LOG_DEBUG, "\"%s\"(%s): remove expire-TTL", obj->key, type_text(obj));
+        log_write(LOG_DEBUG, "\"%s\"(%s): remove expire-TTL", obj->key, object_type_name(obj));
     }
     return 1;
 }

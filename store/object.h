@@ -19,7 +19,7 @@
  * The operations below that assert a type end the process through a fatal log line when it is violated:
  * callers look objects up by type first. */
 
-enum object_type : unsigned { OBJ_TNONE = 0, OBJ_TSTRING = 1, OBJ_TLIST = 2, OBJ_THASH = 3 };
+enum object_type_code : unsigned { OBJ_TNONE = 0, OBJ_TSTRING = 1, OBJ_TLIST = 2, OBJ_THASH = 3 };
 
 /* Bits of object.flags; the type stands in the low four. */
 enum object_flag : uint16_t {
@@ -37,7 +37,6 @@ enum object_flag : uint16_t {
 
 struct history_series;
 
-/* The order of the members keeps the record at 24 bytes on the device and 40 on 64-bit hosts. */
 struct object {
     sstr key; /* first: the keyspace finds the object through it */
     union {
@@ -54,6 +53,8 @@ struct object {
     uint32_t expire_base; /* time() when the expiry was set */
     uint16_t flags;
 };
+/* There is one for each key: the order of its members leaves no holes. */
+static_assert(sizeof(object) == (sizeof(void*) == 4 ? 24 : 40));
 
 enum field_flag : uint8_t {
     FIELD_MODIFIED = 0x01, /* to be announced with "HMSET" */
@@ -96,7 +97,7 @@ htable* object_keyspace();
 
 /* Returns the object of `key` (`length` bytes, or SSTR_CSTRING) if it has the type, making it when there is
  * none or only a dead one; null when the key holds another type. A new string has no value. The key
- * keeps all its bytes, but is found by those before its first NUL. */
+ * keeps all its bytes, but is found by those before its first NUL: there must be one behind it. */
 object* object_get_or_create(const char* key, uint32_t length, unsigned type);
 
 /* Returns the object, or null when it is absent or dead; the second form also when its type differs. */
@@ -145,7 +146,7 @@ int object_persist(object* obj);
 void object_set_string(object* obj, sstr value);
 void object_set_string_ttl(object* obj, uint32_t ttl, sstr value);
 
-/* Appends to the value. Asserts a string. */
+/* Appends `value`, which must not be null. Asserts a string. */
 void object_append(object* obj, sstr value);
 
 /* Adds `*delta` as sstr_incr does, with the new value in `*delta`. Returns 0, with nothing announced, when
@@ -157,11 +158,11 @@ int object_incr(object* obj, int64_t* delta);
 /* Returns the field or null. `obj` is a hash. */
 hash_field* object_hash_field(const object* obj, const char* field);
 
-/* Sets a field to a copy of `value`, and makes a typeless object a hash. Returns 1 when the field was new.
- * Asserts a hash or typeless object. */
+/* Sets a field to a copy of `value`, which must not be null, and makes a typeless object a hash. Returns 1
+ * when the field was new. Asserts a hash or typeless object. */
 int object_hash_set(object* obj, sstr field, sstr value);
 
-/* Adds to a field, making it when absent, as object_incr does.  Asserts a hash. */
+/* Adds to a field, making it when absent, as object_incr does. Asserts a hash. */
 int object_hash_incr(object* obj, sstr field, int64_t* delta);
 
 /* Dooms a field: it stays readable until the next announcement removes it. Returns 1, or 0 when the field
