@@ -1,5 +1,6 @@
 #include "core/pool.h"
 
+#include <stdlib.h>
 #include <string.h>
 
 #include "core/fault.h"
@@ -21,11 +22,24 @@ void* pool_alloc_heap(size_t size) {
     if (size == 0) {
         return nullptr;
     }
+#ifdef __SANITIZE_ADDRESS__
+    /* The sanitizer compares the sizes of these two alone. */
+    return operator new(size);
+#else
     void* block = malloc(size);
     if (block == nullptr) {
         fault_no_memory();
     }
     return block;
+#endif
+}
+
+void pool_free_heap(void* block, [[maybe_unused]] size_t size) {
+#ifdef __SANITIZE_ADDRESS__
+    operator delete(block, size);
+#else
+    free(block);
+#endif
 }
 
 pool_link* pool_add_slab(size_t size) {

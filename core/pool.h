@@ -2,7 +2,6 @@
 
 #include <stddef.h>
 #include <stdint.h>
-#include <stdlib.h>
 
 /* Pooled allocation of small records.
  *
@@ -20,8 +19,8 @@
  *    class's block size is its 4-byte figure rounded up to 8. Records that hold 64-bit integers must
  *    therefore declare them as `pool_int64`.
  *
- * In a build with AddressSanitizer every block is an allocation of its own, so that an overrun or a use
- * after free is caught where it happens.
+ * In a build with AddressSanitizer every block is an allocation of its own, so that an overrun, a use after
+ * free, or a size that is not the block's is caught where it happens.
  *
  * Exhausted memory ends the process (fault_no_memory); no call here returns null for want of it. */
 
@@ -68,11 +67,14 @@ inline void* pool_alloc(size_t size) {
     return block;
 }
 
+/* The rare path of pool_free. */
+void pool_free_heap(void* block, size_t size);
+
 /* Takes back a block. `size` must be the size that it was allocated with: another size files the block
  * under the wrong class. A null pointer is allowed only with a size above POOL_MAX_SIZE. */
 inline void pool_free(void* block, size_t size) {
     if (POOL_OWN_BLOCKS || size > POOL_MAX_SIZE) {
-        free(block);
+        pool_free_heap(block, size);
         return;
     }
     pool_class* c = &pool_classes[(size + 3) >> 2];

@@ -161,7 +161,8 @@ void read_rate(const object* hash, lcd_stat_key* stat) {
 }
 
 /* "sys.lan" names the LAN interfaces, separated by ":"; a later one overrides an earlier one. The stored text
- * itself is split, deliberately: each ":" becomes a NUL, so the next refresh finds only the first name. */
+ * itself is split, deliberately: it ends at its first ":" from then on, and the next refresh finds the first
+ * name alone. */
 void read_lan_rates() {
     const object* lan = object_lookup_type("sys.lan", OBJ_TSTRING);
     if (lan == nullptr || lan->string == nullptr) {
@@ -262,7 +263,13 @@ int lcd_write_frame(int fd, const char* text, size_t length) {
     }
     char frame[FRAME_SIZE];
     compose_frame(frame, copy);
-    return write(fd, frame, sizeof frame) < 0 ? -1 : static_cast<int>(taken);
+    if (write(fd, frame, sizeof frame) == sizeof frame) {
+        return static_cast<int>(taken);
+    }
+    /* The port takes no more. What waits there goes: the part of a frame would spoil the next one, and
+     * closing would wait for it to go out. */
+    (void)tcflush(fd, TCOFLUSH);
+    return -1;
 }
 
 int lcd_ontimer(void*) {

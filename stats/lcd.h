@@ -20,9 +20,10 @@
  *   5 + 20 * k   2        AA D0
  *   rest                  zeros
  *
- * Writing never waits: a screen that the port does not take is lost, and the next one comes in three seconds.
- * Closing a serial port lets the frame go out, about 95 ms at this speed; a line that flow control holds is
- * given up by the kernel after its closing time. */
+ * Writing never waits: a screen that the port does not take whole is lost together with what the port still
+ * holds, and the next one comes in three seconds. Closing does wait for the frame to go out, about 95 ms at
+ * this speed; for a line that flow control holds it is the kernel that gives up, after the closing time set
+ * for the port. */
 
 void module_lcd_start();
 
@@ -31,7 +32,7 @@ int lcd_ontimer(void* argument);
 
 /* The writer of the serial panel. Sends the text, `length` bytes of which at most 127 are looked at, as a
  * frame, or the clear command CC B1 AA D0 for a text that begins with "__clear". Returns the number of bytes
- * taken (the smaller of length and 128), 0 for the clear command, -1 when the write failed. */
+ * taken (the smaller of length and 128), 0 for the clear command, -1 when the frame was not taken whole. */
 int lcd_write_frame(int fd, const char* text, size_t length);
 
 /* A rate in bytes per second as "999B/s", "  1KB/s" or "1.50MB/s", in one static buffer: valid until the next
