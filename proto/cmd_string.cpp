@@ -6,8 +6,8 @@ namespace {
 constexpr char NOT_A_NUMBER_INCR[] = "failed to INCR on non-number value";
 constexpr char NOT_A_NUMBER_DECR[] = "failed to DECR on non-number value";
 
-void add_to_key(client* c, int64_t delta, const char* reason) {
-    object* obj = cmd_key_or_create(c, OBJ_TSTRING);
+/* `obj` is null when it could not be made or there is no number to add. */
+void add_to_object(client* c, object* obj, int64_t delta, const char* reason) {
     if (obj == nullptr || object_incr(obj, &delta) == 0) {
         resp_error(c->reply, nullptr, reason);
         return;
@@ -25,21 +25,21 @@ void add_argument_to_key(client* c, bool negate, const char* reason) {
         /* Without overflow: the most negative number stays itself. */
         delta = static_cast<int64_t>(-static_cast<uint64_t>(delta));
     }
-    if (obj == nullptr || end == cmd_arg(c, 1) || object_incr(obj, &delta) == 0) {
-        resp_error(c->reply, nullptr, reason);
-        return;
-    }
-    resp_integer(c->reply, delta);
+    add_to_object(c, end != cmd_arg(c, 1) ? obj : nullptr, delta, reason);
+}
+
+/* The object of the key at `index`, made as a string when missing. An existing one is returned whatever it
+ * is: assigning makes a string of it. */
+object* object_to_assign(const client* c, uint32_t index) {
+    const sstr key = cmd_arg(c, index);
+    object* obj = object_lookup(key);
+    return obj != nullptr ? obj : object_get_or_create(key, sstr_length(key), OBJ_TSTRING);
 }
 
 /* The object of the key at `index`, made as a string when missing and marked as being changed in steps,
  * with the value behind the key assigned. False when it cannot be made. */
 bool assign_pair(const client* c, uint32_t index) {
-    const sstr key = cmd_arg(c, index);
-    object* obj = object_lookup(key);
-    if (obj == nullptr) {
-        obj = object_get_or_create(key, sstr_length(key), OBJ_TSTRING);
-    }
+    object* obj = object_to_assign(c, index);
     if (obj == nullptr) {
         return false;
     }
@@ -91,11 +91,11 @@ void cmd_append(client* c) {
 }
 
 void cmd_incr(client* c) {
-    add_to_key(c, 1, NOT_A_NUMBER_INCR);
+    add_to_object(c, cmd_key_or_create(c, OBJ_TSTRING), 1, NOT_A_NUMBER_INCR);
 }
 
 void cmd_decr(client* c) {
-    add_to_key(c, -1, NOT_A_NUMBER_DECR);
+    add_to_object(c, cmd_key_or_create(c, OBJ_TSTRING), -1, NOT_A_NUMBER_DECR);
 }
 
 void cmd_incrby(client* c) {
@@ -117,12 +117,8 @@ void cmd_get(client* c) {
     }
 }
 
-/* An existing key becomes a string whatever it was. */
 void cmd_set(client* c) {
-    object* obj = object_lookup(cmd_arg(c, 0));
-    if (obj == nullptr) {
-        obj = cmd_key_or_create(c, OBJ_TSTRING);
-    }
+    object* obj = object_to_assign(c, 0);
     if (obj == nullptr) {
         return;
     }
