@@ -38,8 +38,8 @@ int read_small_file(const char* path, char (&text)[32]) {
     return size < 0 ? -1 : 0;
 }
 
-/* A predecessor that still runs is ended, so that a restart always succeeds. Its name is looked at, since
- * the pid may have been given to another process in the meantime. */
+/* A predecessor that still runs is ended: a restart needs no stop before it. Its name is looked at, since the
+ * pid may have been given to another process in the meantime. */
 void kill_stale_instance(pid_t self) {
     char text[32];
     if (read_small_file(PID_FILE, text) < 0) {

@@ -52,8 +52,8 @@ int endpoint_listen_datagram(const char* text, int port);
 
 /* Outgoing connections. Return 0 or an error number; `*fd` is -1 on failure. `localhost` in any case means
  * 127.0.0.1; TCP and UDP take IPv4 only. A Unix listener whose queue is full is not waited for (EAGAIN), so
- * that one that never accepts cannot stop the daemon; the descriptor blocks as usual. With `non_blocking`, EINPROGRESS is returned with a valid
- * descriptor, and the caller waits for it to become writable. */
+ * that one that never accepts cannot stop the daemon; the descriptor blocks as usual. With `non_blocking`,
+ * EINPROGRESS is returned with a valid descriptor, and the caller waits for it to become writable. */
 int endpoint_connect_local(const char* path, int* fd);
 int endpoint_connect_tcp(const char* host, int port, bool non_blocking, int* fd);
 int endpoint_connect_udp(const char* host, int port, int* fd);

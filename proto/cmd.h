@@ -24,7 +24,8 @@ void cmd_type(client* c);     /* key: bulk none, string, list or hash */
 void cmd_dump(client* c); /* path pattern: :0 or :errno */
 void cmd_load(client* c); /* path: :0 or :errno */
 
-/* cmd_string.cpp. An absent key is made a string; one of another type is an error. */
+/* cmd_string.cpp. Where nothing else is said, an absent key is made a string, and one of another type is an
+ * error. */
 void cmd_append(client* c); /* key text: :new length */
 void cmd_incr(client* c);   /* key: :sum; no number in it: error */
 void cmd_decr(client* c);   /* key: as incr */
@@ -66,7 +67,7 @@ void cmd_rpushx(client* c);  /* as lpushx */
 void cmd_rpop(client* c);    /* as lpop */
 void cmd_llen(client* c);    /* key: :length, :0 without the key; another type: error */
 void cmd_lmaxlen(client* c); /* key n: sets the cap when n >= 1; :cap, :0 without the key */
-void cmd_lrange(client* c);  /* key start stop: [items], or nil; missing or another type: error */
+void cmd_lrange(client* c);  /* key start stop: [items], or nil; missing or another type, no stop: error */
 void cmd_lindex(client* c);  /* key index: bulk or nil; missing or another type: error */
 
 /* The hook of "lpop" and "rpop", run after the item was written: frees it. */

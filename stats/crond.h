@@ -13,8 +13,8 @@
  * a task 30_a.sh hides an entry 30_a, and taking the x bit off 30_a removes the task 30_a.sh.
  *
  * At most 33 tasks are listed. Names of 64 bytes and more are refused, the first 64 of them with one line
- * each at warn level. Scripts run in the background, and the daemon neither waits for them nor looks at their
- * result. */
+ * each at warn level. The name goes into the shell's command as it is, so blanks split it. Scripts run in the
+ * background, and the daemon neither waits for them nor looks at their result. */
 
 void module_crond_start();
 

@@ -66,7 +66,7 @@ ctl_status begin(ctl_call* call) {
 
 ctl_status ctl_observe(ctl_call* call) {
     if (call->count != 1) {
-        fputs("tessctl: observe takes no arguments\n", stderr);
+        fputs("tessctl: observe takes no arguments\nTry tessctl -h.\n", stderr);
         return CTL_USAGE;
     }
     catch_signals();

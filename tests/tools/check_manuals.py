@@ -1,0 +1,154 @@
+#!/usr/bin/env python3
+"""Proves that the manual pages name every command and every option, and no other.
+
+    check_manuals.py ROOT         checks the pages in ROOT/man
+    check_manuals.py --self-test  shows that the check finds what it is for
+
+What there is to name is read from the tables in the sources. A page names a command with a line ".It Ic NAME" and an
+option with a line ".It Fl a ... , Fl -addr ...".
+"""
+
+import collections
+import pathlib
+import re
+import sys
+import tempfile
+
+COMMANDS = "proto/command.cpp"
+OPTIONS = "core/options.cpp"
+CLIENT = "tools/tessctl.cpp"
+
+# The page, what its entries are, where the names stand, and the expression whose group holds them.
+TABLES = [
+    ("tessard.7", "command", COMMANDS, r"command_table\[COMMANDS\] = \{(.*?)\n\};"),
+    ("tessard.8", "option", OPTIONS, r'SHORT_OPTIONS\[\] = "([^"]*)"'),
+    ("tessard.8", "long option", OPTIONS, r"long_options\[\] = \{(.*?)\n\};"),
+    ("tessctl.1", "command", CLIENT, r"SUBCOMMANDS\[\] = \{(.*?)\n\};"),
+    ("tessctl.1", "option", CLIENT, r'getopt_long\(argc, argv, "([^"]*)"'),
+    ("tessctl.1", "long option", CLIENT, r"LONG_OPTIONS\[\] = \{(.*?)\n *\};"),
+]
+
+SECTIONS = ["NAME", "DESCRIPTION"]
+PROGRAM_SECTIONS = ["SYNOPSIS"]  # of pages of sections 1 and 8
+PROGRAM_SUFFIXES = (".1", ".8")
+
+
+def names_of_table(kind, source, table):
+    """The names in a table of the sources; none when the table is not there."""
+    match = re.search(table, source, re.DOTALL)
+    if not match:
+        return []
+    return re.findall(r"[A-Za-z]", match[1]) if kind == "option" else re.findall(r'\{"([^"]+)"', match[1])
+
+
+def names_of_page(kind, page):
+    """The names that the items of a page have."""
+    if kind == "command":
+        return re.findall(r"^\.It Ic (\S+)", page, re.MULTILINE)
+    names = []
+    for item in re.findall(r"^\.It (Fl .*)", page, re.MULTILINE):
+        names += re.findall(r"\bFl -(\S+)" if kind == "long option" else r"\bFl ([^-\s]\S*)", item)
+    return names
+
+
+def compare(page, kind, wanted, found):
+    """The complaints about one kind of names on a page."""
+    complaints = [f"{page}: no entry for the {kind} {name}" for name in wanted if name not in found]
+    complaints += [f"{page}: an entry for {name}, which is no {kind}" for name in sorted(set(found) - set(wanted))]
+    counts = collections.Counter(found)
+    complaints += [f"{page}: two entries for the {kind} {name}" for name in wanted if counts[name] > 1]
+    return complaints
+
+
+def check_sections(path, page):
+    found = re.findall(r"^\.Sh (.*)", page, re.MULTILINE)
+    wanted = SECTIONS + (PROGRAM_SECTIONS if path.suffix in PROGRAM_SUFFIXES else [])
+    return [f"{path.name}: no section {section}" for section in wanted if section not in found]
+
+
+def check(root):
+    """The complaints about a tree."""
+    paths = sorted((root / "man").glob("*.[1-9]"))
+    pages = {path.name: path.read_text(encoding="utf-8") for path in paths}
+    complaints = []
+    for path in paths:
+        complaints += check_sections(path, pages[path.name])
+    for page in sorted({page for page, *_ in TABLES} - pages.keys()):
+        complaints.append(f"no page {page}")
+    for page, kind, source, table in TABLES:
+        wanted = names_of_table(kind, (root / source).read_text(encoding="utf-8"), table)
+        if not wanted:
+            complaints.append(f"{source}: no table of what {page} has an entry for: {kind}")
+        elif page in pages:
+            complaints += compare(page, kind, wanted, names_of_page(kind, pages[page]))
+    return complaints
+
+
+TREE = {
+    COMMANDS: 'const command command_table[COMMANDS] = {\n    {"get", cmd_get, RULE_ONE}, {"set", cmd_set, RULE_TWO},\n'
+              '    {"hgetall", cmd_hgetall, RULE_ONE},\n};\n{"rpop", cmd_pop_destroy},\n',
+    OPTIONS: 'const char SHORT_OPTIONS[] = "va:";\nconst option long_options[] = {\n    {"version", no_argument}, '
+             '{"addr", optional_argument},\n    {nullptr, 0},\n};\n',
+    CLIENT: 'constexpr subcommand SUBCOMMANDS[] = {\n    {"top", ctl_top},\n};\n'
+            '    static const option LONG_OPTIONS[] = {\n        {"raw", no_argument},\n    };\n'
+            '    getopt_long(argc, argv, "+a:h", LONG_OPTIONS, nullptr)\n',
+    "man/tessard.5": ".Sh NAME\n.Sh DESCRIPTION\n",
+    "man/tessard.7": ".Sh NAME\n.Sh DESCRIPTION\n.It Ic get Ar key\n.It Ic set Ar key value\n.It Ic hgetall Ar key\n",
+    "man/tessard.8": ".Sh NAME\n.Sh SYNOPSIS\n.Fl x\n.Sh DESCRIPTION\n.It Fl a Ar path , Fl -addr Ns = Ns Ar path\n"
+                     ".It Fl v , Fl -version\n.It Ic hostmon --showg\n",
+    "man/tessctl.1": ".Sh NAME\n.Sh SYNOPSIS\n.Sh DESCRIPTION\n.It Fl a Ar path\n.It Fl h\n.It Fl -raw\n.It Ic top\n",
+}
+
+
+def self_test():
+    changes = [
+        # what is changed, the file, the text that goes and the one that comes, words of each complaint in order
+        ("nothing", "man/tessard.5", "", ""),
+        ("a command without entry", "man/tessard.7", ".It Ic set Ar key value\n", "", "no entry for the command set"),
+        ("an entry in the text alone", "man/tessard.7", ".It Ic get Ar key", ".Ic get", "no entry for the command get"),
+        ("a part of a name", "man/tessard.7", "Ic hgetall", "Ic hget", "no entry for the command hgetall", "for hget"),
+        ("an entry without command", "man/tessard.7", ".It Ic set", ".It Ic rpop\n.It Ic set", "for rpop, which is no"),
+        ("an entry twice", "man/tessard.7", ".It Ic set", ".It Ic get\n.It Ic set", "two entries for the command get"),
+        ("a command of the client", "man/tessctl.1", ".It Ic top\n", "", "no entry for the command top"),
+        ("an option of the daemon", "man/tessard.8", "Fl v , ", "", "tessard.8: no entry for the option v"),
+        ("a long option", "man/tessard.8", " , Fl -addr Ns = Ns Ar path", "", "no entry for the long option addr"),
+        ("an option of the client", "man/tessctl.1", ".It Fl h\n", "", "tessctl.1: no entry for the option h"),
+        ("an option unknown", "man/tessctl.1", ".It Fl h\n", ".It Fl h\n.It Fl q\n", "for q, which is no option"),
+        ("a long option unknown", "man/tessctl.1", "Fl -raw", "Fl -raw , Fl -boiled", "for boiled, which is no long"),
+        ("a section of all pages", "man/tessard.5", ".Sh DESCRIPTION\n", "", "tessard.5: no section DESCRIPTION"),
+        ("a section of programs", "man/tessard.8", ".Sh SYNOPSIS\n", "", "tessard.8: no section SYNOPSIS"),
+        ("a table that moved", CLIENT, "SUBCOMMANDS[]", "OWN[]", "no table of what tessctl.1"),
+        ("a page that is gone", "man/tessard.7", None, None, "no page tessard.7"),
+    ]
+    wrong = 0
+    for what, name, gone, come, *words in changes:
+        with tempfile.TemporaryDirectory() as folder:
+            root = pathlib.Path(folder)
+            for path, text in TREE.items():
+                (root / path).parent.mkdir(exist_ok=True)
+                (root / path).write_text(text, encoding="utf-8")
+            if gone is None:
+                (root / name).unlink()
+            else:
+                assert gone in TREE[name], f"{what}: {name} does not hold the text that goes"
+                (root / name).write_text(TREE[name].replace(gone, come), encoding="utf-8")
+            complaints = check(root)
+        expected = len(complaints) == len(words) and all(word in c for word, c in zip(words, complaints))
+        if not expected:
+            print(f"{what}: expected {words or 'no complaint'}, got {complaints}")
+            wrong += 1
+    return wrong
+
+
+def main():
+    if sys.argv[1:] == ["--self-test"]:
+        return 1 if self_test() else 0
+    if len(sys.argv) != 2:
+        print(__doc__)
+        return 2
+    complaints = check(pathlib.Path(sys.argv[1]))
+    print("\n".join(complaints) if complaints else "the manual pages name every command and option")
+    return 1 if complaints else 0
+
+
+sys.exit(main())
