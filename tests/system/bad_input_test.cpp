@@ -330,7 +330,7 @@ TEST_F(bad_input, of_great_counts_and_lengths_costs_no_memory) {
 }
 
 TEST_F(bad_input, of_thousands_of_empty_elements_is_one_request) {
-    const size_t count = 6000;
+    const size_t count = 5000;
     const std::string header = "*" + std::to_string(count) + "\r\n$4\r\nPING\r\n";
     expect_outcome(header + repeated("$0\r\n\r\n", count - 1), OK);
     /* Header lines may end in a line feed alone. */
@@ -339,7 +339,7 @@ TEST_F(bad_input, of_thousands_of_empty_elements_is_one_request) {
     expect_outcome(header + repeated("$0\r\n\r\n", count - 2) + "$0\r\n\r", "");
     expect_outcome(header + repeated("$0\r\n\r\n", count), OK);
     /* Without a name there is no such command. */
-    expect_outcome("*6000\r\n" + repeated("$0\r\n\r\n", 6000), ERROR);
+    expect_outcome("*5000\r\n" + repeated("$0\r\n\r\n", 5000), ERROR);
     expect_unharmed();
 }
 
@@ -361,7 +361,7 @@ TEST_F(bad_input, with_a_nul_in_any_place_is_refused_or_does_what_its_bytes_say)
             break;
         }
     }
-    for (size_t length : {1u, 2u, 3u, 4u, 5u, 6u, 7u, 8u, 511u, 512u, 513u, 4096u, 40000u}) {
+    for (size_t length : {1u, 2u, 3u, 4u, 5u, 6u, 7u, 8u, 511u, 512u, 513u, 4096u, 30000u}) {
         const std::string nuls(length, '\0');
         expect_outcome(nuls, "");
         expect_outcome(nuls + PING, "");
@@ -745,10 +745,12 @@ TEST_F(bad_input, of_keys_with_one_hash_is_served) {
     EXPECT_EQ(client.call({"get", collide[97]}), "$-1\r\n");
     EXPECT_EQ(client.call({"get", collide[98]}), bulk("98"));
     /* The fields of a hash are found in the same way. */
-    words hset = {"hmset", "h"};
-    for (size_t i = 0; i < 1024; i++)
-        hset.insert(hset.end(), {collide[i], "v"});
-    EXPECT_EQ(client.call(hset), OK);
+    for (size_t start = 0; start < 1024; start += 512) {
+        words hmset = {"hmset", "h"};
+        for (size_t i = start; i < start + 512; i++)
+            hmset.insert(hmset.end(), {collide[i], "v"});
+        EXPECT_EQ(client.call(hmset), OK);
+    }
     EXPECT_EQ(client.call({"hlen", "h"}), ":1024\r\n");
     client.close();
     expect_unharmed();

@@ -720,6 +720,19 @@ TEST_P(Connection, InterestInWritingEndsWithThePendingBytes) {
                }});
 }
 
+TEST_P(Connection, PendingBytesGiveTheirMemoryBackOnceTheyAreWritten) {
+    stream& s = open_stream();
+    const size_t sent = fill_kernel(s).size() + 300000;
+    send_text(s, std::string(300000, 'x'));
+    EXPECT_GE(s.c->pending.capacity, 300000u);
+    size_t arrived = 0;
+    EXPECT_TRUE(run_until([&] {
+        arrived += at_peer(s).size();
+        return arrived == sent;
+    }));
+    EXPECT_EQ(s.c->pending.capacity, CONNECTION_BUFFER_INITIAL);
+}
+
 TEST_P(Connection, WhileBytesArePendingAllOutputGoesBehindThem) {
     stream& s = open_stream();
     fill_kernel(s);

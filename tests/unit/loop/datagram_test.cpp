@@ -9,8 +9,10 @@
 #include <stdlib.h>
 #include <string>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include "loop/endpoint.h"
@@ -39,15 +41,31 @@ void answer(buffer* reply, const std::string& bytes) {
     buffer_append(reply, bytes.data(), static_cast<uint32_t>(bytes.size()));
 }
 
+/* What happens once, between the question for the waiting bytes and the call that takes them. */
+std::function<void()> meanwhile;
+
 int stop_the_loop(void*) {
     loop_stop();
     return 1;
 }
 
+} // namespace
+
+/* Defined in the program, it takes precedence over the C library's. */
+extern "C" ssize_t recvfrom(int fd, void* bytes, size_t size, int flags, sockaddr* from, socklen_t* length) {
+    if (meanwhile) {
+        std::exchange(meanwhile, {})();
+    }
+    return syscall(SYS_recvfrom, fd, bytes, size, flags, from, length);
+}
+
+namespace {
+
 struct Datagram : testing::TestWithParam<loop_backend> {
     void SetUp() override {
         requests.clear();
         on_request = {};
+        meanwhile = {};
         ASSERT_NE(loop_init(LIMIT, GetParam()), 0);
         s = datagram_open("127.0.0.1", 0, take_request);
         ASSERT_NE(s, nullptr);
@@ -85,6 +103,10 @@ struct Datagram : testing::TestWithParam<loop_backend> {
         return size < 0 ? "nothing" : bytes.substr(0, static_cast<size_t>(size));
     }
 
+    void send_next() const {
+        send_from(client, "next");
+    }
+
     /* Runs until so many requests were taken, at most some seconds. One run a test. */
     static void run_until(size_t count) {
         const auto then = on_request;
@@ -96,7 +118,7 @@ struct Datagram : testing::TestWithParam<loop_backend> {
                 loop_stop();
             }
         };
-        loop_add_timer(3000, stop_the_loop, nullptr);
+        loop_add_timer(10000, stop_the_loop, nullptr);
         loop_run();
     }
 
@@ -248,6 +270,47 @@ TEST_P(Datagram, AQuestionForTheWaitingBytesThatFailsLosesNoDatagram) {
     run_until(2);
     EXPECT_EQ(test_kernel::ioctl_failures.size(), 0u);
     EXPECT_EQ(requests, (std::vector<std::string>{"kept", "kept too"}));
+}
+
+TEST_P(Datagram, OneThatIsShorterThanWhatWaitedIsNoLongerThanItself) {
+    send_from(client, "a long one");
+    meanwhile = [&] {
+        EXPECT_EQ(receive(s->fd), "a long one");
+        send_from(client, "short");
+    };
+    run_until(1);
+    EXPECT_FALSE(meanwhile);
+    EXPECT_EQ(requests, (std::vector<std::string>{"short"}));
+    EXPECT_EQ(loop_request_scratch()->length, 0u);
+}
+
+TEST_P(Datagram, OneThatIsGoneMeanwhileIsNoRequest) {
+    send_from(client, "gone");
+    meanwhile = [&] {
+        EXPECT_EQ(receive(s->fd), "gone");
+        loop_add_timer(
+            0,
+            [](void* datagram) {
+                static_cast<Datagram*>(datagram)->send_next();
+                return 1;
+            },
+            this);
+    };
+    run_until(1);
+    EXPECT_FALSE(meanwhile);
+    EXPECT_EQ(requests, (std::vector<std::string>{"next"}));
+    EXPECT_EQ(loop_request_scratch()->length, 0u);
+}
+
+TEST_P(Datagram, AFullOneThatComesInPlaceOfAnEmptyOneIsARequest) {
+    send_from(client, "");
+    meanwhile = [&] {
+        EXPECT_EQ(receive(s->fd), "");
+        send_from(client, "full");
+    };
+    run_until(1);
+    EXPECT_FALSE(meanwhile);
+    EXPECT_EQ(requests, (std::vector<std::string>{"full"}));
 }
 
 TEST_P(Datagram, ReleaseStopsListening) {

@@ -1,6 +1,7 @@
 #include "loop/endpoint.h"
 
 #include <arpa/inet.h>
+#include <deque>
 #include <errno.h>
 #include <fcntl.h>
 #include <functional>
@@ -8,10 +9,12 @@
 #include <stdlib.h>
 #include <string.h>
 #include <string>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
+#include "loop/connection.h"
 #include "loop/loop.h"
 #include "tests/unit/support/test_kernel.h"
 
@@ -103,11 +106,52 @@ bool is_close_on_exec(int fd) {
     return (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0;
 }
 
-/* A port of 127.0.0.1 on which nothing listens. */
-int closed_port() {
-    const descriptor listener(endpoint_listen_stream("127.0.0.1", 0));
-    return port_of(listener.fd);
-}
+/* A port of 127.0.0.1 on which nothing listens, and nobody else will. */
+struct closed_port {
+    closed_port() : held(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        endpoint_address address;
+        endpoint_parse("127.0.0.1", 0, &address);
+        EXPECT_EQ(bind(held.fd, &address.any, endpoint_length(&address)), 0);
+        number = port_of(held.fd);
+    }
+
+    descriptor held;
+    int number;
+};
+
+/* Clients that wait to be accepted on a path, as many as the kernel takes. */
+struct full_queue {
+    explicit full_queue(const std::string& path) {
+        endpoint_address address;
+        endpoint_parse(path.c_str(), 0, &address);
+        while (waiting.size() < 1000) {
+            waiting.emplace_back(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+            if (connect(waiting.back().fd, &address.any, endpoint_length(&address)) < 0) {
+                EXPECT_EQ(errno, EAGAIN);
+                waiting.pop_back();
+                return;
+            }
+        }
+    }
+
+    std::deque<descriptor> waiting;
+};
+
+/* While it stands, the process gets no new descriptors. */
+struct no_descriptors {
+    no_descriptors() {
+        EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+        const rlimit none = {0, before.rlim_max};
+        EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    }
+    ~no_descriptors() {
+        EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    }
+    no_descriptors(const no_descriptors&) = delete;
+    no_descriptors& operator=(const no_descriptors&) = delete;
+
+    rlimit before;
+};
 
 /* Garbage, so that whatever parsing leaves out is seen. */
 endpoint_address filled_address() {
@@ -320,23 +364,9 @@ TEST(EndpointListen, TheBacklogIs128) {
     const std::string path = there.file("s");
     const descriptor listener(endpoint_listen_local(path.c_str()));
     ASSERT_GE(listener.fd, 0);
-    endpoint_address address;
-    endpoint_parse(path.c_str(), 0, &address);
-    std::vector<int> waiting;
-    while (waiting.size() < 1000) {
-        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-        ASSERT_GE(fd, 0);
-        if (connect(fd, &address.any, endpoint_length(&address)) < 0) {
-            EXPECT_EQ(errno, EAGAIN);
-            close(fd);
-            break;
-        }
-        waiting.push_back(fd);
-    }
-    EXPECT_EQ(waiting.size(), 129u); /* the kernel refuses once more than the backlog are waiting */
-    for (const int fd : waiting) {
-        close(fd);
-    }
+    const full_queue queue(path);
+    /* The kernel refuses once more than the backlog are waiting. */
+    EXPECT_EQ(queue.waiting.size(), 129u);
 }
 
 TEST(EndpointListen, ADatagramListenerIsBoundAndNonBlocking) {
@@ -361,6 +391,11 @@ TEST(EndpointListen, AnAddressThatDoesNotParseFails) {
     EXPECT_LT(endpoint_listen_stream("localhost", 0), 0);
     EXPECT_LT(endpoint_listen_datagram("localhost", 0), 0);
     EXPECT_LT(endpoint_listen("1.2.3", 0, SOCK_STREAM), 0);
+}
+
+TEST(EndpointListen, WithoutASocketItFails) {
+    const no_descriptors none;
+    EXPECT_EQ(endpoint_listen_stream("127.0.0.1", 0), -1);
 }
 
 TEST(EndpointListen, AFailedBindLeavesNoDescriptorBehind) {
@@ -410,6 +445,22 @@ TEST(EndpointConnectLocal, AFailureIsReportedAndLeavesNoDescriptor) {
     EXPECT_EQ(next_descriptor(), before);
 }
 
+/* Who made a socket in place of the log file and never accepts must not stop the daemon. */
+TEST(EndpointConnectLocal, AListenerWhoseQueueIsFullIsNotWaitedFor) {
+    folder there;
+    const std::string path = there.file("s");
+    const descriptor listener(endpoint_listen_local(path.c_str()));
+    ASSERT_GE(listener.fd, 0);
+    const full_queue queue(path);
+    const int before = next_descriptor();
+    int fd = -7;
+    alarm(20); /* ends the test where it waits */
+    EXPECT_EQ(endpoint_connect_local(path.c_str(), &fd), EAGAIN);
+    alarm(0);
+    EXPECT_EQ(fd, -1);
+    EXPECT_EQ(next_descriptor(), before);
+}
+
 TEST(EndpointConnectLocal, APathIsCutAt108Bytes) {
     folder there;
     const std::string path = there.file("s", 108);
@@ -446,10 +497,10 @@ TEST(EndpointConnectTcp, AHostThatDoesNotParseGivesEINVAL) {
 }
 
 TEST(EndpointConnectTcp, ARefusalIsReportedAndLeavesNoDescriptor) {
-    const int port = closed_port();
+    const closed_port port;
     const int before = next_descriptor();
     int fd = -7;
-    EXPECT_EQ(endpoint_connect_tcp("localhost", port, false, &fd), ECONNREFUSED);
+    EXPECT_EQ(endpoint_connect_tcp("localhost", port.number, false, &fd), ECONNREFUSED);
     EXPECT_EQ(fd, -1);
     EXPECT_EQ(next_descriptor(), before);
 }
@@ -483,6 +534,21 @@ TEST(EndpointConnectUdp, AHostThatDoesNotParseGivesEINVAL) {
     EXPECT_EQ(fd, -1);
 }
 
+TEST(EndpointConnect, WithoutASocketTheReasonIsReturned) {
+    int local = -7;
+    int tcp = -7;
+    int udp = -7;
+    {
+        const no_descriptors none;
+        EXPECT_EQ(endpoint_connect_local("/tmp/s", &local), EMFILE);
+        EXPECT_EQ(endpoint_connect_tcp("localhost", 80, false, &tcp), EMFILE);
+        EXPECT_EQ(endpoint_connect_udp("localhost", 80, &udp), EMFILE);
+    }
+    EXPECT_EQ(local, -1);
+    EXPECT_EQ(tcp, -1);
+    EXPECT_EQ(udp, -1);
+}
+
 /* Connecting with a callback. */
 
 struct outcome {
@@ -511,7 +577,7 @@ struct EndpointConnectAsync : testing::TestWithParam<loop_backend> {
 
     /* Runs until the callback was called, at most some seconds. */
     void run() {
-        loop_add_timer(5000, stop_the_loop, nullptr);
+        loop_add_timer(10000, stop_the_loop, nullptr);
         loop_run();
     }
 
@@ -550,6 +616,16 @@ TEST_P(EndpointConnectAsync, AnImmediateFailureIsReportedAtOnceWithItsErrorNumbe
     EXPECT_EQ(result.fd, -1);
     EXPECT_EQ(result.error, ENOENT);
     EXPECT_EQ(next_descriptor(), before);
+}
+
+TEST_P(EndpointConnectAsync, WithoutASocketTheReasonIsReportedAtOnce) {
+    {
+        const no_descriptors none;
+        EXPECT_EQ(endpoint_connect_async("127.0.0.1", 80, on_connected, &result), 1);
+    }
+    EXPECT_EQ(result.calls, 1);
+    EXPECT_EQ(result.fd, -1);
+    EXPECT_EQ(result.error, EMFILE);
 }
 
 TEST_P(EndpointConnectAsync, AConnectionIsReportedWhenItBecomesWritable) {
@@ -618,9 +694,9 @@ TEST_P(EndpointConnectAsync, ADescriptorAtTheLimitIsClosedAndReportedAsTooMany) 
 }
 
 TEST_P(EndpointConnectAsync, AClosedLocalPortIsReportedAsUnreachable) {
-    const int port = closed_port();
+    const closed_port port;
     const int fd = next_descriptor();
-    EXPECT_EQ(endpoint_connect_async("127.0.0.1", port, on_connected, &result), 1);
+    EXPECT_EQ(endpoint_connect_async("127.0.0.1", port.number, on_connected, &result), 1);
     EXPECT_EQ(result.calls, 0);
     run();
     EXPECT_EQ(result.calls, 1);
@@ -630,19 +706,57 @@ TEST_P(EndpointConnectAsync, AClosedLocalPortIsReportedAsUnreachable) {
     EXPECT_EQ(fcntl(fd, F_GETFD), -1);
 }
 
+TEST_P(EndpointConnectAsync, TheCallbackMayMakeAConnectionOfTheDescriptor) {
+    const descriptor listener(endpoint_listen_stream("127.0.0.1", 0));
+    static connection* made;
+    made = nullptr;
+    const auto make_connection = [](int fd, int, void*) {
+        made = loop_add_connection(fd, nullptr);
+        loop_stop();
+    };
+    EXPECT_EQ(endpoint_connect_async("127.0.0.1", port_of(listener.fd), make_connection, nullptr), 1);
+    run();
+    ASSERT_NE(made, nullptr);
+    EXPECT_TRUE(loop_has_handler(made->fd));
+    /* The loop runs no more, so it must not be left with the record. */
+    made->closing.queued = true;
+    connection_close(made);
+    made->closing.destroy(&made->closing);
+}
+
+/* The next attempt has the number of the descriptor that failed. */
+TEST_P(EndpointConnectAsync, TheCallbackOfAFailureMayTryAgainAtOnce) {
+    const closed_port port;
+    const descriptor listener(endpoint_listen_stream("127.0.0.1", 0));
+    struct attempts {
+        int next_port;
+        outcome second;
+    } all = {port_of(listener.fd), result};
+    const auto try_again = [](int, int error, void* argument) {
+        EXPECT_EQ(error, EHOSTUNREACH);
+        attempts* a = static_cast<attempts*>(argument);
+        EXPECT_EQ(endpoint_connect_async("127.0.0.1", a->next_port, on_connected, &a->second), 1);
+    };
+    EXPECT_EQ(endpoint_connect_async("127.0.0.1", port.number, try_again, &all), 1);
+    run();
+    const descriptor connected(all.second.fd);
+    EXPECT_EQ(all.second.calls, 1);
+    EXPECT_EQ(all.second.error, 0);
+}
+
 TEST_P(EndpointConnectAsync, AReadableEventIsTakenForAFailureEvenWhenThePeerOnlySpokeFirst) {
     const descriptor listener(endpoint_listen_stream("127.0.0.1", 0));
     const int fd = next_descriptor();
     EXPECT_EQ(endpoint_connect_async("127.0.0.1", port_of(listener.fd), on_connected, &result), 1);
     endpoint_set_nonblocking(listener.fd);
     int client = -1;
-    for (int i = 0; i < 500 && client < 0; i++) {
+    for (int i = 0; i < 10000 && client < 0; i++) {
         client = accept(listener.fd, nullptr, nullptr);
         usleep(client < 0 ? 1000 : 0);
     }
     const descriptor accepted(client);
     ASSERT_EQ(send(client, "welcome", 7, MSG_NOSIGNAL), 7);
-    for (int i = 0; i < 500 && endpoint_bytes_readable(fd) < 7; i++) {
+    for (int i = 0; i < 10000 && endpoint_bytes_readable(fd) < 7; i++) {
         usleep(1000);
     }
     run();
@@ -661,7 +775,7 @@ TEST(EndpointConnectAsyncByEpoll, AnErrorEventAloneIsAFailureToo) {
     EXPECT_EQ(endpoint_connect_async("127.0.0.1", port_of(listener.fd), on_connected, &result), 1);
     ASSERT_TRUE(loop_has_handler(fd));
     test_kernel::epoll_answers = {{{EPOLLERR, {.fd = fd}}}};
-    loop_add_timer(5000, stop_the_loop, nullptr);
+    loop_add_timer(10000, stop_the_loop, nullptr);
     loop_run();
     EXPECT_EQ(result.calls, 1);
     EXPECT_EQ(result.fd, -1);

@@ -5,9 +5,12 @@
 #include <string>
 #include <vector>
 
+#include <malloc.h>
+#include <stdio.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "core/pool.h"
 #include "proto/resp.h"
 #include "tests/unit/support/store_test.h"
 #include "tests/unit/support/test_client.h"
@@ -44,6 +47,12 @@ class made_event {
     resp* r = resp_new();
     std::vector<sstr> strings;
 };
+
+/* Bytes that the C library has handed out. */
+size_t heap_in_use() {
+    const struct mallinfo2 info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+}
 
 class Observers : public store_test {
   protected:
@@ -212,6 +221,21 @@ TEST_F(Observers, LargeFramesArriveWhole) {
     EXPECT_EQ(a.received(), event({"MSET", "k", value}));
 }
 
+TEST_F(Observers, ALargeFrameHoldsNoMemoryAfterwards) {
+    if (POOL_OWN_BLOCKS) {
+        GTEST_SKIP() << "this build's allocator does not say what it has handed out";
+    }
+    /* Composed, but too large for any client: it goes to nobody. */
+    test_client issuer;
+    observers_add(issuer.record());
+    current_client = issuer.record();
+    made_event large({"MSET", "k", std::string(3 << 20, 'x')});
+    notify_observers(made_event({"MSET", "k", "v"}));
+    const size_t before = heap_in_use();
+    notify_observers(large);
+    EXPECT_LT(heap_in_use(), before + 5000);
+}
+
 TEST_F(Observers, AreToldFromTheHeadToTheEnd) {
     /* All three write to the same peer, each with a letter of its own before its frame. */
     test_client peers[3];
@@ -312,13 +336,40 @@ TEST_F(Observers, TheTraceEndsAtANulButTheFrameDoesNot) {
                           "debug *** !3\r\n$4\r\nMSET\r\n$1\r\nk\r\n$3\r\na\n");
 }
 
-TEST_F(Observers, TheTraceComesAfterTheFramesAreOut) {
+TEST_F(Observers, NoTextOfAnEventIsAFormat) {
     test_client a;
     observers_add(a.record());
     log.start();
     notify_observers(made_event({"MSET", "%s%n", "%d"}));
     EXPECT_EQ(log.text(), "debug *** notified clients with: \n"
                           "debug *** !3\r\n$4\r\nMSET\r\n$4\r\n%s%n\r\n$2\r\n%d\r\n\n");
+}
+
+TEST_F(Observers, TheTraceComesAfterTheFramesAreOut) {
+    test_client a;
+    observers_add(a.record());
+    log.start();
+    /* The trace goes to the observer too, which so gets both in their order. */
+    fflush(stdout);
+    const int before = dup(STDOUT_FILENO);
+    ASSERT_EQ(dup2(a.conn->fd, STDOUT_FILENO), STDOUT_FILENO);
+    log_set_target("stdout");
+    notify_observers(made_event({"HDEL", "h", "f"}));
+    log.start();
+    dup2(before, STDOUT_FILENO);
+    close(before);
+    const std::string e = event({"HDEL", "h", "f"});
+    EXPECT_EQ(a.received(), e + "debug *** notified clients with: \ndebug *** " + e + "\n");
+}
+
+TEST_F(Observers, AnEventOfWhichNobodyIsToldIsTracedAllTheSame) {
+    test_client issuer;
+    observers_add(issuer.record());
+    current_client = issuer.record();
+    log.start();
+    notify_observers(made_event({"HDEL", "h", "f"}));
+    EXPECT_EQ(issuer.received(), "");
+    EXPECT_EQ(log.text(), "debug *** notified clients with: \ndebug *** " + event({"HDEL", "h", "f"}) + "\n");
 }
 
 /* --- The command --- */

@@ -10,6 +10,7 @@
 
 #include <fcntl.h>
 #include <stdlib.h>
+#include <string.h>
 #include <unistd.h>
 
 #include "store/dump.h"
@@ -95,6 +96,35 @@ int answering_load_hook(const char* key, const char* data, uint32_t length, uint
     return answer;
 }
 
+/* A string of bytes 'v' with more in its block than its length tells: what is written behind it shows. */
+class fenced_value {
+  public:
+    fenced_value(sstr* string, uint32_t length) : string(string), length(length) {
+        const std::string bytes = std::string(length, 'v') + FENCE;
+        sstr_assign(string, bytes.data(), static_cast<uint32_t>(bytes.size()));
+        set_length(length);
+    }
+    ~fenced_value() {
+        set_length(length + static_cast<uint32_t>(FENCE.size()));
+    }
+    fenced_value(const fenced_value&) = delete;
+    fenced_value& operator=(const fenced_value&) = delete;
+
+    bool fence_stands() const {
+        return FENCE.compare(0, FENCE.size(), *string + length, FENCE.size()) == 0;
+    }
+
+  private:
+    static inline const std::string FENCE = std::string(40, 'f');
+
+    void set_length(uint32_t bytes) {
+        memcpy(*string - sizeof bytes, &bytes, sizeof bytes);
+    }
+
+    sstr* string;
+    uint32_t length;
+};
+
 class Histories : public store_test {
   protected:
     Histories() : path(::testing::TempDir() + "tessard-history-XXXXXX") {
@@ -152,6 +182,25 @@ class Histories : public store_test {
 
     static void load(history_series& s, std::string_view record, uint32_t unit = 1) {
         history_load(&s, object_of(s), record.data(), static_cast<uint32_t>(record.size()), unit);
+    }
+
+    /* Loads a record with these counts, so many periods old, into a value of so many bytes, and does the same
+     * sample by sample. */
+    static bool padding_equals_pushing(history_series& s, uint32_t filled, uint32_t head, uint32_t span,
+                                       uint32_t length) {
+        const fenced_value value(&object_of(s)->string, length);
+        load(s, be32(NOW - span * s.period) + be32(s.period) + be32(s.slots) + be32(filled) + be32(head));
+
+        history_series other = s;
+        other.filled = filled;
+        other.head = head;
+        const text pushed(be32(NOW) + be32(s.period) + be32(s.slots) + be32(filled) + be32(head) +
+                          std::string(length - 20, 'v'));
+        for (uint32_t i = 0; i < span; i++) {
+            history_push(&other, pushed, "\0\0\0");
+        }
+        return value_of(s) == bytes_of(pushed) && s.filled == other.filled && s.head == other.head &&
+               value.fence_stands();
     }
 
     std::string file_content() const {
@@ -434,6 +483,19 @@ TEST_F(Histories, AFullRingWritesItsFilledCountNoMore) {
               be32(NOW) + std::string(12, '\xFF') + be32(1) + sample_of(4, 2) + std::string(6, '\xFF'));
 }
 
+TEST_F(Histories, ASampleBehindTheEndOfAShortValueIsCountedAndNotWritten) {
+    history_series& s = small_series();
+    const fenced_value value(&object_of(s)->string, 25);
+    history_push(&s, object_of(s)->string, "aA");
+    history_push(&s, object_of(s)->string, "bB");
+    history_push(&s, object_of(s)->string, "cC");
+    EXPECT_EQ(value_of(s), std::string(12, 'v') + be32(3) + be32(3) + "aAbBv") << "no half sample either";
+    history_push(&s, object_of(s)->string, "dD");
+    history_push(&s, object_of(s)->string, "eE");
+    EXPECT_EQ(value_of(s), std::string(12, 'v') + be32(4) + be32(1) + "eEbBv");
+    EXPECT_TRUE(value.fence_stands());
+}
+
 TEST_F(Histories, AKeyThatExpiredIsNotMadeAgain) {
     history_series& s = small_series();
     take_samples(s, 0, 2);
@@ -555,6 +617,7 @@ TEST_F(Histories, ARecordIsWrittenWhenNoHookAnswersOne) {
 }
 
 TEST_F(Histories, AFifthHookIsDroppedWithoutAWord) {
+    const test_clock::frozen clock(NOW);
     history_series& s = small_series();
     log.start();
     for (int i = 0; i < 4; i++) {
@@ -568,8 +631,7 @@ TEST_F(Histories, AFifthHookIsDroppedWithoutAWord) {
     EXPECT_EQ(hook_calls, std::vector<std::string>(4, "1 x.day its series"));
 
     hook_calls.clear();
-    const ring_model model = model_of(s, 1, static_cast<uint32_t>(time(nullptr)));
-    history_load_record("x.day", model.record().c_str(), 22);
+    history_load_record("x.day", model_of(s, 1, NOW).record().c_str(), 22);
     EXPECT_EQ(hook_calls, std::vector<std::string>(4, "1 x.day 22 1 unit 1"));
     EXPECT_EQ(s.filled, 1u);
 }
@@ -593,6 +655,28 @@ TEST_F(Histories, TheRestOfTheValueKeepsWhatItHeld) {
     const std::string before = value_of(s);
     load(s, be32(NOW) + be32(3) + be32(4) + be32(1) + be32(1) + "zz");
     EXPECT_EQ(value_of(s), be32(NOW) + be32(3) + be32(4) + be32(1) + be32(1) + "zz" + before.substr(22));
+}
+
+TEST_F(Histories, ARecordsOwnPeriodAndSlotsAreStoredButNotUsed) {
+    const test_clock::frozen clock(NOW);
+    history_series& s = small_series();
+    set_value(s, std::string(28, 'v'));
+    log.start(LOG_INFO);
+    load(s, be32(NOW - 6) + be32(1) + be32(2) + be32(1) + be32(1) + "aA");
+    EXPECT_EQ(log.lines(), std::vector<std::string>{
+                               "info  *** loading x.day: (1700000000-1699999994)/(3*1)  -> span = 2"});
+    const std::string padded =
+        be32(NOW) + be32(1) + be32(2) + be32(3) + be32(3) + "aA" + std::string(4, '\0') + "vv";
+    EXPECT_EQ(value_of(s), padded);
+    EXPECT_EQ(history_tick(&s, "zz") + history_tick(&s, "zz"), 0);
+    EXPECT_EQ(history_tick(&s, "zz"), 1);
+    EXPECT_EQ(value_of(s), padded.substr(0, 12) + be32(4) + be32(0) + padded.substr(20, 6) + "zz");
+
+    load(s, be32(NOW) + be32(1000) + be32(2) + be32(4) + be32(3));
+    EXPECT_EQ(s.filled, 4u) << "more than the record's slots, but not more than the ring's";
+    load(s, be32(NOW) + be32(3) + be32(100) + be32(5) + be32(5));
+    EXPECT_EQ(s.filled, 4u) << "not more than the record's slots, but more than the ring's";
+    EXPECT_EQ(s.head, 3u);
 }
 
 TEST_F(Histories, TheTicksSinceTheLastSampleGoOn) {
@@ -675,19 +759,24 @@ TEST_F(Histories, TheAgeIsASigned32BitDifference) {
     EXPECT_EQ(value_of(s), model.value()) << "six seconds, two periods";
 }
 
-TEST_F(Histories, PaddingAnyGapEqualsPushingEachMissedSample) {
+TEST_F(Histories, PaddingEqualsPushingEachMissedSample) {
     const test_clock::frozen clock(NOW);
-    for (uint32_t samples = 0; samples <= 9; samples++) {
-        for (uint32_t span = 0; span <= 14; span++) {
-            history_series& s = small_series();
-            load(s, model_of(s, samples, NOW - span * 3).record());
-            ring_model model = model_of(s, samples, NOW);
-            for (uint32_t i = 0; i < span; i++) {
-                model.push(std::string(2, '\0'));
+    history_series& s = small_series();
+    for (uint32_t slots = 1; slots <= 4; slots++) {
+        for (const uint32_t size : {1u, 3u}) {
+            for (uint32_t filled = 0; filled <= slots; filled++) {
+                for (uint32_t head = 0; head < slots; head++) {
+                    for (uint32_t span = 0; span <= 2 * slots + 1; span++) {
+                        for (uint32_t length = 20; length <= 20 + slots * size + 2; length++) {
+                            s.slots = slots;
+                            s.sample_size = size;
+                            ASSERT_TRUE(padding_equals_pushing(s, filled, head, span, length))
+                                << slots << " slots of " << size << ", " << filled << " filled, head " << head
+                                << ", span " << span << ", " << length << " bytes";
+                        }
+                    }
+                }
             }
-            EXPECT_EQ(value_of(s), model.value()) << samples << " samples, span " << span;
-            EXPECT_EQ(s.filled, model.filled);
-            EXPECT_EQ(s.head, model.head);
         }
     }
 }
@@ -696,10 +785,11 @@ TEST_F(Histories, DecadesOldRecordsEqualPushingEachMissedSample) {
     const test_clock::frozen clock(NOW);
     unsigned number = 0;
     for (const uint32_t stamp : {0u, 1u, 315532800u, 946684800u}) {
-        for (unsigned i = 2; i < HISTORY_SPANS; i++) {
-            for (const uint32_t samples : {0u, 7u, history_standard_spans[i].slots + 100}) {
+        for (const uint32_t slots : {7u, 240u, 420u, 900u}) {
+            for (const uint32_t samples : {0u, 5u, slots + 100}) {
+                /* Five days: decades are some thousand of them. */
                 history_series& s =
-                    series(("r" + std::to_string(number++)).c_str(), history_standard_spans[i], 1);
+                    series(("r" + std::to_string(number++)).c_str(), {"mon", 432000, slots}, 1);
                 load(s, model_of(s, samples, stamp).record());
                 ring_model model = model_of(s, samples, NOW);
                 for (uint32_t n = (NOW - stamp) / s.period; n > 0; n--) {
@@ -708,6 +798,22 @@ TEST_F(Histories, DecadesOldRecordsEqualPushingEachMissedSample) {
                 expect_value(value_of(s), model.value(), s.name);
                 EXPECT_EQ(s.filled, model.filled);
                 EXPECT_EQ(s.head, model.head);
+            }
+        }
+    }
+}
+
+TEST_F(Histories, GapsOfAnyLengthTurnTheRingByWhatIsLeftOfWholeTurns) {
+    history_series& s = series("x", {"day", 1, 600}, 1);
+    for (const uint32_t slots : {1u, 2u, 3u, 7u, 600u}) {
+        for (const uint32_t span : {2147483647u, 2147483646u, 1000000007u, slots * 1000, slots * 1000 + 1}) {
+            for (const uint32_t head : {0u, slots / 2, slots - 1}) {
+                const test_clock::frozen clock(span);
+                s.slots = slots;
+                load(s, be32(0) + be32(1) + be32(slots) + be32(0) + be32(head));
+                EXPECT_EQ(s.filled, slots);
+                EXPECT_EQ(s.head, (head + span % slots) % slots) << slots << " slots, span " << span;
+                EXPECT_EQ(value_of(s).substr(12, 8), be32(s.filled) + be32(s.head));
             }
         }
     }
@@ -778,21 +884,6 @@ TEST_F(Histories, ARecordLongerThanTheValueIsIgnored) {
     EXPECT_EQ(s.filled, 3u);
 }
 
-TEST_F(Histories, PaddingStaysInsideAValueThatIsShorterThanItsRing) {
-    const test_clock::frozen clock(NOW);
-    for (const size_t length : {20, 21, 23, 27}) {
-        history_series& s = small_series();
-        set_value(s, std::string(length, 'v'));
-        load(s, model_of(s, 0, 0).record());
-        ring_model model = model_of(s, 0, NOW);
-        model.filled = 4;
-        model.head = NOW / 3 % 4;
-        EXPECT_EQ(value_of(s).size(), length);
-        EXPECT_EQ(value_of(s).substr(0, 20), model.header()) << length;
-        EXPECT_EQ(object_of(s)->string[length], '\0');
-    }
-}
-
 TEST_F(Histories, ALongerValueTakesTheRecordAtItsStart) {
     const test_clock::frozen clock(NOW);
     history_series& s = small_series();
@@ -852,6 +943,16 @@ TEST_F(Histories, ALoadHookSetsTheSecondsOfATick) {
     EXPECT_EQ(value_of(s), model.value());
     EXPECT_EQ(log.lines(), std::vector<std::string>{
                                "info  *** loading x.day: (1700000000-1699999101)/(3*100)  -> span = 2"});
+}
+
+TEST_F(Histories, WithTicksOfNoLengthNothingIsPadded) {
+    const test_clock::frozen clock(NOW);
+    history_series& s = small_series();
+    log.start(LOG_INFO);
+    register_load_hook(answering_load_hook<1, HISTORY_NEXT, 0>);
+    history_load_record("x.day", model_of(s, 2, NOW - 899).record().c_str(), 24);
+    EXPECT_EQ(value_of(s), model_of(s, 2, NOW).value());
+    EXPECT_EQ(log.text(), "");
 }
 
 TEST_F(Histories, AStartForgetsHooks) {

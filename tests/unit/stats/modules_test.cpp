@@ -20,6 +20,8 @@
 #include "stats/netdev.h"
 #include "stats/ping.h"
 #include "store/dump.h"
+#include "tests/unit/support/loop_by_tenths.h"
+#include "tests/unit/support/own_world.h"
 #include "tests/unit/support/store_test.h"
 #include "tests/unit/support/test_clock.h"
 #include "tests/unit/support/text_string.h"
@@ -81,25 +83,6 @@ class StatisticsModules : public store_test {
     test_clock::frozen clock;
 };
 
-/* Lets the clock run on by a tenth of a second with each scan of the timers, and notes the number of ticks.
- */
-struct time_machine {
-    const std::function<size_t()> calls;
-    int scans;
-    std::vector<size_t> seen = {};
-
-    static int on_scan(void* argument) {
-        time_machine* machine = static_cast<time_machine*>(argument);
-        machine->seen.push_back(machine->calls());
-        const int tenths = static_cast<int>(machine->seen.size()) + 1;
-        test_clock::set(1700000000 + tenths / 10, tenths % 10 * 100000);
-        if (tenths > machine->scans) {
-            loop_stop();
-        }
-        return 0;
-    }
-};
-
 int never_asked_hook(object*, history_series*, int) {
     ADD_FAILURE() << "the fifth hook was taken";
     return HISTORY_NEXT;
@@ -143,24 +126,36 @@ TEST_F(StatisticsModules, MakeThePingTableAndNothingElse) {
 }
 
 TEST_F(StatisticsModules, StatisticsTickOnceASecond) {
-    int ends[2];
-    ASSERT_EQ(pipe(ends), 0);
-    ASSERT_EQ(write(ends[1], "x", 1), 1);
-    /* A descriptor that is always ready: no pass waits. */
-    loop_add_handler(
-        ends[0], LOOP_READABLE, [](int, unsigned, void*) {}, nullptr);
-    time_machine machine = {[this] { return calls(); }, 45};
-    loop_add_timer(100, time_machine::on_scan, &machine);
-    test_clock::set(1700000000, 100000);
-    loop_run();
-    /* The scan at n tenths notes the ticks before it: 1 from 1.1 seconds on, 2 from 2.1 on. */
-    ASSERT_EQ(machine.seen.size(), 45u);
-    for (size_t i = 0; i < machine.seen.size(); i++) {
-        EXPECT_EQ(machine.seen[i], i / 10) << (i + 1) << " tenths of a second";
-    }
-    for (const int fd : ends) {
-        close(fd);
-    }
+    /* The machine may have plug-ins and a panel. */
+    const auto enter = [] { return own_plugin_folder() && cover_devices(); };
+    run_in_own_world(enter, [&] {
+        run_loop_by_tenths(45, [&](int tenth) {
+            EXPECT_EQ(calls(), static_cast<size_t>(tenth / 10)) << tenth << " tenths of a second";
+        });
+    });
+}
+
+TEST_F(StatisticsModules, AtTheSameMomentPlugInsComeFirstThenThePanelThenTheFigures) {
+    const auto enter = [] { return own_plugin_folder() && cover_devices(); };
+    run_in_own_world(enter, [&] {
+        /* A node that nobody reads, which the panel complains about. */
+        ASSERT_EQ(mkfifo("/dev/st7565", 0600), 0);
+        run_loop_by_tenths(30, [&](int tenth) {
+            if (tenth == 29) {
+                std::ofstream("/usr/lib/lua/tplugins/new").close();
+                chmod("/usr/lib/lua/tplugins/new", 0755);
+                log.start();
+            }
+        });
+        const std::vector<std::string> all = log.lines();
+        const auto at = [&](const char* line) { return std::find(all.begin(), all.end(), line); };
+        const auto plugin = at("debug *** insert (new) to task_list (-1)");
+        const auto panel = at("error *** open (/dev/st7565) failed.");
+        const auto figure = at("debug *** \"conn\"(string): updated to \"1\"");
+        EXPECT_LT(plugin, panel);
+        EXPECT_LT(panel, figure);
+        EXPECT_LT(figure, all.end());
+    });
 }
 
 TEST_F(StatisticsModules, AClientMayChooseTheInterfaceAlgorithm) {

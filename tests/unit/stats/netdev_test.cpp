@@ -8,8 +8,11 @@
 #include <string>
 #include <vector>
 
-#include <malloc.h>
+#include <signal.h>
 #include <stdlib.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "stats/iface_algor.h"
 #include "tests/unit/support/store_test.h"
@@ -128,6 +131,42 @@ class InterfaceTraffic : public store_test {
 };
 
 typedef std::vector<uint32_t> u32s;
+
+/* Takes memory in pieces of a size until none is left, at most a quarter of a gigabyte of it. */
+void take_memory(size_t size) {
+    static size_t taken;
+    while (taken < (1U << 28) && malloc(size) != nullptr) {
+        taken += size;
+    }
+}
+
+/* Leaves no memory for a record of an interface; what the pool holds already is left to it. For a process
+ * that ends soon. */
+bool exhaust_memory() {
+    rlimit limit;
+    if (getrlimit(RLIMIT_AS, &limit) != 0) {
+        return false;
+    }
+    limit.rlim_cur = 0;
+    if (setrlimit(RLIMIT_AS, &limit) != 0) {
+        return false;
+    }
+    for (size_t size = 1 << 20; size > sizeof(iface_stat); size /= 2) {
+        take_memory(size);
+    }
+    take_memory(sizeof(iface_stat));
+    return malloc(sizeof(iface_stat)) == nullptr;
+}
+
+/* An emulator may not keep to the limit. */
+bool memory_can_be_exhausted() {
+    const pid_t child = fork();
+    if (child == 0) {
+        _exit(exhaust_memory() ? 0 : 1);
+    }
+    int status = 0;
+    return waitpid(child, &status, 0) == child && status == 0;
+}
 
 } // namespace
 
@@ -482,6 +521,32 @@ TEST_F(InterfaceTraffic, AnInterfaceThatDisappearsKeepsItsLastFigures) {
     EXPECT_EQ(ring("eth0.10m"), history);
     advance(1000000, {4000, 0, 0, 0});
     EXPECT_EQ(rates()[0], 2250u) << "when it is back, the whole difference is the last second's";
+}
+
+TEST_F(InterfaceTraffic, WithoutMemoryForARecordTheProcessEnds) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "the address sanitizer's heap has no such end";
+#endif
+    if (!memory_can_be_exhausted()) {
+        GTEST_SKIP() << "memory cannot be limited here";
+    }
+    /* What a hash needs is in the pool from then on, so that it is the record that finds no memory. */
+    poll(0, line("eth0", {}));
+    object_delete(object_lookup("eth0"));
+    static char waiting[4096];
+    std::string lines = line("eth1", {});
+    FILE* file = fmemopen(lines.data(), lines.size(), "r");
+    ASSERT_NE(file, nullptr);
+    ASSERT_EQ(setvbuf(file, waiting, _IOFBF, sizeof waiting), 0);
+    EXPECT_EXIT(
+        {
+            if (exhaust_memory()) {
+                netdev_read(file);
+            }
+            _exit(0);
+        },
+        testing::KilledBySignal(SIGABRT), "^out of memory\n$");
+    fclose(file);
 }
 
 /* --- The hash --- */

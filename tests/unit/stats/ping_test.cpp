@@ -335,6 +335,21 @@ TEST_F(Ping, AveragesAreAveragedAndTruncated) {
     }
 }
 
+TEST_F(Ping, AnAverageLosesWhatItsTwoQuotientsLose) {
+    /* 1 / 6 * 5 + 1 / 6 comes out one rounding step below 1, and 8 / 6 * 5 + 2 / 6 one below 7. With a single
+     * division, or a product that is not rounded before the sum, both would be whole. */
+    const std::pair<uint32_t, uint32_t> steps[] = {{1, 1}, {1, 1}, {1, 1}, {1, 1}, {1, 1}, {1, 0}};
+    for (const auto& [reported, kept] : steps) {
+        report(3, 50, 1, reported, 1, 0);
+        EXPECT_EQ(entry(3).substr(8, 4), be32(kept));
+    }
+    const std::pair<uint32_t, uint32_t> larger[] = {{8, 8}, {8, 8}, {8, 8}, {8, 8}, {8, 8}, {2, 6}};
+    for (const auto& [reported, kept] : larger) {
+        report(4, 50, 1, reported, 1, 0);
+        EXPECT_EQ(entry(4).substr(8, 4), be32(kept));
+    }
+}
+
 TEST_F(Ping, AnAverageOfOnlyZeroesIsZeroUntilTheFirstOther) {
     report(3, 0, 0, 0, 10, 10);
     report(3, 0, 0, 0, 10, 10);
@@ -501,6 +516,27 @@ TEST_F(Ping, AClearedTargetKeepsSamplesAndTimesButCountsFromNothing) {
     report(3, 3, 3, 3, 1, 0);
     EXPECT_EQ(counts("ping3.day"), counts_of(NOW + 1000, 1, 1));
     EXPECT_EQ(sample("ping3.day", 0), figures(3, 3, 3, 3, 0));
+}
+
+TEST_F(Ping, AClearedTargetBeginsEverySpanAfresh) {
+    for (int i = 0; i < 89; i++) {
+        report(3, 900, 800, 850, 10, 5);
+    }
+    ASSERT_EQ(counts("ping3.week"), counts_of(NOW, 4, 4));
+    clear("3");
+    EXPECT_EQ(counts("ping3.week"), counts_of(NOW, 0, 0));
+    for (int i = 1; i <= 21; i++) {
+        EXPECT_EQ(counts("ping3.week"), counts_of(NOW, 0, 0)) << i;
+        report(3, i, 1, 2, 10, 1);
+    }
+    EXPECT_EQ(counts("ping3.week"), counts_of(NOW, 1, 1));
+    EXPECT_EQ(sample("ping3.week", 0), figures(21, 1, 2, 210, 21));
+    for (int i = 22; i <= 90; i++) {
+        EXPECT_EQ(counts("ping3.mon"), counts_of(0, 0, 0)) << i;
+        report(3, i, 1, 2, 10, 1);
+    }
+    EXPECT_EQ(counts("ping3.mon"), counts_of(NOW, 1, 1));
+    EXPECT_EQ(sample("ping3.mon", 0), figures(90, 1, 2, 900, 90));
 }
 
 TEST_F(Ping, AClearedTargetStaysATarget) {

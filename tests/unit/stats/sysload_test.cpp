@@ -10,9 +10,15 @@
 #include <string>
 #include <vector>
 
+#include <dlfcn.h>
+#include <ifaddrs.h>
 #include <malloc.h>
+#include <net/if.h>
 #include <signal.h>
+#include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -43,6 +49,16 @@ std::string be32(uint32_t value) {
 std::string cpu_line(uint64_t busy, uint64_t idle) {
     return "cpu  " + std::to_string(busy) + " 0 0 " + std::to_string(idle) + " 0 0 0\n";
 }
+
+/* The machine that the unit sees, while a test has laid one down. */
+struct made_up_machine {
+    std::string root; /* what lies below /proc is looked for in this folder; "" for the real machine */
+    ifaddrs* addresses;
+    bool addresses_fail;
+    int lists; /* handed out and not freed */
+};
+
+made_up_machine machine;
 
 /* The statistics module as at start-up. */
 class Sysload : public store_test {
@@ -145,6 +161,52 @@ class SysloadTools : public Sysload {
     std::string old_path;
 };
 
+/* On a machine whose files below /proc and whose network addresses are the test's own. */
+class SysloadMachine : public SysloadTools {
+  protected:
+    SysloadMachine() {
+        std::filesystem::create_directories(folder + "/proc/net");
+        proc("net/dev", "eth0: 1 2 0 0 0 0 0 0 3 4 0 0 0 0 0 0\n");
+        proc("stat", cpu_line(100, 100));
+        proc("meminfo", "MemTotal: 100 kB\nMemFree: 58 kB\nBuffers: 0 kB\nCached: 0 kB\n");
+        machine = {};
+        machine.root = folder;
+    }
+
+    ~SysloadMachine() override {
+        EXPECT_EQ(machine.lists, 0) << "lists of addresses that nobody freed";
+        machine = {};
+    }
+
+    void proc(const std::string& name, const std::string& text) const {
+        std::ofstream(folder + "/proc/" + name) << text;
+    }
+
+    void no_proc(const std::string& name) const {
+        std::filesystem::remove(folder + "/proc/" + name);
+    }
+
+    /* One tick with these addresses: the interface's flags as it publishes them. */
+    static std::string flags_after(std::vector<ifaddrs> addresses) {
+        for (size_t i = 0; i + 1 < addresses.size(); i++) {
+            addresses[i].ifa_next = &addresses[i + 1];
+        }
+        machine.addresses = addresses.data();
+        stats_ontimer(nullptr);
+        machine.addresses = nullptr;
+        const object* hash = object_lookup_type("eth0", OBJ_THASH);
+        const hash_field* flags = hash != nullptr ? object_hash_field(hash, "flags") : nullptr;
+        return flags != nullptr ? std::string(bytes_of(flags->value)) : "(none)";
+    }
+
+    static ifaddrs address(const char* interface, unsigned flags) {
+        ifaddrs one = {};
+        one.ifa_name = const_cast<char*>(interface);
+        one.ifa_flags = flags;
+        return one;
+    }
+};
+
 /* What is allocated, measured without allocating. */
 struct memory_use {
     size_t heap;
@@ -192,6 +254,40 @@ void run_an_hour() {
 }
 
 } // namespace
+
+/* Defined in the program, these take precedence over the C library's. */
+
+extern "C" FILE* fopen(const char* __restrict path, const char* __restrict mode) {
+    /* The name that the C library gives it is this one where files have 64 bits by choice. */
+    static const auto real =
+        reinterpret_cast<FILE* (*)(const char*, const char*)>(dlsym(RTLD_NEXT, "fopen64"));
+    return machine.root.empty() || strncmp(path, "/proc/", 6) != 0
+               ? real(path, mode)
+               : real((machine.root + path).c_str(), mode);
+}
+
+extern "C" int getifaddrs(ifaddrs** list) noexcept {
+    static const auto real = reinterpret_cast<int (*)(ifaddrs**)>(dlsym(RTLD_NEXT, "getifaddrs"));
+    if (machine.root.empty()) {
+        return real(list);
+    }
+    *list = machine.addresses;
+    if (machine.addresses_fail) {
+        return -1;
+    }
+    machine.lists++;
+    return 0;
+}
+
+extern "C" void freeifaddrs(ifaddrs* list) noexcept {
+    static const auto real = reinterpret_cast<void (*)(ifaddrs*)>(dlsym(RTLD_NEXT, "freeifaddrs"));
+    if (machine.root.empty()) {
+        real(list);
+        return;
+    }
+    EXPECT_EQ(list, machine.addresses);
+    machine.lists--;
+}
 
 /* --- Processor --- */
 
@@ -286,29 +382,67 @@ TEST_F(Sysload, AProductOfAHundredDoesNotOverflow) {
     EXPECT_EQ(cpu(3000000000000000001, 1000000000000000000), 37) << "75 percent";
 }
 
-TEST_F(Sysload, APollKeepsAndPublishesTheSmoothedLoad) {
+TEST_F(SysloadMachine, EachPollKeepsAndPublishesTheLoadAndTheSpansKeepTheirMaxima) {
     test_client observer;
     observer.call({"observe"});
-    cpu_update("cpu  1 0 0 0 0 0 0\n");
-    cpu_update("cpu  1001 0 0 0 0 0 0\n");
-    std::vector<std::string> loads;
-    for (int i = 0; i < 24; i++) {
+    /* Of each hundred jiffies so many were busy. */
+    const std::pair<unsigned, char> polls[] = {{0, 0},  {100, 50}, {100, 75}, {100, 87}, {0, 43},  {0, 21},
+                                               {0, 10}, {0, 5},    {0, 2},    {0, 1},    {0, 0},   {0, 0},
+                                               {0, 0},  {40, 20},  {0, 10},   {0, 5},    {60, 32}, {0, 16},
+                                               {0, 8},  {0, 4},    {0, 2},    {0, 1},    {0, 0},   {0, 0}};
+    uint64_t busy = 100;
+    uint64_t idle = 100;
+    std::string loads;
+    for (const auto& [share, load] : polls) {
+        busy += share;
+        idle += 100 - share;
+        proc("stat", cpu_line(busy, idle));
         cpu_poll();
-        loads.push_back(get("cpu.load"));
-        EXPECT_EQ(observer.received(), event({"MSET", "cpu.load", loads.back()}));
+        EXPECT_EQ(observer.received(), event({"MSET", "cpu.load", std::to_string(load)}));
+        loads += load;
     }
     EXPECT_EQ(filled("cpu.10m"), be32(24));
+    EXPECT_EQ(samples("cpu.10m", 24, 1), loads);
     EXPECT_EQ(filled("cpu.2h"), be32(2));
+    EXPECT_EQ(samples("cpu.2h", 2, 1), "\x57\x20") << "87 and 32";
     EXPECT_EQ(filled("cpu.day"), be32(0));
-    int maxima[2] = {};
-    for (size_t i = 0; i < loads.size(); i++) {
-        const int load = std::stoi(loads[i]);
-        EXPECT_EQ(static_cast<unsigned char>(samples("cpu.10m", 24, 1)[i]), load);
-        maxima[i / 12] = std::max(maxima[i / 12], load);
+}
+
+TEST_F(SysloadMachine, ALineThatDoesNotFitTicksAndPublishesTheLoadAsItWas) {
+    cpu_poll();
+    proc("stat", cpu_line(200, 100));
+    cpu_poll();
+    test_client observer;
+    observer.call({"observe"});
+    for (const char* line : {"", "cpu 300 0 0 100 0 0 0\n"}) {
+        proc("stat", line);
+        cpu_poll();
+        EXPECT_EQ(observer.received(), event({"MSET", "cpu.load", "50"}));
     }
-    EXPECT_GT(maxima[0], 0);
-    EXPECT_EQ(static_cast<unsigned char>(samples("cpu.2h", 2, 1)[0]), maxima[0]);
-    EXPECT_EQ(static_cast<unsigned char>(samples("cpu.2h", 2, 1)[1]), maxima[1]);
+    EXPECT_EQ(filled("cpu.10m"), be32(4));
+    EXPECT_EQ(samples("cpu.10m", 4, 1), std::string("\0\x32\x32\x32", 4));
+    no_proc("stat");
+    cpu_poll();
+    EXPECT_EQ(observer.received(), "");
+    EXPECT_EQ(filled("cpu.10m"), be32(4)) << "without the file there is no tick";
+}
+
+TEST_F(SysloadMachine, FiguresOfTwentyDigitsAreRead) {
+    proc("stat", "cpu  10000000000000000000 10000000000000000000 10000000000000000000 10000000000000000000 "
+                 "10000000000000000000 10000000000000000000 10000000000000000000 0 0 0\n");
+    cpu_poll();
+    proc("stat", "cpu  10000000000000000020 10000000000000000000 10000000000000000020 10000000000000000050 "
+                 "10000000000000000000 10000000000000000000 10000000000000000010 0 0 0\n");
+    cpu_poll();
+    EXPECT_EQ(get("cpu.load"), "25") << "half of 50 percent";
+}
+
+TEST_F(SysloadMachine, ALineOf255BytesIsReadToItsEnd) {
+    cpu_poll();
+    const std::string figures = "cpu  100 0 0 200 0 0";
+    proc("stat", figures + std::string(255 - figures.size() - 3, ' ') + "100");
+    cpu_poll();
+    EXPECT_EQ(get("cpu.load"), "25") << "100 of 200 jiffies busy";
 }
 
 /* --- Memory --- */
@@ -468,6 +602,58 @@ TEST_F(SysloadTools, ATickWritesEveryFigureInOrder) {
     for (const char* key : {"cpu.10m", "host.10m", "conn.10m"}) {
         EXPECT_EQ(filled(key), be32(1)) << key;
     }
+}
+
+TEST_F(SysloadMachine, FlagsAreReadBeforeTrafficAndOfUpTwoAndRunningOneIsMade) {
+    EXPECT_EQ(flags_after({address("eth0", IFF_UP | IFF_RUNNING)}), "0") << "not known yet";
+    EXPECT_EQ(flags_after({address("eth0", IFF_UP | IFF_RUNNING)}), "3");
+    EXPECT_EQ(flags_after({address("eth0", IFF_UP)}), "2");
+    EXPECT_EQ(flags_after({address("eth0", IFF_RUNNING)}), "1");
+    EXPECT_EQ(flags_after({address("eth0", ~static_cast<unsigned>(IFF_UP | IFF_RUNNING))}), "0");
+    EXPECT_EQ(flags_after({address("eth0", ~0U)}), "3");
+}
+
+TEST_F(SysloadMachine, TheLastAddressOfAnInterfaceTellsItsFlags) {
+    flags_after({});
+    EXPECT_EQ(flags_after({address("lo", IFF_UP), address("eth0", IFF_UP), address(nullptr, IFF_RUNNING),
+                           address("eth0", IFF_RUNNING), address("wlan0", IFF_UP)}),
+              "1");
+    EXPECT_EQ(flags_after({address("eth0", IFF_UP | IFF_RUNNING), address("eth0", 0)}), "0");
+}
+
+TEST_F(SysloadMachine, FlagsStayWhenAnInterfaceHasNoAddressOrNoneCanBeHad) {
+    flags_after({});
+    EXPECT_EQ(flags_after({address("eth0", IFF_UP | IFF_RUNNING)}), "3");
+    EXPECT_EQ(flags_after({}), "3");
+    EXPECT_EQ(flags_after({address("lo", IFF_UP)}), "3");
+    machine.addresses_fail = true;
+    EXPECT_EQ(flags_after({address("eth0", IFF_UP)}), "3") << "what a failed call leaves is no list";
+    EXPECT_EQ(get("conn"), "123") << "the tick goes on";
+    machine.addresses_fail = false;
+    EXPECT_EQ(flags_after({address("eth0", IFF_UP)}), "2");
+}
+
+TEST_F(SysloadMachine, ATickThatCanStartNoCommandKeepsItsFiguresAndPublishesThem) {
+    stats_ontimer(nullptr);
+    tool("hostmon", "echo 'Online hosts: 6'; echo 'Max Online hosts: 10'");
+    tool("conntrack", "echo 'entries 124'");
+    test_client observer;
+    observer.call({"observe"});
+    rlimit before;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none = {0, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    const int answer = stats_ontimer(nullptr);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_EQ(answer, 0);
+    EXPECT_EQ(observer.received(), event({"MSET", "host.num", "5"}) + event({"MSET", "host.maxnum", "9"}) +
+                                       event({"MSET", "conn", "123"}))
+        << "and nothing of the files that could not be opened";
+    EXPECT_EQ(filled("cpu.10m"), be32(1));
+    EXPECT_EQ(filled("host.10m") + samples("host.10m", 2, 4), be32(2) + be32(5) + be32(5));
+    EXPECT_EQ(filled("conn.10m") + samples("conn.10m", 2, 4), be32(2) + be32(123) + be32(123));
+    stats_ontimer(nullptr);
+    EXPECT_EQ(get("host.num") + " of " + get("host.maxnum") + ", " + get("conn"), "6 of 10, 124");
 }
 
 TEST_F(SysloadTools, WithoutTheToolsHostsStayAndConnectionsAreZero) {

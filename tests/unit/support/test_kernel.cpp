@@ -1,20 +1,30 @@
 #include "tests/unit/support/test_kernel.h"
 
+#include <dlfcn.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <stdarg.h>
 #include <sys/ioctl.h>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/sysinfo.h>
+#include <sys/uio.h>
 #include <time.h>
 #include <unistd.h>
+
+#include <algorithm>
 
 namespace test_kernel {
 
 std::deque<int> send_answers;
 std::deque<int> recv_answers;
+std::deque<int> writev_answers;
+std::deque<int> read_answers;
 std::deque<int> ioctl_failures;
+std::deque<int> fstat_failures;
+std::deque<int> daemon_failures;
 std::deque<std::vector<epoll_event>> epoll_answers;
 uint32_t memory;
 int select_descriptors = -1;
@@ -29,12 +39,26 @@ using namespace test_kernel;
 
 namespace {
 
-int give(std::deque<int>* answers) {
+int take(std::deque<int>* answers) {
     const int answer = answers->front();
     answers->pop_front();
-    errno = answer;
-    return answer == 0 ? 0 : -1;
+    return answer;
 }
+
+int give(std::deque<int>* answers) {
+    errno = take(answers);
+    return errno == 0 ? 0 : -1;
+}
+
+/* Makes the pieces so much shorter together that `size` bytes are left. */
+void shorten(std::vector<iovec>* pieces, size_t size) {
+    for (iovec& piece : *pieces) {
+        piece.iov_len = std::min(piece.iov_len, size);
+        size -= piece.iov_len;
+    }
+}
+
+constexpr size_t PAGE = 4096;
 
 } // namespace
 
@@ -46,6 +70,42 @@ extern "C" ssize_t send(int fd, const void* bytes, size_t size, int flags) {
 
 extern "C" ssize_t recv(int fd, void* bytes, size_t size, int flags) {
     return recv_answers.empty() ? recvfrom(fd, bytes, size, flags, nullptr, nullptr) : give(&recv_answers);
+}
+
+extern "C" ssize_t writev(int fd, const iovec* pieces, int count) {
+    std::vector<iovec> taken(pieces, pieces + count);
+    if (!writev_answers.empty()) {
+        const int answer = take(&writev_answers);
+        if (answer < 0) {
+            errno = -answer;
+            return -1;
+        }
+        shorten(&taken, static_cast<size_t>(answer));
+    }
+    return syscall(SYS_writev, fd, taken.data(), count);
+}
+
+extern "C" ssize_t read(int fd, void* bytes, size_t size) {
+    if (read_answers.empty()) {
+        return syscall(SYS_read, fd, bytes, size);
+    }
+    const int answer = take(&read_answers);
+    const size_t given = answer < 0 ? 0 : static_cast<size_t>(answer);
+    const ssize_t got = syscall(SYS_read, fd, bytes, std::min(size, given + PAGE));
+    if (answer < 0) {
+        errno = -answer;
+        return -1;
+    }
+    return std::min(got, ssize_t{answer});
+}
+
+extern "C" int fstat(int fd, struct stat* status) noexcept {
+    return fstat_failures.empty() ? fstatat(fd, "", status, AT_EMPTY_PATH) : give(&fstat_failures);
+}
+
+extern "C" int daemon(int keep_folder, int keep_output) noexcept {
+    static const auto real = reinterpret_cast<int (*)(int, int)>(dlsym(RTLD_NEXT, "daemon"));
+    return daemon_failures.empty() ? real(keep_folder, keep_output) : give(&daemon_failures);
 }
 
 extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {

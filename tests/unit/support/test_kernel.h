@@ -15,8 +15,16 @@ namespace test_kernel {
 extern std::deque<int> send_answers;
 extern std::deque<int> recv_answers;
 
-/* Error numbers with which the next questions about a descriptor (ioctl) fail. */
+/* How the next calls end: with so many bytes taken or given at most, or, below 0, with that error number. A
+ * read leaves a page more of the file in memory than it says it gave. */
+extern std::deque<int> writev_answers;
+extern std::deque<int> read_answers;
+
+/* Error numbers with which the next questions about a descriptor (ioctl, fstat) fail, and the next attempts
+ * to become a daemon. */
 extern std::deque<int> ioctl_failures;
+extern std::deque<int> fstat_failures;
+extern std::deque<int> daemon_failures;
 
 /* What the next waits of epoll return, one batch each. */
 extern std::deque<std::vector<epoll_event>> epoll_answers;
