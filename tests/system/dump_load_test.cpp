@@ -197,8 +197,8 @@ TEST_F(dump_files, hold_private_keys) {
 
 TEST_F(dump_files, hold_large_values_whole) {
     std::string value;
-    for (int i = 0; i < 20; i++) {
-        const std::string piece(50000, static_cast<char>('a' + i));
+    for (int i = 0; i < 40; i++) {
+        const std::string piece(25000, static_cast<char>('A' + i));
         call({"append", "large", piece});
         value += piece;
     }
@@ -305,8 +305,8 @@ TEST_F(dump_files, into_a_pipe_never_wait_for_a_reader) {
     const ssize_t got = read(reader, bytes, sizeof bytes);
     EXPECT_EQ(std::string(bytes, got > 0 ? static_cast<size_t>(got) : 0), record("k", "v"));
     /* More than a pipe takes while nobody reads. */
-    for (int i = 0; i < 10; i++)
-        call({"append", "large", std::string(50000, 'x')});
+    for (int i = 0; i < 20; i++)
+        call({"append", "large", std::string(25000, 'x')});
     EXPECT_EQ(call({"dump", "/tmp/pipe", "large"}), ":0\r\n");
     EXPECT_EQ(call({"ping"}), "+OK\r\n");
     close(reader);

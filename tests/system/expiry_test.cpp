@@ -7,6 +7,7 @@
 #include "tests/system/support/log_text.h"
 
 #include <algorithm>
+#include <functional>
 #include <map>
 #include <optional>
 #include <stdint.h>
@@ -24,23 +25,30 @@ const std::string OK = "+OK\r\n";
 
 /* How long after its last second a key may still be there, in ms: up to a second until the next look, and
  * what a busy machine adds. */
-constexpr int64_t LATE_MS = 4000;
+constexpr int64_t LATE_MS = 10000;
 
 std::string bulk(const std::string& value) {
     return "$" + std::to_string(value.size()) + "\r\n" + value + "\r\n";
 }
 
-/* Milliseconds of the wall clock, which is what the daemon goes by. */
+/* Milliseconds of the wall clock, which is what the daemon goes by when it looks. */
 int64_t wall_ms() {
     timeval now = {};
     gettimeofday(&now, nullptr);
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_usec / 1000;
 }
 
-/* What was seen of a key while time passed, in ms of the wall clock. */
+/* The second in which the daemon takes an expiry to be set. Around the turn of a second this clock is a tick
+ * of the kernel behind the other. */
+int64_t stamped_second() {
+    return time(nullptr);
+}
+
+/* What was seen of a key while time passed. Seconds are those in which an expiry is taken to be set; the rest
+ * is in ms of the wall clock. */
 struct life {
-    int64_t set_after = 0; /* the expiry was set between these two */
-    int64_t set_before = 0;
+    int64_t from_second = 0; /* the expiry was set between these two */
+    int64_t to_second = 0;
     int64_t last_seen = 0;  /* asked for at this time, it was there */
     int64_t found_gone = 0; /* this was known by then; 0 while it is there */
     int round = 0;          /* the round of questions in which that was found */
@@ -48,7 +56,10 @@ struct life {
 
 class expiry : public daemon_test {
   protected:
+    /* Starts the daemon, in place of one that runs already. */
     void launch_daemon(const words& arguments = {}) {
+        if (daemon != nullptr)
+            daemon->stop();
         launched_at = wall_ms();
         daemon = &start(arguments);
         client.emplace();
@@ -62,10 +73,10 @@ class expiry : public daemon_test {
     void give(const std::string& key, const words& request, const std::string& reply) {
         life& one = lives[key];
         one = {};
-        one.set_after = wall_ms();
+        one.last_seen = wall_ms();
+        one.from_second = stamped_second();
         EXPECT_EQ(call(request), reply) << ::testing::PrintToString(request);
-        one.set_before = wall_ms();
-        one.last_seen = one.set_after;
+        one.to_second = stamped_second();
     }
 
     void give_seconds(const std::string& key, const std::string& seconds) {
@@ -103,8 +114,38 @@ class expiry : public daemon_test {
     void expect_gone_after(const std::string& key, int64_t seconds) {
         const life& one = lives[key];
         ASSERT_NE(one.found_gone, 0) << key;
-        EXPECT_GE(one.found_gone / 1000, one.set_after / 1000 + seconds) << key << " went too early";
-        EXPECT_LE(one.last_seen, one.set_before + seconds * 1000 + LATE_MS) << key << " went too late";
+        EXPECT_GE(one.found_gone / 1000, one.from_second + seconds) << key << " went too early";
+        EXPECT_LE(one.last_seen, (one.to_second + seconds) * 1000 + LATE_MS) << key << " went too late";
+    }
+
+    static void wait_for_a_new_second() {
+        const int64_t second = stamped_second();
+        EXPECT_TRUE(eventually([&] { return stamped_second() != second; }));
+    }
+
+    /* Does the steps and tells whether all of them have fallen into one second of the clock. If so, no key to
+       which they gave an end after that second can have gone meanwhile. */
+    static bool fell_into_one_second(const std::function<void()>& steps) {
+        const int64_t second = stamped_second();
+        steps();
+        return wall_ms() / 1000 == second;
+    }
+
+    /* Does them until they have. */
+    static bool in_one_second(const std::function<void()>& steps) {
+        return eventually([&] { return fell_into_one_second(steps); });
+    }
+
+    /* Sets the key and sends the requests, all in one second. Returns the replies to the latter. */
+    words replies_in_one_second(const std::string& key, const std::vector<words>& requests) {
+        words replies;
+        EXPECT_TRUE(in_one_second([&] {
+            EXPECT_EQ(call({"set", key, "v"}), OK);
+            replies.clear();
+            for (const words& request : requests)
+                replies.push_back(call(request));
+        })) << key;
+        return replies;
     }
 
     void expect_still_there(const std::string& key) {
@@ -125,24 +166,52 @@ TEST_F(expiry, comes_when_the_seconds_are_over_and_not_before) {
     resp_client observer;
     EXPECT_EQ(observer.call({"observe"}), OK);
 
-    words will_go = {"k.0", "k.1", "k.3", "k.list", "k.hash", "k.setex", "k.incr", "k.wrapped"};
-    for (const char* key :
-         {"k.0", "k.1", "k.3", "k.wrapped", "k.stays", "k.past", "k.future", "k.negative", "k.persisted",
-          "k.set", "k.mset", "k.getset", "k.renewed", "k.deleted", "k.relative"})
+    /* These are never over, or were given another life before the end. */
+    for (const char* key : {"k.stays", "k.negative"})
+        EXPECT_EQ(call({"set", key, "v"}), OK);
+    EXPECT_EQ(call({"expire", "k.negative", "-1"}), ":1\r\n");
+    const std::string in_an_hour = std::to_string(time(nullptr) + 3600);
+    const auto outlives = [&](const std::string& key, const words& first, const words& second,
+                              const std::string& reply) {
+        EXPECT_EQ(replies_in_one_second(key, {first, second}), (words{":1\r\n", reply})) << key;
+    };
+    outlives("k.persisted", {"expire", "k.persisted", "1"}, {"persist", "k.persisted"}, ":1\r\n");
+    outlives("k.set", {"expire", "k.set", "1"}, {"set", "k.set", "w"}, OK);
+    outlives("k.mset", {"expire", "k.mset", "1"}, {"mset", "k.mset", "w"}, OK);
+    outlives("k.getset", {"expire", "k.getset", "1"}, {"getset", "k.getset", "w"}, bulk("v"));
+    outlives("k.renewed", {"expire", "k.renewed", "1"}, {"expire", "k.renewed", "1000"}, ":1\r\n");
+    outlives("k.relative", {"expireat", "k.relative", in_an_hour}, {"expire", "k.relative", "1000"},
+             ":1\r\n");
+
+    /* A deleted key's record goes with its expiry. */
+    EXPECT_EQ(replies_in_one_second(
+                  "k.deleted", {{"expire", "k.deleted", "1"}, {"del", "k.deleted"}, {"keys", "k.deleted"}}),
+              (words{":1\r\n", ":1\r\n", "*1\r\n" + bulk("k.deleted")}));
+    EXPECT_EQ(call({"set", "k.dead", "v"}), OK);
+    EXPECT_EQ(call({"del", "k.dead"}), ":1\r\n");
+    EXPECT_EQ(call({"keys", "k.dead"}), "*1\r\n" + bulk("k.dead"));
+
+    words will_go = {"k.0", "k.3", "k.list", "k.hash", "k.setex", "k.wrapped"};
+    for (const char* key : {"k.0", "k.3", "k.wrapped", "k.past"})
         EXPECT_EQ(call({"set", key, "v"}), OK);
     EXPECT_EQ(call({"rpush", "k.list", "a", "b"}), ":2\r\n");
     EXPECT_EQ(call({"hset", "k.hash", "f", "v"}), ":1\r\n");
-    EXPECT_EQ(call({"set", "k.incr", "1"}), OK);
 
     give_seconds("k.0", "0");
-    give_seconds("k.3", "3");
     give_seconds("k.list", "1");
     give_seconds("k.hash", "1");
     give("k.setex", {"setex", "k.setex", "1", "v"}, OK);
-    give_seconds("k.incr", "1");
-    EXPECT_EQ(call({"incr", "k.incr"}), ":2\r\n");
-    EXPECT_EQ(call({"append", "k.incr", "0"}), ":2\r\n");
     give_seconds("k.wrapped", "4294967297");
+
+    /* What changes a value leaves its end as it is. */
+    words changed;
+    EXPECT_TRUE(in_one_second([&] {
+        EXPECT_EQ(call({"set", "k.incr", "1"}), OK);
+        give_seconds("k.incr", "1");
+        changed = {call({"incr", "k.incr"}), call({"append", "k.incr", "0"})};
+    }));
+    EXPECT_EQ(changed, (words{":2\r\n", ":2\r\n"}));
+    will_go.push_back("k.incr");
 
     /* The protection of the settings is one against deletion only. */
     give_seconds("fhour.interval", "1");
@@ -150,36 +219,14 @@ TEST_F(expiry, comes_when_the_seconds_are_over_and_not_before) {
     will_go.insert(will_go.end(), {"fhour.interval", "tessard.run"});
 
     /* An absolute time is only shown: whatever it is, the key goes after the second in which it was given. */
-    const std::string in_an_hour = std::to_string(time(nullptr) + 3600);
-    do {
+    EXPECT_TRUE(in_one_second([&] {
+        EXPECT_EQ(call({"mset", "k.future", "v", "k.1", "v"}), OK);
         give("k.future", {"expireat", "k.future", in_an_hour}, ":1\r\n");
         give_seconds("k.1", "1");
-    } while (lives["k.future"].set_after / 1000 != lives["k.1"].set_before / 1000);
+    }));
     give("k.past", {"expireat", "k.past", "1"}, ":1\r\n");
-    will_go.insert(will_go.end(), {"k.future", "k.past"});
-
-    /* These are never over, or were given another life before the end. */
-    give_seconds("k.negative", "-1");
-    give_seconds("k.persisted", "1");
-    EXPECT_EQ(call({"persist", "k.persisted"}), ":1\r\n");
-    give_seconds("k.set", "1");
-    EXPECT_EQ(call({"set", "k.set", "w"}), OK);
-    give_seconds("k.mset", "1");
-    EXPECT_EQ(call({"mset", "k.mset", "w"}), OK);
-    give_seconds("k.getset", "1");
-    EXPECT_EQ(call({"getset", "k.getset", "w"}), bulk("v"));
-    give_seconds("k.renewed", "1");
-    give_seconds("k.renewed", "1000");
-    give("k.relative", {"expireat", "k.relative", in_an_hour}, ":1\r\n");
-    give_seconds("k.relative", "1000");
-
-    /* A deleted key's record goes with its expiry. */
-    EXPECT_EQ(call({"expire", "k.deleted", "1"}), ":1\r\n");
-    EXPECT_EQ(call({"del", "k.deleted"}), ":1\r\n");
-    EXPECT_EQ(call({"set", "k.dead", "v"}), OK);
-    EXPECT_EQ(call({"del", "k.dead"}), ":1\r\n");
-    EXPECT_EQ(call({"keys", "k.dead"}), "*1\r\n" + bulk("k.dead"));
-    EXPECT_EQ(call({"keys", "k.deleted"}), "*1\r\n" + bulk("k.deleted"));
+    give_seconds("k.3", "3");
+    will_go.insert(will_go.end(), {"k.1", "k.future", "k.past"});
 
     ASSERT_TRUE(watch_until_gone(will_go));
 
@@ -245,46 +292,53 @@ TEST_F(expiry, comes_when_the_seconds_are_over_and_not_before) {
 }
 
 TEST_F(expiry, is_looked_for_once_a_second_and_traced_key_by_key) {
-    launch_daemon({"-l", "debug", "-f", "stdout"});
-    for (const char* key : {"e.a", "e.b", "e.c"})
-        EXPECT_EQ(call({"set", key, "v"}), OK);
-    EXPECT_EQ(call({"rpush", "e.d", "x"}), ":1\r\n");
-    EXPECT_EQ(call({"hset", "e.e", "f", "v"}), ":1\r\n");
-    const std::string listed = call({"keys", "e.*"});
     words order;
-    for (const char* name : {"e.a", "e.b", "e.c", "e.d", "e.e"})
-        order.push_back(name);
-    std::sort(order.begin(), order.end(),
-              [&](const std::string& a, const std::string& b) { return listed.find(a) < listed.find(b); });
-
-    for (const std::string& key : order)
-        give_seconds(key, "0");
+    const auto make_keys = [&] {
+        EXPECT_EQ(call({"mset", "e.a", "v", "e.kept", "v"}), OK);
+        EXPECT_EQ(call({"rpush", "e.b", "x"}), ":1\r\n");
+        EXPECT_EQ(call({"hset", "e.c", "f", "v"}), ":1\r\n");
+        const std::string listed = call({"keys", "e.*"});
+        order = {"e.a", "e.b", "e.c"};
+        std::sort(order.begin(), order.end(), [&](const std::string& a, const std::string& b) {
+            return listed.find(a) < listed.find(b);
+        });
+        EXPECT_EQ(call({"expire", "e.kept", "4294967295"}), ":1\r\n");
+        EXPECT_EQ(call({"persist", "e.kept"}), ":1\r\n");
+        EXPECT_EQ(call({"persist", "e.kept"}), ":0\r\n");
+    };
+    const auto give_ends = [&] {
+        EXPECT_EQ(call({"expireat", "e.kept", "2000000000"}), ":1\r\n");
+        EXPECT_EQ(call({"set", "e.kept", "w"}), OK);
+        for (const std::string& key : order)
+            give_seconds(key, "1");
+    };
+    /* One look finds them all when they got their ends in one second. The trace is compared from its start,
+       so a daemon whose keys a slow machine has set apart gives way to another. */
+    ASSERT_TRUE(eventually([&] {
+        launch_daemon({"-l", "debug", "-f", "stdout"});
+        make_keys();
+        wait_for_a_new_second();
+        return fell_into_one_second(give_ends);
+    }));
     ASSERT_TRUE(watch_until_gone(order));
     /* All went in one look, the one that was found last first. */
     int64_t first_look_after = 0;
     for (const std::string& key : order)
         first_look_after = std::max(first_look_after, lives[key].last_seen);
 
-    /* A key that is made right after a look stays until the next, a second later. */
+    /* A key that is over at once stays until the next look, a second after the last. */
     EXPECT_EQ(call({"set", "e.next", "v"}), OK);
     give_seconds("e.next", "0");
     ASSERT_TRUE(watch_until_gone({"e.next"}));
     EXPECT_GE(lives["e.next"].found_gone - first_look_after, 990);
-    EXPECT_LE(lives["e.next"].last_seen, lives["e.next"].set_before + LATE_MS);
-
-    EXPECT_EQ(call({"set", "e.kept", "v"}), OK);
-    EXPECT_EQ(call({"expire", "e.kept", "4294967295"}), ":1\r\n");
-    EXPECT_EQ(call({"persist", "e.kept"}), ":1\r\n");
-    EXPECT_EQ(call({"persist", "e.kept"}), ":0\r\n");
-    EXPECT_EQ(call({"expireat", "e.kept", "2000000000"}), ":1\r\n");
-    EXPECT_EQ(call({"set", "e.kept", "w"}), OK);
+    expect_gone_after("e.next", 0);
     EXPECT_EQ(call({"setex", "e.kept", "77", "x"}), OK);
 
-    const std::map<std::string, std::string> types = {
-        {"e.a", "string"}, {"e.b", "string"}, {"e.c", "string"}, {"e.d", "list"}, {"e.e", "hash"}};
-    words expected;
+    const std::map<std::string, std::string> types = {{"e.a", "string"}, {"e.b", "list"}, {"e.c", "hash"}};
+    words expected = {"\"e.kept\"(string): set expire-TTL to 4294967295",
+                      "\"e.kept\"(string): remove expire-TTL", "\"e.kept\"(string): remove expire-TTL"};
     for (const std::string& key : order)
-        expected.push_back("\"" + key + "\"(" + types.at(key) + "): set expire-TTL to 0");
+        expected.push_back("\"" + key + "\"(" + types.at(key) + "): set expire-TTL to 1");
     for (size_t i = 0; i < order.size(); i++)
         expected.push_back("add to expired list");
     for (size_t i = order.size(); i > 0; i--) {
@@ -294,9 +348,7 @@ TEST_F(expiry, is_looked_for_once_a_second_and_traced_key_by_key) {
     }
     for (const char* line :
          {"\"e.next\"(string): set expire-TTL to 0", "add to expired list", "\"e.next\"(string): expired.",
-          "\"e.next\"(string): destroyed", "\"e.kept\"(string): set expire-TTL to 4294967295",
-          "\"e.kept\"(string): remove expire-TTL", "\"e.kept\"(string): remove expire-TTL",
-          "\"e.kept\"(string): set expire-TTL to 77"})
+          "\"e.next\"(string): destroyed", "\"e.kept\"(string): set expire-TTL to 77"})
         expected.push_back(line);
     words traced;
     EXPECT_TRUE(eventually([&] {

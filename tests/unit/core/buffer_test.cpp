@@ -476,6 +476,17 @@ TEST_F(Buffer, ResetEmptiesAndKeepsTheAllocation) {
     EXPECT_EQ(buffer_compact(&b), 0u) << "what was consumed before the reset is forgotten";
 }
 
+TEST_F(Buffer, ResetForgetsTheSpaceThatCompactingHasLeftBehind) {
+    init(64, 64);
+    with_space_before_mark(5, 35);
+    buffer_reset(&b);
+    EXPECT_EQ(b.mark, b.base);
+    EXPECT_EQ(b.data, b.base);
+    EXPECT_EQ(append(pattern(63)), 63u);
+    EXPECT_EQ(content(), pattern(63));
+    EXPECT_EQ(b.data, b.base);
+}
+
 TEST_F(Buffer, ShrinkResetGivesBackWhatGrewBeyondTheInitialCapacity) {
     init(16, 1024);
     append(pattern(600));
@@ -488,6 +499,20 @@ TEST_F(Buffer, ShrinkResetGivesBackWhatGrewBeyondTheInitialCapacity) {
     EXPECT_EQ(append(pattern(15)), 15u);
     EXPECT_EQ(b.capacity, 16u);
     EXPECT_EQ(content(), pattern(15));
+}
+
+TEST_F(Buffer, ShrinkResetForgetsTheSpaceThatCompactingHasLeftBehind) {
+    for (const uint32_t length : {7u, 597u}) {
+        init(16, 1024);
+        with_space_before_mark(3, length);
+        buffer_shrink_reset(&b);
+        EXPECT_EQ(b.mark, b.base) << length;
+        EXPECT_EQ(b.data, b.base) << length;
+        EXPECT_EQ(append(pattern(15)), 15u) << length;
+        EXPECT_EQ(b.data, b.base) << length;
+        EXPECT_EQ(b.capacity, 16u) << length;
+        buffer_free(&b);
+    }
 }
 
 TEST_F(Buffer, ShrinkResetKeepsAnAllocationOfTheInitialCapacity) {

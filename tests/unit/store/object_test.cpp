@@ -981,6 +981,17 @@ TEST_F(ListObjects, PushesAreTracedAndMarkTheObject) {
     EXPECT_EQ(obj->flags, flags_of(OBJ_TLIST, OBJ_CHANGED));
 }
 
+TEST_F(ListObjects, EitherPushAloneMarksTheObject) {
+    object* left = make("left", OBJ_TLIST);
+    object* right = make("right", OBJ_TLIST);
+    ASSERT_EQ(left->flags, OBJ_TLIST);
+    ASSERT_EQ(right->flags, OBJ_TLIST);
+    object_lpush(left, "a");
+    object_rpush(right, "a");
+    EXPECT_EQ(left->flags, flags_of(OBJ_TLIST, OBJ_CHANGED));
+    EXPECT_EQ(right->flags, flags_of(OBJ_TLIST, OBJ_CHANGED));
+}
+
 TEST_F(ListObjects, ChangesAreAnnouncedToNobody) {
     test_client observer;
     observers_add(observer.record());

@@ -134,6 +134,19 @@ TEST_F(Seeding, SeedingAgainRewritesStringsAndKeepsFields) {
     EXPECT_EQ(object_keyspace()->count, 3u);
 }
 
+TEST_F(Seeding, AFieldThatIsToBeDeletedKeepsItsValueAsLongAsItStands) {
+    object_seed(nullptr, some_hashes);
+    object* hash = object_lookup("h");
+    object_hash_set(hash, text("f"), text("changed"));
+    object_defer(hash);
+    ASSERT_EQ(object_hash_del(hash, "f"), 1);
+    object_seed(nullptr, some_hashes);
+    EXPECT_EQ(field_value("h", "f"), "changed");
+    EXPECT_EQ(hash->hash->count, 3u);
+    object_flush(hash);
+    EXPECT_EQ(object_hash_field(hash, "f"), nullptr) << "the deletion was called off";
+}
+
 TEST_F(Seeding, TheProtectionOfAFieldFollowsTheTable) {
     object_seed(nullptr, some_hashes);
     object* hash = object_lookup("h");
