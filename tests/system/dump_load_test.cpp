@@ -3,6 +3,7 @@
  * what is not, and files that mean harm.
  */
 
+#include "tests/support/big_endian.h"
 #include "tests/system/model/frames.h"
 #include "tests/system/support/daemon_test.h"
 #include "tests/system/support/log_text.h"
@@ -26,15 +27,8 @@ using words = std::vector<std::string>;
 
 const std::string FILE_PATH = "/tmp/x.dump";
 
-std::string word(uint32_t value) {
-    std::string bytes;
-    for (int shift = 24; shift >= 0; shift -= 8)
-        bytes += static_cast<char>(value >> shift & 0xFF);
-    return bytes;
-}
-
 std::string record(const std::string& key, const std::string& data) {
-    return word(static_cast<uint32_t>(key.size())) + key + word(static_cast<uint32_t>(data.size())) + data;
+    return be32(static_cast<uint32_t>(key.size())) + key + be32(static_cast<uint32_t>(data.size())) + data;
 }
 
 std::string failure(int error) {
@@ -172,7 +166,7 @@ TEST_F(dump_files, keep_every_byte_of_keys_and_values) {
 
 TEST_F(dump_files, hold_empty_keys_and_values) {
     call({"set", "", ""});
-    EXPECT_EQ(dumped(""), word(0) + word(0));
+    EXPECT_EQ(dumped(""), be32(0) + be32(0));
     call({"set", "e", ""});
     EXPECT_EQ(dumped("e"), record("e", ""));
 }
@@ -315,7 +309,7 @@ TEST_F(dump_files, into_a_pipe_never_wait_for_a_reader) {
 TEST_F(dump_files, leave_no_descriptor_open) {
     make_folders("/tmp/folder");
     ASSERT_EQ(mkfifo("/tmp/pipe", 0600), 0);
-    write_file("/tmp/bad", word(0xFFFFFFFF) + "xxxxxxxxxxx");
+    write_file("/tmp/bad", be32(0xFFFFFFFF) + "xxxxxxxxxxx");
     call({"set", "k", "v"});
     const long before = open_descriptors();
     for (int i = 0; i < 30; i++) {
@@ -512,37 +506,37 @@ TEST_F(hostile_files, with_impossible_lengths_stop_there) {
           0x80000000U, 0x7FFFFFFFU, 0x7FFFFFFCU, 0x00FFFFFFU, 30U}) {
         SCOPED_TRACE(length);
         /* As the length of a key, alone and behind a good record. */
-        load(word(length) + "b" + word(3) + "xyz" + record("c", "C"));
+        load(be32(length) + "b" + be32(3) + "xyz" + record("c", "C"));
         expect_nothing_loaded();
-        load(record("a", "A") + word(length) + "b" + word(3) + "xyz" + record("c", "C"));
+        load(record("a", "A") + be32(length) + "b" + be32(3) + "xyz" + record("c", "C"));
         expect_values("A", "old-b", "old-c");
         reset();
         /* As the length of data. */
-        load(word(1) + "b" + word(length) + "xyz" + record("c", "C"));
+        load(be32(1) + "b" + be32(length) + "xyz" + record("c", "C"));
         expect_nothing_loaded();
-        load(record("a", "A") + word(1) + "b" + word(length) + "xyz");
+        load(record("a", "A") + be32(1) + "b" + be32(length) + "xyz");
         expect_values("A", "old-b", "old-c");
         reset();
         /* As both, so that they add up to something small. */
-        load(word(length) + "b" + word(0 - length) + "xyz" + record("c", "C"));
+        load(be32(length) + "b" + be32(0 - length) + "xyz" + record("c", "C"));
         expect_nothing_loaded();
     }
 }
 
 TEST_F(hostile_files, whose_data_reaches_to_the_last_byte_or_one_beyond) {
-    load(word(1) + "a" + word(5) + "12345");
+    load(be32(1) + "a" + be32(5) + "12345");
     expect_values("12345", "old-b", "old-c");
-    load(word(1) + "b" + word(6) + "12345");
+    load(be32(1) + "b" + be32(6) + "12345");
     expect_values("12345", "old-b", "old-c");
-    load(word(1) + "c" + word(4) + "12345");
+    load(be32(1) + "c" + be32(4) + "12345");
     expect_values("12345", "old-b", "1234");
 }
 
 TEST_F(hostile_files, whose_key_reaches_to_the_last_byte_or_beyond) {
     /* 13 bytes: a key of 5 leaves room for the second length, one of 6 does not. */
-    load(word(5) + "aaaaa" + word(0));
-    load(word(6) + "aaaaa" + word(0));
-    load(word(9) + "aaaaa" + word(0));
+    load(be32(5) + "aaaaa" + be32(0));
+    load(be32(6) + "aaaaa" + be32(0));
+    load(be32(9) + "aaaaa" + be32(0));
     expect_nothing_loaded();
     EXPECT_EQ(call({"exists", "aaaaa"}), ":0\r\n");
 }

@@ -3,6 +3,7 @@
  * files nor clients with ill intent get anywhere.
  */
 
+#include "tests/support/big_endian.h"
 #include "tests/system/support/daemon_test.h"
 #include "tests/system/support/log_text.h"
 
@@ -30,18 +31,6 @@ constexpr char MARK = 0x7B;
  * be thousands of millions. */
 constexpr int OLD_RECORDS = 1000;
 constexpr long OLD_RECORDS_CPU_MS = 3000;
-
-std::string be32(uint32_t value) {
-    return {static_cast<char>(value >> 24), static_cast<char>(value >> 16), static_cast<char>(value >> 8),
-            static_cast<char>(value)};
-}
-
-uint32_t word_at(const std::string& bytes, size_t at) {
-    uint32_t value = 0;
-    for (size_t i = at; i < at + 4 && i < bytes.size(); i++)
-        value = value << 8 | static_cast<unsigned char>(bytes[i]);
-    return value;
-}
 
 uint32_t seconds() {
     return static_cast<uint32_t>(time(nullptr));

@@ -3,6 +3,7 @@
  * the summaries and histories come out as bytes.
  */
 
+#include "tests/support/big_endian.h"
 #include "tests/system/support/daemon_test.h"
 #include "tests/system/support/log_text.h"
 
@@ -16,18 +17,6 @@ namespace {
 using words = std::vector<std::string>;
 
 const std::string OK = "+OK\r\n";
-
-std::string be32(uint32_t value) {
-    return {static_cast<char>(value >> 24), static_cast<char>(value >> 16), static_cast<char>(value >> 8),
-            static_cast<char>(value)};
-}
-
-uint32_t word_at(const std::string& bytes, size_t at) {
-    uint32_t value = 0;
-    for (size_t i = at; i < at + 4 && i < bytes.size(); i++)
-        value = value << 8 | static_cast<unsigned char>(bytes[i]);
-    return value;
-}
 
 /* Max, min, avg, total and loss. */
 std::string figures(uint32_t max, uint32_t min, uint32_t avg, uint32_t total, uint32_t loss) {

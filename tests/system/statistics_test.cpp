@@ -6,6 +6,7 @@
  * two ticks, that tool waits until the test lets it go on, so that no tick is ever early.
  */
 
+#include "tests/support/big_endian.h"
 #include "tests/system/support/daemon_test.h"
 
 #include <algorithm>
@@ -39,18 +40,6 @@ const std::string MEMINFO = "MemTotal:         61372 kB\n"
                             "MemFree:           5472 kB\n"
                             "Buffers:           3240 kB\n"
                             "Cached:           12340 kB\n";
-
-std::string be32(uint32_t value) {
-    return {static_cast<char>(value >> 24), static_cast<char>(value >> 16), static_cast<char>(value >> 8),
-            static_cast<char>(value)};
-}
-
-uint32_t word_at(const std::string& bytes, size_t at) {
-    uint32_t value = 0;
-    for (size_t i = at; i < at + 4 && i < bytes.size(); i++)
-        value = value << 8 | static_cast<unsigned char>(bytes[i]);
-    return value;
-}
 
 /* The bulks of a frame, without its head. */
 words elements(const std::string& frame) {

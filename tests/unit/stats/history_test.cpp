@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "store/dump.h"
+#include "tests/support/big_endian.h"
 #include "tests/unit/support/store_test.h"
 #include "tests/unit/support/test_client.h"
 #include "tests/unit/support/test_clock.h"
@@ -27,11 +28,6 @@ constexpr uint32_t NOW = 1700000000;
 
 /* Bytes per sample: processor; hosts and connections; interfaces; ping; the most that there may be. */
 const std::vector<uint32_t> sample_sizes = {1, 4, 16, 20, 200};
-
-std::string be32(uint32_t value) {
-    return {static_cast<char>(value >> 24), static_cast<char>(value >> 16), static_cast<char>(value >> 8),
-            static_cast<char>(value)};
-}
 
 /* The n-th sample of a series: differs from its neighbours and is never all zero. */
 std::string sample_of(uint32_t n, uint32_t size) {

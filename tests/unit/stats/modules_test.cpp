@@ -20,6 +20,7 @@
 #include "stats/netdev.h"
 #include "stats/ping.h"
 #include "store/dump.h"
+#include "tests/support/big_endian.h"
 #include "tests/unit/support/loop_by_tenths.h"
 #include "tests/unit/support/own_world.h"
 #include "tests/unit/support/store_test.h"
@@ -29,11 +30,6 @@
 using namespace unit_test;
 
 namespace {
-
-std::string be32(uint32_t value) {
-    return {static_cast<char>(value >> 24), static_cast<char>(value >> 16), static_cast<char>(value >> 8),
-            static_cast<char>(value)};
-}
 
 /* The host tool counts its calls, one for each tick. */
 class StatisticsModules : public store_test {

@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "stats/iface_algor.h"
+#include "tests/support/big_endian.h"
 #include "tests/unit/support/store_test.h"
 #include "tests/unit/support/test_client.h"
 #include "tests/unit/support/test_clock.h"
@@ -30,11 +31,6 @@ const std::string HEADER = "Inter-|   Receive                                   
                            "compressed\n";
 
 typedef std::map<std::string, std::string> fields;
-
-std::string be32(uint32_t value) {
-    return {static_cast<char>(value >> 24), static_cast<char>(value >> 16), static_cast<char>(value >> 8),
-            static_cast<char>(value)};
-}
 
 /* The counters of one interface. */
 struct counts {

@@ -15,6 +15,7 @@
 #include "stats/history.h"
 #include "store/dump.h"
 #include "store/object.h"
+#include "tests/support/big_endian.h"
 #include "tests/unit/support/store_test.h"
 #include "tests/unit/support/test_client.h"
 #include "tests/unit/support/test_clock.h"
@@ -27,11 +28,6 @@ using testing::IsEmpty;
 namespace {
 
 constexpr int64_t NOW = 1700000000;
-
-std::string be32(uint32_t value) {
-    return {static_cast<char>(value >> 24), static_cast<char>(value >> 16), static_cast<char>(value >> 8),
-            static_cast<char>(value)};
-}
 
 /* Max, min, avg, total and loss as they stand in "ping.snap" and in a sample. */
 std::string figures(uint32_t max, uint32_t min, uint32_t avg, uint32_t total, uint32_t loss) {

@@ -27,6 +27,7 @@
 #include "stats/iface_algor.h"
 #include "stats/netdev.h"
 #include "stats/stat_value.h"
+#include "tests/support/big_endian.h"
 #include "tests/unit/support/store_test.h"
 #include "tests/unit/support/test_client.h"
 #include "tests/unit/support/text_string.h"
@@ -39,11 +40,6 @@ extern "C" size_t __sanitizer_get_current_allocated_bytes();
 #endif
 
 namespace {
-
-std::string be32(uint32_t value) {
-    return {static_cast<char>(value >> 24), static_cast<char>(value >> 16), static_cast<char>(value >> 8),
-            static_cast<char>(value)};
-}
 
 /* "cpu  user nice system idle iowait irq softirq", with the busy time as user time. */
 std::string cpu_line(uint64_t busy, uint64_t idle) {

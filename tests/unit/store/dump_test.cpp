@@ -15,6 +15,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "tests/support/big_endian.h"
 #include "tests/unit/support/store_test.h"
 #include "tests/unit/support/test_client.h"
 #include "tests/unit/support/test_kernel.h"
@@ -23,11 +24,6 @@
 using namespace unit_test;
 
 namespace {
-
-std::string be32(uint32_t value) {
-    return {static_cast<char>(value >> 24), static_cast<char>(value >> 16), static_cast<char>(value >> 8),
-            static_cast<char>(value)};
-}
 
 std::string record(std::string_view key, std::string_view data) {
     return be32(static_cast<uint32_t>(key.size())) + std::string(key) +

@@ -6,14 +6,9 @@
 #include <string>
 #include <vector>
 
-/* Values of history keys, put together byte by byte. */
+#include "tests/support/big_endian.h"
 
-inline std::string be32(uint32_t number) {
-    std::string bytes;
-    for (int shift = 24; shift >= 0; shift -= 8)
-        bytes += static_cast<char>(number >> shift & 0xff);
-    return bytes;
-}
+/* Values of history keys, put together byte by byte. */
 
 struct ring_header {
     uint32_t last;
