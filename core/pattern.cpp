@@ -14,8 +14,10 @@ enum element : uint32_t {
     ELEMENT_SET,       /* this and above: a byte of the set with that number less ELEMENT_SET */
 };
 
+constexpr unsigned BYTES = 256;
+
 struct byte_set {
-    uint32_t words[8];
+    uint32_t words[BYTES / 32];
 };
 
 bool set_has(const byte_set* set, unsigned byte) {
@@ -32,7 +34,38 @@ void append(buffer* b, const void* bytes, uint32_t length) {
     }
 }
 
-/* Reading brackets. A reader's place in the pattern, which is null once the pattern ended too early. */
+/* Returns `length` bytes of this value, valid until the next call. */
+char* take_scratch(pattern* p, uint32_t length, char value) {
+    buffer_reset(&p->scratch);
+    char* bytes = buffer_reserve(&p->scratch, length);
+    if (bytes == nullptr) {
+        fault_no_memory();
+    }
+    memset(bytes, value, length);
+    return bytes;
+}
+
+/* Reading brackets */
+
+/* A bracket that turns out to have no end is an ordinary "[", and the next one may begin right behind it. So
+ * that a pattern of many is read in time that grows with its length alone, nothing is read twice. */
+struct reader {
+    const char* place;       /* null once the pattern broke off */
+    const char* text;        /* the pattern */
+    char* seen;              /* for each of its bytes, 1 when an item was read there and no "]" followed */
+    const char* symbol_from; /* where ".]" was looked for last */
+    const char* symbol_end;  /* and found; null when there is none */
+};
+
+const char* find_symbol_end(reader* r, const char* from) {
+    const bool known = r->symbol_from != nullptr && from >= r->symbol_from &&
+                       (r->symbol_end == nullptr || from <= r->symbol_end);
+    if (!known) {
+        r->symbol_from = from;
+        r->symbol_end = strstr(from, ".]");
+    }
+    return r->symbol_end;
+}
 
 struct member {
     bool exists; /* false: named in a way that no byte has */
@@ -41,17 +74,17 @@ struct member {
 
 /* Reads a byte that stands for itself, an escaped one or a collating symbol. In the C locale only single
  * bytes are symbols. */
-member read_member(const char** place) {
-    const char* p = *place;
+member read_member(reader* r) {
+    const char* p = r->place;
     if (p[0] == '[' && p[1] == '.') {
-        const char* end = strstr(p + 2, ".]");
-        *place = end != nullptr ? end + 2 : nullptr;
+        const char* end = find_symbol_end(r, p + 2);
+        r->place = end != nullptr ? end + 2 : nullptr;
         return {end == p + 3, static_cast<uint8_t>(p[2])};
     }
     if (p[0] == '\\') {
         p++;
     }
-    *place = p[0] != '\0' ? p + 1 : nullptr;
+    r->place = p[0] != '\0' ? p + 1 : nullptr;
     return {true, static_cast<uint8_t>(p[0])};
 }
 
@@ -68,7 +101,7 @@ constexpr byte_class classes[] = {{"alnum", isalnum}, {"alpha", isalpha}, {"blan
 bool add_class(byte_set* set, const char* name, size_t length) {
     for (const byte_class& c : classes) {
         if (strlen(c.name) == length && memcmp(c.name, name, length) == 0) {
-            for (int byte = 0; byte < 256; byte++) {
+            for (int byte = 0; byte < int{BYTES}; byte++) {
                 if (c.has(byte) != 0) {
                     set_add(set, static_cast<unsigned>(byte));
                 }
@@ -89,25 +122,25 @@ ptrdiff_t class_length(const char* p) {
 }
 
 /* Reads one member, range, class or equivalence of a bracket into the set. False when it names no byte. */
-bool read_item(const char** place, byte_set* set) {
-    const char* p = *place;
+bool read_item(reader* r, byte_set* set) {
+    const char* p = r->place;
     const ptrdiff_t name_length = class_length(p);
     if (name_length >= 0) {
-        *place = p + name_length + 4;
+        r->place = p + name_length + 4;
         return add_class(set, p + 2, static_cast<size_t>(name_length));
     }
     if (p[0] == '[' && p[1] == '=' && p[2] != '\0' && p[3] == '=' && p[4] == ']') {
-        *place = p + 5;
+        r->place = p + 5;
         set_add(set, static_cast<uint8_t>(p[2]));
         return true;
     }
-    const member low = read_member(place);
+    const member low = read_member(r);
     member high = low;
-    if (*place != nullptr && (*place)[0] == '-' && (*place)[1] != ']') {
-        ++*place;
-        high = read_member(place);
+    if (r->place != nullptr && r->place[0] == '-' && r->place[1] != ']') {
+        r->place++;
+        high = read_member(r);
     }
-    if (*place == nullptr || !low.exists || !high.exists) {
+    if (r->place == nullptr || !low.exists || !high.exists) {
         return false;
     }
     for (unsigned byte = low.byte; byte <= high.byte; byte++) {
@@ -116,42 +149,42 @@ bool read_item(const char** place, byte_set* set) {
     return true;
 }
 
-/* Reads a bracket from behind its "[". Returns the place behind its "]", or the pattern's end when it breaks
- * off, or null when the bracket has no end and is none. */
-const char* read_bracket(const char* p, byte_set* set) {
+/* Reads a bracket from behind its "[" and moves behind its "]", or to the pattern's end when that breaks off
+ * within an item. False, with the place as it was, when the bracket has no end and is none. */
+bool read_bracket(reader* r, byte_set* set) {
+    const char* start = r->place;
+    const bool negated = *start == '!' || *start == '^';
+    r->place += negated ? 1 : 0;
     *set = {};
-    const bool negated = *p == '!' || *p == '^';
-    if (negated) {
-        p++;
-    }
     /* Behind an item that names no byte the others do not count. */
     byte_set ignored = {};
     byte_set* members = set;
-    bool sound = true;
     do {
-        if (*p == '\0') {
-            return nullptr;
+        char* seen = &r->seen[r->place - r->text];
+        if (*r->place == '\0' || *seen != 0) {
+            r->place = start;
+            return false;
         }
-        const char* rest = p;
-        if (!read_item(&rest, members)) {
-            sound = false;
+        *seen = 1;
+        if (!read_item(r, members)) {
             members = &ignored;
         }
-        if (rest == nullptr) {
+        if (r->place == nullptr) {
             *set = {};
-            return p + strlen(p);
+            r->place = start + strlen(start);
+            return true;
         }
-        p = rest;
-    } while (*p != ']');
+    } while (*r->place != ']');
+    r->place++;
     if (negated) {
         for (uint32_t& word : set->words) {
-            word = sound ? ~word : 0;
+            word = members == set ? ~word : 0;
         }
     }
-    return p + 1;
+    return true;
 }
 
-/* Matching. */
+/* Matching */
 
 const uint32_t* elements_of(const pattern* p) {
     return reinterpret_cast<const uint32_t*>(p->elements.data);
@@ -175,8 +208,8 @@ bool takes_all(const pattern* p, const uint32_t* elements, uint32_t count, const
     return true;
 }
 
-/* Where the elements first take bytes of the text, which is no shorter; null when nowhere. For few of them.
- */
+/* Where the elements first take bytes of the text, which is no shorter; null when nowhere. For few
+ * elements, or few places where they may begin. */
 const uint8_t* find_short(const pattern* p, const uint32_t* elements, uint32_t count, const uint8_t* text,
                           const uint8_t* end) {
     const uint8_t* last = end - count;
@@ -201,8 +234,8 @@ const uint8_t* find_short(const pattern* p, const uint32_t* elements, uint32_t c
 constexpr uint32_t BLOCK = 64;
 
 struct shift_and {
-    uint64_t columns[256]; /* for each byte, the elements that take it */
-    uint64_t last;         /* the bit of the last element */
+    uint64_t columns[BYTES]; /* for each byte, the elements that take it */
+    uint64_t last;           /* the bit of the last element */
     uint64_t state;
 };
 
@@ -214,7 +247,7 @@ void search_start(shift_and* s, const pattern* p, const uint32_t* elements, uint
             s->columns[elements[i]] |= bit;
             continue;
         }
-        for (unsigned byte = 0; byte < 256; byte++) {
+        for (unsigned byte = 0; byte < BYTES; byte++) {
             s->columns[byte] |= takes(p, elements[i], static_cast<uint8_t>(byte)) ? bit : 0;
         }
     }
@@ -232,12 +265,7 @@ bool search_step(shift_and* s, uint8_t byte) {
 const uint8_t* find_long(pattern* p, const uint32_t* elements, uint32_t count, const uint8_t* text,
                          const uint8_t* end) {
     const uint32_t number = static_cast<uint32_t>(end - text) - count + 1;
-    buffer_reset(&p->starts);
-    char* starts = buffer_reserve(&p->starts, number);
-    if (starts == nullptr) {
-        fault_no_memory();
-    }
-    memset(starts, 1, number);
+    char* starts = take_scratch(p, number, 1);
     for (uint32_t first = 0; first < count; first += BLOCK) {
         const uint32_t width = count - first < BLOCK ? count - first : BLOCK;
         shift_and search;
@@ -257,30 +285,37 @@ const uint8_t* find_long(pattern* p, const uint32_t* elements, uint32_t count, c
     return found != nullptr ? text + (static_cast<const char*>(found) - starts) : nullptr;
 }
 
+const uint8_t* find(pattern* p, const uint32_t* elements, uint32_t count, const uint8_t* text,
+                    const uint8_t* end) {
+    /* Few starts cost less each by itself than the blocks take to be set up. */
+    const bool few = count <= BLOCK || static_cast<size_t>(end - text) - count < BYTES;
+    return few ? find_short(p, elements, count, text, end) : find_long(p, elements, count, text, end);
+}
+
 } // namespace
 
 void pattern_compile(pattern* p, const char* text) {
     buffer_init(&p->elements, 256, BUFFER_UNBOUNDED);
     buffer_init(&p->sets, 256, BUFFER_UNBOUNDED);
-    buffer_init(&p->starts, 256, BUFFER_UNBOUNDED);
+    buffer_init(&p->scratch, 256, BUFFER_UNBOUNDED);
     p->width = 0;
     p->tail = 0;
+    const uint32_t length = static_cast<uint32_t>(strlen(text));
+    reader r = {text, text, take_scratch(p, length + 1, 0), nullptr, nullptr};
     uint32_t count = 0;
-    while (*text != '\0') {
-        uint32_t element = static_cast<uint8_t>(*text++);
+    while (*r.place != '\0') {
+        uint32_t element = static_cast<uint8_t>(*r.place++);
         byte_set set;
-        const char* rest;
         if (element == '*') {
-            text += strspn(text, "*");
+            r.place += strspn(r.place, "*");
             element = ELEMENT_STAR;
         } else if (element == '?') {
             element = ELEMENT_ANY;
         } else if (element == '\\') {
             /* With nothing to escape it stands for the end, which no byte of a text is. */
-            element = static_cast<uint8_t>(*text);
-            text += *text != '\0' ? 1 : 0;
-        } else if (element == '[' && (rest = read_bracket(text, &set)) != nullptr) {
-            text = rest;
+            element = static_cast<uint8_t>(*r.place);
+            r.place += *r.place != '\0' ? 1 : 0;
+        } else if (element == '[' && read_bracket(&r, &set)) {
             element = ELEMENT_SET + count++;
             append(&p->sets, &set, sizeof set);
         }
@@ -321,8 +356,7 @@ bool pattern_match(pattern* p, const char* text) {
         if (static_cast<size_t>(end - place) < count) {
             return false;
         }
-        place = count <= BLOCK ? find_short(p, element, count, place, end)
-                               : find_long(p, element, count, place, end);
+        place = find(p, element, count, place, end);
         if (place == nullptr) {
             return false;
         }
@@ -335,5 +369,5 @@ bool pattern_match(pattern* p, const char* text) {
 void pattern_free(pattern* p) {
     buffer_free(&p->elements);
     buffer_free(&p->sets);
-    buffer_free(&p->starts);
+    buffer_free(&p->scratch);
 }

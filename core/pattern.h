@@ -13,17 +13,19 @@
  *   \a       a itself, inside brackets too
  *
  * A bracket without end is an ordinary "[". A pattern that ends within an escape or a range, or a class
- * that does not exist, matches nothing.
+ * that does not exist, matches nothing. Inside brackets that are not well formed each library has answers of
+ * its own, and so has this unit; a symbol before a last hyphen, [[.a.]-], is a member here, as it should be.
  *
  * Why not fnmatch itself: it reads the pattern anew at each place of each text. One request with a pattern
- * of 60 kB would keep the daemon from its other clients for many seconds. Here a pattern is read once, and
- * comparing its m elements with a text of n bytes takes n * (64 + m / 64) steps at most. */
+ * of 60 kB would keep the daemon from its other clients for many seconds. Here a pattern is read once, in
+ * time that grows with its length; comparing its m elements with a text of n bytes takes at most 64 * n steps
+ * for runs of up to 64 elements between two stars, and m * (256 + n / 64) for longer ones. */
 struct pattern {
     buffer elements; /* uint32_t each: a byte, or one of pattern.cpp's ELEMENT_* */
     buffer sets;     /* the byte sets of brackets, in order */
-    buffer starts;   /* scratch of the search for a long run of elements */
-    uint32_t width;  /* number of elements that take a byte: no shorter text matches */
-    uint32_t tail;   /* how many of those stand behind the last "*" */
+    buffer scratch;
+    uint32_t width; /* number of elements that take a byte: no shorter text matches */
+    uint32_t tail;  /* how many of those stand behind the last "*" */
 };
 
 /* Fills the record, to be given back with pattern_free. The text is not kept. Takes about 4 times the

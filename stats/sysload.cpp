@@ -142,10 +142,10 @@ void cpu_poll() {
     if (file == nullptr) {
         return;
     }
-    char line[CPU_LINE_SIZE] = "";
-    (void)!fgets(line, sizeof line, file);
+    char line[CPU_LINE_SIZE];
+    const bool read = fgets(line, sizeof line, file) != nullptr;
     fclose(file);
-    const uint32_t load = cpu_update(line);
+    const uint32_t load = cpu_update(read ? line : "");
     feed_history(&state.cpu_load);
     stat_set_number("cpu.load", load);
 }
