@@ -50,8 +50,12 @@ void put_blanks(line* l, size_t count) {
     }
 }
 
+/* In a narrow terminal nothing: a figure that is cut would be another one. */
 void put_right(line* l, const char* text, size_t columns) {
     const size_t length = strlen(text);
+    if (l->left < columns) {
+        return;
+    }
     put_blanks(l, length < columns ? columns - length : 0);
     put_text(l, text);
 }

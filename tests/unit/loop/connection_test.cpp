@@ -1037,6 +1037,29 @@ TEST_P(Connection, ClosingDoesNotWaitForPendingBytes) {
     EXPECT_EQ(s.reason, 0);
 }
 
+TEST_P(Connection, AFlushAfterItsEndWritesNothingAndKeepsTheReason) {
+    stream& s = open_stream();
+    send_text(s, "batched");
+    connection_fail_output(s.c);
+    ASSERT_EQ(s.c->output.length, 7u);
+    connection_flush(s.c);
+    EXPECT_EQ(s.c->reason, 2);
+    EXPECT_EQ(s.c->error, CONNECTION_BUFFER_FULL);
+    EXPECT_EQ(at_peer(s), "");
+}
+
+TEST_P(Connection, ClosedByTheReadableHalfOfAnEventIsNotWrittenInTheOther) {
+    stream& s = open_stream();
+    fill_kernel(s);
+    at_peer(s);
+    from_peer(s, "input");
+    s.on_data = [&] { connection_close(s.c); };
+    ASSERT_EQ(ready_mask(s.c->fd), 3u);
+    run_passes(2);
+    EXPECT_EQ(s.closes, 1);
+    EXPECT_EQ(s.reason, 0);
+}
+
 TEST_P(Connection, IsQueuedAndDestroyedOnceHoweverOftenItIsClosed) {
     stream& s = open_stream();
     connection_close(s.c);

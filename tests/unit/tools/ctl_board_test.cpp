@@ -138,6 +138,13 @@ TEST_F(tessctl_board, has_no_plot_where_it_would_say_nothing) {
     EXPECT_EQ(draw(3, 2)[1], "Hos");
 }
 
+TEST_F(tessctl_board, leaves_out_a_figure_that_does_not_fit_whole) {
+    add("Hosts", "", CTL_UNIT_COUNT, {281});
+    EXPECT_EQ(draw(24, 2)[1], "Hosts                281");
+    EXPECT_EQ(draw(23, 2)[1], "Hosts");
+    EXPECT_EQ(draw(22, 2)[1], "Hosts");
+}
+
 TEST_F(tessctl_board, never_breaks_a_line) {
     for (const char* name : {"CPU", "Memory", "a-very-long-name-of-something", ""}) {
         add(name, " rx", CTL_UNIT_RATE, std::vector<uint32_t>(256, 4000000000));
