@@ -4,6 +4,7 @@
 
 #include "core/fault.h"
 #include "core/pattern.h"
+#include "core/pool.h"
 
 namespace {
 
@@ -34,58 +35,33 @@ void append(buffer* b, const void* bytes, uint32_t length) {
     }
 }
 
-/* Returns `length` bytes of this value, valid until the next call. */
-char* take_scratch(pattern* p, uint32_t length, char value) {
-    buffer_reset(&p->scratch);
-    char* bytes = buffer_reserve(&p->scratch, length);
-    if (bytes == nullptr) {
-        fault_no_memory();
-    }
-    memset(bytes, value, length);
-    return bytes;
-}
-
 /* Reading brackets */
 
 /* A bracket that turns out to have no end is an ordinary "[", and the next one may begin right behind it. So
- * that a pattern of many is read in time that grows with its length alone, nothing is read twice. */
+ * that a pattern of many is read in time that grows with its length alone, no item is read twice. */
 struct reader {
-    const char* place;       /* null once the pattern broke off */
-    const char* text;        /* the pattern */
-    char* seen;              /* for each of its bytes, 1 when an item was read there and no "]" followed */
-    const char* symbol_from; /* where ".]" was looked for last */
-    const char* symbol_end;  /* and found; null when there is none */
+    const char* place; /* null once the pattern broke off */
+    const char* text;  /* the pattern */
+    char* seen;        /* for each of its bytes, 1 when an item was read there and no "]" followed */
 };
 
-const char* find_symbol_end(reader* r, const char* from) {
-    const bool known = r->symbol_from != nullptr && from >= r->symbol_from &&
-                       (r->symbol_end == nullptr || from <= r->symbol_end);
-    if (!known) {
-        r->symbol_from = from;
-        r->symbol_end = strstr(from, ".]");
-    }
-    return r->symbol_end;
+/* True when a single byte stands here between [. and .] or [= and =]. */
+bool is_named_byte(const char* p, char mark) {
+    return p[0] == '[' && p[1] == mark && p[2] != '\0' && p[3] == mark && p[4] == ']';
 }
 
-struct member {
-    bool exists; /* false: named in a way that no byte has */
-    uint8_t byte;
-};
-
-/* Reads a byte that stands for itself, an escaped one or a collating symbol. In the C locale only single
- * bytes are symbols. */
-member read_member(reader* r) {
+/* Reads a byte that stands for itself, an escaped one or a symbol [.a.]. */
+uint8_t read_member(reader* r) {
     const char* p = r->place;
-    if (p[0] == '[' && p[1] == '.') {
-        const char* end = find_symbol_end(r, p + 2);
-        r->place = end != nullptr ? end + 2 : nullptr;
-        return {end == p + 3, static_cast<uint8_t>(p[2])};
+    if (is_named_byte(p, '.')) {
+        r->place = p + 5;
+        return static_cast<uint8_t>(p[2]);
     }
     if (p[0] == '\\') {
         p++;
     }
     r->place = p[0] != '\0' ? p + 1 : nullptr;
-    return {true, static_cast<uint8_t>(p[0])};
+    return static_cast<uint8_t>(p[0]);
 }
 
 struct byte_class {
@@ -121,7 +97,8 @@ ptrdiff_t class_length(const char* p) {
     return p[2 + length] == ':' && p[3 + length] == ']' ? static_cast<ptrdiff_t>(length) : -1;
 }
 
-/* Reads one member, range, class or equivalence of a bracket into the set. False when it names no byte. */
+/* Reads one member, range, class or equivalence of a bracket into the set. False for a class that does not
+ * exist. */
 bool read_item(reader* r, byte_set* set) {
     const char* p = r->place;
     const ptrdiff_t name_length = class_length(p);
@@ -129,21 +106,18 @@ bool read_item(reader* r, byte_set* set) {
         r->place = p + name_length + 4;
         return add_class(set, p + 2, static_cast<size_t>(name_length));
     }
-    if (p[0] == '[' && p[1] == '=' && p[2] != '\0' && p[3] == '=' && p[4] == ']') {
+    if (is_named_byte(p, '=')) {
         r->place = p + 5;
         set_add(set, static_cast<uint8_t>(p[2]));
         return true;
     }
-    const member low = read_member(r);
-    member high = low;
+    const uint8_t low = read_member(r);
+    uint8_t high = low;
     if (r->place != nullptr && r->place[0] == '-' && r->place[1] != ']') {
         r->place++;
         high = read_member(r);
     }
-    if (r->place == nullptr || !low.exists || !high.exists) {
-        return false;
-    }
-    for (unsigned byte = low.byte; byte <= high.byte; byte++) {
+    for (unsigned byte = low; byte <= high; byte++) {
         set_add(set, byte);
     }
     return true;
@@ -156,7 +130,7 @@ bool read_bracket(reader* r, byte_set* set) {
     const bool negated = *start == '!' || *start == '^';
     r->place += negated ? 1 : 0;
     *set = {};
-    /* Behind an item that names no byte the others do not count. */
+    /* What stands behind a class that does not exist counts no more. */
     byte_set ignored = {};
     byte_set* members = set;
     do {
@@ -260,32 +234,48 @@ bool search_step(shift_and* s, uint8_t byte) {
     return (s->state & s->last) != 0;
 }
 
-/* The same for many, at a cost that does not multiply: each block of them crosses out the starts at which it
- * does not match. */
-const uint8_t* find_long(pattern* p, const uint32_t* elements, uint32_t count, const uint8_t* text,
-                         const uint8_t* end) {
-    const uint32_t number = static_cast<uint32_t>(end - text) - count + 1;
-    char* starts = take_scratch(p, number, 1);
-    for (uint32_t first = 0; first < count; first += BLOCK) {
-        const uint32_t width = count - first < BLOCK ? count - first : BLOCK;
-        shift_and search;
-        search_start(&search, p, elements + first, width);
-        const uint8_t* bytes = text + first;
-        for (uint32_t i = 0; i < width - 1; i++) {
-            search_step(&search, bytes[i]);
-        }
-        bytes += width - 1;
-        for (uint32_t start = 0; start < number; start++) {
-            if (!search_step(&search, bytes[start])) {
-                starts[start] = 0;
-            }
+/* Clears those of the starts, one for each byte from the first on, at which the block does not match. */
+void cross_out(const pattern* p, const uint32_t* elements, uint32_t width, const uint8_t* bytes, char* starts,
+               uint32_t number) {
+    shift_and search;
+    search_start(&search, p, elements, width);
+    for (uint32_t i = 0; i < width - 1; i++) {
+        search_step(&search, bytes[i]);
+    }
+    bytes += width - 1;
+    for (uint32_t start = 0; start < number; start++) {
+        if (!search_step(&search, bytes[start])) {
+            starts[start] = 0;
         }
     }
-    const void* found = memchr(starts, 1, number);
-    return found != nullptr ? text + (static_cast<const char*>(found) - starts) : nullptr;
 }
 
-const uint8_t* find(pattern* p, const uint32_t* elements, uint32_t count, const uint8_t* text,
+/* The same for many, at a cost that does not multiply: each block of them crosses out the starts at which it
+ * does not match. So many starts at a time are looked at that setting up the blocks costs no more. */
+constexpr uint32_t WINDOW = BLOCK * BYTES;
+
+const uint8_t* find_long(const pattern* p, const uint32_t* elements, uint32_t count, const uint8_t* text,
+                         const uint8_t* end) {
+    char starts[WINDOW];
+    size_t left = static_cast<size_t>(end - text) - count + 1;
+    while (left > 0) {
+        const uint32_t number = left < WINDOW ? static_cast<uint32_t>(left) : WINDOW;
+        memset(starts, 1, number);
+        for (uint32_t first = 0; first < count; first += BLOCK) {
+            cross_out(p, elements + first, count - first < BLOCK ? count - first : BLOCK, text + first,
+                      starts, number);
+        }
+        const void* found = memchr(starts, 1, number);
+        if (found != nullptr) {
+            return text + (static_cast<const char*>(found) - starts);
+        }
+        text += number;
+        left -= number;
+    }
+    return nullptr;
+}
+
+const uint8_t* find(const pattern* p, const uint32_t* elements, uint32_t count, const uint8_t* text,
                     const uint8_t* end) {
     /* Few starts cost less each by itself than the blocks take to be set up. */
     const bool few = count <= BLOCK || static_cast<size_t>(end - text) - count < BYTES;
@@ -297,11 +287,9 @@ const uint8_t* find(pattern* p, const uint32_t* elements, uint32_t count, const 
 void pattern_compile(pattern* p, const char* text) {
     buffer_init(&p->elements, 256, BUFFER_UNBOUNDED);
     buffer_init(&p->sets, 256, BUFFER_UNBOUNDED);
-    buffer_init(&p->scratch, 256, BUFFER_UNBOUNDED);
     p->width = 0;
     p->tail = 0;
-    const uint32_t length = static_cast<uint32_t>(strlen(text));
-    reader r = {text, text, take_scratch(p, length + 1, 0), nullptr, nullptr};
+    reader r = {text, text, static_cast<char*>(pool_alloc_zeroed(strlen(text) + 1))};
     uint32_t count = 0;
     while (*r.place != '\0') {
         uint32_t element = static_cast<uint8_t>(*r.place++);
@@ -323,9 +311,10 @@ void pattern_compile(pattern* p, const char* text) {
         p->width += element != ELEMENT_STAR ? 1 : 0;
         p->tail = element != ELEMENT_STAR ? p->tail + 1 : 0;
     }
+    pool_free(r.seen, strlen(text) + 1);
 }
 
-bool pattern_match(pattern* p, const char* text) {
+bool pattern_match(const pattern* p, const char* text) {
     const size_t length = strlen(text);
     if (length < p->width) {
         return false;
@@ -369,5 +358,4 @@ bool pattern_match(pattern* p, const char* text) {
 void pattern_free(pattern* p) {
     buffer_free(&p->elements);
     buffer_free(&p->sets);
-    buffer_free(&p->scratch);
 }

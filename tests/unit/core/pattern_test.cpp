@@ -190,6 +190,8 @@ TEST(Pattern, AClassThatDoesNotExistTakesNoByteNeitherDoesItsOpposite) {
     EXPECT_EQ(bytes_of("[[:word:]]"), "");
     EXPECT_EQ(bytes_of("[![:word:]]"), "");
     EXPECT_EQ(bytes_of("[[:digits:]a]"), "");
+    EXPECT_EQ(bytes_of("[b[:digits:]a]"), "b");
+    EXPECT_EQ(bytes_of("[!b[:digits:]a]"), "");
     EXPECT_EQ(bytes_of("[[:" + repeated("a", 300) + ":]]"), "");
 }
 
@@ -206,7 +208,6 @@ TEST(Pattern, EquivalencesAndCollatingSymbolsAreSingleBytes) {
     EXPECT_EQ(bytes_of("[[.a.]]"), "a");
     EXPECT_EQ(bytes_of("[[.].]x]"), "]x");
     EXPECT_EQ(bytes_of("[[.a.]-[.c.]]"), "abc");
-    EXPECT_EQ(bytes_of("[[.hyphen.]]"), "");
 }
 
 TEST(Pattern, ABracketWithoutEndIsAnOrdinaryOne) {
@@ -218,17 +219,23 @@ TEST(Pattern, ABracketWithoutEndIsAnOrdinaryOne) {
     EXPECT_EQ(matching("[*", {"[", "[abc", "a"}), (texts{"[", "[abc"}));
 }
 
-TEST(Pattern, ARangeOrASymbolWithoutEndMatchesNothing) {
+TEST(Pattern, ARangeWithoutEndMatchesNothing) {
     EXPECT_EQ(matching("[a-", {"a", "[a-", "-"}), (texts{}));
-    EXPECT_EQ(matching("[[.a", {"a", "[[.a"}), (texts{}));
-    EXPECT_EQ(matching("[a-[.b", {"a", "b", "[a-[.b"}), (texts{}));
+    EXPECT_EQ(matching("[a-\\", {"a", "[a-", "[a-\\"}), (texts{}));
+}
+
+TEST(Pattern, WhatOnlyLooksLikeASymbolOrAnEquivalenceIsMadeOfOrdinaryMembers) {
+    EXPECT_EQ(matching("[[.hyphen.]]", {"h]", ".]", "-", "a]"}), (texts{"h]", ".]"}));
+    EXPECT_EQ(bytes_of("[[.]"), ".[");
+    EXPECT_EQ(bytes_of("[x[=a]"), "=[ax");
+    EXPECT_EQ(matching("[[.a", {"[[.a", "a"}), (texts{"[[.a"}));
 }
 
 /* Runs of many elements are searched in pieces where they may begin in many places. */
 TEST(Pattern, RunsOfAnyLengthAreFoundBetweenStars) {
     for (const int length : {1, 2, 63, 64, 65, 127, 128, 129, 200, 1000}) {
         const std::string run = repeated("a", length - 1) + "b";
-        for (const int room : {0, 1, 254, 255, 256, 257, 700}) {
+        for (const int room : {0, 1, 254, 255, 256, 257, 700, 16383, 16384, 16385, 40000}) {
             const std::string before = repeated("a", room);
             const std::string behind = repeated("y", room);
             EXPECT_TRUE(matches("*" + run + "*", before + run)) << length << " " << room;
@@ -244,6 +251,15 @@ TEST(Pattern, RunsOfAnyLengthAreFoundBetweenStars) {
                 EXPECT_FALSE(matches("*" + run + "*", behind + wrong + behind)) << length << " " << place;
             }
         }
+    }
+}
+
+TEST(Pattern, OneMatchLeavesNothingBehindForTheNext) {
+    const std::string run = repeated("a", 99) + "b";
+    compiled p("*" + run + "*" + run + "*");
+    for (int i = 0; i < 3; i++) {
+        EXPECT_TRUE(p.matches(repeated("a", 500) + run + repeated("a", 500) + run));
+        EXPECT_FALSE(p.matches(repeated("a", 500) + run + repeated("a", 500)));
     }
 }
 
