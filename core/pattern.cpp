@@ -289,8 +289,8 @@ void pattern_compile(pattern* p, const char* text) {
     buffer_init(&p->sets, 256, BUFFER_UNBOUNDED);
     p->width = 0;
     p->tail = 0;
-    reader r = {text, text, static_cast<char*>(pool_alloc_zeroed(strlen(text) + 1))};
-    uint32_t count = 0;
+    const size_t size = strlen(text) + 1;
+    reader r = {text, text, static_cast<char*>(pool_alloc_zeroed(size))};
     while (*r.place != '\0') {
         uint32_t element = static_cast<uint8_t>(*r.place++);
         byte_set set;
@@ -304,14 +304,14 @@ void pattern_compile(pattern* p, const char* text) {
             element = static_cast<uint8_t>(*r.place);
             r.place += *r.place != '\0' ? 1 : 0;
         } else if (element == '[' && read_bracket(&r, &set)) {
-            element = ELEMENT_SET + count++;
+            element = ELEMENT_SET + p->sets.length / static_cast<uint32_t>(sizeof set);
             append(&p->sets, &set, sizeof set);
         }
         append(&p->elements, &element, sizeof element);
         p->width += element != ELEMENT_STAR ? 1 : 0;
         p->tail = element != ELEMENT_STAR ? p->tail + 1 : 0;
     }
-    pool_free(r.seen, strlen(text) + 1);
+    pool_free(r.seen, size);
 }
 
 bool pattern_match(const pattern* p, const char* text) {

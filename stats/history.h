@@ -61,6 +61,13 @@ void history_init_set(history_series (&set)[HISTORY_SPANS], const char* base_nam
 /* Frees what the series owns, after its keyspace. The record itself is the caller's. */
 void history_free(history_series* s);
 
+/* The same for a whole set. */
+template <unsigned Spans> void history_free_set(history_series (&set)[Spans]) {
+    for (history_series& series : set) {
+        history_free(&series);
+    }
+}
+
 /* Counts a tick. Returns 1 when it took `sample` (sample_size bytes), also when there was nowhere to store
  * it: the collector then starts a new accumulation. Else 0. */
 int history_tick(history_series* s, const void* sample);

@@ -217,9 +217,7 @@ void netdev_poll() {
 void netdev_reset() {
     while (state.ifaces != nullptr) {
         iface_stat* next = state.ifaces->next;
-        for (history_series& series : state.ifaces->history) {
-            history_free(&series);
-        }
+        history_free_set(state.ifaces->history);
         free(state.ifaces);
         state.ifaces = next;
     }

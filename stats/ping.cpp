@@ -179,9 +179,7 @@ uint32_t target_number(const char* key) {
 void forget_targets() {
     for (ping_stat*& target : targets) {
         if (target != nullptr) {
-            for (history_series& series : target->history) {
-                history_free(&series);
-            }
+            history_free_set(target->history);
             pool_delete(target);
             target = nullptr;
         }

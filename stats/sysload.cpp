@@ -70,12 +70,6 @@ void feed_history(counted* figure) {
     }
 }
 
-void forget_figure(counted* figure) {
-    for (history_series& series : figure->history) {
-        history_free(&series);
-    }
-}
-
 void update_interface_flags() {
     ifaddrs* addresses;
     if (getifaddrs(&addresses) < 0) {
@@ -214,9 +208,9 @@ int stats_ontimer(void*) {
 }
 
 void module_stats_start() {
-    forget_figure(&state.cpu_load);
-    forget_figure(&state.hosts);
-    forget_figure(&state.connections);
+    history_free_set(state.cpu_load.history);
+    history_free_set(state.hosts.history);
+    history_free_set(state.connections.history);
     state = {};
     history_init_set(state.cpu_load.history, "cpu", 1);
     history_init_set(state.hosts.history, "host", 4);

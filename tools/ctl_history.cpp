@@ -167,13 +167,6 @@ void print_form(FILE* out, form wanted, ctl_text key, const ctl_series* series) 
     }
 }
 
-ctl_status complain(ctl_text key, const char* why, ctl_status status) {
-    fputs("tessctl: ", stderr);
-    ctl_print_quoted(stderr, key);
-    fprintf(stderr, ": %s\n", why);
-    return status;
-}
-
 ctl_status wrong_usage(const char* what) {
     fprintf(stderr, "tessctl: history %s\nTry tessctl -h.\n", what);
     return CTL_USAGE;
@@ -214,15 +207,6 @@ ctl_status read_words(const ctl_call* call, form* wanted, char** key) {
         }
     }
     return *key != nullptr ? CTL_DONE : wrong_usage("needs a key");
-}
-
-/* The value's bytes, when the daemon has a string under that key. */
-ctl_status take_value(const ctl_reply* reply, ctl_text key, ctl_text* value) {
-    if (reply->kind != '$') {
-        return complain(key, "the daemon gives no string for it", CTL_ERROR);
-    }
-    *value = ctl_reply_item(reply, 0);
-    return value->bytes != nullptr ? CTL_DONE : complain(key, "there is no such key", CTL_NIL);
 }
 
 } // namespace
@@ -331,27 +315,15 @@ ctl_status ctl_history(ctl_call* call) {
     if (status != CTL_DONE) {
         return status;
     }
-    char get[] = "get";
-    char* const words[] = {get, name};
-    status = ctl_link_ask(call->link, 2, words);
-    const ctl_reply* reply = &call->link->reply;
-    if (call->raw) {
-        const ctl_status meant = ctl_print_raw(stdout, reply);
-        return status == CTL_DONE ? meant : status;
-    }
-    if (status != CTL_DONE) {
+    ctl_text value;
+    if (!ctl_call_get(call, name, &value, &status)) {
         return status;
     }
     const ctl_text key = {name, strlen(name)};
-    ctl_text value;
-    status = take_value(reply, key, &value);
-    if (status != CTL_DONE) {
-        return status;
-    }
     ctl_series series;
     const char* why = ctl_series_decode(key, value, &series);
     if (why != nullptr) {
-        return complain(key, why, CTL_ERROR);
+        return ctl_call_complain(key, why, CTL_ERROR);
     }
     tzset();
     print_form(stdout, wanted, key, &series);

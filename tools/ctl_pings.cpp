@@ -5,7 +5,6 @@
 
 #include "core/text.h"
 #include "stats/ping.h"
-#include "tools/ctl_print.h"
 
 namespace {
 
@@ -46,26 +45,11 @@ ctl_status ctl_pings(ctl_call* call) {
         fputs("tessctl: pings takes no arguments\nTry tessctl -h.\n", stderr);
         return CTL_USAGE;
     }
-    char get[] = "get";
     char name[] = "ping.snap";
-    char* const words[] = {get, name};
-    const ctl_status asked = ctl_link_ask(call->link, 2, words);
-    const ctl_reply* reply = &call->link->reply;
-    if (call->raw) {
-        const ctl_status meant = ctl_print_raw(stdout, reply);
-        return asked == CTL_DONE ? meant : asked;
-    }
-    if (asked != CTL_DONE) {
-        return asked;
-    }
-    if (reply->kind != '$') {
-        fputs("tessctl: ping.snap: the daemon gives no string for it\n", stderr);
-        return CTL_ERROR;
-    }
-    const ctl_text snap = ctl_reply_item(reply, 0);
-    if (snap.bytes == nullptr) {
-        fputs("tessctl: ping.snap: there is no such key\n", stderr);
-        return CTL_NIL;
+    ctl_text snap;
+    ctl_status status;
+    if (!ctl_call_get(call, name, &snap, &status)) {
+        return status;
     }
     if (!ctl_pings_table(stdout, snap)) {
         fprintf(stderr, "tessctl: ping.snap: it has %zu bytes, not the %" PRIu32 " of all targets\n",

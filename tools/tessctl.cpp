@@ -152,17 +152,12 @@ void hold_standard_descriptors() {
 }
 
 ctl_status run_daemon_command(ctl_call* call) {
-    const ctl_status asked = ctl_link_ask(call->link, call->count, call->words);
-    const ctl_reply* reply = &call->link->reply;
-    if (call->raw) {
-        const ctl_status status = ctl_print_raw(stdout, reply);
-        return asked == CTL_DONE ? status : asked;
-    }
-    if (asked != CTL_DONE) {
-        return asked;
+    ctl_status status;
+    if (!ctl_call_ask(call, call->count, call->words, &status)) {
+        return status;
     }
     const bool pairs = call->terminal && strcasecmp(call->words[0], "hgetall") == 0;
-    return ctl_print_reply(stdout, stderr, reply, call->terminal, pairs);
+    return ctl_print_reply(stdout, stderr, &call->link->reply, call->terminal, pairs);
 }
 
 ctl_status run(ctl_call* call) {

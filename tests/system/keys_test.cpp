@@ -4,6 +4,7 @@
  * the expiry.
  */
 
+#include "tests/system/model/frames.h"
 #include "tests/system/support/daemon_test.h"
 
 #include <algorithm>
@@ -33,21 +34,6 @@ std::string bulks(const words& values) {
     for (const std::string& value : values)
         frame += bulk(value);
     return frame;
-}
-
-/* The elements of a frame that holds bulks. */
-words elements(const std::string& frame) {
-    words found;
-    size_t at = frame.find("\r\n");
-    while (at != std::string::npos && at + 2 < frame.size()) {
-        long length = atol(frame.c_str() + at + 3);
-        size_t start = frame.find("\r\n", at + 2);
-        if (start == std::string::npos)
-            break;
-        found.push_back(length < 0 ? "" : frame.substr(start + 2, static_cast<size_t>(length)));
-        at = length < 0 ? start : start + 2 + static_cast<size_t>(length);
-    }
-    return found;
 }
 
 uint32_t now_seconds() {
@@ -81,7 +67,7 @@ class keys : public daemon_test {
 
     /* The keys that match, in no particular order. */
     words matching(const std::string& pattern) {
-        words found = elements(call({"keys", pattern}));
+        words found = elements_of(call({"keys", pattern}));
         std::sort(found.begin(), found.end());
         return found;
     }
@@ -147,7 +133,7 @@ class keys : public daemon_test {
         const long end = now_ms() + LIMIT_MS;
         while (now_ms() < end) {
             std::string event = observer.frame(static_cast<int>(end - now_ms()));
-            words parts = elements(event);
+            words parts = elements_of(event);
             if (parts.size() < 2 || parts[1].compare(0, 2, "k.") == 0)
                 return event;
         }

@@ -3,6 +3,7 @@
  * before the first tick, and in which order the timers then do their work, as the debug log tells it.
  */
 
+#include "tests/system/model/frames.h"
 #include "tests/system/support/daemon_test.h"
 #include "tests/system/support/log_text.h"
 
@@ -23,20 +24,6 @@ class startup_order : public daemon_test {
   protected:
     static words log() {
         return log_messages(read_file("/tmp/tessard.log"));
-    }
-
-    /* The bulks of a frame, sorted. */
-    static words elements(const std::string& frame) {
-        words all;
-        size_t at = frame.find("\r\n");
-        while (at != std::string::npos && at + 3 < frame.size()) {
-            size_t length = strtoul(frame.c_str() + at + 3, nullptr, 10);
-            size_t start = frame.find("\r\n", at + 3) + 2;
-            all.push_back(frame.substr(start, length));
-            at = start + length;
-        }
-        std::sort(all.begin(), all.end());
-        return all;
     }
 
     /* Where the first message that holds the text stands from there on; the log's length when none does. */
@@ -65,7 +52,8 @@ TEST_F(startup_order, keys_and_histories_stand_before_the_first_tick_and_the_tim
     for (int attempt = 0; attempt < 5; attempt++) {
         daemon = &start({"-l", "debug"});
         resp_client client;
-        keys = elements(client.call({"keys", "*"}, BEFORE_FIRST_TICK_MS));
+        keys = elements_of(client.call({"keys", "*"}, BEFORE_FIRST_TICK_MS));
+        std::sort(keys.begin(), keys.end());
         messages = log();
         if (find(messages, "KEYS(*)") < find(messages, "task_list"))
             break;

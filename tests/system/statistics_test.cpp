@@ -7,6 +7,7 @@
  */
 
 #include "tests/support/big_endian.h"
+#include "tests/system/model/frames.h"
 #include "tests/system/support/daemon_test.h"
 
 #include <algorithm>
@@ -40,19 +41,6 @@ const std::string MEMINFO = "MemTotal:         61372 kB\n"
                             "MemFree:           5472 kB\n"
                             "Buffers:           3240 kB\n"
                             "Cached:           12340 kB\n";
-
-/* The bulks of a frame, without its head. */
-words elements(const std::string& frame) {
-    words all;
-    size_t at = frame.find("\r\n");
-    while (at != std::string::npos && at + 3 < frame.size()) {
-        size_t length = strtoul(frame.c_str() + at + 3, nullptr, 10);
-        size_t start = frame.find("\r\n", at + 3) + 2;
-        all.push_back(frame.substr(start, length));
-        at = start + length;
-    }
-    return all;
-}
 
 struct counts {
     uint64_t rxb = 0;
@@ -153,7 +141,7 @@ class statistics : public daemon_test {
         do {
             std::string frame = observer->frame();
             ASSERT_EQ(frame.substr(0, 1), "!") << frame;
-            words parts = elements(frame);
+            words parts = elements_of(frame);
             ASSERT_GE(parts.size(), 3u) << frame;
             all.order.push_back(parts[1]);
             if (parts[0] == "MSET") {
@@ -209,12 +197,12 @@ class statistics : public daemon_test {
     }
 
     std::string get(const std::string& key) {
-        words parts = elements("*1\r\n" + client->call({"get", key}));
+        words parts = elements_of("*1\r\n" + client->call({"get", key}));
         return parts.empty() ? "(nothing)" : parts[0];
     }
 
     std::string hget(const std::string& key, const std::string& field) {
-        words parts = elements("*1\r\n" + client->call({"hget", key, field}));
+        words parts = elements_of("*1\r\n" + client->call({"hget", key, field}));
         return parts.empty() ? "(nothing)" : parts[0];
     }
 

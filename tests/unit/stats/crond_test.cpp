@@ -137,6 +137,17 @@ class PlugIns : public store_test {
         open_pipe();
     }
 
+    /* Ends scripts that would go on, each of which has reported its pid. Returns how many they were. */
+    int end_scripts() {
+        close(reports);
+        std::istringstream pids(read_to_end(from_scripts));
+        int count = 0;
+        for (pid_t pid; pids >> pid; count++) {
+            EXPECT_EQ(kill(pid, SIGKILL), 0);
+        }
+        return count;
+    }
+
     /* On which ticks each script was run since the last call. */
     std::map<std::string, std::vector<int>> runs() {
         wait_for_scripts();
@@ -779,13 +790,7 @@ TEST_F(PlugIns, ThatSleepHoldNobodyUp) {
         const auto start = std::chrono::steady_clock::now();
         tick(3);
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
-        close(reports);
-        std::istringstream pids(read_to_end(from_scripts));
-        int count = 0;
-        for (pid_t pid; pids >> pid; count++) {
-            EXPECT_EQ(kill(pid, SIGKILL), 0);
-        }
-        EXPECT_EQ(count, 3);
+        EXPECT_EQ(end_scripts(), 3);
     });
 }
 
@@ -802,13 +807,7 @@ TEST_F(PlugIns, ThatFloodTheirOutputHoldNobodyUp) {
         const auto end = std::chrono::steady_clock::now();
         dup2(before, STDOUT_FILENO);
         EXPECT_LT(end - start, std::chrono::seconds(10));
-        close(reports);
-        std::istringstream pids(read_to_end(from_scripts));
-        int count = 0;
-        for (pid_t pid; pids >> pid; count++) {
-            EXPECT_EQ(kill(pid, SIGKILL), 0);
-        }
-        EXPECT_EQ(count, 3);
+        EXPECT_EQ(end_scripts(), 3);
     });
 }
 
