@@ -8,7 +8,6 @@
 #include "tests/system/support/daemon_test.h"
 
 #include <algorithm>
-#include <optional>
 #include <stdint.h>
 #include <stdlib.h>
 #include <sys/time.h>
@@ -51,20 +50,8 @@ std::string seconds_reply(uint32_t seconds) {
     return ":" + std::to_string(static_cast<int32_t>(seconds)) + "\r\n";
 }
 
-class keys : public daemon_test {
+class keys : public client_test {
   protected:
-    void SetUp() override {
-        daemon_test::SetUp();
-        if (IsSkipped() || HasFatalFailure())
-            return;
-        start();
-        client.emplace();
-    }
-
-    std::string call(const words& request) {
-        return client->call(request);
-    }
-
     /* The keys that match, in no particular order. */
     words matching(const std::string& pattern) {
         words found = elements_of(call({"keys", pattern}));
@@ -139,8 +126,6 @@ class keys : public daemon_test {
         }
         return "<nothing came>";
     }
-
-    std::optional<resp_client> client;
 };
 
 } // namespace

@@ -28,20 +28,8 @@ std::string number(long long value) {
     return ":" + std::to_string(value) + "\r\n";
 }
 
-class strings : public daemon_test {
+class strings : public client_test {
   protected:
-    void SetUp() override {
-        daemon_test::SetUp();
-        if (IsSkipped() || HasFatalFailure())
-            return;
-        start();
-        client.emplace();
-    }
-
-    std::string call(const words& request) {
-        return client->call(request);
-    }
-
     void expect_value(const std::string& key, const std::string& value) {
         EXPECT_EQ(call({"get", key}), bulk(value)) << key;
         EXPECT_EQ(call({"strlen", key}), number(static_cast<long long>(value.size()))) << key;
@@ -92,8 +80,6 @@ class strings : public daemon_test {
         EXPECT_EQ(call({"hget", "h", "f"}), bulk("v"));
         EXPECT_EQ(call({"hlen", "h"}), ":1\r\n");
     }
-
-    std::optional<resp_client> client;
 };
 
 /* The strings of a test that looks at events have keys with "my." in them: the daemon's own figures are
@@ -539,7 +525,7 @@ TEST_F(strings, are_shared_by_all_clients) {
     EXPECT_EQ(call({"set", "k", "1"}), OK);
     EXPECT_EQ(other.call({"incr", "k"}), ":2\r\n");
     EXPECT_EQ(call({"get", "k"}), bulk("2"));
-    client->close();
+    client.close();
     EXPECT_EQ(other.call({"get", "k"}), bulk("2"));
 }
 

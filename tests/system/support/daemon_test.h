@@ -50,6 +50,25 @@ class daemon_test : public ::testing::Test {
     std::vector<std::unique_ptr<process>> launched;
 };
 
+/* The same with a daemon that is started and one client. */
+class client_test : public daemon_test {
+  protected:
+    void SetUp() override {
+        daemon_test::SetUp();
+        if (IsSkipped() || HasFatalFailure())
+            return;
+        daemon = &start();
+        client = resp_client();
+    }
+
+    std::string call(const std::vector<std::string>& request) {
+        return client.call(request);
+    }
+
+    process* daemon = nullptr;
+    resp_client client{"/nowhere"};
+};
+
 /* The command line of a program under test, behind the emulator's words when it needs one. */
 std::vector<std::string> tessard_command(const std::vector<std::string>& arguments);
 std::vector<std::string> tessctl_command(const std::vector<std::string>& arguments);

@@ -14,21 +14,15 @@
 namespace system_test {
 
 /* The daemon is started; s is the string "text", h the hash of one field, f = v, l the list a b c. */
-class values_test : public daemon_test {
+class values_test : public client_test {
   protected:
     void SetUp() override {
-        daemon_test::SetUp();
-        if (IsSkipped())
+        client_test::SetUp();
+        if (IsSkipped() || HasFatalFailure())
             return;
-        daemon = &start();
-        client = resp_client();
         EXPECT_EQ(call({"set", "s", "text"}), "+OK\r\n");
         EXPECT_EQ(call({"hset", "h", "f", "v"}), ":1\r\n");
         EXPECT_EQ(call({"rpush", "l", "a", "b", "c"}), ":3\r\n");
-    }
-
-    std::string call(const std::vector<std::string>& request) {
-        return client.call(request);
     }
 
     void expect_string_unchanged() {
@@ -59,9 +53,6 @@ class values_test : public daemon_test {
             EXPECT_EQ(call(request), reply);
         return used_ms() - before;
     }
-
-    process* daemon = nullptr;
-    resp_client client{"/nowhere"};
 };
 
 } // namespace system_test
