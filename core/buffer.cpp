@@ -152,7 +152,8 @@ void buffer_reset(buffer* b) {
 
 void buffer_shrink_reset(buffer* b) {
     if (b->capacity > b->initial) {
-        /* The content is given up either way, so a failed realloc only means that nothing is given back. */
+        /* The content is given up either way, so a failed realloc only means that nothing is given
+         * back. */
         char* block = static_cast<char*>(realloc(b->base, b->initial));
         if (block != nullptr) {
             b->base = block;

@@ -5,17 +5,19 @@
 
 /* The growable byte queue: appended at the end, consumed from the front.
  *
- * Connections collect input, output and refused output in buffers, the log composes its lines in one. The
- * caller owns the record; the unit owns the allocation behind `base`.
+ * Connections collect input, output and refused output in buffers, the log composes its lines in
+ * one. The caller owns the record; the unit owns the allocation behind `base`.
  *
  * Invariants:
- * 1. base <= mark <= data, and data + length <= base + capacity. All pointers are null while capacity is 0.
- * 2. The space before `mark` is free; what lies between mark and data is consumed but not yet reclaimed.
+ * 1. base <= mark <= data, and data + length <= base + capacity. All pointers are null while
+ * capacity is 0.
+ * 2. The space before `mark` is free; what lies between mark and data is consumed but not yet
+ * reclaimed.
  * 3. The capacity is 0 or the initial capacity times a power of two, and never above the limit.
  * 4. Growth asks for strict room: a buffer is never filled to its last byte.
  *
- * An append that the limit forbids, or that the heap cannot satisfy, fails by its return value and leaves
- * the buffer unchanged. */
+ * An append that the limit forbids, or that the heap cannot satisfy, fails by its return value and
+ * leaves the buffer unchanged. */
 
 struct buffer {
     char* base;        /* start of the allocation */
@@ -55,22 +57,23 @@ inline char* buffer_reserve(buffer* b, uint32_t n) {
 /* Appends `n` bytes, which must not lie in this buffer. Returns n, or 0 when there is no room. */
 uint32_t buffer_append(buffer* b, const void* bytes, uint32_t n);
 
-/* Append formatted text. A text below 512 bytes is appended without its NUL and its length returned. A
- * longer text is followed by a NUL that is counted in the buffer's length but not in the result.
- * 0 when there is no room. Readers of the log see the counted NUL, so it stays. */
+/* Append formatted text. A text below 512 bytes is appended without its NUL and its length
+ * returned. A longer text is followed by a NUL that is counted in the buffer's length but not in
+ * the result. 0 when there is no room. Readers of the log see the counted NUL, so it stays. */
 uint32_t buffer_vprintf(buffer* b, const char* format, va_list arguments)
     __attribute__((format(printf, 2, 0)));
 uint32_t buffer_printf(buffer* b, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
-/* Drops min(n, length) bytes from the front. Returns where the data began: those bytes stay readable until
- * the next append, compaction or reset. */
+/* Drops min(n, length) bytes from the front. Returns where the data began: those bytes stay
+ * readable until the next append, compaction or reset. */
 char* buffer_consume(buffer* b, uint32_t n);
 
 /* Drops min(n, length) bytes from the end and returns the new length. */
 uint32_t buffer_truncate(buffer* b, uint32_t n);
 
-/* Lets go of what was consumed since the last call and returns how many bytes that were. The rest is moved
- * to the front only when it is shorter than the space before it, so that moving stays cheap. */
+/* Lets go of what was consumed since the last call and returns how many bytes that were. The rest
+ * is moved to the front only when it is shorter than the space before it, so that moving stays
+ * cheap. */
 uint32_t buffer_compact(buffer* b);
 
 /* Empties the buffer and keeps the allocation. */

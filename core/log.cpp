@@ -61,8 +61,8 @@ bool begins_with(const char* text, const char* prefix) {
     return strncasecmp(text, prefix, strlen(prefix)) == 0;
 }
 
-/* Splits "HOST:PORT" at the first colon. Returns the host as a new string and the port, or null when
- * there is no port from 1 to 65535. */
+/* Splits "HOST:PORT" at the first colon. Returns the host as a new string and the port, or null
+ * when there is no port from 1 to 65535. */
 sstr split_host_port(const char* text, int* port) {
     const char* colon = strchr(text, ':');
     if (colon == nullptr) {
@@ -137,7 +137,8 @@ void reopen() {
         state.fd = -1;
     }
     const char* target = state.target;
-    if (target == nullptr || strcasecmp(target, "stdout") == 0 || strcasecmp(target, "stderr") == 0) {
+    if (target == nullptr || strcasecmp(target, "stdout") == 0 ||
+        strcasecmp(target, "stderr") == 0) {
         state.mode = MODE_STDOUT;
     } else if (strcasecmp(target, "syslog") == 0) {
         state.mode = MODE_DISCARD;
@@ -245,9 +246,9 @@ void write_composed() {
     }
 }
 
-/* Tries a lost socket again when it is time to. Before the line is composed, since the path of a socket
- * that is gone may become a file, which has no colour. A line that finds no socket is dropped, also when
- * the log falls back to standard output with it. */
+/* Tries a lost socket again when it is time to. Before the line is composed, since the path of a
+ * socket that is gone may become a file, which has no colour. A line that finds no socket is
+ * dropped, also when the log falls back to standard output with it. */
 bool has_somewhere_to_write() {
     if (state.mode != MODE_SOCKET || state.fd >= 0) {
         return true;

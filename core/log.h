@@ -4,17 +4,23 @@
 
 #include "core/buffer.h"
 
-/* The process-wide log: lines to standard output, to a file that is used as a ring of about 31 KiB, to a
- * Unix, TCP or UDP socket, or nowhere.
+/* The process-wide log: lines to standard output, to a file that is used as a ring of about 31 KiB,
+ * to a Unix, TCP or UDP socket, or nowhere.
  *
- * Call sites ask log_wants first, so that nothing is formatted for a message that is not written. Text
- * that came from outside is an argument, never the format.
+ * Call sites ask log_wants first, so that nothing is formatted for a message that is not written.
+ * Text that came from outside is an argument, never the format.
  *
- * The log never reports its own failures and never blocks on a socket that is connected: a file that cannot
- * be created falls back to standard output, a socket that does not take a line loses it, a lost socket is
- * tried again at most once a second. */
+ * The log never reports its own failures and never blocks on a socket that is connected: a file
+ * that cannot be created falls back to standard output, a socket that does not take a line loses
+ * it, a lost socket is tried again at most once a second. */
 
-enum log_level : uint32_t { LOG_DEBUG = 0, LOG_INFO = 1, LOG_WARN = 2, LOG_ERROR = 3, LOG_FATAL = 4 };
+enum log_level : uint32_t {
+    LOG_DEBUG = 0,
+    LOG_INFO = 1,
+    LOG_WARN = 2,
+    LOG_ERROR = 3,
+    LOG_FATAL = 4
+};
 
 struct log_config {
     const char* target; /* null keeps the present one */
@@ -24,13 +30,12 @@ struct log_config {
     int32_t timestamps; /* likewise */
 };
 
-/* The first level whose name the text begins with, in any case of letters ("Warning" is warn); LOG_INFO
- * when there is none. */
+/* The first level whose name the text begins with, in any case of letters ("Warning" is warn);
+ * LOG_INFO when there is none. */
 uint32_t log_parse_level(const char* text);
 
-/* Takes the configuration over (null: none) and (re)opens the target. The first opening also ignores
- * SIGPIPE for the process. The target is one of
- *   "stdout", "stderr"        standard output
+/* Takes the configuration over (null: none) and (re)opens the target. The first opening also
+ * ignores SIGPIPE for the process. The target is one of "stdout", "stderr"        standard output
  *   "syslog"                  nowhere
  *   "unix://PATH"             Unix stream socket
  *   "tcp://HOST:PORT", "udp://HOST:PORT"
@@ -53,15 +58,15 @@ inline bool log_wants(uint32_t level) {
     return log_configured_level() < level + 1;
 }
 
-/* Writes one line, whatever the configured level. A message of 512 bytes or more ends in a NUL before the
- * line feed. LOG_FATAL ends the process with exit status 255 and does not return. Opens the log first
- * if nobody has. */
+/* Writes one line, whatever the configured level. A message of 512 bytes or more ends in a NUL
+ * before the line feed. LOG_FATAL ends the process with exit status 255 and does not return. Opens
+ * the log first if nobody has. */
 void log_write(uint32_t level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
-/* The same for bytes that stand in a buffer, up to their first NUL. Appends one; without room for it nothing
- * is written. */
+/* The same for bytes that stand in a buffer, up to their first NUL. Appends one; without room for
+ * it nothing is written. */
 void log_write_buffer(uint32_t level, buffer* text);
 
-/* A broken invariant of the units above the log: a fatal line with the expression, unit and line, and
- * with it the end of the process. */
+/* A broken invariant of the units above the log: a fatal line with the expression, unit and line,
+ * and with it the end of the process. */
 [[noreturn]] void log_assert_failed(const char* expression, const char* unit, int line);

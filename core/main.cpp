@@ -38,8 +38,8 @@ int read_small_file(const char* path, char (&text)[32]) {
     return size < 0 ? -1 : 0;
 }
 
-/* A predecessor that still runs is ended: a restart needs no stop before it. Its name is looked at, since the
- * pid may have been given to another process in the meantime. */
+/* A predecessor that still runs is ended: a restart needs no stop before it. Its name is looked at,
+ * since the pid may have been given to another process in the meantime. */
 void kill_stale_instance(pid_t self) {
     char text[32];
     if (read_small_file(PID_FILE, text) < 0) {
@@ -51,13 +51,15 @@ void kill_stale_instance(pid_t self) {
     }
     char path[32];
     snprintf(path, sizeof path, "/proc/%d/comm", pid);
-    if (read_small_file(path, text) == 0 && strncmp(text, PROCESS_NAME, strlen(PROCESS_NAME)) == 0) {
+    if (read_small_file(path, text) == 0 &&
+        strncmp(text, PROCESS_NAME, strlen(PROCESS_NAME)) == 0) {
         (void)kill(pid, SIGKILL);
     }
 }
 
 void write_pid_file(pid_t self) {
-    const int fd = open(PID_FILE, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0644);
+    const int fd =
+        open(PID_FILE, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0644);
     if (fd < 0) {
         return;
     }
@@ -68,8 +70,8 @@ void write_pid_file(pid_t self) {
     close(fd);
 }
 
-/* Started without its standard descriptors, the daemon would give their numbers to clients, and what is
- * written to standard output or standard error would reach one of them. */
+/* Started without its standard descriptors, the daemon would give their numbers to clients, and
+ * what is written to standard output or standard error would reach one of them. */
 void hold_standard_descriptors() {
     int fd;
     do {

@@ -64,8 +64,9 @@ void set_port(options* o, const char* text) {
     }
 }
 
-/* Only these two words choose where the log goes. Anything else is kept as the ident, which the log never
- * reads, so a file or a socket given here leaves the log on its default file. That is deliberate. */
+/* Only these two words choose where the log goes. Anything else is kept as the ident, which the log
+ * never reads, so a file or a socket given here leaves the log on its default file. That is
+ * deliberate. */
 void set_log_file(options* o, const char* text) {
     if (strcmp(text, "stdout") == 0 || strcmp(text, "syslog") == 0) {
         o->log.target = text;
@@ -122,7 +123,8 @@ void options_parse(options* o, int argc, char** argv) {
             set_value(o, letter, optarg);
             break;
         case 'g':
-            /* The choice is taken and the usage printed all the same: the daemon never starts with -g. */
+            /* The choice is taken and the usage printed all the same: the daemon never starts with
+             * -g. */
             history_algor_option(optarg);
             print_usage(argv[0]);
         default:

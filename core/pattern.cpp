@@ -1,9 +1,10 @@
+#include "core/pattern.h"
+
 #include <ctype.h>
 #include <stddef.h>
 #include <string.h>
 
 #include "core/fault.h"
-#include "core/pattern.h"
 #include "core/pool.h"
 
 namespace {
@@ -37,12 +38,13 @@ void append(buffer* b, const void* bytes, uint32_t length) {
 
 /* Reading brackets */
 
-/* A bracket that turns out to have no end is an ordinary "[", and the next one may begin right behind it. So
- * that a pattern of many is read in time that grows with its length alone, no item is read twice. */
+/* A bracket that turns out to have no end is an ordinary "[", and the next one may begin right
+ * behind it. So that a pattern of many is read in time that grows with its length alone, no item is
+ * read twice. */
 struct reader {
     const char* place; /* null once the pattern broke off */
     const char* text;  /* the pattern */
-    char* seen;        /* for each of its bytes, 1 when an item was read there and no "]" followed */
+    char* seen; /* for each of its bytes, 1 when an item was read there and no "]" followed */
 };
 
 /* True when a single byte stands here between [. and .] or [= and =]. */
@@ -97,8 +99,8 @@ ptrdiff_t class_length(const char* p) {
     return p[2 + length] == ':' && p[3 + length] == ']' ? static_cast<ptrdiff_t>(length) : -1;
 }
 
-/* Reads one member, range, class or equivalence of a bracket into the set. False for a class that does not
- * exist. */
+/* Reads one member, range, class or equivalence of a bracket into the set. False for a class that
+ * does not exist. */
 bool read_item(reader* r, byte_set* set) {
     const char* p = r->place;
     const ptrdiff_t name_length = class_length(p);
@@ -123,8 +125,9 @@ bool read_item(reader* r, byte_set* set) {
     return true;
 }
 
-/* Reads a bracket from behind its "[" and moves behind its "]", or to the pattern's end when that breaks off
- * within an item. False, with the place as it was, when the bracket has no end and is none. */
+/* Reads a bracket from behind its "[" and moves behind its "]", or to the pattern's end when that
+ * breaks off within an item. False, with the place as it was, when the bracket has no end and is
+ * none. */
 bool read_bracket(reader* r, byte_set* set) {
     const char* start = r->place;
     const bool negated = *start == '!' || *start == '^';
@@ -184,8 +187,8 @@ bool takes_all(const pattern* p, const uint32_t* elements, uint32_t count, const
 
 /* Where the elements first take bytes of the text, which is no shorter; null when nowhere. For few
  * elements, or few places where they may begin. */
-const uint8_t* find_short(const pattern* p, const uint32_t* elements, uint32_t count, const uint8_t* text,
-                          const uint8_t* end) {
+const uint8_t* find_short(const pattern* p, const uint32_t* elements, uint32_t count,
+                          const uint8_t* text, const uint8_t* end) {
     const uint8_t* last = end - count;
     for (; text <= last; text++) {
         if (elements[0] < ELEMENT_ANY) {
@@ -203,8 +206,8 @@ const uint8_t* find_short(const pattern* p, const uint32_t* elements, uint32_t c
     return nullptr;
 }
 
-/* The shift-and search for a block of up to 64 elements: bit i of the state says that the elements 0 to i
- * took the last i + 1 bytes. */
+/* The shift-and search for a block of up to 64 elements: bit i of the state says that the elements
+ * 0 to i took the last i + 1 bytes. */
 constexpr uint32_t BLOCK = 64;
 
 struct shift_and {
@@ -234,9 +237,10 @@ bool search_step(shift_and* s, uint8_t byte) {
     return (s->state & s->last) != 0;
 }
 
-/* Clears those of the starts, one for each byte from the first on, at which the block does not match. */
-void cross_out(const pattern* p, const uint32_t* elements, uint32_t width, const uint8_t* bytes, char* starts,
-               uint32_t number) {
+/* Clears those of the starts, one for each byte from the first on, at which the block does not
+ * match. */
+void cross_out(const pattern* p, const uint32_t* elements, uint32_t width, const uint8_t* bytes,
+               char* starts, uint32_t number) {
     shift_and search;
     search_start(&search, p, elements, width);
     for (uint32_t i = 0; i < width - 1; i++) {
@@ -250,20 +254,21 @@ void cross_out(const pattern* p, const uint32_t* elements, uint32_t width, const
     }
 }
 
-/* The same for many, at a cost that does not multiply: each block of them crosses out the starts at which it
- * does not match. So many starts at a time are looked at that setting up the blocks costs no more. */
+/* The same for many, at a cost that does not multiply: each block of them crosses out the starts at
+ * which it does not match. So many starts at a time are looked at that setting up the blocks costs
+ * no more. */
 constexpr uint32_t WINDOW = BLOCK * BYTES;
 
-const uint8_t* find_long(const pattern* p, const uint32_t* elements, uint32_t count, const uint8_t* text,
-                         const uint8_t* end) {
+const uint8_t* find_long(const pattern* p, const uint32_t* elements, uint32_t count,
+                         const uint8_t* text, const uint8_t* end) {
     char starts[WINDOW];
     size_t left = static_cast<size_t>(end - text) - count + 1;
     while (left > 0) {
         const uint32_t number = left < WINDOW ? static_cast<uint32_t>(left) : WINDOW;
         memset(starts, 1, number);
         for (uint32_t first = 0; first < count; first += BLOCK) {
-            cross_out(p, elements + first, count - first < BLOCK ? count - first : BLOCK, text + first,
-                      starts, number);
+            cross_out(p, elements + first, count - first < BLOCK ? count - first : BLOCK,
+                      text + first, starts, number);
         }
         const void* found = memchr(starts, 1, number);
         if (found != nullptr) {
@@ -279,7 +284,8 @@ const uint8_t* find(const pattern* p, const uint32_t* elements, uint32_t count, 
                     const uint8_t* end) {
     /* Few starts cost less each by itself than the blocks take to be set up. */
     const bool few = count <= BLOCK || static_cast<size_t>(end - text) - count < BYTES;
-    return few ? find_short(p, elements, count, text, end) : find_long(p, elements, count, text, end);
+    return few ? find_short(p, elements, count, text, end)
+               : find_long(p, elements, count, text, end);
 }
 
 } // namespace
@@ -331,7 +337,8 @@ bool pattern_match(const pattern* p, const char* text) {
     if (!takes_all(p, behind, p->tail, end)) {
         return false;
     }
-    /* Up to the first star the place is given; behind it, the first that fits leaves most to the rest. */
+    /* Up to the first star the place is given; behind it, the first that fits leaves most to the
+     * rest. */
     for (; *element != ELEMENT_STAR; element++, place++) {
         if (!takes(p, *element, *place)) {
             return false;

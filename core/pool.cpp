@@ -50,7 +50,8 @@ pool_link* pool_add_slab(size_t size) {
     pool_link* head = reinterpret_cast<pool_link*>(slab);
     head->next = c->slabs;
     if (c->slabs != nullptr) {
-        /* The two newest slabs point at each other. The chain is never walked, so this harms nobody. */
+        /* The two newest slabs point at each other. The chain is never walked, so this harms
+         * nobody. */
         c->slabs->next = head;
     }
     c->slabs = head;

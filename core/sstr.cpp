@@ -17,12 +17,14 @@ sstr allocate(uint64_t length) {
         /* No length word can hold it, and no target has that much memory to spare. */
         fault_no_memory();
     }
-    uint32_t* block = static_cast<uint32_t*>(pool_alloc(static_cast<size_t>(length) + SSTR_OVERHEAD));
+    uint32_t* block =
+        static_cast<uint32_t*>(pool_alloc(static_cast<size_t>(length) + SSTR_OVERHEAD));
     *block = static_cast<uint32_t>(length);
     return reinterpret_cast<char*>(block + 1);
 }
 
-/* As strtoll reads it with base 0. Counters are plain decimal numbers, which are read without its generality.
+/* As strtoll reads it with base 0. Counters are plain decimal numbers, which are read without its
+ * generality.
  */
 bool parse_number(const char* text, int64_t* number) {
     constexpr int SAFE_DIGITS = 18;

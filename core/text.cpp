@@ -55,8 +55,8 @@ const char* skip_space(const char* text) {
     return text;
 }
 
-/* Newer C libraries read "0b11" with base 0 as binary. The device's do not, and clients must get the same
- * answer everywhere: the 0, and text behind it. */
+/* Newer C libraries read "0b11" with base 0 as binary. The device's do not, and clients must get
+ * the same answer everywhere: the 0, and text behind it. */
 bool has_binary_prefix(const char* text) {
     const char* p = skip_space(text);
     if (*p == '+' || *p == '-') {
@@ -158,7 +158,8 @@ void str_split(char* line, char** argv, const char* delimiters) {
     const char* set = delimiters != nullptr ? delimiters : " \t\r\n";
     uintptr_t count = 0;
     char* rest = nullptr;
-    for (char* token = strtok_r(line, set, &rest); token != nullptr; token = strtok_r(nullptr, set, &rest)) {
+    for (char* token = strtok_r(line, set, &rest); token != nullptr;
+         token = strtok_r(nullptr, set, &rest)) {
         argv[++count] = token;
     }
     argv[0] = reinterpret_cast<char*>(count);

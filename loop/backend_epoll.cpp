@@ -26,8 +26,8 @@ uint16_t kernel_bits(unsigned mask) {
     return static_cast<uint16_t>(bits);
 }
 
-/* A failure is ignored: the descriptor then yields no events, and its connection is found dead by the
- * next read or write. */
+/* A failure is ignored: the descriptor then yields no events, and its connection is found dead by
+ * the next read or write. */
 void control(int operation, int fd, unsigned bits) {
     epoll_event event = {};
     event.events = bits;
@@ -39,8 +39,8 @@ int backend_init(int limit) {
     if (state.fd < 0) {
         state.fd = epoll_create1(EPOLL_CLOEXEC);
         if (state.fd >= 0) {
-            state.registered =
-                static_cast<uint16_t*>(calloc(static_cast<size_t>(limit), sizeof *state.registered));
+            state.registered = static_cast<uint16_t*>(
+                calloc(static_cast<size_t>(limit), sizeof *state.registered));
             if (state.registered == nullptr) {
                 fault_no_memory();
             }
@@ -97,5 +97,5 @@ void backend_fini() {
 
 } // namespace
 
-const loop_backend_operations loop_epoll_backend = {backend_init, backend_add, backend_del, backend_wait,
-                                                    backend_fini};
+const loop_backend_operations loop_epoll_backend = {backend_init, backend_add, backend_del,
+                                                    backend_wait, backend_fini};

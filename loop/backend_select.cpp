@@ -4,8 +4,8 @@
 
 namespace {
 
-/* The kernel's own view of a set: an array of long words, the lowest descriptor in the lowest bit. Looking at
- * whole words keeps the cost of an idle descriptor near zero. */
+/* The kernel's own view of a set: an array of long words, the lowest descriptor in the lowest bit.
+ * Looking at whole words keeps the cost of an idle descriptor near zero. */
 constexpr int WORD_BITS = 8 * sizeof(unsigned long);
 constexpr int WORDS = FD_SETSIZE / WORD_BITS;
 
@@ -27,7 +27,8 @@ unsigned long bit_of(int fd) {
 }
 
 bool is_registered(int fd) {
-    const unsigned long any = state.readable.words[fd / WORD_BITS] | state.writable.words[fd / WORD_BITS];
+    const unsigned long any =
+        state.readable.words[fd / WORD_BITS] | state.writable.words[fd / WORD_BITS];
     return (any & bit_of(fd)) != 0;
 }
 
@@ -70,8 +71,10 @@ void backend_del(int fd, unsigned mask) {
 }
 
 /* Appends the events of one word of both sets. Returns the new count, at most LOOP_MAX_EVENTS. */
-int collect(int first_fd, unsigned long readable, unsigned long writable, loop_event* events, int count) {
-    for (unsigned long any = readable | writable; any != 0 && count < LOOP_MAX_EVENTS; any &= any - 1) {
+int collect(int first_fd, unsigned long readable, unsigned long writable, loop_event* events,
+            int count) {
+    for (unsigned long any = readable | writable; any != 0 && count < LOOP_MAX_EVENTS;
+         any &= any - 1) {
         const int bit = __builtin_ctzl(any);
         const unsigned mask = static_cast<unsigned>((readable >> bit & 1) * LOOP_READABLE |
                                                     (writable >> bit & 1) * LOOP_WRITABLE);
@@ -89,8 +92,8 @@ int backend_wait(int timeout_ms, loop_event* events) {
         readable.words[i] = state.readable.words[i];
         writable.words[i] = state.writable.words[i];
     }
-    if (select(state.highest + 1, reinterpret_cast<fd_set*>(&readable), reinterpret_cast<fd_set*>(&writable),
-               nullptr, &timeout) < 1) {
+    if (select(state.highest + 1, reinterpret_cast<fd_set*>(&readable),
+               reinterpret_cast<fd_set*>(&writable), nullptr, &timeout) < 1) {
         return 0;
     }
     int count = 0;
@@ -104,5 +107,5 @@ void backend_fini() {}
 
 } // namespace
 
-const loop_backend_operations loop_select_backend = {backend_init, backend_add, backend_del, backend_wait,
-                                                     backend_fini};
+const loop_backend_operations loop_select_backend = {backend_init, backend_add, backend_del,
+                                                     backend_wait, backend_fini};

@@ -2,18 +2,20 @@
 
 #include "loop/connection.h"
 
-/* Child processes: a shell command runs beside the loop, its standard output is collected through a pipe
- * that the loop watches like any connection, and the whole output is handed over when the pipe closes.
+/* Child processes: a shell command runs beside the loop, its standard output is collected through a
+ * pipe that the loop watches like any connection, and the whole output is handed over when the pipe
+ * closes.
  *
- * The child's complaints go to /dev/null. Of the daemon's descriptors it has standard input alone. */
+ * The child's complaints go to /dev/null. Of the daemon's descriptors it has standard input alone.
+ */
 
-/* Starts the command. `completed` is called exactly once, with everything the child wrote and the reason
- * for which the pipe closed: CONNECTION_PEER_CLOSED when the child closed its output, as it does by
- * ending, or CONNECTION_READ_FAILED when it wrote more than an input buffer takes (1 MiB); the output is
- * then its first part. A command that cannot be run has no output.
+/* Starts the command. `completed` is called exactly once, with everything the child wrote and the
+ * reason for which the pipe closed: CONNECTION_PEER_CLOSED when the child closed its output, as it
+ * does by ending, or CONNECTION_READ_FAILED when it wrote more than an input buffer takes (1 MiB);
+ * the output is then its first part. A command that cannot be run has no output.
  *
- * Each completion reaps at most one child that has ended, whichever it is; a child that lives on after
- * closing its output is reaped by a later completion.
+ * Each completion reaps at most one child that has ended, whichever it is; a child that lives on
+ * after closing its output is reaped by a later completion.
  *
  * Returns 1, or 0 when no child could be started; nothing is called then. */
 int child_spawn(const char* command, child_completed completed, void* argument);

@@ -22,8 +22,8 @@ void close_with_reason(connection* c, int reason);
     longjmp(*c->jump, reason);
 }
 
-/* Runs `operation` with a jump target of its own, where a failure raised inside lands; the target of the
- * operation around it is current again afterwards. Returns the failure's reason, or 0. */
+/* Runs `operation` with a jump target of its own, where a failure raised inside lands; the target
+ * of the operation around it is current again afterwards. Returns the failure's reason, or 0. */
 template <typename Operation> int catch_failure(connection* c, Operation operation) {
     jmp_buf* const outer = c->jump;
     jmp_buf here;
@@ -119,8 +119,8 @@ void send_or_batch(connection* c, const char* bytes, uint32_t length) {
     }
 }
 
-/* Pulls output from the producer until the kernel refuses some, which the writable event resumes. Needs
- * an armed target; may jump. */
+/* Pulls output from the producer until the kernel refuses some, which the writable event resumes.
+ * Needs an armed target; may jump. */
 void run_producer(connection* c) {
     while (c->producer != nullptr && c->fd >= 0 && c->pending.length == 0) {
         uint32_t length = 0;
@@ -134,8 +134,8 @@ void run_producer(connection* c) {
     }
 }
 
-/* Reads until the kernel has no more. Returns whether anything came; jumps at the end of the stream, on an
- * error and when the input buffer is full. */
+/* Reads until the kernel has no more. Returns whether anything came; jumps at the end of the
+ * stream, on an error and when the input buffer is full. */
 bool read_input(connection* c) {
     char chunk[READ_CHUNK];
     bool any = false;
@@ -194,7 +194,8 @@ void on_writable(connection* c) {
 int16_t socket_error(int fd) {
     int error = 0;
     socklen_t size = sizeof error;
-    return getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) < 0 ? 0 : static_cast<int16_t>(error);
+    return getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) < 0 ? 0
+                                                                   : static_cast<int16_t>(error);
 }
 
 void on_event(int fd, unsigned mask, void* argument) {
@@ -223,8 +224,8 @@ void unlink_from_server(connection* c) {
 }
 
 void destroy(loop_closing* closing) {
-    connection* c =
-        reinterpret_cast<connection*>(reinterpret_cast<char*>(closing) - offsetof(connection, closing));
+    connection* c = reinterpret_cast<connection*>(reinterpret_cast<char*>(closing) -
+                                                  offsetof(connection, closing));
     if (c->on_close != nullptr) {
         c->on_close(c, c->reason);
         c->on_close = nullptr;
@@ -256,7 +257,8 @@ void close_with_reason(connection* c, int reason) {
 
 connection* loop_add_connection(int fd, server* owner) {
     if (!(fd < loop_maxfd() && !loop_has_handler(fd))) {
-        fault_abort("fd < maxfd && files[fd].cb == ((void *)0)", "loop", 690, "loop_add_connection");
+        fault_abort("fd < maxfd && files[fd].cb == ((void *)0)", "loop", 690,
+                    "loop_add_connection");
     }
     (void)endpoint_set_nonblocking(fd);
     (void)endpoint_set_cloexec(fd);

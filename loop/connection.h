@@ -8,19 +8,20 @@
 
 /* Buffered, non-blocking streams: every accepted client, and the pipes of child processes.
  *
- * The layer above sees callbacks and three operations: send, flush and close. None of them returns a
- * failure. A write that fails deep inside a send jumps back (longjmp) to the innermost armed operation on
- * this connection, which closes it with a reason. Frames between that operation and the write therefore
- * hold nothing that needs a destructor.
+ * The layer above sees callbacks and three operations: send, flush and close. None of them returns
+ * a failure. A write that fails deep inside a send jumps back (longjmp) to the innermost armed
+ * operation on this connection, which closes it with a reason. Frames between that operation and
+ * the write therefore hold nothing that needs a destructor.
  *
- * Life: open (fd >= 0, handler registered), closed (fd -1, the record still valid; sends are dropped, a
- * second close does nothing), destroyed at the end of the loop's pass (close callback, then the record is
- * freed). So a handler may close its connection and go on using the record until it returns.
+ * Life: open (fd >= 0, handler registered), closed (fd -1, the record still valid; sends are
+ * dropped, a second close does nothing), destroyed at the end of the loop's pass (close callback,
+ * then the record is freed). So a handler may close its connection and go on using the record until
+ * it returns.
  *
- * Output: small frames are batched in `output` and written once per input event or above 4000 bytes; from
- * 2000 bytes on a frame is written straight through; what the kernel refuses waits in `pending` for the
- * descriptor to become writable. While `pending` holds bytes, all new output goes behind them. A frame is
- * taken whole or the connection is closed. */
+ * Output: small frames are batched in `output` and written once per input event or above 4000
+ * bytes; from 2000 bytes on a frame is written straight through; what the kernel refuses waits in
+ * `pending` for the descriptor to become writable. While `pending` holds bytes, all new output goes
+ * behind them. A frame is taken whole or the connection is closed. */
 
 struct connection;
 struct server;
@@ -47,8 +48,8 @@ typedef void (*connection_data_callback)(connection* c);
 /* The connection is about to be destroyed; the last call with it. */
 typedef void (*connection_close_callback)(connection* c, int reason);
 
-/* Returns the next chunk of output and its length, or null when there is no more. The chunk stays valid
- * until the next call. */
+/* Returns the next chunk of output and its length, or null when there is no more. The chunk stays
+ * valid until the next call. */
 typedef const char* (*connection_producer)(connection* c, uint32_t* length);
 
 /* The whole output of a child process: `output` is valid only during the call. */
@@ -60,17 +61,18 @@ typedef void (*server_override)(server* s);
 /* Room for the address text, NUL included; a longer one is cut in the record. */
 constexpr uint32_t SERVER_ADDRESS_SIZE = 48;
 
-/* The listening server that a connection belongs to; server.h has its operations. It stands here because the
- * end of its last connection may be its own end. */
+/* The listening server that a connection belongs to; server.h has its operations. It stands here
+ * because the end of its last connection may be its own end. */
 struct server {
     int32_t fd; /* -1 once released */
     char address[SERVER_ADDRESS_SIZE];
     int32_t port;
-    connection* connections;              /* newest first */
-    connection_data_callback conn_ondata; /* copied into each connection; set before the first accept */
-    connection_close_callback on_close;   /* copied likewise */
-    server_accept_callback on_accept;     /* optional: called with each new connection */
-    server_override accept_override;      /* optional: called instead of accepting */
+    connection* connections; /* newest first */
+    connection_data_callback
+        conn_ondata; /* copied into each connection; set before the first accept */
+    connection_close_callback on_close; /* copied likewise */
+    server_accept_callback on_accept;   /* optional: called with each new connection */
+    server_override accept_override;    /* optional: called instead of accepting */
     uint32_t references;
 };
 
@@ -82,9 +84,9 @@ struct connection {
     connection_data_callback conn_ondata;
     connection_close_callback on_close;
     connection_producer producer;
-    int16_t error;             /* what caused the close: an errno, a socket error or CONNECTION_BUFFER_FULL */
-    int16_t reason;            /* connection_reason */
-    void* user_data;           /* owned by the layer above */
+    int16_t error;   /* what caused the close: an errno, a socket error or CONNECTION_BUFFER_FULL */
+    int16_t reason;  /* connection_reason */
+    void* user_data; /* owned by the layer above */
     child_completed completed; /* used by child processes alone */
     connection* prev;          /* in the server's list */
     connection* next;
@@ -93,18 +95,19 @@ struct connection {
     loop_closing closing;
 };
 
-/* Wraps a descriptor, which the connection owns from now on: makes it non-blocking and close-on-exec,
- * links the record at the front of the server's list and takes a reference on the server (null: none),
- * and watches for input. Aborts when the descriptor is not below the loop's limit or has a handler. */
+/* Wraps a descriptor, which the connection owns from now on: makes it non-blocking and
+ * close-on-exec, links the record at the front of the server's list and takes a reference on the
+ * server (null: none), and watches for input. Aborts when the descriptor is not below the loop's
+ * limit or has a handler. */
 connection* loop_add_connection(int fd, server* owner);
 
-/* Sends `length` bytes, which are copied or written before this returns. May close the connection; a closed
- * one drops the bytes. */
+/* Sends `length` bytes, which are copied or written before this returns. May close the connection;
+ * a closed one drops the bytes. */
 void connection_send(connection* c, const void* bytes, uint32_t length);
 
-/* Returns the output buffer when a frame of at most `size` bytes is simply batched: the caller appends it
- * there, or calls connection_fail_output when the heap has no room for it. Null otherwise; the frame then
- * goes through connection_send. */
+/* Returns the output buffer when a frame of at most `size` bytes is simply batched: the caller
+ * appends it there, or calls connection_fail_output when the heap has no room for it. Null
+ * otherwise; the frame then goes through connection_send. */
 buffer* connection_batch(connection* c, uint32_t size);
 
 /* Writes the batched output. May close the connection. */

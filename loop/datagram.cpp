@@ -15,8 +15,8 @@ void on_readable(int fd, unsigned mask, void* argument) {
     }
     const int waiting = endpoint_bytes_readable(fd);
     if (waiting == 0) {
-        /* An empty datagram is no request, but left in the queue it would hide those behind it. Looked at
-         * first, since a full one may have come meanwhile. */
+        /* An empty datagram is no request, but left in the queue it would hide those behind it.
+         * Looked at first, since a full one may have come meanwhile. */
         char byte;
         if (recv(fd, &byte, sizeof byte, MSG_DONTWAIT | MSG_PEEK | MSG_TRUNC) == 0) {
             (void)recv(fd, &byte, sizeof byte, MSG_DONTWAIT);
@@ -33,7 +33,8 @@ void on_readable(int fd, unsigned mask, void* argument) {
     }
     endpoint_address sender = {};
     socklen_t sender_length = sizeof sender;
-    const ssize_t size = recvfrom(fd, bytes, static_cast<size_t>(waiting), 0, &sender.any, &sender_length);
+    const ssize_t size =
+        recvfrom(fd, bytes, static_cast<size_t>(waiting), 0, &sender.any, &sender_length);
     if (size >= 0) {
         buffer_truncate(request, static_cast<uint32_t>(waiting - size));
         s->callback(s, request, reply);

@@ -4,14 +4,14 @@
 
 #include "core/buffer.h"
 
-/* A datagram server: one callback for each datagram, its answer sent back to the sender. Start-up opens
- * none. */
+/* A datagram server: one callback for each datagram, its answer sent back to the sender. Start-up
+ * opens none. */
 
 struct datagram_server;
 
-/* `request` holds the datagram, which is never empty: empty ones are dropped. What the callback leaves in
- * `reply` is sent back, nothing when it is empty. Both buffers belong to the loop and are emptied afterwards.
- * The callback may release the server. */
+/* `request` holds the datagram, which is never empty: empty ones are dropped. What the callback
+ * leaves in `reply` is sent back, nothing when it is empty. Both buffers belong to the loop and are
+ * emptied afterwards. The callback may release the server. */
 typedef void (*datagram_callback)(datagram_server* s, buffer* request, buffer* reply);
 
 struct datagram_server {
@@ -19,8 +19,8 @@ struct datagram_server {
     datagram_callback callback;
 };
 
-/* Listens on an address (see endpoint_parse) and port. Returns the server, or null when that fails or its
- * descriptor is not below the loop's limit. */
+/* Listens on an address (see endpoint_parse) and port. Returns the server, or null when that fails
+ * or its descriptor is not below the loop's limit. */
 datagram_server* datagram_open(const char* address, int port, datagram_callback callback);
 
 /* Stops listening and frees the server. */

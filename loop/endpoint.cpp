@@ -43,7 +43,8 @@ int give_up(int* fd) {
 int connect_ipv4(const char* host, int port, int type, int* fd) {
     endpoint_address address;
     *fd = -1;
-    if (endpoint_parse(resolve_localhost(host), port, &address) == 0 || address.any.sa_family != AF_INET) {
+    if (endpoint_parse(resolve_localhost(host), port, &address) == 0 ||
+        address.any.sa_family != AF_INET) {
         return EINVAL;
     }
     *fd = socket(AF_INET, type, 0);
@@ -58,7 +59,8 @@ void on_connecting(int fd, unsigned mask, void* argument) {
     const connecting pending = *record;
     pool_delete(record);
     loop_remove_handler(fd);
-    /* An error event alone, which epoll may give, is a failure too: nobody else would close the socket. */
+    /* An error event alone, which epoll may give, is a failure too: nobody else would close the
+     * socket. */
     const bool failed = (mask & LOOP_READABLE) != 0 || (mask & LOOP_WRITABLE) == 0;
     if (failed) {
         close(fd);
@@ -170,7 +172,8 @@ int endpoint_connect_local(const char* path, int* fd) {
     endpoint_address address = {};
     copy_path(&address.local, path, sizeof address.local.sun_path);
     *fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (*fd >= 0 && connect(*fd, &address.any, sizeof address.local) == 0 && fcntl(*fd, F_SETFL, 0) == 0) {
+    if (*fd >= 0 && connect(*fd, &address.any, sizeof address.local) == 0 &&
+        fcntl(*fd, F_SETFL, 0) == 0) {
         return 0;
     }
     return give_up(fd);
@@ -185,7 +188,8 @@ int endpoint_connect_udp(const char* host, int port, int* fd) {
     return connect_ipv4(host, port, SOCK_DGRAM | SOCK_CLOEXEC, fd);
 }
 
-int endpoint_connect_async(const char* text, int port, endpoint_connected callback, void* argument) {
+int endpoint_connect_async(const char* text, int port, endpoint_connected callback,
+                           void* argument) {
     endpoint_address address;
     if (endpoint_parse(resolve_localhost(text), port, &address) == 0) {
         return 0;

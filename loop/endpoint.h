@@ -4,12 +4,12 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-/* Addresses and sockets: one rule that turns a text and a port into a socket address, listening sockets,
- * outgoing connections and descriptor flags.
+/* Addresses and sockets: one rule that turns a text and a port into a socket address, listening
+ * sockets, outgoing connections and descriptor flags.
  *
- * Host names are not resolved: the daemon must never wait for a name server. Only the connect helpers take
- * the word "localhost". Nothing here logs; failures are returned. Every descriptor made here is
- * close-on-exec and owned by the caller. */
+ * Host names are not resolved: the daemon must never wait for a name server. Only the connect
+ * helpers take the word "localhost". Nothing here logs; failures are returned. Every descriptor
+ * made here is close-on-exec and owned by the caller. */
 
 union endpoint_address {
     sockaddr any;
@@ -18,7 +18,8 @@ union endpoint_address {
     sockaddr_in6 ipv6;
 };
 
-/* The longest Unix path that is bound; a longer one is cut here. Connecting takes all 108 bytes of the field.
+/* The longest Unix path that is bound; a longer one is cut here. Connecting takes all 108 bytes of
+ * the field.
  */
 constexpr unsigned ENDPOINT_MAX_PATH = 107;
 
@@ -28,32 +29,33 @@ constexpr unsigned ENDPOINT_TEXT_SIZE = 110;
 /* True for an address text that means a Unix path: one that contains "/". */
 bool endpoint_is_path(const char* text);
 
-/* Text with "/": a Unix path (the port is ignored); with ":": an IPv6 address; else an IPv4 address.
- * Returns 1, or 0 when inet_pton rejects the text. */
+/* Text with "/": a Unix path (the port is ignored); with ":": an IPv6 address; else an IPv4
+ * address. Returns 1, or 0 when inet_pton rejects the text. */
 int endpoint_parse(const char* text, int port, endpoint_address* address);
 
 /* Bytes of the address that bind and connect are given: 110, 28 or 16. */
 socklen_t endpoint_length(const endpoint_address* address);
 
-/* Writes the address as text (`text` holds ENDPOINT_TEXT_SIZE bytes) and its port in host order; the
- * port of a Unix path is 0. */
+/* Writes the address as text (`text` holds ENDPOINT_TEXT_SIZE bytes) and its port in host order;
+ * the port of a Unix path is 0. */
 void endpoint_format(const endpoint_address* address, char* text, int* port);
 
 /* Removes the socket file that listening on `text` would bind, cut in the same place. */
 void endpoint_unlink(const char* text);
 
 /* Listening, non-blocking sockets of the given type (SOCK_STREAM or SOCK_DGRAM). A Unix path is
- * unlinked first; SO_REUSEADDR is set; streams listen with a backlog of 128. Return the descriptor or a
- * negative value. */
+ * unlinked first; SO_REUSEADDR is set; streams listen with a backlog of 128. Return the descriptor
+ * or a negative value. */
 int endpoint_listen(const char* text, int port, int type);
 int endpoint_listen_stream(const char* text, int port);
 int endpoint_listen_local(const char* path);
 int endpoint_listen_datagram(const char* text, int port);
 
-/* Outgoing connections. Return 0 or an error number; `*fd` is -1 on failure. `localhost` in any case means
- * 127.0.0.1; TCP and UDP take IPv4 only. A Unix listener whose queue is full is not waited for (EAGAIN), so
- * that one that never accepts cannot stop the daemon; the descriptor blocks as usual. With `non_blocking`,
- * EINPROGRESS is returned with a valid descriptor, and the caller waits for it to become writable. */
+/* Outgoing connections. Return 0 or an error number; `*fd` is -1 on failure. `localhost` in any
+ * case means 127.0.0.1; TCP and UDP take IPv4 only. A Unix listener whose queue is full is not
+ * waited for (EAGAIN), so that one that never accepts cannot stop the daemon; the descriptor blocks
+ * as usual. With `non_blocking`, EINPROGRESS is returned with a valid descriptor, and the caller
+ * waits for it to become writable. */
 int endpoint_connect_local(const char* path, int* fd);
 int endpoint_connect_tcp(const char* host, int port, bool non_blocking, int* fd);
 int endpoint_connect_udp(const char* host, int port, int* fd);
@@ -61,11 +63,12 @@ int endpoint_connect_udp(const char* host, int port, int* fd);
 /* Called with the connected descriptor and 0, or with -1 and an error number. */
 typedef void (*endpoint_connected)(int fd, int error, void* argument);
 
-/* Connects a stream without blocking; address texts as for endpoint_parse, and "localhost". Returns 1 when
- * the address parsed, and the callback is then called exactly once, perhaps before this returns; 0 otherwise,
- * with no call. A connection that fails after it was begun is reported as EHOSTUNREACH, whatever the kernel
- * says: a readable event is taken for the failure and the cause is not asked for. A socket whose descriptor
- * is not below the loop's limit is reported as EMFILE. */
+/* Connects a stream without blocking; address texts as for endpoint_parse, and "localhost". Returns
+ * 1 when the address parsed, and the callback is then called exactly once, perhaps before this
+ * returns; 0 otherwise, with no call. A connection that fails after it was begun is reported as
+ * EHOSTUNREACH, whatever the kernel says: a readable event is taken for the failure and the cause
+ * is not asked for. A socket whose descriptor is not below the loop's limit is reported as EMFILE.
+ */
 int endpoint_connect_async(const char* text, int port, endpoint_connected callback, void* argument);
 
 /* Add a descriptor flag. Return the result of fcntl, negative on failure. */
@@ -75,5 +78,6 @@ int endpoint_set_cloexec(int fd);
 /* Bytes that wait to be read, -1 on failure. */
 int endpoint_bytes_readable(int fd);
 
-/* Whether a host of the log's host:port form is this machine. Always true: logs stay on the device. */
+/* Whether a host of the log's host:port form is this machine. Always true: logs stay on the device.
+ */
 bool endpoint_is_local_host(const char* host);

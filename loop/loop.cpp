@@ -61,7 +61,8 @@ void dispatch(const loop_event* events, int count) {
 }
 
 bool is_due(loop_timer* timer) {
-    return int64_t{timer->interval_ms} <= loop_elapsed_ms(&timer->last_sec, &timer->last_usec, &loop.now);
+    return int64_t{timer->interval_ms} <=
+           loop_elapsed_ms(&timer->last_sec, &timer->last_usec, &loop.now);
 }
 
 void scan_timers() {

@@ -5,13 +5,13 @@
 
 #include "core/buffer.h"
 
-/* The reactor: descriptor handlers, interval timers and the run loop that everything in the daemon runs
- * from.
+/* The reactor: descriptor handlers, interval timers and the run loop that everything in the daemon
+ * runs from.
  *
- * One thread. A pass of the loop reads the clock, waits at most 100 ms for readiness, calls the handlers of
- * the ready descriptors, scans the timers when at least 100 ms have passed since the last scan, and at its
- * end destroys what was closed during the pass. Handlers and timer callbacks may add, change and
- * remove handlers and timers, their own included, and may stop the loop.
+ * One thread. A pass of the loop reads the clock, waits at most 100 ms for readiness, calls the
+ * handlers of the ready descriptors, scans the timers when at least 100 ms have passed since the
+ * last scan, and at its end destroys what was closed during the pass. Handlers and timer callbacks
+ * may add, change and remove handlers and timers, their own included, and may stop the loop.
  *
  * The unit never logs: the log is built on it. Broken invariants abort through fault_abort. */
 
@@ -36,20 +36,22 @@ constexpr int LOOP_MAX_EVENTS = 100;
 
 /* How the loop learns of readiness. `add` and `del` take LOOP_READABLE and LOOP_WRITABLE. */
 struct loop_backend_operations {
-    int (*init)(int limit);                          /* non-zero on success */
-    void (*add)(int fd, unsigned mask);              /* watch for these too */
-    void (*del)(int fd, unsigned mask);              /* watch for these no longer */
-    int (*wait)(int timeout_ms, loop_event* events); /* fills events; 0 on time-out, error and signal */
+    int (*init)(int limit);             /* non-zero on success */
+    void (*add)(int fd, unsigned mask); /* watch for these too */
+    void (*del)(int fd, unsigned mask); /* watch for these no longer */
+    int (*wait)(int timeout_ms,
+                loop_event* events); /* fills events; 0 on time-out, error and signal */
     void (*fini)();
 };
 
-/* select: reports LOOP_READABLE and LOOP_WRITABLE in ascending order of descriptors, never LOOP_ERROR. */
+/* select: reports LOOP_READABLE and LOOP_WRITABLE in ascending order of descriptors, never
+ * LOOP_ERROR. */
 extern const loop_backend_operations loop_select_backend;
 /* epoll: a hang-up counts as readable, an error as LOOP_ERROR. */
 extern const loop_backend_operations loop_epoll_backend;
 
-/* An interval timer. It fires at the first scan at which its interval has passed and counts the next
- * interval from that scan, so firing times drift by up to the granularity of 100 ms. */
+/* An interval timer. It fires at the first scan at which its interval has passed and counts the
+ * next interval from that scan, so firing times drift by up to the granularity of 100 ms. */
 struct loop_timer {
     uint32_t last_sec; /* last fire time, or creation */
     uint32_t last_usec;
@@ -60,17 +62,17 @@ struct loop_timer {
     loop_timer* next;
 };
 
-/* Something that outlives the pass in which it was closed. The record is embedded in its owner, which
- * sets `destroy` and zeroes the rest. */
+/* Something that outlives the pass in which it was closed. The record is embedded in its owner,
+ * which sets `destroy` and zeroes the rest. */
 struct loop_closing {
     loop_closing* next;
     bool queued;
     void (*destroy)(loop_closing* closing);
 };
 
-/* Makes the loop fresh: no handlers, no timers, the clock read. Every descriptor that is registered later
- * must be below `limit`. LOOP_EPOLL chooses epoll, any other selector select. Returns what the backend's
- * init returns: non-zero on success. */
+/* Makes the loop fresh: no handlers, no timers, the clock read. Every descriptor that is registered
+ * later must be below `limit`. LOOP_EPOLL chooses epoll, any other selector select. Returns what
+ * the backend's init returns: non-zero on success. */
 int loop_init(int limit, int selector);
 
 /* The descriptor limit given to loop_init. */
@@ -82,12 +84,12 @@ bool loop_has_handler(int fd);
 /* Current time as read at the top of the pass and again before the timer scan. */
 const timeval* loop_now();
 
-/* Registers the handler of a descriptor and watches for `mask`. A handler that was there is replaced.
- * `fd` must not be negative. Aborts when it is not below the limit. */
+/* Registers the handler of a descriptor and watches for `mask`. A handler that was there is
+ * replaced. `fd` must not be negative. Aborts when it is not below the limit. */
 void loop_add_handler(int fd, unsigned mask, loop_handler handler, void* argument);
 
-/* Watches for the bits of `add` too, then no longer for those of `remove`. A descriptor out of range is
- * ignored. */
+/* Watches for the bits of `add` too, then no longer for those of `remove`. A descriptor out of
+ * range is ignored. */
 void loop_modify_handler(int fd, unsigned add, unsigned remove);
 
 /* Forgets the descriptor; events of the same batch that are still to come find an empty slot. A
@@ -104,12 +106,13 @@ void loop_del_timer(loop_timer* timer);
 /* Deletes the newest timer with this callback and argument, if there is one. */
 void loop_del_timer_match(loop_timer_callback callback, const void* argument);
 
-/* Hands a closed record over for destruction at the end of the pass. A record that is queued already stays
- * queued once. */
+/* Hands a closed record over for destruction at the end of the pass. A record that is queued
+ * already stays queued once. */
 void loop_destroy_later(loop_closing* closing);
 
-/* Ends loop_run. From a handler: no further handler of the batch is called and timers are not scanned. From
- * a timer's callback: the scan runs to its end. What was closed is destroyed in both cases. */
+/* Ends loop_run. From a handler: no further handler of the batch is called and timers are not
+ * scanned. From a timer's callback: the scan runs to its end. What was closed is destroyed in both
+ * cases. */
 void loop_stop();
 
 /* Runs until the loop is stopped. Returns the stop flag's value (not 0). */
@@ -118,8 +121,8 @@ int loop_run();
 /* Stores a time in the 32 bits that records have for each part. */
 void loop_store_time(uint32_t* sec, uint32_t* usec, const timeval* now);
 
-/* Milliseconds from the stored time to now, the microseconds' share truncated toward zero. A clock that
- * was set back gives a negative value and resets the stored time to now. */
+/* Milliseconds from the stored time to now, the microseconds' share truncated toward zero. A clock
+ * that was set back gives a negative value and resets the stored time to now. */
 int64_t loop_elapsed_ms(uint32_t* sec, uint32_t* usec, const timeval* now);
 
 /* Two scratch buffers for datagram servers: what came in and what goes out. */

@@ -7,8 +7,8 @@
 #include "proto/request.h"
 #include "proto/resp.h"
 
-/* The record of a client, made when its connection first delivers data and kept in the connection's user
- * data until the connection is destroyed. */
+/* The record of a client, made when its connection first delivers data and kept in the connection's
+ * user data until the connection is destroyed. */
 
 struct client {
     sstr name; /* "anynomous%u" until "hello" replaces it */
@@ -31,6 +31,6 @@ void client_rename(client* c, const char* name, uint32_t length);
 /* Frees the request and the reply of a client, if there are any. */
 void client_end_request(client* c);
 
-/* Frees a client with all that it holds. The caller has taken it off the observers (observers_remove) and
- * sets its connection's user_data to null. */
+/* Frees a client with all that it holds. The caller has taken it off the observers
+ * (observers_remove) and sets its connection's user_data to null. */
 void client_free(client* c);

@@ -3,15 +3,16 @@
 #include "proto/client.h"
 #include "store/object.h"
 
-/* The command handlers, by family. Each reads the client's request, whose argument count has passed its
- * rule, and fills the client's reply. What a command answers stands beside it: OK, :n an integer, bulk a
- * string, nil, [...] a multibulk, error "-ERR" alone. */
+/* The command handlers, by family. Each reads the client's request, whose argument count has passed
+ * its rule, and fills the client's reply. What a command answers stands beside it: OK, :n an
+ * integer, bulk a string, nil, [...] a multibulk, error "-ERR" alone. */
 
 /* cmd_key.cpp: the connection and the keyspace */
-void cmd_hello(client* c);    /* [name]: renames the client for the log; OK */
-void cmd_ping(client* c);     /* OK */
-void cmd_observe(client* c);  /* announces changes to this client from now on; OK */
-void cmd_keys(client* c);     /* pattern: [the keys that match it] (core/pattern.h), deleted ones included */
+void cmd_hello(client* c);   /* [name]: renames the client for the log; OK */
+void cmd_ping(client* c);    /* OK */
+void cmd_observe(client* c); /* announces changes to this client from now on; OK */
+void cmd_keys(
+    client* c); /* pattern: [the keys that match it] (core/pattern.h), deleted ones included */
 void cmd_exists(client* c);   /* key: :1 or :0 */
 void cmd_expire(client* c);   /* key seconds: :1; no key or no number :0 */
 void cmd_persist(client* c);  /* key: :1 when an expiry was removed, else :0 */
@@ -24,8 +25,8 @@ void cmd_type(client* c);     /* key: bulk none, string, list or hash */
 void cmd_dump(client* c); /* path pattern: :0 or :errno */
 void cmd_load(client* c); /* path: :0 or :errno */
 
-/* cmd_string.cpp. Where nothing else is said, an absent key is made a string, and one of another type is an
- * error. */
+/* cmd_string.cpp. Where nothing else is said, an absent key is made a string, and one of another
+ * type is an error. */
 void cmd_append(client* c); /* key text: :new length */
 void cmd_incr(client* c);   /* key: :sum; no number in it: error */
 void cmd_decr(client* c);   /* key: as incr */
@@ -33,7 +34,8 @@ void cmd_decrby(client* c); /* key n: as incrby */
 void cmd_incrby(client* c); /* key n: :sum; n in any base of C; no number: error */
 void cmd_get(client* c);    /* key: bulk or nil */
 void cmd_set(client* c);    /* key value: OK, whatever type the key had */
-void cmd_getset(client* c); /* key value: bulk of the old value or nil; a missing key stays missing */
+void cmd_getset(
+    client* c); /* key value: bulk of the old value or nil; a missing key stays missing */
 void cmd_strlen(client* c); /* key: :length, :0 without the key */
 void cmd_setex(client* c);  /* key seconds value: OK; no number: error */
 void cmd_setnx(client* c);  /* key value: :1, or :0 when the key exists */
@@ -52,11 +54,14 @@ void cmd_hvals(client* c);   /* key: [values] in the same order */
 void cmd_hgetall(client* c); /* key: [field value...] in the same order */
 void cmd_hget(client* c);    /* key field: bulk or nil */
 void cmd_hmget(client* c);   /* key field...: [bulk or nil for each] */
-void cmd_hset(client* c);    /* key field value: :1 when the field was new, else :0; another type: error */
-void cmd_hsetnx(client* c);  /* key field value: :1, or :0 when the field exists; another type: error */
+void cmd_hset(
+    client* c); /* key field value: :1 when the field was new, else :0; another type: error */
+void cmd_hsetnx(
+    client* c); /* key field value: :1, or :0 when the field exists; another type: error */
 void cmd_hincrby(client* c); /* key field n: :sum; another type, or no number in the field: error */
-void cmd_hmset(client* c);   /* key field value...: OK, announced as one change; another type: error */
-void cmd_hdel(client* c);    /* key field...: :number deleted; protected fields stay */
+void cmd_hmset(
+    client* c);           /* key field value...: OK, announced as one change; another type: error */
+void cmd_hdel(client* c); /* key field...: :number deleted; protected fields stay */
 
 /* cmd_list.cpp */
 void cmd_lpush(client* c);   /* key item...: :length, at most the cap; another type: see README */
@@ -67,8 +72,9 @@ void cmd_rpushx(client* c);  /* as lpushx */
 void cmd_rpop(client* c);    /* as lpop */
 void cmd_llen(client* c);    /* key: :length, :0 without the key; another type: error */
 void cmd_lmaxlen(client* c); /* key n: sets the cap when n >= 1; :cap, :0 without the key */
-void cmd_lrange(client* c);  /* key start stop: [items], or nil; missing or another type, no stop: error */
-void cmd_lindex(client* c);  /* key index: bulk or nil; missing or another type: error */
+void cmd_lrange(
+    client* c); /* key start stop: [items], or nil; missing or another type, no stop: error */
+void cmd_lindex(client* c); /* key index: bulk or nil; missing or another type: error */
 
 /* The hook of "lpop" and "rpop", run after the item was written: frees it. */
 void cmd_pop_destroy(client* c);
@@ -79,8 +85,8 @@ inline sstr cmd_arg(const client* c, uint32_t index) {
     return c->request->argv[index];
 }
 
-/* The key's object, looked up or made with a type by the bytes of the first argument; null when the key
- * holds another type. */
+/* The key's object, looked up or made with a type by the bytes of the first argument; null when the
+ * key holds another type. */
 inline object* cmd_key_or_create(const client* c, unsigned type) {
     return object_get_or_create(cmd_arg(c, 0), sstr_length(cmd_arg(c, 0)), type);
 }

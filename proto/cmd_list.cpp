@@ -58,8 +58,8 @@ int64_t magnitude(int64_t index) {
     return index < 0 ? -index : index;
 }
 
-/* Adds the items at the indexes of equal sign from start to stop, |start| <= |stop|. Walks over what is
- * there, however far the numbers reach. */
+/* Adds the items at the indexes of equal sign from start to stop, |start| <= |stop|. Walks over
+ * what is there, however far the numbers reach. */
 void add_range(client* c, const dlist* list, int64_t start, int64_t stop) {
     const bool from_tail = start < 0;
     const dlist_node* node = dlist_node_at(list, start);

@@ -28,16 +28,16 @@ void add_argument_to_key(client* c, bool negate, const char* reason) {
     add_to_object(c, end != cmd_arg(c, 1) ? obj : nullptr, delta, reason);
 }
 
-/* The object of the key at `index`, made as a string when missing. An existing one is returned whatever it
- * is: assigning makes a string of it. */
+/* The object of the key at `index`, made as a string when missing. An existing one is returned
+ * whatever it is: assigning makes a string of it. */
 object* object_to_assign(const client* c, uint32_t index) {
     const sstr key = cmd_arg(c, index);
     object* obj = object_lookup(key);
     return obj != nullptr ? obj : object_get_or_create(key, sstr_length(key), OBJ_TSTRING);
 }
 
-/* The object of the key at `index`, made as a string when missing and marked as being changed in steps,
- * with the value behind the key assigned. False when it cannot be made. */
+/* The object of the key at `index`, made as a string when missing and marked as being changed in
+ * steps, with the value behind the key assigned. False when it cannot be made. */
 bool assign_pair(const client* c, uint32_t index) {
     object* obj = object_to_assign(c, index);
     if (obj == nullptr) {
@@ -126,8 +126,8 @@ void cmd_set(client* c) {
     resp_status(c->reply, nullptr);
 }
 
-/* The new value is assigned by cmd_getset_assign, since the reply borrows the old one. A hash or list has
- * no value to show and becomes a string with that. */
+/* The new value is assigned by cmd_getset_assign, since the reply borrows the old one. A hash or
+ * list has no value to show and becomes a string with that. */
 void cmd_getset(client* c) {
     const object* obj = object_lookup_type(cmd_arg(c, 0), OBJ_TSTRING);
     resp_bulk(c->reply, obj != nullptr ? object_string(obj) : RESP_NIL);

@@ -41,8 +41,8 @@ const command command_table[COMMANDS] = {
 
 namespace {
 
-/* What is left to do for a command once its reply stands in the output, where the reply borrows a string
- * that the command takes away. */
+/* What is left to do for a command once its reply stands in the output, where the reply borrows a
+ * string that the command takes away. */
 struct post_reply_hook {
     const char* name;
     void (*hook)(client* c);
@@ -120,8 +120,8 @@ void trace_reply(const client* c) {
     log_trace();
 }
 
-/* Runs the command that the request names, or fills the reply with an error. Returns its entry, if the
- * name is known. */
+/* Runs the command that the request names, or fills the reply with an error. Returns its entry, if
+ * the name is known. */
 const command_entry* execute(client* c) {
     const request* r = c->request;
     const command_entry* entry = find_command(r->name);
@@ -146,7 +146,8 @@ const command_entry* execute(client* c) {
     return entry;
 }
 
-/* Hands the reply to the connection as one whole frame; a frame too large to be composed closes it. */
+/* Hands the reply to the connection as one whole frame; a frame too large to be composed closes it.
+ */
 void send_reply(client* c) {
     if (c->reply->type == RESP_TNONE) {
         return;

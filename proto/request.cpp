@@ -10,8 +10,9 @@ namespace {
 /* The smallest element, "$0\n\r\n": header lines may end in a bare line feed. */
 constexpr uint32_t SMALLEST_ELEMENT = 5;
 
-/* A header line, `lead` followed by a number, at `p`. As strtoul reads it, the number may have blanks and a
- * sign before it and anything behind it. Returns what follows the line, or null when it is no such line. */
+/* A header line, `lead` followed by a number, at `p`. As strtoul reads it, the number may have
+ * blanks and a sign before it and anything behind it. Returns what follows the line, or null when
+ * it is no such line. */
 char* take_any_header(char* p, const char* end, char lead, uint32_t* number) {
     buf_view view = {p, static_cast<uint32_t>(end - p)};
     uint32_t length;
@@ -28,8 +29,8 @@ uint32_t digit_of(char c) {
     return static_cast<unsigned char>(c - '0');
 }
 
-/* As take_any_header, which does the rare cases: the header that every client really sends (the lead, one or
- * two digits, CR LF) is read at once, since a small request is mostly headers. */
+/* As take_any_header, which does the rare cases: the header that every client really sends (the
+ * lead, one or two digits, CR LF) is read at once, since a small request is mostly headers. */
 char* take_header(char* p, const char* end, char lead, uint32_t* number) {
     if (end - p < 5 || p[0] != lead || digit_of(p[1]) > 9) {
         return take_any_header(p, end, lead, number);
@@ -53,8 +54,8 @@ char* take_header(char* p, const char* end, char lead, uint32_t* number) {
 char* take_bulk(char* p, const char* end, sstr* str) {
     uint32_t length;
     p = take_header(p, end, '$', &length);
-    if (p == nullptr || end - p < 2 || length > static_cast<uint32_t>(end - p) - 2 || p[length] != '\r' ||
-        p[length + 1] != '\n') {
+    if (p == nullptr || end - p < 2 || length > static_cast<uint32_t>(end - p) - 2 ||
+        p[length] != '\r' || p[length + 1] != '\n') {
         return nullptr;
     }
     *str = sstr_copy(p, length);

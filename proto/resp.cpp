@@ -27,7 +27,8 @@ template <uint32_t Size> uint32_t append_literal(buffer* out, const char (&text)
     return Size - 1;
 }
 
-/* Writes the lead, the digits and a line end to `p`, which has room for them, and returns the end. */
+/* Writes the lead, the digits and a line end to `p`, which has room for them, and returns the end.
+ */
 char* put_number_line(char* p, char lead, uint64_t number, uint32_t digits) {
     *p = lead;
     p += 1 + digits;
@@ -50,7 +51,8 @@ uint32_t write_count_line(buffer* out, char lead, uint32_t count) {
 
 uint32_t write_integer(buffer* out, int64_t value) {
     const uint32_t sign = value < 0 ? 1 : 0;
-    const uint64_t magnitude = value < 0 ? -static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
+    const uint64_t magnitude =
+        value < 0 ? -static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
     const uint32_t digits = text_digit_count(magnitude);
     const uint32_t size = sign + digits + 3;
     char* p = buffer_reserve(out, size);
@@ -69,7 +71,8 @@ uint32_t write_bulk(buffer* out, const char* str) {
     }
     const uint32_t length = str != nullptr ? sstr_length(str) : 0;
     const uint32_t digits = text_digit_count(length);
-    /* One reservation for the whole bulk. A string beyond the buffer's limit must not wrap the sum. */
+    /* One reservation for the whole bulk. A string beyond the buffer's limit must not wrap the sum.
+     */
     if (length > out->limit) {
         return 0;
     }
@@ -95,8 +98,8 @@ uint32_t write_list(buffer* out, char lead, const resp_list* list) {
     return written;
 }
 
-/* The line of a status or error that has a text. An error text is written twice; no caller sets one, so
- * clients only ever see "-ERR". */
+/* The line of a status or error that has a text. An error text is written twice; no caller sets
+ * one, so clients only ever see "-ERR". */
 uint32_t write_text_line(buffer* out, char lead, const char* text, unsigned times) {
     const uint32_t length = static_cast<uint32_t>(strlen(text));
     char* p = buffer_reserve(out, length * times + 3);
@@ -186,9 +189,11 @@ uint32_t resp_size_bound(const resp* r) {
 uint32_t resp_write(const resp* r, buffer* out) {
     switch (r->type) {
     case RESP_TSTATUS:
-        return r->text == nullptr ? append_literal(out, "+OK\r\n") : write_text_line(out, '+', r->text, 1);
+        return r->text == nullptr ? append_literal(out, "+OK\r\n")
+                                  : write_text_line(out, '+', r->text, 1);
     case RESP_TERROR:
-        return r->text == nullptr ? append_literal(out, "-ERR\r\n") : write_text_line(out, '-', r->text, 2);
+        return r->text == nullptr ? append_literal(out, "-ERR\r\n")
+                                  : write_text_line(out, '-', r->text, 2);
     case RESP_TINTEGER:
         return write_integer(out, r->integer);
     case RESP_TBULK:

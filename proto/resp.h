@@ -8,13 +8,14 @@
 
 /* Reply records and their frames on the wire.
  *
- * A handler fills one reply with exactly one setter (or with resp_add, any number of times); the dispatcher
- * writes it and frees it. A reply never owns the strings that it shows: texts are literals, bulks and
- * elements are stored values, borrowed from the handler's call until the frame is written. The one exception
- * is a popped list item, which resp_pop_destroy frees after it was written.
+ * A handler fills one reply with exactly one setter (or with resp_add, any number of times); the
+ * dispatcher writes it and frees it. A reply never owns the strings that it shows: texts are
+ * literals, bulks and elements are stored values, borrowed from the handler's call until the frame
+ * is written. The one exception is a popped list item, which resp_pop_destroy frees after it was
+ * written.
  *
- * Every error on the wire is "-ERR\r\n". A setter on a reply that is already filled is a broken invariant
- * and ends the process with a fatal log line. */
+ * Every error on the wire is "-ERR\r\n". A setter on a reply that is already filled is a broken
+ * invariant and ends the process with a fatal log line. */
 
 enum resp_type : uint32_t {
     RESP_TNONE = 0,
@@ -25,8 +26,8 @@ enum resp_type : uint32_t {
     RESP_TMBULK = 5
 };
 
-/* Marks a nil bulk, "$-1", as a value and as an element. An absent string (null) is something else: an
- * empty bulk as a value, and nothing at all as an element. */
+/* Marks a nil bulk, "$-1", as a value and as an element. An absent string (null) is something else:
+ * an empty bulk as a value, and nothing at all as an element. */
 #define RESP_NIL (reinterpret_cast<sstr>(UINTPTR_MAX))
 
 struct resp_element {
@@ -64,16 +65,19 @@ void resp_integer(resp* r, int64_t value);
 /* A bulk: a borrowed string, null (an empty bulk) or RESP_NIL. */
 void resp_bulk(resp* r, sstr str);
 
-/* Appends an element to a multibulk; an empty reply becomes one first. A null `str` adds no element. */
+/* Appends an element to a multibulk; an empty reply becomes one first. A null `str` adds no
+ * element. */
 void resp_add(resp* r, sstr str);
 
-/* Append the frame to `out`: of the reply, and of a multibulk as a pushed event ("!" in place of "*").
- * Return 0 when the frame is not whole, since the buffer's limit or the heap has no room for it, and the
- * caller then gives it up; else not 0. Nothing is written for RESP_TNONE, and the result is 0 too. */
+/* Append the frame to `out`: of the reply, and of a multibulk as a pushed event ("!" in place of
+ * "*"). Return 0 when the frame is not whole, since the buffer's limit or the heap has no room for
+ * it, and the caller then gives it up; else not 0. Nothing is written for RESP_TNONE, and the
+ * result is 0 too. */
 uint32_t resp_write(const resp* r, buffer* out);
 uint32_t resp_write_notify(const resp* r, buffer* out);
 
-/* A bound on the size of the reply's frame in bytes; UINT32_MAX for multibulks, which are not counted up. */
+/* A bound on the size of the reply's frame in bytes; UINT32_MAX for multibulks, which are not
+ * counted up. */
 uint32_t resp_size_bound(const resp* r);
 
 /* Frees the record and its element nodes, not the strings. */

@@ -71,8 +71,8 @@ int32_t interval_of(const char* name) {
     return end == name ? -1 : interval;
 }
 
-/* The link to the first task whose name begins with `name`; the link behind the last task when there is
- * none. */
+/* The link to the first task whose name begins with `name`; the link behind the last task when
+ * there is none. */
 crond_task** find_link(const char* name) {
     const size_t length = strlen(name);
     crond_task** link = &state.tasks->head;

@@ -1,20 +1,21 @@
 #pragma once
 
-/* The plug-in scheduler: runs the executable scripts in /usr/lib/lua/tplugins/ on the periods that their
- * names begin with, once a second at most.
+/* The plug-in scheduler: runs the executable scripts in /usr/lib/lua/tplugins/ on the periods that
+ * their names begin with, once a second at most.
  *
- *   60_report.sh   every 60 ticks, first on the 60th, counting the tick on which it was found as the first
- *   0_boot.sh      once, on the tick on which it was found
- *   check.sh, -5x  never
+ *   60_report.sh   every 60 ticks, first on the 60th, counting the tick on which it was found as
+ * the first 0_boot.sh      once, on the tick on which it was found check.sh, -5x  never
  *
- * The folder is read on every tick. A task is listed when its file is first seen as an executable regular
- * file and leaves the list only when the file is there but no longer executable; a deleted file's task stays
- * and its start fails in the shell. Names are compared over the length of the folder entry's name alone, so
- * a task 30_a.sh hides an entry 30_a, and taking the x bit off 30_a removes the task 30_a.sh.
+ * The folder is read on every tick. A task is listed when its file is first seen as an executable
+ * regular file and leaves the list only when the file is there but no longer executable; a deleted
+ * file's task stays and its start fails in the shell. Names are compared over the length of the
+ * folder entry's name alone, so a task 30_a.sh hides an entry 30_a, and taking the x bit off 30_a
+ * removes the task 30_a.sh.
  *
- * At most 33 tasks are listed. Names of 64 bytes and more are refused, the first 64 of them with one line
- * each at warn level. The name goes into the shell's command as it is, so blanks split it. Scripts run in the
- * background, and the daemon neither waits for them nor looks at their result. */
+ * At most 33 tasks are listed. Names of 64 bytes and more are refused, the first 64 of them with
+ * one line each at warn level. The name goes into the shell's command as it is, so blanks split it.
+ * Scripts run in the background, and the daemon neither waits for them nor looks at their result.
+ */
 
 void module_crond_start();
 

@@ -16,7 +16,13 @@ const history_span history_ping_spans[HISTORY_PING_SPANS] = {
 
 namespace {
 
-enum ring_offset : uint32_t { AT_TIME = 0, AT_PERIOD = 4, AT_SLOTS = 8, AT_FILLED = 12, AT_HEAD = 16 };
+enum ring_offset : uint32_t {
+    AT_TIME = 0,
+    AT_PERIOD = 4,
+    AT_SLOTS = 8,
+    AT_FILLED = 12,
+    AT_HEAD = 16
+};
 
 dump_skip_hook dump_skip_hooks[HISTORY_HOOKS_MAX];
 unsigned dump_skip_hook_count;
@@ -63,7 +69,8 @@ void clear_samples(const history_series* s, sstr value, uint32_t first, uint32_t
     }
 }
 
-/* Has the effect of pushing `count` zero samples. More than a ring's worth of them only turns the ring. */
+/* Has the effect of pushing `count` zero samples. More than a ring's worth of them only turns the
+ * ring. */
 void pad(history_series* s, sstr value, uint32_t count) {
     const uint32_t cleared = count < s->slots ? count : s->slots;
     const uint32_t before_turn = cleared < s->slots - s->head ? cleared : s->slots - s->head;
@@ -77,7 +84,8 @@ void pad(history_series* s, sstr value, uint32_t count) {
 
 } // namespace
 
-void history_init(history_series* s, const char* base_name, const history_span* span, uint32_t sample_size) {
+void history_init(history_series* s, const char* base_name, const history_span* span,
+                  uint32_t sample_size) {
     *s = {};
     s->name = sstr_new(str_format("%s.%s", base_name, span->name), SSTR_CSTRING);
     s->period = span->period;
@@ -92,7 +100,8 @@ void history_init(history_series* s, const char* base_name, const history_span* 
     obj->aux = s;
 }
 
-void history_init_set(history_series (&set)[HISTORY_SPANS], const char* base_name, uint32_t sample_size) {
+void history_init_set(history_series (&set)[HISTORY_SPANS], const char* base_name,
+                      uint32_t sample_size) {
     for (unsigned i = 0; i < HISTORY_SPANS; i++) {
         history_init(&set[i], base_name, &history_standard_spans[i], sample_size);
     }
@@ -189,7 +198,8 @@ void history_load_record(const char* key, const char* data, uint32_t length) {
     }
 }
 
-void history_load(history_series* s, object* obj, const char* data, uint32_t length, uint32_t unit) {
+void history_load(history_series* s, object* obj, const char* data, uint32_t length,
+                  uint32_t unit) {
     if (obj->string == nullptr || sstr_length(obj->string) < length || length < HISTORY_HEADER) {
         return;
     }
@@ -210,8 +220,8 @@ void history_load(history_series* s, object* obj, const char* data, uint32_t len
     if (span > 0) {
         if (log_wants(LOG_INFO)) {
             log_write(LOG_INFO, "loading %s: (%d-%d)/(%d*%d)  -> span = %d", obj->key,
-                      static_cast<int>(present), static_cast<int>(stamp), static_cast<int>(s->period),
-                      static_cast<int>(unit), span);
+                      static_cast<int>(present), static_cast<int>(stamp),
+                      static_cast<int>(s->period), static_cast<int>(unit), span);
         }
         pad(s, obj->string, static_cast<uint32_t>(span));
     }

@@ -4,13 +4,13 @@
 
 #include "store/object.h"
 
-/* Histories: rings of samples inside the values of ordinary string keys, so that a client fetches a whole
- * history with one "get".
+/* Histories: rings of samples inside the values of ordinary string keys, so that a client fetches a
+ * whole history with one "get".
  *
- * A collector owns the descriptor (history_series) of each of its rings and hands it one accumulated sample
- * on every tick; the series takes one of `period` of them. The key's object points back to the
- * descriptor and cannot be deleted, but a client can overwrite the value. A value that no longer has the
- * ring's length is left alone: ticks are counted, nothing is stored.
+ * A collector owns the descriptor (history_series) of each of its rings and hands it one
+ * accumulated sample on every tick; the series takes one of `period` of them. The key's object
+ * points back to the descriptor and cannot be deleted, but a client can overwrite the value. A
+ * value that no longer has the ring's length is left alone: ticks are counted, nothing is stored.
  *
  * The ring, all integers unsigned 32-bit big-endian:
  *
@@ -20,7 +20,8 @@
  *   8       4                      slots
  *   12      4                      filled: samples written so far, at most slots
  *   16      4                      head: index of the slot written next
- *   20      slots * sample_size    samples; the oldest is slot 0 while filled < slots, then slot head
+ *   20      slots * sample_size    samples; the oldest is slot 0 while filled < slots, then slot
+ * head
  *
  * Samples go straight into the value, so a history announces nothing. */
 
@@ -50,13 +51,15 @@ struct history_series {
     uint32_t head;
 };
 
-/* Makes the series and its key. A value of the right length is cleared, any other is replaced by a cleared
- * one. When the key holds another type, the series counts without storing. The key's object points to
- * the record from then on, which must stay where it is as long as the keyspace lives. */
-void history_init(history_series* s, const char* base_name, const history_span* span, uint32_t sample_size);
+/* Makes the series and its key. A value of the right length is cleared, any other is replaced by a
+ * cleared one. When the key holds another type, the series counts without storing. The key's object
+ * points to the record from then on, which must stay where it is as long as the keyspace lives. */
+void history_init(history_series* s, const char* base_name, const history_span* span,
+                  uint32_t sample_size);
 
 /* The same for the five standard spans. */
-void history_init_set(history_series (&set)[HISTORY_SPANS], const char* base_name, uint32_t sample_size);
+void history_init_set(history_series (&set)[HISTORY_SPANS], const char* base_name,
+                      uint32_t sample_size);
 
 /* Frees what the series owns, after its keyspace. The record itself is the caller's. */
 void history_free(history_series* s);
@@ -68,19 +71,19 @@ template <unsigned Spans> void history_free_set(history_series (&set)[Spans]) {
     }
 }
 
-/* Counts a tick. Returns 1 when it took `sample` (sample_size bytes), also when there was nowhere to store
- * it: the collector then starts a new accumulation. Else 0. */
+/* Counts a tick. Returns 1 when it took `sample` (sample_size bytes), also when there was nowhere
+ * to store it: the collector then starts a new accumulation. Else 0. */
 int history_tick(history_series* s, const void* sample);
 
-/* Writes one sample into the ring that `value` holds, which must have the header's bytes at least. A sample
- * behind the end of a short value is counted and not written. */
+/* Writes one sample into the ring that `value` holds, which must have the header's bytes at least.
+ * A sample behind the end of a short value is counted and not written. */
 void history_push(history_series* s, sstr value, const void* sample);
 
 /* Empties the ring: only the counts restart, samples and time stamp stay. */
 void history_reset(history_series* s);
 
-/* Hooks that may keep a record out of a dump or out of a load; at most HISTORY_HOOKS_MAX each, further
- * ones are ignored. */
+/* Hooks that may keep a record out of a dump or out of a load; at most HISTORY_HOOKS_MAX each,
+ * further ones are ignored. */
 constexpr unsigned HISTORY_HOOKS_MAX = 4;
 
 enum history_answer : int {
@@ -95,16 +98,16 @@ typedef int (*load_hook)(const char* key, const char* data, uint32_t length, uin
 void register_dump_skip_hook(dump_skip_hook hook);
 void register_load_hook(load_hook hook);
 
-/* Writes the record of a history key: the ring's header and its filled samples, as far as the value really
- * has them. Nothing for a key without a series, and nothing when a hook says so. */
+/* Writes the record of a history key: the ring's header and its filled samples, as far as the value
+ * really has them. Nothing for a key without a series, and nothing when a hook says so. */
 void history_dump_record(object* obj, int fd);
 
 /* Takes a record from a dump in: asks the hooks, then history_load. */
 void history_load_record(const char* key, const char* data, uint32_t length);
 
-/* Restores a ring from a record and pads it with a zero sample for each period that has passed since the
- * record's time stamp, in `unit` seconds a tick. A record that is shorter than its header, longer than the
- * value, or whose counts do not fit the ring, is ignored. */
+/* Restores a ring from a record and pads it with a zero sample for each period that has passed
+ * since the record's time stamp, in `unit` seconds a tick. A record that is shorter than its
+ * header, longer than the value, or whose counts do not fit the ring, is ignored. */
 void history_load(history_series* s, object* obj, const char* data, uint32_t length, uint32_t unit);
 
 /* Hands the two record operations to dump and load. Forgets all hooks. */

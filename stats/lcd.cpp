@@ -51,7 +51,8 @@ lcd_stat_key lcd_stat_keys[STAT_KEYS] = {
     {"cpu.load", 0}, {"mem.load", 0}, {"host.num", 0}, {"rxbrate", 0}, {"txbrate", 0}};
 
 /* Models whose panel is on the first port. */
-const char* const first_port_models[] = {"KT7010", "KT7020", "KT7030", "KT7040", "KQM810", "KQM820"};
+const char* const first_port_models[] = {"KT7010", "KT7020", "KT7030",
+                                         "KT7040", "KQM810", "KQM820"};
 
 int write_text(int fd, const char* text, size_t length) {
     return static_cast<int>(write(fd, text, length));
@@ -83,8 +84,8 @@ const char* serial_port() {
     return "/dev/ttyS1";
 }
 
-/* 9600 baud, 8 data bits, no parity, 1 stop bit. A port that is no terminal gets its message and is used all
- * the same. */
+/* 9600 baud, 8 data bits, no parity, 1 stop bit. A port that is no terminal gets its message and is
+ * used all the same. */
 void set_up_line(int fd) {
     termios line;
     if (tcgetattr(fd, &line) < 0) {
@@ -160,9 +161,9 @@ void read_rate(const object* hash, lcd_stat_key* stat) {
     }
 }
 
-/* "sys.lan" names the LAN interfaces, separated by ":"; a later one overrides an earlier one. The stored text
- * itself is split, deliberately: it ends at its first ":" from then on, and the next refresh finds the first
- * name alone. */
+/* "sys.lan" names the LAN interfaces, separated by ":"; a later one overrides an earlier one. The
+ * stored text itself is split, deliberately: it ends at its first ":" from then on, and the next
+ * refresh finds the first name alone. */
 void read_lan_rates() {
     const object* lan = object_lookup_type("sys.lan", OBJ_TSTRING);
     if (lan == nullptr || lan->string == nullptr) {
@@ -190,7 +191,8 @@ void format_screen(char (&screen)[SCREEN_SIZE]) {
     memcpy(up, rate_format(state.shown_up), sizeof up);
     memcpy(down, rate_format(state.shown_down), sizeof down);
     memset(screen, 0, sizeof screen);
-    snprintf(screen, sizeof screen, "CPU : %2d%% MEM:%4d%%\nUP  : %s\nDOWN: %s\nHosts Online: %3d\n",
+    snprintf(screen, sizeof screen,
+             "CPU : %2d%% MEM:%4d%%\nUP  : %s\nDOWN: %s\nHosts Online: %3d\n",
              static_cast<int>(lcd_stat_keys[CPU_LOAD].value >> 1),
              static_cast<int>(lcd_stat_keys[MEM_LOAD].value), up, down,
              static_cast<int>(lcd_stat_keys[HOST_NUM].value));
@@ -266,8 +268,8 @@ int lcd_write_frame(int fd, const char* text, size_t length) {
     if (write(fd, frame, sizeof frame) == sizeof frame) {
         return static_cast<int>(taken);
     }
-    /* The port takes no more. What waits there goes: the part of a frame would spoil the next one, and
-     * closing would wait for it to go out. */
+    /* The port takes no more. What waits there goes: the part of a frame would spoil the next one,
+     * and closing would wait for it to go out. */
     (void)tcflush(fd, TCOFLUSH);
     return -1;
 }

@@ -3,14 +3,13 @@
 #include <stddef.h>
 #include <stdint.h>
 
-/* The four-line front panel: every three seconds processor and memory load, the LAN rates and the number of
- * online hosts. Until it is known which panel the device has, each run tries to find out:
+/* The four-line front panel: every three seconds processor and memory load, the LAN rates and the
+ * number of online hosts. Until it is known which panel the device has, each run tries to find out:
  *
  *   a node /dev/st7565          text, the whole 128-byte buffer with zeros behind the text
- *   hash "sys" with pnp = LCD   frames on a serial port at 9600 baud, 8N1; the model that "uci" names says
- *                               which port
- *   "sys" with any other pnp    no panel, for good
- *   no "sys" yet                asked again on the next run
+ *   hash "sys" with pnp = LCD   frames on a serial port at 9600 baud, 8N1; the model that "uci"
+ * names says which port "sys" with any other pnp    no panel, for good no "sys" yet asked again on
+ * the next run
  *
  * A frame is 91 bytes, always written whole:
  *
@@ -20,21 +19,22 @@
  *   5 + 20 * k   2        AA D0
  *   rest                  zeros
  *
- * Writing never waits: a screen that the port does not take whole is lost together with what the port still
- * holds, and the next one comes in three seconds. Closing does wait for the frame to go out, about 95 ms at
- * this speed; for a line that flow control holds it is the kernel that gives up, after the closing time set
- * for the port. */
+ * Writing never waits: a screen that the port does not take whole is lost together with what the
+ * port still holds, and the next one comes in three seconds. Closing does wait for the frame to go
+ * out, about 95 ms at this speed; for a line that flow control holds it is the kernel that gives
+ * up, after the closing time set for the port. */
 
 void module_lcd_start();
 
 /* The timer's callback. Returns 0. */
 int lcd_ontimer(void* argument);
 
-/* The writer of the serial panel. Sends the text, `length` bytes of which at most 127 are looked at, as a
- * frame, or the clear command CC B1 AA D0 for a text that begins with "__clear". Returns the number of bytes
- * taken (the smaller of length and 128), 0 for the clear command, -1 when the frame was not taken whole. */
+/* The writer of the serial panel. Sends the text, `length` bytes of which at most 127 are looked
+ * at, as a frame, or the clear command CC B1 AA D0 for a text that begins with "__clear". Returns
+ * the number of bytes taken (the smaller of length and 128), 0 for the clear command, -1 when the
+ * frame was not taken whole. */
 int lcd_write_frame(int fd, const char* text, size_t length);
 
-/* A rate in bytes per second as "999B/s", "  1KB/s" or "1.50MB/s", in one static buffer: valid until the next
- * call. Units are decimal. */
+/* A rate in bytes per second as "999B/s", "  1KB/s" or "1.50MB/s", in one static buffer: valid
+ * until the next call. Units are decimal. */
 const char* rate_format(uint32_t rate);

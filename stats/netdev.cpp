@@ -51,16 +51,17 @@ bool is_of_interest(const char* name) {
 
 /* Understands a line such as
  *   "  eth0: 1296 14 0 0 0 0 0 0 2592 28 0 0 0 0 0 0"
- * (received bytes and packets, six others, transmitted bytes and packets). Packet counters are cut to 32
- * bits. False for the two header lines, which have a "|", and for lines without a name. */
+ * (received bytes and packets, six others, transmitted bytes and packets). Packet counters are cut
+ * to 32 bits. False for the two header lines, which have a "|", and for lines without a name. */
 bool parse_line(const char* line, char (&name)[LINE_SIZE], counters* read) {
     if (strchr(line, '|') != nullptr) {
         return false;
     }
     unsigned long long values[4] = {};
-    const int matched = sscanf(line, " %1023[^ :]:%llu %llu %*u %*u %*u %*u %*u %*u %llu %llu", name,
-                               &values[0], &values[1], &values[2], &values[3]);
-    *read = {values[0], static_cast<uint32_t>(values[1]), values[2], static_cast<uint32_t>(values[3])};
+    const int matched = sscanf(line, " %1023[^ :]:%llu %llu %*u %*u %*u %*u %*u %*u %llu %llu",
+                               name, &values[0], &values[1], &values[2], &values[3]);
+    *read = {values[0], static_cast<uint32_t>(values[1]), values[2],
+             static_cast<uint32_t>(values[3])};
     return matched >= 1;
 }
 
@@ -114,8 +115,8 @@ void update_rates(iface_stat* iface, const counters* read) {
     const uint32_t tx_bytes = static_cast<uint32_t>(read->tx_bytes - iface->tx_bytes);
     const uint32_t rx_packets = read->rx_packets - iface->rx_packets;
     const uint32_t tx_packets = read->tx_packets - iface->tx_packets;
-    if (rx_bytes >= IMPLAUSIBLE_DELTA || tx_bytes >= IMPLAUSIBLE_DELTA || rx_packets >= IMPLAUSIBLE_DELTA ||
-        tx_packets >= IMPLAUSIBLE_DELTA) {
+    if (rx_bytes >= IMPLAUSIBLE_DELTA || tx_bytes >= IMPLAUSIBLE_DELTA ||
+        rx_packets >= IMPLAUSIBLE_DELTA || tx_packets >= IMPLAUSIBLE_DELTA) {
         return;
     }
     const double seconds = netdev_interval_us / 1000000.0;

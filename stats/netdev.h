@@ -5,13 +5,13 @@
 
 #include "stats/history.h"
 
-/* Interface traffic: once a second the kernel's counters of every interface of interest become smoothed
- * rates, a hash named after the interface ("rxb", "rxp", "txb", "txp", "txbrate", "txprate", "rxbrate",
- * "rxprate", "flags") that is announced once, and five histories of 16-byte samples (the rates rxb, rxp,
- * txb and txp of the span, unsigned 32-bit big-endian).
+/* Interface traffic: once a second the kernel's counters of every interface of interest become
+ * smoothed rates, a hash named after the interface ("rxb", "rxp", "txb", "txp", "txbrate",
+ * "txprate", "rxbrate", "rxprate", "flags") that is announced once, and five histories of 16-byte
+ * samples (the rates rxb, rxp, txb and txp of the span, unsigned 32-bit big-endian).
  *
- * Records are never removed: an interface that disappears keeps its last figures in the store. When the
- * kernel's file cannot be read, nothing changes. */
+ * Records are never removed: an interface that disappears keeps its last figures in the store. When
+ * the kernel's file cannot be read, nothing changes. */
 
 struct iface_rates {
     uint32_t rxb; /* bytes and packets per second */
@@ -34,21 +34,21 @@ struct iface_stat {
     iface_stat* next;
 };
 
-/* The record of an interface, compared ignoring case over 31 characters; null for a null name or an unknown
- * one. */
+/* The record of an interface, compared ignoring case over 31 characters; null for a null name or an
+ * unknown one. */
 iface_stat* iface_find(const char* name);
 
 /* One poll of /proc/net/dev. */
 void netdev_poll();
 
-/* The poll's parts, with the clock and the text handed in: netdev_set_interval takes the present time and
- * netdev_read the lines of the file. */
+/* The poll's parts, with the clock and the text handed in: netdev_set_interval takes the present
+ * time and netdev_read the lines of the file. */
 void netdev_set_interval(uint32_t sec, uint32_t usec);
 void netdev_read(FILE* file);
 
 /* Microseconds between the last two polls, 0 when unknown. */
 extern uint32_t netdev_interval_us;
 
-/* Forgets every record and the time of the last poll, so that a test starts fresh. The objects of the rings
- * point to what is freed here: object_reset comes first. */
+/* Forgets every record and the time of the last poll, so that a test starts fresh. The objects of
+ * the rings point to what is freed here: object_reset comes first. */
 void netdev_reset();

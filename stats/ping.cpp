@@ -50,8 +50,8 @@ void put_figures(char* bytes, const ping_figures* f) {
 /* Understands a report; all six numbers must be there and the target in range. */
 bool parse_report(const char* text, uint32_t* id, ping_figures* f) {
     long long n[6];
-    if (sscanf(text, "id=%lld,max=%lld,min=%lld,avg=%lld,total=%lld,loss=%lld", &n[0], &n[1], &n[2], &n[3],
-               &n[4], &n[5]) != 6 ||
+    if (sscanf(text, "id=%lld,max=%lld,min=%lld,avg=%lld,total=%lld,loss=%lld", &n[0], &n[1], &n[2],
+               &n[3], &n[4], &n[5]) != 6 ||
         !is_target(n[0])) {
         return false;
     }
@@ -68,7 +68,8 @@ ping_stat* target_of(uint32_t id) {
         (*target)->id = id;
         snprintf((*target)->name, sizeof(*target)->name, "ping%u", id);
         for (unsigned i = 0; i < HISTORY_PING_SPANS; i++) {
-            history_init(&(*target)->history[i], (*target)->name, &history_ping_spans[i], PING_ENTRY_SIZE);
+            history_init(&(*target)->history[i], (*target)->name, &history_ping_spans[i],
+                         PING_ENTRY_SIZE);
         }
     }
     return *target;

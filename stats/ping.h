@@ -5,27 +5,28 @@
 #include "stats/history.h"
 
 /* Ping statistics: an outside client measures, and reports each measurement by writing the key
- * "ping.data": "id=3,max=40,min=10,avg=20,total=10,loss=0". The daemon keeps up to 20 targets, each with a
- * running summary and the histories pingN.day, pingN.week and pingN.mon, which count reports instead of
- * seconds. Writing an identifier to "ping.del" clears its figures; the target itself stays.
+ * "ping.data": "id=3,max=40,min=10,avg=20,total=10,loss=0". The daemon keeps up to 20 targets, each
+ * with a running summary and the histories pingN.day, pingN.week and pingN.mon, which count reports
+ * instead of seconds. Writing an identifier to "ping.del" clears its figures; the target itself
+ * stays.
  *
- * "ping.snap" is a string of 20 entries of 20 bytes, target i at offset (i - 1) * 20: max, min, avg, total
- * and loss of the summary, unsigned 32-bit big-endian. Samples of the histories have the same five
- * figures. What is malformed or out of range is ignored without a word. */
+ * "ping.snap" is a string of 20 entries of 20 bytes, target i at offset (i - 1) * 20: max, min,
+ * avg, total and loss of the summary, unsigned 32-bit big-endian. Samples of the histories have the
+ * same five figures. What is malformed or out of range is ignored without a word. */
 
 constexpr uint32_t PING_TARGETS = 20;
 constexpr uint32_t PING_ENTRY_SIZE = 20;
 constexpr uint32_t PING_SNAP_SIZE = PING_TARGETS * PING_ENTRY_SIZE;
 
-/* Forgets every target, makes "ping.snap", all zero, and registers the hooks below. The objects of the
- * targets' histories point to what is forgotten, so a second start needs a fresh keyspace. */
+/* Forgets every target, makes "ping.snap", all zero, and registers the hooks below. The objects of
+ * the targets' histories point to what is forgotten, so a second start needs a fresh keyspace. */
 void module_ping_start();
 
 /* A string-change hook: reacts to "ping.data" and "ping.del". Returns 0. */
 int ping_data_hook(object* obj);
 
-/* A dump hook: the series of target N stays out of a dump exactly when target N + 1 exists. The pairing is
- * kept as it is. */
+/* A dump hook: the series of target N stays out of a dump exactly when target N + 1 exists. The
+ * pairing is kept as it is. */
 int ping_dump_hook(object* obj, history_series* s, int fd);
 
 /* A load hook: a ping history that holds a sample is never restored. */

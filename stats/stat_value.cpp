@@ -11,8 +11,8 @@ namespace {
 
 typedef void (*signal_handler)(int);
 
-/* The daemon ignores SIGPIPE, and a program that it starts would inherit that: one that writes for ever into
- * a closed pipe would then never end. Returns what end_normal_pipe_signal puts back. */
+/* The daemon ignores SIGPIPE, and a program that it starts would inherit that: one that writes for
+ * ever into a closed pipe would then never end. Returns what end_normal_pipe_signal puts back. */
 signal_handler begin_normal_pipe_signal() {
     return signal(SIGPIPE, SIG_DFL);
 }

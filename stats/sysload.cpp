@@ -46,7 +46,8 @@ void update_cpu_load(uint64_t total, uint64_t idle) {
     const uint64_t dtotal = total - state.cpu_total;
     const uint64_t didle = idle - state.cpu_idle;
     if (dtotal == 0) {
-        /* Two reads within one tick of the kernel's clock: nothing is known about the time between. */
+        /* Two reads within one tick of the kernel's clock: nothing is known about the time between.
+         */
         return;
     }
     const uint64_t idle_percent = percent_of(didle < dtotal ? didle : dtotal, dtotal);
@@ -78,8 +79,8 @@ void update_interface_flags() {
     for (const ifaddrs* a = addresses; a != nullptr; a = a->ifa_next) {
         iface_stat* iface = iface_find(a->ifa_name);
         if (iface != nullptr) {
-            iface->flags =
-                ((a->ifa_flags & IFF_UP) != 0 ? 2U : 0U) + ((a->ifa_flags & IFF_RUNNING) != 0 ? 1U : 0U);
+            iface->flags = ((a->ifa_flags & IFF_UP) != 0 ? 2U : 0U) +
+                           ((a->ifa_flags & IFF_RUNNING) != 0 ? 1U : 0U);
         }
     }
     freeifaddrs(addresses);
@@ -114,8 +115,9 @@ void conn_poll() {
 
 uint32_t cpu_update(const char* line) {
     unsigned long long n[7];
-    if (strncmp(line, "cpu  ", 5) == 0 && sscanf(line + 5, "%llu %llu %llu %llu %llu %llu %llu", &n[0], &n[1],
-                                                 &n[2], &n[3], &n[4], &n[5], &n[6]) == 7) {
+    if (strncmp(line, "cpu  ", 5) == 0 &&
+        sscanf(line + 5, "%llu %llu %llu %llu %llu %llu %llu", &n[0], &n[1], &n[2], &n[3], &n[4],
+               &n[5], &n[6]) == 7) {
         const uint64_t total = n[0] + n[1] + n[2] + n[3] + n[4] + n[5] + n[6];
         const uint64_t idle = n[3];
         if (state.cpu_total != 0) {
@@ -149,8 +151,8 @@ void cpu_poll() {
  *   MemFree:           5472 kB
  *   Buffers:           3240 kB
  *   Cached:           12340 kB
- * on the device. Newer kernels have a line in between, which ends the reading: buffers and cache then
- * count as used. Arithmetic is 32 bits wide, and above 41 GiB the load means nothing. */
+ * on the device. Newer kernels have a line in between, which ends the reading: buffers and cache
+ * then count as used. Arithmetic is 32 bits wide, and above 41 GiB the load means nothing. */
 uint32_t mem_update(FILE* file) {
     unsigned long long n[4] = {};
     /* A pattern that does not match ends the reading; what was not read is 0. */

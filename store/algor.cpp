@@ -70,7 +70,8 @@ htable_entry* insert(htable* t, uint32_t hash) {
 
 } // namespace
 
-/* Two bytes a turn, since every request hashes two keys: (h * 31 + a) * 31 + b is h * 961 + a * 31 + b. */
+/* Two bytes a turn, since every request hashes two keys: (h * 31 + a) * 31 + b is h * 961 + a * 31
+ * + b. */
 uint32_t htable_hash(const char* key) {
     const signed char* p = reinterpret_cast<const signed char*>(key);
     uint32_t h = 0;

@@ -2,19 +2,21 @@
 
 #include <stdint.h>
 
-/* The daemon's one associative container: a chained hash table keyed by C strings. It holds the keyspace,
- * the fields of every hash and the command table.
+/* The daemon's one associative container: a chained hash table keyed by C strings. It holds the
+ * keyspace, the fields of every hash and the command table.
  *
  * It links records whose first member is a pointer to their key and never owns or frees them.
  *
  * Invariants:
- * 1. nbuckets is 0 before the first insertion and one of the growth primes afterwards; it never shrinks.
+ * 1. nbuckets is 0 before the first insertion and one of the growth primes afterwards; it never
+ * shrinks.
  * 2. count <= nbuckets / 2: the table grows before an insertion that would break this.
  * 3. Every entry keeps the hash of its key, so growth reads no text.
  *
- * The iteration order is visible to clients, since listings, dumps and change events follow it: buckets in
- * index order, each chain from its head. A new entry becomes the head of its chain; growth takes the old
- * buckets in order, each chain from its head, and pushes every entry onto the head of its new chain. */
+ * The iteration order is visible to clients, since listings, dumps and change events follow it:
+ * buckets in index order, each chain from its head. A new entry becomes the head of its chain;
+ * growth takes the old buckets in order, each chain from its head, and pushes every entry onto the
+ * head of its new chain. */
 
 struct htable_entry {
     void* item;    /* the record; its first member is a pointer to its NUL-terminated key */
@@ -28,15 +30,16 @@ struct htable {
     uint32_t count; /* entries */
 };
 
-/* h = h * 31 + byte over the key, each byte taken as a signed char, in unsigned 32-bit arithmetic. */
+/* h = h * 31 + byte over the key, each byte taken as a signed char, in unsigned 32-bit arithmetic.
+ */
 uint32_t htable_hash(const char* key);
 
 /* Returns an empty table, owned by the caller until htable_free. */
 htable* htable_new();
 
-/* Returns the entry of `key`. `prev`, if not null, receives the entry before it in its chain, or null when
- * it heads the chain. An absent key gives null, or with `create` a new entry whose `item` the caller must
- * set at once.
+/* Returns the entry of `key`. `prev`, if not null, receives the entry before it in its chain, or
+ * null when it heads the chain. An absent key gives null, or with `create` a new entry whose `item`
+ * the caller must set at once.
  *
  * Growing beyond 99793 buckets (the 49897th key) aborts the process. */
 htable_entry* htable_find(htable* t, const char* key, htable_entry** prev, bool create);
@@ -44,8 +47,8 @@ htable_entry* htable_find(htable* t, const char* key, htable_entry** prev, bool 
 /* Returns the stored record or null. */
 void* htable_get(const htable* t, const char* key);
 
-/* Stores a record under the key that its first member points to. A record that was there is replaced, not
- * freed. Returns the entry. */
+/* Stores a record under the key that its first member points to. A record that was there is
+ * replaced, not freed. Returns the entry. */
 htable_entry* htable_put(htable* t, void* item);
 
 /* Removes the entry of `key`, if there is one; its record is untouched. */

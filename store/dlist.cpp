@@ -39,7 +39,8 @@ void unlink(dlist* list, const dlist_node* node) {
     }
 }
 
-/* Takes `node` out of the full list and gives it the new value; the caller links it at its new place. */
+/* Takes `node` out of the full list and gives it the new value; the caller links it at its new
+ * place. */
 void* recycle(dlist* list, dlist_node* node, void* value) {
     void* old = node->value;
     unlink(list, node);

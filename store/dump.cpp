@@ -52,8 +52,8 @@ void load_record(const char* key, const char* data, uint32_t length) {
     }
 }
 
-/* Loads the records that are whole. The key is made a C string in place: the first byte behind it, of the
- * second length word, is read before it is overwritten. */
+/* Loads the records that are whole. The key is made a C string in place: the first byte behind it,
+ * of the second length word, is read before it is overwritten. */
 void load_records(char* p, uint32_t left) {
     while (left >= SMALLEST_RECORD) {
         const uint32_t namelen = text_get_be32(p);
@@ -68,8 +68,8 @@ void load_records(char* p, uint32_t left) {
             return;
         }
         if (log_wants(LOG_DEBUG)) {
-            log_write(LOG_DEBUG, "name=%s, namelen=%d, datalen=%d, siz=%d", key, static_cast<int>(namelen),
-                      static_cast<int>(datalen), static_cast<int>(room));
+            log_write(LOG_DEBUG, "name=%s, namelen=%d, datalen=%d, siz=%d", key,
+                      static_cast<int>(namelen), static_cast<int>(datalen), static_cast<int>(room));
         }
         load_record(key, key + namelen + 4, datalen);
         p += 8 + namelen + datalen;
@@ -77,14 +77,15 @@ void load_records(char* p, uint32_t left) {
     }
 }
 
-/* Whether the machine has room for a file of this size: malloc alone would promise memory that is not there,
- * and the kernel would then end the daemon. */
+/* Whether the machine has room for a file of this size: malloc alone would promise memory that is
+ * not there, and the kernel would then end the daemon. */
 bool memory_allows(off_t size) {
     struct sysinfo machine;
     if (sysinfo(&machine) < 0) {
         return true;
     }
-    return static_cast<uint64_t>(size) <= uint64_t{machine.totalram} * machine.mem_unit / LOAD_MEMORY_SHARE;
+    return static_cast<uint64_t>(size) <=
+           uint64_t{machine.totalram} * machine.mem_unit / LOAD_MEMORY_SHARE;
 }
 
 /* Opens the file and measures it. Returns 0 or an error number; on failure `*fd` is closed. */
@@ -110,8 +111,8 @@ int open_dump(const char* path, int* fd, uint32_t* size) {
     return 0;
 }
 
-/* Returns a malloc'ed block with what one read gave, or null without memory for it. What cannot be read,
- * a folder for instance, has no bytes. */
+/* Returns a malloc'ed block with what one read gave, or null without memory for it. What cannot be
+ * read, a folder for instance, has no bytes. */
 char* read_dump(int fd, uint32_t size, uint32_t* length) {
     char* bytes = static_cast<char*>(malloc(size > 0 ? size : 1));
     if (bytes != nullptr) {
@@ -150,7 +151,8 @@ bool is_history_key(const char* key) {
 }
 
 int dump_keys(const char* path, const char* keys) {
-    const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0644);
+    const int fd =
+        open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0644);
     if (fd < 0) {
         const int error = errno;
         if (log_wants(LOG_INFO)) {
@@ -174,7 +176,8 @@ int dump_keys(const char* path, const char* keys) {
     return 0;
 }
 
-void dump_write_record(int fd, const char* key, uint32_t namelen, const char* data, uint32_t datalen) {
+void dump_write_record(int fd, const char* key, uint32_t namelen, const char* data,
+                       uint32_t datalen) {
     char lengths[2][4];
     text_put_be32(lengths[0], namelen);
     text_put_be32(lengths[1], datalen);

@@ -6,7 +6,8 @@
 
 /* String keys written to a file and read back.
  *
- * The file is a bare sequence of records, the same on every machine; lengths are unsigned 32-bit big-endian:
+ * The file is a bare sequence of records, the same on every machine; lengths are unsigned 32-bit
+ * big-endian:
  *
  *   offset       size      what
  *   0            4         namelen
@@ -14,10 +15,12 @@
  *   4 + namelen  4         datalen
  *   8 + namelen  datalen   the value's bytes
  *
- * Keys of histories (see is_history_key) are written and read by the history unit, in the same frame.
+ * Keys of histories (see is_history_key) are written and read by the history unit, in the same
+ * frame.
  *
- * Neither direction ever blocks on what a client names as the path: files are opened non-blocking, and a
- * terminal does not become the daemon's own. Neither announces anything or touches an expiry. */
+ * Neither direction ever blocks on what a client names as the path: files are opened non-blocking,
+ * and a terminal does not become the daemon's own. Neither announces anything or touches an expiry.
+ */
 
 /* The largest file that is loaded: a larger one would keep the daemon from its other clients. */
 constexpr int64_t LOAD_MAX_SIZE = 256 * 1024 * 1024;
@@ -39,16 +42,17 @@ extern dump_history_hooks dump_history;
 /* True when the text behind the key's last "." begins with "day", "week" or "mon". */
 bool is_history_key(const char* key);
 
-/* Writes every string key that matches the pattern `keys` (core/pattern.h) to the file, which is created
- * (0644) or emptied. A deleted key whose record still stands is written too. Returns 0, or the error number
- * of the failed creation. */
+/* Writes every string key that matches the pattern `keys` (core/pattern.h) to the file, which is
+ * created (0644) or emptied. A deleted key whose record still stands is written too. Returns 0, or
+ * the error number of the failed creation. */
 int dump_keys(const char* path, const char* keys);
 
-/* Writes one record, continuing short writes; gives up silently when the file takes no more. What is written
- * after that stands inside the broken record's data, should the file take it. */
-void dump_write_record(int fd, const char* key, uint32_t namelen, const char* data, uint32_t datalen);
+/* Writes one record, continuing short writes; gives up silently when the file takes no more. What
+ * is written after that stands inside the broken record's data, should the file take it. */
+void dump_write_record(int fd, const char* key, uint32_t namelen, const char* data,
+                       uint32_t datalen);
 
-/* Assigns the values of a file's records to the string keys that exist; other records are skipped. A
- * malformed rest ends the loading and is no failure. Returns 0, or the error number of the failed opening:
- * ENOMEM when memory does not allow the file, EFBIG above LOAD_MAX_SIZE. */
+/* Assigns the values of a file's records to the string keys that exist; other records are skipped.
+ * A malformed rest ends the loading and is no failure. Returns 0, or the error number of the failed
+ * opening: ENOMEM when memory does not allow the file, EFBIG above LOAD_MAX_SIZE. */
 int load_keys(const char* path);

@@ -90,7 +90,8 @@ void object_expire_sweep() {
         last_scan = now;
         return;
     }
-    /* 32 bits wide: after a jump of weeks the scan may come a second later, and the clock is right again. */
+    /* 32 bits wide: after a jump of weeks the scan may come a second later, and the clock is right
+     * again. */
     const int32_t elapsed =
         static_cast<int32_t>((now.usec - last_scan.usec) / 1000 + (now.sec - last_scan.sec) * 1000);
     if (elapsed >= 0 && elapsed < SCAN_MS) {

@@ -9,8 +9,8 @@
 
 namespace {
 
-/* Event names. Only "MSET", "HMSET" and "HDEL" are ever sent; the others are made as well and never used,
- * deliberately. */
+/* Event names. Only "MSET", "HMSET" and "HDEL" are ever sent; the others are made as well and never
+ * used, deliberately. */
 enum event_name { EVENT_MSET, EVENT_DEL, EVENT_HMSET, EVENT_HDEL, EVENT_PUSH, EVENT_POP, EVENTS };
 
 const char* const event_texts[EVENTS] = {"MSET", "DEL", "HMSET", "HDEL", "PUSH", "POP"};
@@ -107,7 +107,8 @@ void free_hash(htable* hash) {
     htable_free(hash);
 }
 
-/* A new value discards a list or a hash, but keeps the flags: the change may be one of several steps. */
+/* A new value discards a list or a hash, but keeps the flags: the change may be one of several
+ * steps. */
 void become_string(object* obj) {
     if (object_type(obj) != OBJ_TSTRING) {
         object_free_value(obj, false);
@@ -263,8 +264,8 @@ void notify_hash(object* obj) {
     free_doomed(doomed);
 }
 
-/* Marks a field as modified and announces it, unless a change in steps is under way. When the object has no
- * other change to announce, the table need not be walked for marks. */
+/* Marks a field as modified and announces it, unless a change in steps is under way. When the
+ * object has no other change to announce, the table need not be walked for marks. */
 void finish_field_change(object* obj, hash_field* field) {
     if (has(obj, OBJ_DEFERRED | OBJ_CHANGED)) {
         field->fflags = static_cast<uint8_t>(field->fflags | FIELD_MODIFIED);
@@ -411,7 +412,8 @@ void object_expire(object* obj, uint32_t ttl) {
     clear_flags(obj, OBJ_EXPIRE_MASK);
     object_set_flags(obj, OBJ_EXPIRE_TTL);
     if (log_wants(LOG_DEBUG)) {
-        log_write(LOG_DEBUG, "\"%s\"(%s): set expire-TTL to %u", obj->key, object_type_name(obj), ttl);
+        log_write(LOG_DEBUG, "\"%s\"(%s): set expire-TTL to %u", obj->key, object_type_name(obj),
+                  ttl);
     }
 }
 
@@ -506,7 +508,8 @@ int object_hash_del(object* obj, const char* field) {
         return 0;
     }
     if (log_wants(LOG_DEBUG)) {
-        log_write(LOG_DEBUG, "\"%s\"(hash): field \"%s\" scheduled to be deleted", obj->key, f->name);
+        log_write(LOG_DEBUG, "\"%s\"(hash): field \"%s\" scheduled to be deleted", obj->key,
+                  f->name);
     }
     f->fflags = static_cast<uint8_t>(f->fflags | FIELD_DOOMED);
     finish_change(obj);
@@ -517,7 +520,8 @@ hash_field* object_hash_protect(object* obj, const char* field, bool on) {
     require_hash(obj, 791);
     hash_field* f = object_hash_field(obj, field);
     if (f != nullptr) {
-        f->fflags = static_cast<uint8_t>(on ? f->fflags | FIELD_PROTECTED : f->fflags & ~FIELD_PROTECTED);
+        f->fflags =
+            static_cast<uint8_t>(on ? f->fflags | FIELD_PROTECTED : f->fflags & ~FIELD_PROTECTED);
     }
     return f;
 }

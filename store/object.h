@@ -7,17 +7,19 @@
 #include "store/algor.h"
 #include "store/dlist.h"
 
-/* The keyspace: typed objects by key, the operations that change them and the change events that follow.
+/* The keyspace: typed objects by key, the operations that change them and the change events that
+ * follow.
  *
- * The keyspace owns its objects; an object owns its key and its value. A pointer to an object is good until
- * the next expiry sweep, which alone destroys records: deleting only marks them `dead`, and lookups then
- * treat them as absent. A borrowed value is good until the object is next changed.
+ * The keyspace owns its objects; an object owns its key and its value. A pointer to an object is
+ * good until the next expiry sweep, which alone destroys records: deleting only marks them `dead`,
+ * and lookups then treat them as absent. A borrowed value is good until the object is next changed.
  *
- * Every change is traced at debug level. A change of a string or hash is announced to the string-change
- * hooks and observers, at once or, while `deferred` is set, by object_flush. Lists announce nothing.
+ * Every change is traced at debug level. A change of a string or hash is announced to the
+ * string-change hooks and observers, at once or, while `deferred` is set, by object_flush. Lists
+ * announce nothing.
  *
- * The operations below that assert a type end the process through a fatal log line when it is violated:
- * callers look objects up by type first. */
+ * The operations below that assert a type end the process through a fatal log line when it is
+ * violated: callers look objects up by type first. */
 
 enum object_type_code : unsigned { OBJ_TNONE = 0, OBJ_TSTRING = 1, OBJ_TLIST = 2, OBJ_THASH = 3 };
 
@@ -27,11 +29,11 @@ enum object_flag : uint16_t {
     OBJ_EXPIRE_TTL = 0x10,      /* expires a time after it was set */
     OBJ_EXPIRE_ABSOLUTE = 0x20, /* expires after the second in which it was set, see expire.h */
     OBJ_EXPIRE_MASK = 0x30,
-    OBJ_DEFERRED = 0x40,         /* a command is changing it in steps: events wait for object_flush */
-    OBJ_CHANGED = 0x80,          /* changed since its last event */
-    OBJ_DEAD = 0x100,            /* deleted or expired */
-    OBJ_RESET_MASK = 0x1FF,      /* what a fresh value clears */
-    OBJ_PROTECTED = 0x200,       /* cannot be deleted: seeded keys and histories */
+    OBJ_DEFERRED = 0x40,    /* a command is changing it in steps: events wait for object_flush */
+    OBJ_CHANGED = 0x80,     /* changed since its last event */
+    OBJ_DEAD = 0x100,       /* deleted or expired */
+    OBJ_RESET_MASK = 0x1FF, /* what a fresh value clears */
+    OBJ_PROTECTED = 0x200,  /* cannot be deleted: seeded keys and histories */
     OBJ_FIELDS_PROTECTED = 0x400 /* no field of it can be deleted */
 };
 
@@ -76,7 +78,8 @@ inline void object_set_flags(object* obj, unsigned flags) {
     obj->flags = static_cast<uint16_t>(obj->flags | flags);
 }
 
-/* True for the object of this key. The first byte tells nearly all others apart: hooks ask on every change.
+/* True for the object of this key. The first byte tells nearly all others apart: hooks ask on every
+ * change.
  */
 inline bool object_key_is(const object* obj, const char* key) {
     return obj->key[0] == key[0] && strcmp(obj->key, key) == 0;
@@ -95,29 +98,34 @@ void object_reset();
 /* The keyspace table, null before the first object is made. For walks in iteration order. */
 htable* object_keyspace();
 
-/* Returns the object of `key` (`length` bytes, or SSTR_CSTRING) if it has the type, making it when there is
- * none or only a dead one; null when the key holds another type. A new string has no value. The key
- * keeps all its bytes, but is found by those before its first NUL: there must be one behind it. */
+/* Returns the object of `key` (`length` bytes, or SSTR_CSTRING) if it has the type, making it when
+ * there is none or only a dead one; null when the key holds another type. A new string has no
+ * value. The key keeps all its bytes, but is found by those before its first NUL: there must be one
+ * behind it. */
 object* object_get_or_create(const char* key, uint32_t length, unsigned type);
 
-/* Returns the object, or null when it is absent or dead; the second form also when its type differs. */
+/* Returns the object, or null when it is absent or dead; the second form also when its type
+ * differs. */
 object* object_lookup(const char* key);
 object* object_lookup_type(const char* key, unsigned type);
 
-/* Returns "none" (also for a null object), "string", "list" or "hash", as a string that lives for ever. */
+/* Returns "none" (also for a null object), "string", "list" or "hash", as a string that lives for
+ * ever. */
 sstr object_type_name(const object* obj);
 
-/* Returns the bytes of a string object; a string without value reads as the empty string. Borrowed. */
+/* Returns the bytes of a string object; a string without value reads as the empty string. Borrowed.
+ */
 sstr object_string(const object* obj);
 
-/* Frees the value by its type. With `reset` the object becomes typeless and loses everything but its
- * protection; without, the record is only good for being freed. */
+/* Frees the value by its type. With `reset` the object becomes typeless and loses everything but
+ * its protection; without, the record is only good for being freed. */
 void object_free_value(object* obj, bool reset);
 
 /* Marks the object dead and returns 1; a protected one is refused with 0. */
 int object_delete(object* obj);
 
-/* Ends a change in steps: announces it, if there was one. Nothing for lists and when none was begun. */
+/* Ends a change in steps: announces it, if there was one. Nothing for lists and when none was
+ * begun. */
 void object_flush(object* obj);
 
 /* The same for a list: only clears the mark. */
@@ -141,16 +149,16 @@ int object_persist(object* obj);
 
 /* --- Strings --- */
 
-/* Makes the object a string with a copy of `value` (null: none), whatever it was, and removes its expiry;
- * the second form sets a time to live in seconds instead. */
+/* Makes the object a string with a copy of `value` (null: none), whatever it was, and removes its
+ * expiry; the second form sets a time to live in seconds instead. */
 void object_set_string(object* obj, sstr value);
 void object_set_string_ttl(object* obj, uint32_t ttl, sstr value);
 
 /* Appends `value`, which must not be null. Asserts a string. */
 void object_append(object* obj, sstr value);
 
-/* Adds `*delta` as sstr_incr does, with the new value in `*delta`. Returns 0, with nothing announced, when
- * the value is no number. Asserts a string. */
+/* Adds `*delta` as sstr_incr does, with the new value in `*delta`. Returns 0, with nothing
+ * announced, when the value is no number. Asserts a string. */
 int object_incr(object* obj, int64_t* delta);
 
 /* --- Hashes --- */
@@ -158,15 +166,15 @@ int object_incr(object* obj, int64_t* delta);
 /* Returns the field or null. `obj` is a hash. */
 hash_field* object_hash_field(const object* obj, const char* field);
 
-/* Sets a field to a copy of `value`, which must not be null, and makes a typeless object a hash. Returns 1
- * when the field was new. Asserts a hash or typeless object. */
+/* Sets a field to a copy of `value`, which must not be null, and makes a typeless object a hash.
+ * Returns 1 when the field was new. Asserts a hash or typeless object. */
 int object_hash_set(object* obj, sstr field, sstr value);
 
 /* Adds to a field, making it when absent, as object_incr does. Asserts a hash. */
 int object_hash_incr(object* obj, sstr field, int64_t* delta);
 
-/* Dooms a field: it stays readable until the next announcement removes it. Returns 1, or 0 when the field
- * is absent or protected, by itself or with all fields of the object. Asserts a hash. */
+/* Dooms a field: it stays readable until the next announcement removes it. Returns 1, or 0 when the
+ * field is absent or protected, by itself or with all fields of the object. Asserts a hash. */
 int object_hash_del(object* obj, const char* field);
 
 /* Sets or clears a field's protection. Returns the field or null. Asserts a hash. */
@@ -178,17 +186,18 @@ hash_field* object_hash_protect(object* obj, const char* field, bool on);
 void object_lpush(object* obj, const char* text);
 void object_rpush(object* obj, const char* text);
 
-/* Remove an end item and return it, owned by the caller; null when the list is empty. Assert a list. */
+/* Remove an end item and return it, owned by the caller; null when the list is empty. Assert a
+ * list. */
 sstr object_rpop(object* obj);
 sstr object_lpop(object* obj);
 
 /* Returns the item at an index (see dlist_node_at), borrowed, or null. Asserts a list. */
 sstr object_lindex(object* obj, int64_t index);
 
-/* With `mode` 0, removes up to `n` items, taken as 16 bits, from the tail; nothing with any other mode.
- * Asserts a list. */
+/* With `mode` 0, removes up to `n` items, taken as 16 bits, from the tail; nothing with any other
+ * mode. Asserts a list. */
 void object_ltrim_tail(object* obj, int mode, uint32_t n);
 
-/* Announces the changes of a string or hash now. Keys that begin with "_" announce nothing, but their doomed
- * fields are removed all the same. */
+/* Announces the changes of a string or hash now. Keys that begin with "_" announce nothing, but
+ * their doomed fields are removed all the same. */
 void object_notify(object* obj);

@@ -51,7 +51,8 @@ void seed_one_hash(const seed_hash* seed) {
 
 const seed_string seed_builtin_strings[] = {{"fhour.interval", "30", 1}, {nullptr, nullptr, 0}};
 
-const seed_hash seed_builtin_hashes[] = {{"tessard.run", run_fields, 1, 1}, {nullptr, nullptr, 0, 0}};
+const seed_hash seed_builtin_hashes[] = {{"tessard.run", run_fields, 1, 1},
+                                         {nullptr, nullptr, 0, 0}};
 
 void object_seed(const seed_string* strings, const seed_hash* hashes) {
     for (; strings != nullptr && strings->key != nullptr; strings++) {

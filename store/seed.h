@@ -2,8 +2,8 @@
 
 #include <stdint.h>
 
-/* Seeding: the keys that stand in the store from the start, which publish the daemon's defaults to clients.
- * Each table ends with an entry whose first member is null. */
+/* Seeding: the keys that stand in the store from the start, which publish the daemon's defaults to
+ * clients. Each table ends with an entry whose first member is null. */
 
 struct seed_string {
     const char* key;
@@ -28,6 +28,7 @@ struct seed_hash {
 extern const seed_string seed_builtin_strings[];
 extern const seed_hash seed_builtin_hashes[];
 
-/* Seeds the keyspace; either table may be null. String values are written anew, fields that exist keep
- * their value, and a key that exists with another type is skipped. Logs and announces nothing. */
+/* Seeds the keyspace; either table may be null. String values are written anew, fields that exist
+ * keep their value, and a key that exists with another type is skipped. Logs and announces nothing.
+ */
 void object_seed(const seed_string* strings, const seed_hash* hashes);

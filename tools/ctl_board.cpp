@@ -104,7 +104,8 @@ void format_value(char (&text)[CTL_PLOT_LABEL_SIZE], uint32_t value, ctl_unit un
         ctl_plot_short(number, value);
         /* The letter of the thousands belongs to the unit. */
         const size_t digits = strspn(number, "0123456789.");
-        snprintf(text, sizeof text, "%.*s %.1sB/s", static_cast<int>(digits), number, number + digits);
+        snprintf(text, sizeof text, "%.*s %.1sB/s", static_cast<int>(digits), number,
+                 number + digits);
         break;
     }
 }
@@ -137,8 +138,8 @@ window window_of(const ctl_gauge* gauge, unsigned columns) {
     return w;
 }
 
-/* One of the `rows` lines of a plot, counted from the bottom. A second that was measured and had nothing to
- * show has a mark, so that it differs from one that is not known. */
+/* One of the `rows` lines of a plot, counted from the bottom. A second that was measured and had
+ * nothing to show has a mark, so that it differs from one that is not known. */
 void put_plot(line* l, const window* w, uint64_t top, unsigned rows, unsigned row, bool utf8) {
     put_blanks(l, w->blanks);
     for (unsigned i = 0; i < w->count; i++) {
@@ -147,7 +148,8 @@ void put_plot(line* l, const window* w, uint64_t top, unsigned rows, unsigned ro
     }
 }
 
-void draw_gauge(FILE* out, const ctl_gauge* gauge, unsigned at, unsigned rows, unsigned width, bool utf8) {
+void draw_gauge(FILE* out, const ctl_gauge* gauge, unsigned at, unsigned rows, unsigned width,
+                bool utf8) {
     const unsigned columns = width >= PLOT_AT + PLOT_LEAST ? width - PLOT_AT : 0;
     const window w = window_of(gauge, columns);
     const uint64_t top = ctl_plot_top(gauge->unit == CTL_UNIT_PERCENT ? 100 : w.peak);

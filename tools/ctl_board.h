@@ -5,8 +5,8 @@
 
 #include "tools/ctl_series.h"
 
-/* The figures of the live screen, and how a screen of any size shows them. Nothing here asks the daemon or
- * knows the terminal but as a stream that takes ANSI sequences. */
+/* The figures of the live screen, and how a screen of any size shows them. Nothing here asks the
+ * daemon or knows the terminal but as a stream that takes ANSI sequences. */
 
 /* The most samples of a plot. */
 constexpr unsigned CTL_GAUGE_SAMPLES = 256;
@@ -51,6 +51,7 @@ void ctl_gauge_push(ctl_gauge* gauge, uint32_t sample);
 /* Replaces the samples by the last ones of a series. */
 void ctl_gauge_take(ctl_gauge* gauge, const ctl_series* series, unsigned figure);
 
-/* Draws all of a screen of this size: each line is placed by its number, holds no line end, and never has
- * more characters than the screen has columns. What does not fit in height is counted in the last line. */
+/* Draws all of a screen of this size: each line is placed by its number, holds no line end, and
+ * never has more characters than the screen has columns. What does not fit in height is counted in
+ * the last line. */
 void ctl_board_draw(FILE* out, const ctl_board* board, unsigned width, unsigned height, bool utf8);

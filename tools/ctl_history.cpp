@@ -35,7 +35,8 @@ struct form_option {
     form meant;
 };
 
-constexpr form_option FORM_OPTIONS[] = {{"--csv", FORM_CSV}, {"--json", FORM_JSON}, {"--plot", FORM_PLOT}};
+constexpr form_option FORM_OPTIONS[] = {
+    {"--csv", FORM_CSV}, {"--json", FORM_JSON}, {"--plot", FORM_PLOT}};
 
 size_t format_parts(char (&text)[TIME_SIZE], const tm* parts, stamp_form wanted) {
     switch (wanted) {
@@ -55,14 +56,16 @@ size_t format_parts(char (&text)[TIME_SIZE], const tm* parts, stamp_form wanted)
 void format_time(char (&text)[TIME_SIZE], int64_t seconds, stamp_form wanted) {
     const time_t when = static_cast<time_t>(seconds);
     tm parts;
-    if (when != seconds || (wanted == STAMP_UTC ? gmtime_r : localtime_r)(&when, &parts) == nullptr ||
+    if (when != seconds ||
+        (wanted == STAMP_UTC ? gmtime_r : localtime_r)(&when, &parts) == nullptr ||
         format_parts(text, &parts, wanted) == 0) {
         snprintf(text, sizeof text, "%" PRId64, seconds);
     }
 }
 
 /* The time of a sample, or else its number. Returns whether it is the time. */
-bool format_sample(char (&text)[TIME_SIZE], const ctl_series* series, uint32_t sample, stamp_form wanted) {
+bool format_sample(char (&text)[TIME_SIZE], const ctl_series* series, uint32_t sample,
+                   stamp_form wanted) {
     int64_t seconds;
     if (ctl_series_time(series, sample, &seconds)) {
         format_time(text, seconds, wanted);
@@ -84,7 +87,9 @@ bool has_times(const ctl_series* series) {
 void explain_numbers(FILE* out, ctl_text key, const ctl_series* series) {
     ctl_print_quoted(out, key);
     if (!series->kind->reports) {
-        fputs(": the time of the last sample is not known, so samples are numbered from the oldest\n", out);
+        fputs(
+            ": the time of the last sample is not known, so samples are numbered from the oldest\n",
+            out);
         return;
     }
     fprintf(out, ": a sample is %" PRIu32 " report%s, at times not known; numbered from the oldest",
@@ -110,7 +115,8 @@ unsigned terminal_width() {
     return size.ws_col;
 }
 
-void plot_title(FILE* out, ctl_text key, const ctl_series* series, const char* caption, unsigned width) {
+void plot_title(FILE* out, ctl_text key, const ctl_series* series, const char* caption,
+                unsigned width) {
     const uint32_t filled = series->filled;
     ctl_print_quoted(out, key);
     fprintf(out, ": %s, %" PRIu32 " sample%s", caption, filled, plural(filled));
@@ -119,7 +125,8 @@ void plot_title(FILE* out, ctl_text key, const ctl_series* series, const char* c
     }
     const uint32_t each = (filled + width - 1) / width;
     if (each > 1) {
-        fprintf(out, ", maximum of %s%" PRIu32 " in each column", filled % width == 0 ? "" : "up to ", each);
+        fprintf(out, ", maximum of %s%" PRIu32 " in each column",
+                filled % width == 0 ? "" : "up to ", each);
     }
     fputc('\n', out);
 }
@@ -140,7 +147,8 @@ stamp_form label_form(const ctl_series* series) {
 void plot_figure(FILE* out, const ctl_series* series, const ctl_plot* plain) {
     ctl_plot plot = *plain;
     char labels[3][TIME_SIZE];
-    const uint32_t samples[3] = {0, ctl_series_at(series, plot.width / 2, plot.width), series->filled - 1};
+    const uint32_t samples[3] = {0, ctl_series_at(series, plot.width / 2, plot.width),
+                                 series->filled - 1};
     for (unsigned i = 0; i < 3; i++) {
         format_sample(labels[i], series, samples[i], label_form(series));
         plot.labels[i] = labels[i];
@@ -182,7 +190,8 @@ const form_option* find_option(const char* word) {
     return nullptr;
 }
 
-/* Reads the words behind the subcommand's name: options before or behind the key, none behind "--". */
+/* Reads the words behind the subcommand's name: options before or behind the key, none behind "--".
+ */
 ctl_status read_words(const ctl_call* call, form* wanted, char** key) {
     bool options = true;
     *wanted = FORM_TABLE;
@@ -273,14 +282,16 @@ void ctl_history_json(FILE* out, ctl_text key, const ctl_series* series) {
         const bool timed = format_sample(text, series, sample, STAMP_UTC);
         fprintf(out, timed ? "{\"time\":\"%s\"" : "{\"sample\":%s", text);
         for (unsigned i = 0; i < kind->count; i++) {
-            fprintf(out, ",\"%s\":%" PRIu32, kind->figures[i].name, ctl_series_value(series, sample, i));
+            fprintf(out, ",\"%s\":%" PRIu32, kind->figures[i].name,
+                    ctl_series_value(series, sample, i));
         }
         fputs(sample + 1 < series->filled ? "},\n" : "}\n", out);
     }
     fputs("]}\n", out);
 }
 
-void ctl_history_plot(FILE* out, ctl_text key, const ctl_series* series, unsigned width, bool utf8) {
+void ctl_history_plot(FILE* out, ctl_text key, const ctl_series* series, unsigned width,
+                      bool utf8) {
     const ctl_kind* kind = series->kind;
     unsigned plots = 0;
     for (const ctl_figure& figure : kind->figures) {

@@ -50,7 +50,8 @@ ctl_status complain_read(const ctl_link* link, int error) {
     return CTL_NO_REPLY;
 }
 
-/* Reads until a frame is whole. With `events`, the frame is one pushed to an observer; else it is a reply. */
+/* Reads until a frame is whole. With `events`, the frame is one pushed to an observer; else it is a
+ * reply. */
 ctl_status read_frame(ctl_link* link, int64_t deadline, bool events) {
     ctl_state state;
     while ((state = ctl_reply_parse(&link->reply)) == CTL_MORE) {

@@ -6,8 +6,8 @@
 #include "tools/ctl_reply.h"
 #include "tools/ctl_status.h"
 
-/* A conversation with the daemon: requests out, whole frames in. What goes wrong is said here, once, on
- * standard error, with the address in it; callers only pass the status on. */
+/* A conversation with the daemon: requests out, whole frames in. What goes wrong is said here,
+ * once, on standard error, with the address in it; callers only pass the status on. */
 
 struct ctl_link {
     const char* text; /* the address as the user gave it */
@@ -24,11 +24,11 @@ bool ctl_link_init(ctl_link* link, const char* text, int port, int wait_seconds)
 /* Closes the connection and frees the reply. */
 void ctl_link_close(ctl_link* link);
 
-/* Sends the words as one request, connecting first when need be, and waits for the whole reply. With CTL_DONE
- * it is in `link->reply` until the next call; an error reply is a reply. With any other status `link->reply`
- * holds the bytes that did come. */
+/* Sends the words as one request, connecting first when need be, and waits for the whole reply.
+ * With CTL_DONE it is in `link->reply` until the next call; an error reply is a reply. With any
+ * other status `link->reply` holds the bytes that did come. */
 ctl_status ctl_link_ask(ctl_link* link, int count, char* const* words);
 
-/* Waits, however long it takes, for the next event of a link that observes. CTL_OUTPUT, without a word, when
- * nobody reads our standard output any more. */
+/* Waits, however long it takes, for the next event of a link that observes. CTL_OUTPUT, without a
+ * word, when nobody reads our standard output any more. */
 ctl_status ctl_link_next_event(ctl_link* link);

@@ -127,7 +127,8 @@ int64_t ctl_net_now() {
 }
 
 bool ctl_net_address(const char* text, int port, endpoint_address* address) {
-    return endpoint_parse(strcasecmp(text, "localhost") == 0 ? "127.0.0.1" : text, port, address) == 1;
+    return endpoint_parse(strcasecmp(text, "localhost") == 0 ? "127.0.0.1" : text, port, address) ==
+           1;
 }
 
 char* ctl_net_compose(int count, char* const* words, size_t* length) {

@@ -9,8 +9,8 @@
 
 namespace {
 
-/* Whole lines have been flushed, so nothing is left to be done but to go; a flag would have to wait until a
- * reader that has stopped reading takes the line being written. */
+/* Whole lines have been flushed, so nothing is left to be done but to go; a flag would have to wait
+ * until a reader that has stopped reading takes the line being written. */
 void on_interrupt(int) {
     _exit(CTL_DONE);
 }
@@ -20,7 +20,8 @@ void catch_signals() {
     action.sa_handler = on_interrupt;
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
-    /* A reader that goes is as good as an interrupt, whether it is noticed while writing or while waiting. */
+    /* A reader that goes is as good as an interrupt, whether it is noticed while writing or while
+     * waiting. */
     action.sa_handler = SIG_IGN;
     sigaction(SIGPIPE, &action, nullptr);
 }

@@ -28,8 +28,8 @@ bool is_blank(const figures* f) {
 }
 
 void print_row(FILE* out, uint32_t target, const figures* f) {
-    fprintf(out, "%6" PRIu32 " %10" PRIu32 " %10" PRIu32 " %10" PRIu32 " %10" PRIu32 " %10" PRIu32, target,
-            f->max, f->min, f->avg, f->sent, f->lost);
+    fprintf(out, "%6" PRIu32 " %10" PRIu32 " %10" PRIu32 " %10" PRIu32 " %10" PRIu32 " %10" PRIu32,
+            target, f->max, f->min, f->avg, f->sent, f->lost);
     if (f->sent == 0) {
         fprintf(out, " %8s\n", "-");
         return;
@@ -52,7 +52,8 @@ ctl_status ctl_pings(ctl_call* call) {
         return status;
     }
     if (!ctl_pings_table(stdout, snap)) {
-        fprintf(stderr, "tessctl: ping.snap: it has %zu bytes, not the %" PRIu32 " of all targets\n",
+        fprintf(stderr,
+                "tessctl: ping.snap: it has %zu bytes, not the %" PRIu32 " of all targets\n",
                 snap.length, PING_SNAP_SIZE);
         return CTL_ERROR;
     }
@@ -70,8 +71,8 @@ bool ctl_pings_table(FILE* out, ctl_text snap) {
             continue;
         }
         if (!headed) {
-            fprintf(out, "%6s %10s %10s %10s %10s %10s %8s\n", "target", "max", "min", "avg", "sent", "lost",
-                    "loss");
+            fprintf(out, "%6s %10s %10s %10s %10s %10s %8s\n", "target", "max", "min", "avg",
+                    "sent", "lost", "loss");
             headed = true;
         }
         print_row(out, target, &f);

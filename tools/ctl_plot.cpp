@@ -75,7 +75,8 @@ void draw_axis(FILE* out, const ctl_plot* plot) {
 void draw_row(FILE* out, const ctl_plot* plot, unsigned row) {
     unsigned blanks = 0;
     for (unsigned i = 0; i < plot->width; i++) {
-        const char* cell = ctl_plot_cell(plot->columns[i], plot->top, plot->height, row, plot->utf8);
+        const char* cell =
+            ctl_plot_cell(plot->columns[i], plot->top, plot->height, row, plot->utf8);
         if (*cell == ' ') {
             blanks++;
         } else {
@@ -145,8 +146,8 @@ void ctl_plot_short(char (&text)[CTL_PLOT_LABEL_SIZE], uint32_t number) {
         unit *= 1000;
         thousands++;
     }
-    snprintf(text, sizeof text, "%" PRIu32 ".%" PRIu32 "%c", number / unit, number % unit / (unit / 10),
-             UNITS[thousands]);
+    snprintf(text, sizeof text, "%" PRIu32 ".%" PRIu32 "%c", number / unit,
+             number % unit / (unit / 10), UNITS[thousands]);
 }
 
 const char* ctl_plot_cell(uint32_t value, uint64_t top, unsigned height, unsigned row, bool utf8) {

@@ -79,7 +79,8 @@ ctl_status reply_status(const ctl_reply* reply) {
     if (reply->kind == '-') {
         return CTL_ERROR;
     }
-    const bool nil = reply->kind == '$' && reply->count == 1 && ctl_reply_item(reply, 0).bytes == nullptr;
+    const bool nil =
+        reply->kind == '$' && reply->count == 1 && ctl_reply_item(reply, 0).bytes == nullptr;
     return nil ? CTL_NIL : CTL_DONE;
 }
 
@@ -147,7 +148,8 @@ void put_escaped_byte(FILE* out, unsigned c) {
     } else if (c == '\'' || c == '\\') {
         fprintf(out, "\\%c", static_cast<int>(c));
     } else if (c < 0x20 || c >= 0x7f) {
-        /* Three octal digits end by themselves, whatever follows; hexadecimal ones do not in every shell. */
+        /* Three octal digits end by themselves, whatever follows; hexadecimal ones do not in every
+         * shell. */
         fprintf(out, "\\%03o", c);
     } else {
         fputc(static_cast<int>(c), out);
@@ -172,7 +174,8 @@ void put_escaped(FILE* out, ctl_text text) {
 
 } // namespace
 
-ctl_status ctl_print_reply(FILE* out, FILE* err, const ctl_reply* reply, bool terminal, bool pairs) {
+ctl_status ctl_print_reply(FILE* out, FILE* err, const ctl_reply* reply, bool terminal,
+                           bool pairs) {
     const ctl_status status = reply_status(reply);
     if (reply->kind == '*') {
         if (pairs && reply->count % 2 == 0) {

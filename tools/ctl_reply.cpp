@@ -17,7 +17,8 @@ ctl_state break_off(ctl_reply* reply, const char* why) {
     return CTL_BROKEN;
 }
 
-/* The line at `from` (counted from the frame's beginning): its span without CR and LF, and where it ends. */
+/* The line at `from` (counted from the frame's beginning): its span without CR and LF, and where it
+ * ends. */
 ctl_state find_line(ctl_reply* reply, size_t from, ctl_span* line, size_t* end) {
     const char* begin = reply->data + reply->start + from;
     const size_t rest = reply->length - reply->start - from;
@@ -44,7 +45,8 @@ ctl_state find_line(ctl_reply* reply, size_t from, ctl_span* line, size_t* end) 
 /* Reads the whole of the text as a decimal number; false when it is none, or none of 64 bits. */
 bool read_number(const char* text, size_t length, int64_t* number) {
     const bool negative = length > 0 && text[0] == '-';
-    const uint64_t limit = negative ? static_cast<uint64_t>(INT64_MAX) + 1 : static_cast<uint64_t>(INT64_MAX);
+    const uint64_t limit =
+        negative ? static_cast<uint64_t>(INT64_MAX) + 1 : static_cast<uint64_t>(INT64_MAX);
     uint64_t magnitude = 0;
     size_t i = negative ? 1 : 0;
     if (i == length) {
@@ -94,7 +96,8 @@ ctl_state take_bulk(ctl_reply* reply) {
         return state;
     }
     int64_t size;
-    if (reply->data[reply->start + line.offset] != '$' || !line_number(reply, line, &size) || size < -1) {
+    if (reply->data[reply->start + line.offset] != '$' || !line_number(reply, line, &size) ||
+        size < -1) {
         return break_off(reply, "an item is no bulk string");
     }
     if (size > static_cast<int64_t>(CTL_REPLY_MAX)) {
@@ -246,6 +249,7 @@ ctl_text ctl_reply_item(const ctl_reply* reply, uint32_t i) {
 }
 
 ctl_text ctl_reply_bytes(const ctl_reply* reply) {
-    const bool whole = reply->broken == nullptr && reply->kind != 0 && reply->count == reply->wanted;
+    const bool whole =
+        reply->broken == nullptr && reply->kind != 0 && reply->count == reply->wanted;
     return {reply->data + reply->start, whole ? reply->parsed : reply->length - reply->start};
 }

@@ -12,19 +12,20 @@
  *     *n\r\n<n bulks>                    multibulk, n items, each perhaps nil
  *     !n\r\n<n bulks>                    an event pushed to an observer: event name, key, values
  *
- * The bytes need not come from the daemon at all, so nothing in them is trusted: memory grows with the bytes
- * that have really come, never with a number that was announced, and never beyond CTL_REPLY_MAX. What does
- * not fit the forms above is broken, and stays so: after a broken frame nobody knows where the next begins.
+ * The bytes need not come from the daemon at all, so nothing in them is trusted: memory grows with
+ * the bytes that have really come, never with a number that was announced, and never beyond
+ * CTL_REPLY_MAX. What does not fit the forms above is broken, and stays so: after a broken frame
+ * nobody knows where the next begins.
  *
  * Invariants of ctl_reply:
  *   1. The frame being read begins at data + start; the first `parsed` of its bytes are understood.
  *   2. start + parsed <= length <= capacity.
- *   3. Items 0 .. count - 1 lie wholly within the understood bytes; their offsets count from the frame's
- *      beginning, so that they stay true when the bytes move.
+ *   3. Items 0 .. count - 1 lie wholly within the understood bytes; their offsets count from the
+ * frame's beginning, so that they stay true when the bytes move.
  *   4. `broken` is null as long as everything was well formed. */
 
-/* The most bytes of one frame. The daemon drops a client that lets one or two megabytes pile up, so no frame
- * of its own comes near. */
+/* The most bytes of one frame. The daemon drops a client that lets one or two megabytes pile up, so
+ * no frame of its own comes near. */
 constexpr size_t CTL_REPLY_MAX = 16U << 20U;
 
 /* The most bytes of a line: all of a status or error, the head of everything else. */
@@ -66,14 +67,14 @@ void ctl_reply_init(ctl_reply* reply);
 /* Frees what the reply holds, not the record; it is as after ctl_reply_init. */
 void ctl_reply_free(ctl_reply* reply);
 
-/* Makes room for more bytes and returns where they go; `*size` becomes how many fit, at least 1. The caller
- * writes there and says with ctl_reply_added how many. Null, with `broken` set, when the frame outgrows
- * CTL_REPLY_MAX or memory is exhausted. */
+/* Makes room for more bytes and returns where they go; `*size` becomes how many fit, at least 1.
+ * The caller writes there and says with ctl_reply_added how many. Null, with `broken` set, when the
+ * frame outgrows CTL_REPLY_MAX or memory is exhausted. */
 char* ctl_reply_room(ctl_reply* reply, size_t* size);
 void ctl_reply_added(ctl_reply* reply, size_t length);
 
-/* Goes on understanding the frame with the bytes that are there. May be called at any time; a frame that is
- * whole stays so until it is dropped. */
+/* Goes on understanding the frame with the bytes that are there. May be called at any time; a frame
+ * that is whole stays so until it is dropped. */
 ctl_state ctl_reply_parse(ctl_reply* reply);
 
 /* Drops the whole frame; bytes behind it stay and are the beginning of the next. */

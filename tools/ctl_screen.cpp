@@ -32,8 +32,8 @@ constexpr char ENTER[] = "\x1b[?1049h\x1b[?25l\x1b[?7l";
 /* Where the terminal has one screen only, the prompt comes below what was drawn. */
 constexpr char LEAVE[] = "\x1b[0m\x1b[?7h\x1b[?25h\x1b[999;1H\r\n\x1b[?1049l";
 
-/* Shared with the handlers of signals. `taken` is set before the terminal is changed and cleared after it was
- * given back; giving it back twice does no harm. */
+/* Shared with the handlers of signals. `taken` is set before the terminal is changed and cleared
+ * after it was given back; giving it back twice does no harm. */
 struct screen_state {
     volatile sig_atomic_t taken;
     volatile sig_atomic_t is_new;
@@ -110,7 +110,8 @@ void handle(int number, void (*handler)(int)) {
     sigaction(number, &action, nullptr);
 }
 
-/* Sends the signal to ourselves with its usual effect, which is over when this returns, if it does. */
+/* Sends the signal to ourselves with its usual effect, which is over when this returns, if it does.
+ */
 void suffer(int number) {
     sigset_t one;
     sigemptyset(&one);

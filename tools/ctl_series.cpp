@@ -8,21 +8,33 @@
 
 namespace {
 
-enum header_offset : size_t { AT_TIME = 0, AT_PERIOD = 4, AT_SLOTS = 8, AT_FILLED = 12, AT_HEAD = 16 };
+enum header_offset : size_t {
+    AT_TIME = 0,
+    AT_PERIOD = 4,
+    AT_SLOTS = 8,
+    AT_FILLED = 12,
+    AT_HEAD = 16
+};
 
 constexpr ctl_kind CPU = {1, 1, 1, 100, false, {{"percent", "percent"}}};
 constexpr ctl_kind HOSTS = {4, 4, 1, 0, false, {{"hosts", "hosts"}}};
 constexpr ctl_kind CONNECTIONS = {4, 4, 1, 0, false, {{"connections", "connections"}}};
 constexpr ctl_kind PING = {
-    20, 4,    5,
-    0,  true, {{"max", nullptr}, {"min", nullptr}, {"avg", "avg"}, {"total", nullptr}, {"loss", "loss"}}};
-constexpr ctl_kind INTERFACE = {
-    16,
+    20,
     4,
-    4,
+    5,
     0,
-    false,
-    {{"rxb", "rxb, bytes per second"}, {"rxp", nullptr}, {"txb", "txb, bytes per second"}, {"txp", nullptr}}};
+    true,
+    {{"max", nullptr}, {"min", nullptr}, {"avg", "avg"}, {"total", nullptr}, {"loss", "loss"}}};
+constexpr ctl_kind INTERFACE = {16,
+                                4,
+                                4,
+                                0,
+                                false,
+                                {{"rxb", "rxb, bytes per second"},
+                                 {"rxp", nullptr},
+                                 {"txb", "txb, bytes per second"},
+                                 {"txp", nullptr}}};
 
 bool base_is(ctl_text base, const char* name) {
     return base.length == strlen(name) && memcmp(base.bytes, name, base.length) == 0;
@@ -30,7 +42,8 @@ bool base_is(ctl_text base, const char* name) {
 
 /* "ping" and a number from 1 to 20 as the daemon writes it. */
 bool is_ping(ctl_text base) {
-    if (base.length < 5 || base.length > 6 || memcmp(base.bytes, "ping", 4) != 0 || base.bytes[4] == '0') {
+    if (base.length < 5 || base.length > 6 || memcmp(base.bytes, "ping", 4) != 0 ||
+        base.bytes[4] == '0') {
         return false;
     }
     uint32_t number = 0;
@@ -43,7 +56,8 @@ bool is_ping(ctl_text base) {
     return number <= PING_TARGETS;
 }
 
-/* The kind that the key's name promises; null for a name without a "." or with nothing before it. */
+/* The kind that the key's name promises; null for a name without a "." or with nothing before it.
+ */
 const ctl_kind* kind_of(ctl_text key) {
     size_t length = key.length;
     while (length > 0 && key.bytes[length - 1] != '.') {
@@ -125,7 +139,8 @@ bool ctl_series_time(const ctl_series* series, uint32_t sample, int64_t* seconds
     return true;
 }
 
-unsigned ctl_series_spread(const ctl_series* series, unsigned figure, uint32_t* columns, unsigned width) {
+unsigned ctl_series_spread(const ctl_series* series, unsigned figure, uint32_t* columns,
+                           unsigned width) {
     const uint32_t filled = series->filled;
     if (filled == 0) {
         return 0;

@@ -90,7 +90,8 @@ ctl_status fetch_series(const char* key, ctl_series* series, bool* found) {
     *found = false;
     if (status == CTL_DONE && state.link->reply.kind == '$') {
         const ctl_text value = ctl_reply_item(&state.link->reply, 0);
-        *found = value.bytes != nullptr && ctl_series_decode(text_of(key), value, series) == nullptr;
+        *found =
+            value.bytes != nullptr && ctl_series_decode(text_of(key), value, series) == nullptr;
     }
     return status;
 }
@@ -193,7 +194,8 @@ ctl_status collect_interfaces() {
         status = fetch_series(state.histories[i], &series, &found);
         /* Anybody may have made a key of such a name. */
         if (found && series.kind->count == 4) {
-            const ctl_text name = {state.histories[i], strlen(state.histories[i]) - strlen(HISTORY_SUFFIX)};
+            const ctl_text name = {state.histories[i],
+                                   strlen(state.histories[i]) - strlen(HISTORY_SUFFIX)};
             add_gauge(name, " rx", &series, 0);
             add_gauge(name, " tx", &series, 2);
         }

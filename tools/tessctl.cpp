@@ -1,5 +1,5 @@
-/* tessctl: asks the daemon from the command line. Here are the options and the table of subcommands that are
- * tessctl's own; whatever else is named goes to the daemon as it stands. */
+/* tessctl: asks the daemon from the command line. Here are the options and the table of subcommands
+ * that are tessctl's own; whatever else is named goes to the daemon as it stands. */
 
 #include <errno.h>
 #include <fcntl.h>
@@ -106,12 +106,13 @@ ctl_status read_option(int option, settings* s) {
         return CTL_DONE;
     case 'p':
         s->port = parse_number(optarg, MAX_PORT);
-        return s->port != 0 ? CTL_DONE : wrong_usage("%s is no port from 1 to %d", optarg, MAX_PORT);
+        return s->port != 0 ? CTL_DONE
+                            : wrong_usage("%s is no port from 1 to %d", optarg, MAX_PORT);
     case 't':
         s->wait_seconds = parse_number(optarg, MAX_WAIT_SECONDS);
-        return s->wait_seconds != 0
-                   ? CTL_DONE
-                   : wrong_usage("%s is no number of seconds from 1 to %d", optarg, MAX_WAIT_SECONDS);
+        return s->wait_seconds != 0 ? CTL_DONE
+                                    : wrong_usage("%s is no number of seconds from 1 to %d", optarg,
+                                                  MAX_WAIT_SECONDS);
     case OPTION_RAW:
         s->raw = true;
         return CTL_DONE;
@@ -132,7 +133,8 @@ ctl_status read_options(int argc, char** argv, settings* s) {
     };
     ctl_status status = CTL_DONE;
     int option;
-    /* The plus sign ends the options at the command: what follows is the command's, even when it begins with
+    /* The plus sign ends the options at the command: what follows is the command's, even when it
+     * begins with
      * "-". */
     while (status == CTL_DONE && !s->help &&
            (option = getopt_long(argc, argv, "+a:p:t:h", LONG_OPTIONS, nullptr)) != -1) {
@@ -141,8 +143,8 @@ ctl_status read_options(int argc, char** argv, settings* s) {
     return status;
 }
 
-/* A closed standard descriptor would be given to the connection, and what is printed would go to the daemon.
- * Opened for the wrong direction, it still fails whoever uses it. */
+/* A closed standard descriptor would be given to the connection, and what is printed would go to
+ * the daemon. Opened for the wrong direction, it still fails whoever uses it. */
 void hold_standard_descriptors() {
     for (int fd = 0; fd <= 2; fd++) {
         if (fcntl(fd, F_GETFD) < 0 && errno == EBADF) {
@@ -196,7 +198,8 @@ int main(int argc, char** argv) {
     ctl_call call = {&link, s.raw, isatty(STDOUT_FILENO) == 1, argc - optind, argv + optind};
     status = run(&call);
     ctl_link_close(&link);
-    /* Output that was lost outweighs what the reply means: nobody may take half a value for the whole. */
+    /* Output that was lost outweighs what the reply means: nobody may take half a value for the
+     * whole. */
     if (status != CTL_OUTPUT && ctl_print_finish(stdout) != CTL_DONE) {
         status = CTL_OUTPUT;
     }

@@ -2,13 +2,15 @@
 
 #include <stddef.h>
 #include <stdint.h>
+
 #include <string>
 
-/* Numbers as they stand in files and in the values of histories: 32 bits, the highest byte first. */
+/* Numbers as they stand in files and in the values of histories: 32 bits, the highest byte first.
+ */
 
 inline std::string be32(uint32_t value) {
-    return {static_cast<char>(value >> 24), static_cast<char>(value >> 16), static_cast<char>(value >> 8),
-            static_cast<char>(value)};
+    return {static_cast<char>(value >> 24), static_cast<char>(value >> 16),
+            static_cast<char>(value >> 8), static_cast<char>(value)};
 }
 
 /* The number at `at`; bytes behind the end are left out. */

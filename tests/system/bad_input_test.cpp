@@ -1,15 +1,17 @@
 /*
- * Hostile clients. Whatever they send, however much and however fast: the daemon goes on, gives them a whole
- * frame or closes them, keeps its memory and its descriptors, and serves the next client promptly.
+ * Hostile clients. Whatever they send, however much and however fast: the daemon goes on, gives
+ * them a whole frame or closes them, keeps its memory and its descriptors, and serves the next
+ * client promptly.
  */
 
-#include "tests/system/support/daemon_test.h"
-
-#include <algorithm>
 #include <dirent.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/resource.h>
+
+#include <algorithm>
+
+#include "tests/system/support/daemon_test.h"
 
 using namespace system_test;
 
@@ -25,8 +27,8 @@ bool emulated() {
     return !sandbox::emulator().empty();
 }
 
-/* How long a client that did nothing wrong may wait for its reply, in ms. A working daemon needs less than
- * one; the rest is for machines that are busy with other things. */
+/* How long a client that did nothing wrong may wait for its reply, in ms. A working daemon needs
+ * less than one; the rest is for machines that are busy with other things. */
 long prompt_ms() {
     return emulated() ? 10000 : SANITIZED ? 3000 : 1000;
 }
@@ -116,8 +118,8 @@ class bad_input : public daemon_test {
         return count;
     }
 
-    /* How many are open apart from that of this client. The collectors open files for moments; whoever came
-       before is gone when the client has been answered twice. */
+    /* How many are open apart from that of this client. The collectors open files for moments;
+       whoever came before is gone when the client has been answered twice. */
     int settled_descriptors(resp_client& client) const {
         EXPECT_EQ(client.call({"ping"}), OK);
         int fewest = 1000000;
@@ -128,8 +130,9 @@ class bad_input : public daemon_test {
         return fewest;
     }
 
-    /* A client that did nothing wrong is served at once; the descriptors of clients that are gone were given
-       back; memory has not grown by more than these kilobytes, neither now nor at any time before. */
+    /* A client that did nothing wrong is served at once; the descriptors of clients that are gone
+       were given back; memory has not grown by more than these kilobytes, neither now nor at any
+       time before. */
     void expect_unharmed(int clients_open = 0, long kept_kb = 4096, long peak_kb = 65536) {
         ASSERT_TRUE(daemon->running()) << "the daemon ended: " << daemon->err();
         long asked = now_ms();
@@ -140,14 +143,16 @@ class bad_input : public daemon_test {
         if (emulated())
             return;
         EXPECT_TRUE(eventually([&] { return descriptors() == first_descriptors + clients_open; }))
-            << descriptors() << " descriptors are open instead of " << first_descriptors + clients_open;
+            << descriptors() << " descriptors are open instead of "
+            << first_descriptors + clients_open;
         if (SANITIZED)
             return;
         EXPECT_LE(status_kb("VmRSS:") - first_resident, kept_kb);
         EXPECT_LE(status_kb("VmPeak:") - first_peak, peak_kb);
     }
 
-    /* All that comes back for the bytes when nothing follows them: "" when they close the connection. */
+    /* All that comes back for the bytes when nothing follows them: "" when they close the
+     * connection. */
     static std::string outcome(const std::string& bytes) {
         resp_client client;
         EXPECT_TRUE(client.send(bytes));
@@ -183,10 +188,10 @@ class bad_input : public daemon_test {
     long first_resident = 0;
 };
 
-#define SKIP_WITHOUT(possible)                                                                               \
-    do {                                                                                                     \
-        if (!(possible))                                                                                     \
-            GTEST_SKIP() << "the kernel holds too few bytes for an ordinary user";                           \
+#define SKIP_WITHOUT(possible)                                                                     \
+    do {                                                                                           \
+        if (!(possible))                                                                           \
+            GTEST_SKIP() << "the kernel holds too few bytes for an ordinary user";                 \
     } while (0)
 
 } // namespace
@@ -261,8 +266,9 @@ TEST_F(bad_input, as_a_count_is_refused_unless_it_begins_with_the_right_number) 
 }
 
 TEST_F(bad_input, as_a_length_is_refused_unless_it_begins_with_the_right_number) {
-    const words right = {"4",          "04",  "+4",  " 4", "\t4",         "4x",
-                         "4 ",         "4.9", "4e9", "4-", "-4294967292", repeated("0", 30000) + "4",
+    const words right = {"4",          "04", "+4",          " 4",
+                         "\t4",        "4x", "4 ",          "4.9",
+                         "4e9",        "4-", "-4294967292", repeated("0", 30000) + "4",
                          nul("4", "4")};
     for (const std::string& text : right)
         expect_outcome("*1\r\n$" + text + "\r\nPING\r\n", OK);
@@ -319,8 +325,8 @@ TEST_F(bad_input, as_a_length_is_refused_unless_it_begins_with_the_right_number)
 
 TEST_F(bad_input, of_great_counts_and_lengths_costs_no_memory) {
     /* The counts go up to what the bytes could just hold, and beyond. */
-    for (const char* count : {"1000", "5998", "5999", "6000", "6001", "6002", "10000", "30000", "100000000",
-                              "1073741824", "2147483647", "4294967295"}) {
+    for (const char* count : {"1000", "5998", "5999", "6000", "6001", "6002", "10000", "30000",
+                              "100000000", "1073741824", "2147483647", "4294967295"}) {
         expect_outcome("*" + std::string(count) + "\r\n" + repeated("$0\r\n", 7500), "");
         expect_outcome("*" + std::string(count) + "\r\n" + repeated("\n", 30000), "");
         expect_outcome("*" + std::string(count) + "\r\n" + repeated("$", 30000), "");
@@ -386,7 +392,8 @@ TEST_F(bad_input, with_any_byte_in_any_place_harms_nobody) {
             bytes[i] = static_cast<char>(byte);
             std::string reply = outcome(bytes);
             /* With another first letter the command may be "get". */
-            bool is_value = reply.size() == 7 && reply.starts_with("$1\r\n") && reply.ends_with("\r\n");
+            bool is_value =
+                reply.size() == 7 && reply.starts_with("$1\r\n") && reply.ends_with("\r\n");
             EXPECT_TRUE(reply == "" || reply == OK || reply == ERROR || is_value)
                 << ::testing::PrintToString(bytes) << " is answered " << reply;
         }
@@ -415,7 +422,8 @@ TEST_F(bad_input, with_a_byte_too_many_in_any_place_harms_nobody) {
             std::string reply = outcome(bytes);
             EXPECT_TRUE(reply == "" || reply == OK || reply == ERROR)
                 << ::testing::PrintToString(bytes) << " is answered " << reply;
-            /* An element that is longer than its length is refused; behind the last one nothing is looked at.
+            /* An element that is longer than its length is refused; behind the last one nothing is
+             * looked at.
              */
             if (i < frame.bytes.size() && frame.parts[i] == part::cr && strcmp(more, "\r\n") != 0) {
                 EXPECT_EQ(reply, "") << ::testing::PrintToString(bytes);
@@ -439,7 +447,8 @@ TEST_F(bad_input, in_tiny_deliveries_without_end_leaves_no_trace) {
         {{"hset", "h", "f"}, "-ERR\r\n"},
         {{"nothing", "a", "b"}, "-ERR\r\n"},
     };
-    const words broken = {"*", "\n", "*3\r\n$3\r\nset\r\n$1\r\nk\r\n", "*2\r\n$4\r\nping\r\n$9\r\nx\r\n"};
+    const words broken = {"*", "\n", "*3\r\n$3\r\nset\r\n$1\r\nk\r\n",
+                          "*2\r\n$4\r\nping\r\n$9\r\nx\r\n"};
     auto some = [&](int count) {
         for (int i = 0; i < count; i++) {
             const auto& one = whole[static_cast<size_t>(i) % std::size(whole)];
@@ -716,7 +725,8 @@ TEST_F(bad_input, of_numbers_of_any_length_and_kind_is_answered) {
 }
 
 TEST_F(bad_input, of_keys_with_one_hash_is_served) {
-    /* "Aa" and "BB" have the same hash, and so have all words of eleven of them: 2048 keys of one bucket. */
+    /* "Aa" and "BB" have the same hash, and so have all words of eleven of them: 2048 keys of one
+     * bucket. */
     words collide;
     for (int i = 0; i < 2048; i++) {
         std::string key;
@@ -837,7 +847,8 @@ TEST_F(bad_input, that_asks_for_more_than_can_be_sent_gets_a_whole_frame_or_a_cl
     resp_client owner;
     words request(1001, "big");
     request[0] = "mget";
-    /* A mebibyte may pend, and the kernel holds some more; then there is no room for what is left of a frame.
+    /* A mebibyte may pend, and the kernel holds some more; then there is no room for what is left
+     * of a frame.
      */
     for (size_t size : {100u, 1000u, 3000u, 4000u, 4185u, 4186u, 5000u, 100000u}) {
         SCOPED_TRACE(size);
@@ -870,7 +881,8 @@ TEST_F(bad_input, that_makes_a_value_grow_costs_the_value_alone) {
     const std::string piece = repeated("v", 100000);
     const int pieces = 60;
     for (int i = 1; i <= pieces; i++)
-        ASSERT_EQ(deliver_call(client, {"append", "big", piece}), ":" + std::to_string(i * 100000) + "\r\n");
+        ASSERT_EQ(deliver_call(client, {"append", "big", piece}),
+                  ":" + std::to_string(i * 100000) + "\r\n");
     EXPECT_EQ(client.call({"strlen", "big"}), ":6000000\r\n");
     EXPECT_EQ(client.call({"incr", "big"}), ERROR);
     EXPECT_EQ(client.call({"append", "big", "x"}), ":6000001\r\n");
@@ -898,7 +910,8 @@ TEST_F(bad_input, of_any_size_is_traced_without_harm) {
     resp_client client;
     const std::string piece = repeated("v", 100000);
     for (int i = 1; i <= 45; i++)
-        ASSERT_EQ(deliver_call(client, {"append", "big", piece}), ":" + std::to_string(i * 100000) + "\r\n");
+        ASSERT_EQ(deliver_call(client, {"append", "big", piece}),
+                  ":" + std::to_string(i * 100000) + "\r\n");
     EXPECT_EQ(client.call({"hello", repeated("%s%n", 5000)}), OK);
     EXPECT_EQ(client.call({repeated("%n", 5000), "%s"}), ERROR);
     EXPECT_EQ(client.call({"keys", repeated("%n", 5000)}), "*0\r\n");
@@ -928,7 +941,8 @@ TEST_F(bad_input, cannot_exhaust_descriptors_for_good) {
     }
     std::vector<resp_client> clients(60);
     size_t served = 0;
-    while (served < clients.size() && clients[served].call({"ping"}, served < 20 ? LIMIT_MS : 200) == OK)
+    while (served < clients.size() &&
+           clients[served].call({"ping"}, served < 20 ? LIMIT_MS : 200) == OK)
         served++;
     EXPECT_GE(served, 25u);
     EXPECT_LE(served, 40u);

@@ -1,14 +1,16 @@
 /*
- * What the programs that the daemon starts hold open: its own sockets, clients, log and pipes must not be
- * among it, or a script that lives on would keep the daemon's socket and its clients' connections alive.
+ * What the programs that the daemon starts hold open: its own sockets, clients, log and pipes must
+ * not be among it, or a script that lives on would keep the daemon's socket and its clients'
+ * connections alive.
  */
 
-#include "tests/system/support/daemon_test.h"
-
-#include <sstream>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <sstream>
+
+#include "tests/system/support/daemon_test.h"
 
 using namespace system_test;
 
@@ -20,8 +22,9 @@ std::string work(const std::string& name) {
 
 /* Shell text that writes down once what descriptors a program gets that the shell starts. */
 std::string note_descriptors(const std::string& name) {
-    return "if [ ! -e " + work(name) + " ]; then\nlisting=$(ls -l /proc/self/fd)\necho \"$listing\" >" +
-           work(name + ".draft") + "\nmv " + work(name + ".draft") + " " + work(name) + "\nfi\n";
+    return "if [ ! -e " + work(name) +
+           " ]; then\nlisting=$(ls -l /proc/self/fd)\necho \"$listing\" >" + work(name + ".draft") +
+           "\nmv " + work(name + ".draft") + " " + work(name) + "\nfi\n";
 }
 
 /* What the descriptors of the note from 3 on lead to, but for the folder that "ls" itself reads. */
@@ -49,8 +52,8 @@ class child_descriptors : public daemon_test {
         sandbox::add_tool("hostmon", note_descriptors("hostmon") + "echo 'Online hosts: 1'\n");
         sandbox::add_tool("conntrack", note_descriptors("conntrack") + "echo 1 1\n");
         sandbox::add_tool("uci", note_descriptors("uci") + "echo KT7010\n");
-        sandbox::add_plugin("0_plugin.sh",
-                            note_descriptors("plugin") + "echo $$ >" + work("pid") + "\nexec sleep 120\n");
+        sandbox::add_plugin("0_plugin.sh", note_descriptors("plugin") + "echo $$ >" + work("pid") +
+                                               "\nexec sleep 120\n");
     }
 
     void expect_none_inherited(const std::vector<std::string>& programs) {

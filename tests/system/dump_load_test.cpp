@@ -1,23 +1,24 @@
 /*
- * Dumping string keys to a file and loading them again: the bytes of the file, what is taken from a file and
- * what is not, and files that mean harm.
+ * Dumping string keys to a file and loading them again: the bytes of the file, what is taken from a
+ * file and what is not, and files that mean harm.
  */
 
-#include "tests/support/big_endian.h"
-#include "tests/system/model/frames.h"
-#include "tests/system/support/daemon_test.h"
-#include "tests/system/support/log_text.h"
-
-#include <algorithm>
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <map>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <map>
+
+#include "tests/support/big_endian.h"
+#include "tests/system/model/frames.h"
+#include "tests/system/support/daemon_test.h"
+#include "tests/system/support/log_text.h"
 
 using namespace system_test;
 
@@ -28,7 +29,8 @@ using words = std::vector<std::string>;
 const std::string FILE_PATH = "/tmp/x.dump";
 
 std::string record(const std::string& key, const std::string& data) {
-    return be32(static_cast<uint32_t>(key.size())) + key + be32(static_cast<uint32_t>(data.size())) + data;
+    return be32(static_cast<uint32_t>(key.size())) + key +
+           be32(static_cast<uint32_t>(data.size())) + data;
 }
 
 std::string failure(int error) {
@@ -126,7 +128,8 @@ TEST_F(dump_files, hold_the_matching_keys_in_the_order_of_the_keyspace) {
         values[key] = "value of " + key;
         EXPECT_EQ(call({"set", key, values[key]}), "+OK\r\n");
     }
-    /* The daemon's own collectors may add keys meanwhile, and with them the order may change once. */
+    /* The daemon's own collectors may add keys meanwhile, and with them the order may change once.
+     */
     std::string before;
     std::string expected;
     std::string written;
@@ -214,15 +217,16 @@ TEST_F(dump_files, are_chosen_by_shell_patterns) {
 
 /* Histories are written by those who keep them; a key that only bears such a name has none. */
 TEST_F(dump_files, pass_over_keys_named_like_histories) {
-    for (const char* key : {"mine.day", "mine.days", "mine.month", "mine.mon", "mine.week", "mine.week1",
-                            ".day", "mine.x.weekly"})
+    for (const char* key : {"mine.day", "mine.days", "mine.month", "mine.mon", "mine.week",
+                            "mine.week1", ".day", "mine.x.weekly"})
         call({"set", key, "v"});
     EXPECT_EQ(dumped("*mine*"), "");
     EXPECT_EQ(dumped(".day"), "");
 }
 
 TEST_F(dump_files, hold_keys_that_only_resemble_histories) {
-    for (const char* key : {"x.dat", "x.wee", "x.mo", "x.DAY", "day", "week", "x.day.y", "x. day", "x."}) {
+    for (const char* key :
+         {"x.dat", "x.wee", "x.mo", "x.DAY", "day", "week", "x.day.y", "x. day", "x."}) {
         call({"set", key, "v"});
         EXPECT_EQ(dumped(key), record(key, "v")) << key;
     }
@@ -315,7 +319,8 @@ TEST_F(dump_files, leave_no_descriptor_open) {
     for (int i = 0; i < 30; i++) {
         for (const char* path : {"/tmp/good", "/tmp/folder", "/tmp/pipe", "/tmp/missing/x"})
             call({"dump", path, "k"});
-        for (const char* path : {"/tmp/good", "/tmp/bad", "/tmp/folder", "/tmp/pipe", "/tmp/missing"})
+        for (const char* path :
+             {"/tmp/good", "/tmp/bad", "/tmp/folder", "/tmp/pipe", "/tmp/missing"})
             call({"load", path});
     }
     EXPECT_EQ(open_descriptors(), before);
@@ -405,8 +410,8 @@ TEST_F(load_files, write_protected_and_private_keys) {
 }
 
 TEST_F(load_files, pass_over_keys_named_like_histories) {
-    call({"mset", "mine.day", "old", "mine.week1", "old", "mine.months", "old", "x.dat", "old", "x.day.y",
-          "old"});
+    call({"mset", "mine.day", "old", "mine.week1", "old", "mine.months", "old", "x.dat", "old",
+          "x.day.y", "old"});
     load(record("mine.day", "new") + record("mine.week1", "new") + record("mine.months", "new") +
          record("x.dat", "new") + record("x.day.y", "new") + record("a", "new"));
     EXPECT_EQ(call({"mget", "mine.day", "mine.week1", "mine.months", "x.dat", "x.day.y", "a"}),
@@ -438,7 +443,8 @@ TEST_F(load_files, bring_back_what_was_dumped_before_a_restart) {
     serve({});
     call({"mset", "a", "0", "b", "0", "_c", "0", "d", "0"});
     EXPECT_EQ(call({"load", FILE_PATH}), ":0\r\n");
-    EXPECT_EQ(call({"mget", "a", "b", "_c", "d"}), list_frame({bytes, "", std::string(30000, 'c'), "0"}));
+    EXPECT_EQ(call({"mget", "a", "b", "_c", "d"}),
+              list_frame({bytes, "", std::string(30000, 'c'), "0"}));
     EXPECT_EQ(call({"exists", "c"}), ":0\r\n");
 }
 
@@ -454,9 +460,10 @@ TEST_F(load_files, are_traced_record_by_record) {
     reset();
     load(record("a", "xyz") + record("missing", "") + record(std::string("b\0c", 3), "12"));
     EXPECT_TRUE(eventually([&] { return !log_messages(daemon->out(), {"loaded"}).empty(); }));
-    EXPECT_EQ(log_messages(daemon->out(), {"namelen"}),
-              (words{"name=a, namelen=1, datalen=3, siz=31", "name=missing, namelen=7, datalen=0, siz=13",
-                     "name=b, namelen=3, datalen=2, siz=2"}));
+    EXPECT_EQ(
+        log_messages(daemon->out(), {"namelen"}),
+        (words{"name=a, namelen=1, datalen=3, siz=31", "name=missing, namelen=7, datalen=0, siz=13",
+               "name=b, namelen=3, datalen=2, siz=2"}));
 }
 
 TEST_F(hostile_files, of_less_than_nine_bytes_load_nothing) {
@@ -542,7 +549,8 @@ TEST_F(hostile_files, whose_key_reaches_to_the_last_byte_or_beyond) {
 }
 
 TEST_F(hostile_files, whose_keys_hold_NULs_mean_what_stands_before) {
-    load(record(std::string("a\0b", 3), "A") + record(std::string("\0", 1), "nothing") + record("c", "C"));
+    load(record(std::string("a\0b", 3), "A") + record(std::string("\0", 1), "nothing") +
+         record("c", "C"));
     expect_values("A", "old-b", "C");
     EXPECT_EQ(call({"exists", ""}), ":0\r\n");
 }
@@ -556,7 +564,8 @@ TEST_F(hostile_files, that_are_no_files_load_nothing) {
     make_folders("/tmp/folder");
     write_file("/tmp/folder/a", record("a", "A"));
     ASSERT_EQ(mkfifo("/tmp/pipe", 0600), 0);
-    for (const char* path : {"/tmp/folder", "/tmp", "/", "/tmp/pipe", "/dev/null", "/dev/zero", "/dev/full"})
+    for (const char* path :
+         {"/tmp/folder", "/tmp", "/", "/tmp/pipe", "/dev/null", "/dev/zero", "/dev/full"})
         EXPECT_EQ(call({"load", path}), ":0\r\n") << path;
     expect_nothing_loaded();
 }
@@ -586,7 +595,8 @@ TEST_F(hostile_files, of_many_megabytes_of_nonsense_are_given_up_at_once) {
 
 TEST_F(hostile_files, of_gigabytes_are_refused_with_an_error_number) {
     write_file(FILE_PATH, record("a", "A"));
-    for (const off_t size : {off_t{300} << 20, off_t{0xFFFFFFFF}, (off_t{4} << 30) + 14, off_t{1} << 40}) {
+    for (const off_t size :
+         {off_t{300} << 20, off_t{0xFFFFFFFF}, (off_t{4} << 30) + 14, off_t{1} << 40}) {
         ASSERT_EQ(truncate(FILE_PATH.c_str(), size), 0);
         EXPECT_EQ(call({"load", FILE_PATH}), failure(EFBIG)) << size;
     }

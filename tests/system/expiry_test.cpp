@@ -1,19 +1,20 @@
 /*
- * The expiry of keys as time passes. The sweep looks at most once a second, so each test here takes a few
- * seconds; as many keys as possible share one daemon and one stretch of time.
+ * The expiry of keys as time passes. The sweep looks at most once a second, so each test here takes
+ * a few seconds; as many keys as possible share one daemon and one stretch of time.
  */
 
-#include "tests/system/support/daemon_test.h"
-#include "tests/system/support/log_text.h"
+#include <stdint.h>
+#include <stdlib.h>
+#include <sys/time.h>
+#include <time.h>
 
 #include <algorithm>
 #include <functional>
 #include <map>
 #include <optional>
-#include <stdint.h>
-#include <stdlib.h>
-#include <sys/time.h>
-#include <time.h>
+
+#include "tests/system/support/daemon_test.h"
+#include "tests/system/support/log_text.h"
 
 using namespace system_test;
 
@@ -23,8 +24,8 @@ using words = std::vector<std::string>;
 
 const std::string OK = "+OK\r\n";
 
-/* How long after its last second a key may still be there, in ms: up to a second until the next look, and
- * what a busy machine adds. */
+/* How long after its last second a key may still be there, in ms: up to a second until the next
+ * look, and what a busy machine adds. */
 constexpr int64_t LATE_MS = 10000;
 
 std::string bulk(const std::string& value) {
@@ -38,14 +39,14 @@ int64_t wall_ms() {
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_usec / 1000;
 }
 
-/* The second in which the daemon takes an expiry to be set. Around the turn of a second this clock is a tick
- * of the kernel behind the other. */
+/* The second in which the daemon takes an expiry to be set. Around the turn of a second this clock
+ * is a tick of the kernel behind the other. */
 int64_t stamped_second() {
     return time(nullptr);
 }
 
-/* What was seen of a key while time passed. Seconds are those in which an expiry is taken to be set; the rest
- * is in ms of the wall clock. */
+/* What was seen of a key while time passed. Seconds are those in which an expiry is taken to be
+ * set; the rest is in ms of the wall clock. */
 struct life {
     int64_t from_second = 0; /* the expiry was set between these two */
     int64_t to_second = 0;
@@ -103,19 +104,21 @@ class expiry : public daemon_test {
         return eventually(
             [&] {
                 look();
-                return std::all_of(expected.begin(), expected.end(),
-                                   [&](const std::string& key) { return lives[key].found_gone != 0; });
+                return std::all_of(expected.begin(), expected.end(), [&](const std::string& key) {
+                    return lives[key].found_gone != 0;
+                });
             },
             LIMIT_MS);
     }
 
-    /* The key was there until so many seconds of the clock were over, counted from that in which it got its
-       expiry, and not much longer. */
+    /* The key was there until so many seconds of the clock were over, counted from that in which it
+       got its expiry, and not much longer. */
     void expect_gone_after(const std::string& key, int64_t seconds) {
         const life& one = lives[key];
         ASSERT_NE(one.found_gone, 0) << key;
         EXPECT_GE(one.found_gone / 1000, one.from_second + seconds) << key << " went too early";
-        EXPECT_LE(one.last_seen, (one.to_second + seconds) * 1000 + LATE_MS) << key << " went too late";
+        EXPECT_LE(one.last_seen, (one.to_second + seconds) * 1000 + LATE_MS)
+            << key << " went too late";
     }
 
     static void wait_for_a_new_second() {
@@ -123,8 +126,8 @@ class expiry : public daemon_test {
         EXPECT_TRUE(eventually([&] { return stamped_second() != second; }));
     }
 
-    /* Does the steps and tells whether all of them have fallen into one second of the clock. If so, no key to
-       which they gave an end after that second can have gone meanwhile. */
+    /* Does the steps and tells whether all of them have fallen into one second of the clock. If so,
+       no key to which they gave an end after that second can have gone meanwhile. */
     static bool fell_into_one_second(const std::function<void()>& steps) {
         const int64_t second = stamped_second();
         steps();
@@ -185,7 +188,8 @@ TEST_F(expiry, comes_when_the_seconds_are_over_and_not_before) {
 
     /* A deleted key's record goes with its expiry. */
     EXPECT_EQ(replies_in_one_second(
-                  "k.deleted", {{"expire", "k.deleted", "1"}, {"del", "k.deleted"}, {"keys", "k.deleted"}}),
+                  "k.deleted",
+                  {{"expire", "k.deleted", "1"}, {"del", "k.deleted"}, {"keys", "k.deleted"}}),
               (words{":1\r\n", ":1\r\n", "*1\r\n" + bulk("k.deleted")}));
     EXPECT_EQ(call({"set", "k.dead", "v"}), OK);
     EXPECT_EQ(call({"del", "k.dead"}), ":1\r\n");
@@ -218,7 +222,8 @@ TEST_F(expiry, comes_when_the_seconds_are_over_and_not_before) {
     give_seconds("tessard.run", "1");
     will_go.insert(will_go.end(), {"fhour.interval", "tessard.run"});
 
-    /* An absolute time is only shown: whatever it is, the key goes after the second in which it was given. */
+    /* An absolute time is only shown: whatever it is, the key goes after the second in which it was
+     * given. */
     EXPECT_TRUE(in_one_second([&] {
         EXPECT_EQ(call({"mset", "k.future", "v", "k.1", "v"}), OK);
         give("k.future", {"expireat", "k.future", in_an_hour}, ":1\r\n");
@@ -231,17 +236,19 @@ TEST_F(expiry, comes_when_the_seconds_are_over_and_not_before) {
     ASSERT_TRUE(watch_until_gone(will_go));
 
     expect_gone_after("k.0", 0);
-    for (const char* key : {"k.1", "k.list", "k.hash", "k.setex", "k.incr", "k.wrapped", "fhour.interval",
-                            "tessard.run", "k.future", "k.past"})
+    for (const char* key : {"k.1", "k.list", "k.hash", "k.setex", "k.incr", "k.wrapped",
+                            "fhour.interval", "tessard.run", "k.future", "k.past"})
         expect_gone_after(key, 1);
     expect_gone_after("k.3", 3);
-    /* Both were over in the second after that in which they were given, so the same look found them. */
+    /* Both were over in the second after that in which they were given, so the same look found
+     * them. */
     EXPECT_LE(std::abs(lives["k.1"].round - lives["k.future"].round), 1);
-    /* The first tick only takes the time, and the first look comes a second after it at the earliest. */
+    /* The first tick only takes the time, and the first look comes a second after it at the
+     * earliest. */
     EXPECT_GE(lives["k.0"].found_gone - launched_at, 1000);
 
-    for (const char* key :
-         {"k.stays", "k.negative", "k.persisted", "k.set", "k.mset", "k.getset", "k.renewed", "k.relative"})
+    for (const char* key : {"k.stays", "k.negative", "k.persisted", "k.set", "k.mset", "k.getset",
+                            "k.renewed", "k.relative"})
         expect_still_there(key);
     EXPECT_EQ(call({"get", "k.getset"}), bulk("w"));
 
@@ -264,7 +271,8 @@ TEST_F(expiry, comes_when_the_seconds_are_over_and_not_before) {
     EXPECT_EQ(call({"hset", "tessard.run", "pid", "x"}), ":1\r\n");
     EXPECT_EQ(call({"hdel", "tessard.run", "pid"}), ":1\r\n");
 
-    /* The observer hears of values alone: the last thing that was said of any of these keys is a value. */
+    /* The observer hears of values alone: the last thing that was said of any of these keys is a
+     * value. */
     EXPECT_EQ(call({"set", "k.end", "v"}), OK);
     std::string event;
     std::vector<std::string> of_ours;
@@ -273,21 +281,23 @@ TEST_F(expiry, comes_when_the_seconds_are_over_and_not_before) {
         event = observer.frame();
         ASSERT_EQ(event[0], '!') << event;
         ASSERT_LT(now_ms() - asked, LIMIT_MS) << "the last event does not come";
-        if (event.find("\r\nk.") != std::string::npos || event.find("tessard.run") != std::string::npos ||
+        if (event.find("\r\nk.") != std::string::npos ||
+            event.find("tessard.run") != std::string::npos ||
             event.find("fhour.interval") != std::string::npos)
             of_ours.push_back(event);
     } while (event.find("k.end") == std::string::npos);
     const std::string mset = "!3\r\n" + bulk("MSET");
-    std::vector<std::string> after_the_last_expiry(of_ours.end() - std::min<long>(5, std::ssize(of_ours)),
-                                                   of_ours.end());
+    std::vector<std::string> after_the_last_expiry(
+        of_ours.end() - std::min<long>(5, std::ssize(of_ours)), of_ours.end());
     EXPECT_EQ(after_the_last_expiry,
               (words{"!4\r\n" + bulk("HMSET") + bulk("k.1") + bulk("f") + bulk("v"),
                      mset + bulk("k.hash") + bulk("x"),
                      "!4\r\n" + bulk("HMSET") + bulk("tessard.run") + bulk("pid") + bulk("x"),
                      "!3\r\n" + bulk("HDEL") + bulk("tessard.run") + bulk("pid"),
                      mset + bulk("k.end") + bulk("v")}));
-    EXPECT_EQ(std::count_if(of_ours.begin(), of_ours.end(),
-                            [](const std::string& one) { return one.find("DEL\r\n") != std::string::npos; }),
+    EXPECT_EQ(std::count_if(
+                  of_ours.begin(), of_ours.end(),
+                  [](const std::string& one) { return one.find("DEL\r\n") != std::string::npos; }),
               1);
 }
 
@@ -312,8 +322,8 @@ TEST_F(expiry, is_looked_for_once_a_second_and_traced_key_by_key) {
         for (const std::string& key : order)
             give_seconds(key, "1");
     };
-    /* One look finds them all when they got their ends in one second. The trace is compared from its start,
-       so a daemon whose keys a slow machine has set apart gives way to another. */
+    /* One look finds them all when they got their ends in one second. The trace is compared from
+       its start, so a daemon whose keys a slow machine has set apart gives way to another. */
     ASSERT_TRUE(eventually([&] {
         launch_daemon({"-l", "debug", "-f", "stdout"});
         make_keys();
@@ -334,9 +344,11 @@ TEST_F(expiry, is_looked_for_once_a_second_and_traced_key_by_key) {
     expect_gone_after("e.next", 0);
     EXPECT_EQ(call({"setex", "e.kept", "77", "x"}), OK);
 
-    const std::map<std::string, std::string> types = {{"e.a", "string"}, {"e.b", "list"}, {"e.c", "hash"}};
+    const std::map<std::string, std::string> types = {
+        {"e.a", "string"}, {"e.b", "list"}, {"e.c", "hash"}};
     words expected = {"\"e.kept\"(string): set expire-TTL to 4294967295",
-                      "\"e.kept\"(string): remove expire-TTL", "\"e.kept\"(string): remove expire-TTL"};
+                      "\"e.kept\"(string): remove expire-TTL",
+                      "\"e.kept\"(string): remove expire-TTL"};
     for (const std::string& key : order)
         expected.push_back("\"" + key + "\"(" + types.at(key) + "): set expire-TTL to 1");
     for (size_t i = 0; i < order.size(); i++)
@@ -346,9 +358,9 @@ TEST_F(expiry, is_looked_for_once_a_second_and_traced_key_by_key) {
         expected.push_back(who + "expired.");
         expected.push_back(who + "destroyed");
     }
-    for (const char* line :
-         {"\"e.next\"(string): set expire-TTL to 0", "add to expired list", "\"e.next\"(string): expired.",
-          "\"e.next\"(string): destroyed", "\"e.kept\"(string): set expire-TTL to 77"})
+    for (const char* line : {"\"e.next\"(string): set expire-TTL to 0", "add to expired list",
+                             "\"e.next\"(string): expired.", "\"e.next\"(string): destroyed",
+                             "\"e.kept\"(string): set expire-TTL to 77"})
         expected.push_back(line);
     words traced;
     EXPECT_TRUE(eventually([&] {

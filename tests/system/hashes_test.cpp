@@ -2,13 +2,14 @@
  * The hash commands, and the order in which the fields of a hash are shown.
  */
 
+#include <signal.h>
+
+#include <algorithm>
+
 #include "tests/system/model/frames.h"
 #include "tests/system/model/growing_table.h"
 #include "tests/system/support/log_text.h"
 #include "tests/system/support/values_test.h"
-
-#include <algorithm>
-#include <signal.h>
 
 using namespace system_test;
 
@@ -112,7 +113,8 @@ TEST_F(hashes, hget_shows_a_value_or_nil) {
 TEST_F(hashes, hmget_shows_one_value_for_each_argument) {
     call({"hset", "h", "g", "w"});
     EXPECT_EQ(call({"hmget", "h", "g"}), "*1\r\n$1\r\nw\r\n");
-    EXPECT_EQ(call({"hmget", "h", "g", "none", "f", "g"}), "*4\r\n$1\r\nw\r\n$-1\r\n$1\r\nv\r\n$1\r\nw\r\n");
+    EXPECT_EQ(call({"hmget", "h", "g", "none", "f", "g"}),
+              "*4\r\n$1\r\nw\r\n$-1\r\n$1\r\nv\r\n$1\r\nw\r\n");
 }
 
 TEST_F(hashes, hmget_of_what_is_no_hash_is_all_nils) {
@@ -367,7 +369,8 @@ TEST_F(hashes, fields_of_private_keys_are_deleted_too) {
 
 TEST_F(hashes, protected_fields_can_be_written_but_not_deleted) {
     EXPECT_EQ(call({"hdel", "tessard.run", "pid"}), ":0\r\n");
-    EXPECT_EQ(call({"hdel", "tessard.run", "pid", "logfile", "loglevel", "history-iface-algor"}), ":0\r\n");
+    EXPECT_EQ(call({"hdel", "tessard.run", "pid", "logfile", "loglevel", "history-iface-algor"}),
+              ":0\r\n");
     EXPECT_EQ(call({"hlen", "tessard.run"}), ":4\r\n");
     EXPECT_EQ(call({"hget", "tessard.run", "pid"}), "$4\r\nnone\r\n");
     EXPECT_EQ(call({"hset", "tessard.run", "pid", "77"}), ":0\r\n");
@@ -426,8 +429,8 @@ TEST_F(fields_in_order, the_newest_field_of_a_bucket_comes_first) {
     expect_order({"w", "l", "a"});
 }
 
-/* A bucket is emptied from its head, which turns the order of those that stay together. 97, 120 and 51 (the
-   digit 3) leave 5 of 23, and 9, 10 and 7 of 11; 97 and 108 leave 5 and 16 of 23. */
+/* A bucket is emptied from its head, which turns the order of those that stay together. 97, 120 and
+   51 (the digit 3) leave 5 of 23, and 9, 10 and 7 of 11; 97 and 108 leave 5 and 16 of 23. */
 TEST_F(fields_in_order, the_sixth_field_moves_all_to_23_buckets) {
     set_fields({"a", "l", "x", "3", "b"});
     /* 11 buckets: 7 {3}, 9 {l, a}, 10 {b, x} */
@@ -438,8 +441,9 @@ TEST_F(fields_in_order, the_sixth_field_moves_all_to_23_buckets) {
 }
 
 TEST_F(fields_in_order, fields_of_one_bucket_that_move_together_are_turned_round) {
-    /* Two letters have the code 31 * first + second. "bB" has 3104, "c#" and "aa" too have others: what is
-       needed is the same code, which "bB", "c#" have: 98 * 31 + 66 = 3104 = 99 * 31 + 35. */
+    /* Two letters have the code 31 * first + second. "bB" has 3104, "c#" and "aa" too have others:
+       what is needed is the same code, which "bB", "c#" have: 98 * 31 + 66 = 3104 = 99 * 31 + 35.
+     */
     set_fields({"bB", "c#", "1", "2"});
     expect_order({"c#", "bB", "1", "2"});
     set_fields({"4", "5"});
@@ -451,8 +455,8 @@ TEST_F(fields_in_order, fields_of_one_bucket_that_move_together_are_turned_round
     EXPECT_EQ(place("bB") + 1, place("c#"));
 }
 
-/* 0xFF counts as -1, in 32 bits 4294967295, which leaves 3 of 11; 0xFC as -4, 4294967292, which leaves 0. As
-   252 it would leave 10 and come last. */
+/* 0xFF counts as -1, in 32 bits 4294967295, which leaves 3 of 11; 0xFC as -4, 4294967292, which
+   leaves 0. As 252 it would leave 10 and come last. */
 TEST_F(fields_in_order, bytes_above_127_count_as_negative) {
     set_fields({"a", "\xfc", "\xff"});
     expect_order({"\xfc", "\xff", "a"});
@@ -488,8 +492,8 @@ TEST_F(fields_in_order, a_deleted_field_leaves_the_others_where_they_are) {
     EXPECT_EQ(call({"hlen", "k"}), ":0\r\n");
 }
 
-/* a, l, w and W share a bucket of 11 (97, 108, 119, 87 leave 9, 9, 9, 10), so head, middle and end of one
- * chain go. */
+/* a, l, w and W share a bucket of 11 (97, 108, 119, 87 leave 9, 9, 9, 10), so head, middle and end
+ * of one chain go. */
 TEST_F(fields_in_order, head_middle_and_end_of_a_bucket_can_go) {
     for (const char* gone : {"w", "l", "a"}) {
         set_fields({"a", "l", "w"});
@@ -501,8 +505,8 @@ TEST_F(fields_in_order, head_middle_and_end_of_a_bucket_can_go) {
     }
 }
 
-/* Fields that go leave room: the table never shrinks, and grows only when half as many fields as buckets are
- * there. */
+/* Fields that go leave room: the table never shrinks, and grows only when half as many fields as
+ * buckets are there. */
 TEST_F(fields_in_order, the_table_keeps_its_size_when_fields_go) {
     set_fields({"1", "2", "3", "4", "5", "6"});
     EXPECT_EQ(call({"hdel", "k", "1", "2", "3", "4", "5", "6"}), ":6\r\n");
@@ -531,9 +535,10 @@ TEST_F(fields_in_order, one_hmset_gives_the_order_of_many_hsets) {
     EXPECT_EQ(call({"hlen", "k"}), ":200\r\n");
 }
 
-/* Keys stand in a table of the same kind. Those of the daemon itself are there before, and its collectors may
-   add some while the test runs, so only the keys of one hash code are looked at: they stay together whatever
-   happens, and the newest comes first as long as they have not been moved together. */
+/* Keys stand in a table of the same kind. Those of the daemon itself are there before, and its
+   collectors may add some while the test runs, so only the keys of one hash code are looked at:
+   they stay together whatever happens, and the newest comes first as long as they have not been
+   moved together. */
 TEST_F(hashes, keys_of_one_code_stand_in_one_bucket) {
     for (const char* key : {"~bB", "~c#"})
         EXPECT_EQ(call({"hset", key, "f", "v"}), ":1\r\n");
@@ -545,7 +550,8 @@ TEST_F(hashes, keys_of_one_code_stand_in_one_bucket) {
     EXPECT_EQ(std::abs(first - second), 1);
 }
 
-/* The last table has 99793 buckets, of which half may be filled: 49896 fields. One more ends the daemon. */
+/* The last table has 99793 buckets, of which half may be filled: 49896 fields. One more ends the
+ * daemon. */
 TEST_F(hashes, the_field_beyond_the_largest_table_ends_the_daemon) {
     make_large_hash(49896);
     EXPECT_EQ(call({"hlen", "k"}), ":49896\r\n");
@@ -578,10 +584,10 @@ TEST_F(hash_traces, every_written_field_is_traced) {
     client.call({"hincrby", "h", "f", "1"});
     client.call({"hsetnx", "h", "last", "1"});
     const std::string last = "\"h\"(hash): field \"last\" updated to \"1\"";
-    EXPECT_EQ(messages(daemon, last),
-              (words{"\"h\"(hash): field \"f\" updated to \"v\"", "\"h\"(hash): field \"g\" updated to \"1\"",
-                     "\"h\"(hash): field \"f\" updated to \"\"", "\"h\"(hash): field \"g\" updated to \"5\"",
-                     last}));
+    EXPECT_EQ(messages(daemon, last), (words{"\"h\"(hash): field \"f\" updated to \"v\"",
+                                             "\"h\"(hash): field \"g\" updated to \"1\"",
+                                             "\"h\"(hash): field \"f\" updated to \"\"",
+                                             "\"h\"(hash): field \"g\" updated to \"5\"", last}));
 }
 
 /* Deleted in the turned order of the walk, which finds c d e a b. */
@@ -593,9 +599,9 @@ TEST_F(hash_traces, deleted_fields_are_traced_when_they_are_named_and_when_they_
     words found = messages(daemon, "\"h\"(hash): field \"c\" deleted");
     ASSERT_EQ(found.size(), 11U);
     found.erase(found.begin(), found.begin() + 5);
-    EXPECT_EQ(found,
-              (words{"\"h\"(hash): field \"a\" scheduled to be deleted",
-                     "\"h\"(hash): field \"c\" scheduled to be deleted",
-                     "\"h\"(hash): field \"e\" scheduled to be deleted", "\"h\"(hash): field \"a\" deleted",
-                     "\"h\"(hash): field \"e\" deleted", "\"h\"(hash): field \"c\" deleted"}));
+    EXPECT_EQ(found, (words{"\"h\"(hash): field \"a\" scheduled to be deleted",
+                            "\"h\"(hash): field \"c\" scheduled to be deleted",
+                            "\"h\"(hash): field \"e\" scheduled to be deleted",
+                            "\"h\"(hash): field \"a\" deleted", "\"h\"(hash): field \"e\" deleted",
+                            "\"h\"(hash): field \"c\" deleted"}));
 }

@@ -1,20 +1,20 @@
 /*
- * Histories in the running daemon: what a dump keeps of them, what a restart brings back, and that neither
- * files nor clients with ill intent get anywhere.
+ * Histories in the running daemon: what a dump keeps of them, what a restart brings back, and that
+ * neither files nor clients with ill intent get anywhere.
  */
-
-#include "tests/support/big_endian.h"
-#include "tests/system/support/daemon_test.h"
-#include "tests/system/support/log_text.h"
-
-#include <algorithm>
-#include <map>
-#include <optional>
 
 #include <stdio.h>
 #include <stdlib.h>
 #include <time.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <map>
+#include <optional>
+
+#include "tests/support/big_endian.h"
+#include "tests/system/support/daemon_test.h"
+#include "tests/system/support/log_text.h"
 
 using namespace system_test;
 
@@ -27,8 +27,8 @@ const std::string OK = "+OK\r\n";
 /* No processor load is like it. */
 constexpr char MARK = 0x7B;
 
-/* So many records in one file, each decades old, cost no more than this: padded sample by sample they would
- * be thousands of millions. */
+/* So many records in one file, each decades old, cost no more than this: padded sample by sample
+ * they would be thousands of millions. */
 constexpr int OLD_RECORDS = 1000;
 constexpr long OLD_RECORDS_CPU_MS = 3000;
 
@@ -37,7 +37,8 @@ uint32_t seconds() {
 }
 
 std::string record(const std::string& key, const std::string& data) {
-    return be32(static_cast<uint32_t>(key.size())) + key + be32(static_cast<uint32_t>(data.size())) + data;
+    return be32(static_cast<uint32_t>(key.size())) + key +
+           be32(static_cast<uint32_t>(data.size())) + data;
 }
 
 /* What a history must hold, found the plain way. */
@@ -173,7 +174,8 @@ TEST_F(histories, a_restart_brings_day_week_and_month_back_with_the_gap_padded) 
 
     /* Rings not yet full, just full, and full and turned. */
     std::map<std::string, ring> rings;
-    for (const auto& [base, size] : {std::pair("cpu", 1u), {"host", 4u}, {"conn", 4u}, {"eth0", 16u}}) {
+    for (const auto& [base, size] :
+         {std::pair("cpu", 1u), {"host", 4u}, {"conn", 4u}, {"eth0", 16u}}) {
         rings.emplace(base + std::string(".day"), ring_of(DAY, size).fill(5));
         rings.emplace(base + std::string(".week"), ring_of(WEEK, size).fill(420));
         rings.emplace(base + std::string(".mon"), ring_of(MONTH, size).fill(903));
@@ -191,14 +193,16 @@ TEST_F(histories, a_restart_brings_day_week_and_month_back_with_the_gap_padded) 
     ASSERT_EQ(client->call({"set", "nobody.day", "has no series"}), OK);
     file = dump("*");
     for (const auto& [key, expected] : rings)
-        EXPECT_NE(file.find(record(key, expected.data(word_at(get(key), 0)))), std::string::npos) << key;
+        EXPECT_NE(file.find(record(key, expected.data(word_at(get(key), 0)))), std::string::npos)
+            << key;
     EXPECT_EQ(file.find("nobody.day"), std::string::npos) << "a history's name without a history";
     size_t plain = file.find(be32(7) + "cpu.10m" + be32(620));
     ASSERT_NE(plain, std::string::npos);
     file.replace(plain + 15, 620, 620, MARK);
     EXPECT_NE(file.find(be32(9) + "ping.snap" + be32(400)), std::string::npos);
 
-    /* The daemon was down for 10000 seconds: 27 periods of a day's history, 6 of a week's, 3 of a month's. */
+    /* The daemon was down for 10000 seconds: 27 periods of a day's history, 6 of a week's, 3 of a
+     * month's. */
     daemon->stop();
     for (const auto& [key, expected] : rings) {
         size_t at = file.find(be32(static_cast<uint32_t>(key.size())) + key) + 8 + key.size();
@@ -236,7 +240,8 @@ TEST_F(histories, a_restart_brings_day_week_and_month_back_with_the_gap_padded) 
     EXPECT_EQ(word_at(value, 12), head);
     EXPECT_GE(head, before + 2);
     value.erase(0, 20);
-    /* How many samples there were when the file was loaded: it lies between what was seen before and after.
+    /* How many samples there were when the file was loaded: it lies between what was seen before
+     * and after.
      */
     size_t at_load = value.find_first_not_of(MARK);
     EXPECT_GE(at_load, before);
@@ -254,19 +259,21 @@ TEST_F(histories, time_stamps_of_any_age_cost_no_more_than_the_ring) {
         int64_t seconds;
     };
     uint32_t now = seconds();
-    for (const age& a : std::vector<age>{{0, now},
-                                         {1, now - 1},
-                                         {now - 1000000000, 1000000000},
-                                         {now - 5, 0},
-                                         {now + 1000, 0},
-                                         {now + 1000000000, 0},
-                                         /* Differences have 32 bits: this one is as old as the epoch. */
-                                         {0xFFFFFFFF, int64_t{now} + 1}}) {
+    for (const age& a :
+         std::vector<age>{{0, now},
+                          {1, now - 1},
+                          {now - 1000000000, 1000000000},
+                          {now - 5, 0},
+                          {now + 1000, 0},
+                          {now + 1000000000, 0},
+                          /* Differences have 32 bits: this one is as old as the epoch. */
+                          {0xFFFFFFFF, int64_t{now} + 1}}) {
         ring day = ring_of(DAY, 1).fill(7);
         ring week = ring_of(WEEK, 4).fill(500);
         ring month = ring_of(MONTH, 16).fill(0);
         uint32_t since = seconds();
-        ASSERT_EQ(load(record("cpu.day", day.data(a.stamp)) + record("host.week", week.data(a.stamp)) +
+        ASSERT_EQ(load(record("cpu.day", day.data(a.stamp)) +
+                       record("host.week", week.data(a.stamp)) +
                        record("eth0.mon", month.data(a.stamp))),
                   ":0\r\n");
         for (auto& [key, expected] :
@@ -310,7 +317,8 @@ TEST_F(histories, records_that_do_not_fit_change_nothing) {
         bytes += record("host.day", (head + be32(1) + be32(1)).substr(0, length));
     bytes += record("host.day", head + be32(1) + be32(1) + std::string(961, 'x'));
     bytes += record("host.days", head + be32(1) + be32(1) + "abcd");
-    bytes += record("conn.weekend", "abcd") + record("tessard.run.day", "abcd") + record(".mon", "");
+    bytes +=
+        record("conn.weekend", "abcd") + record("tessard.run.day", "abcd") + record(".mon", "");
     EXPECT_EQ(load(bytes), ":0\r\n");
     EXPECT_EQ(get("host.day"), before);
     EXPECT_EQ(client->call({"exists", "host.days"}), ":0\r\n");
@@ -335,7 +343,8 @@ TEST_F(histories, clients_may_overwrite_a_ring_and_harm_nothing_but_it) {
         EXPECT_EQ(dump("conn.day"), record("conn.day", value));
     }
     EXPECT_EQ(client->call({"set", "conn.day", std::string(5000, 'w')}), OK);
-    EXPECT_EQ(dump("conn.day"), record("conn.day", std::string(44, 'w'))) << "header and six samples";
+    EXPECT_EQ(dump("conn.day"), record("conn.day", std::string(44, 'w')))
+        << "header and six samples";
     EXPECT_EQ(client->call({"set", "conn.day", std::string(43, 'v')}), OK);
     EXPECT_EQ(load(record("conn.day", expected.data(seconds()))), ":0\r\n");
     EXPECT_EQ(get("conn.day"), std::string(43, 'v')) << "shorter than the record";
@@ -365,7 +374,8 @@ TEST_F(histories, clients_may_overwrite_a_ring_and_harm_nothing_but_it) {
     EXPECT_EQ(value.size(), 600u);
     EXPECT_GE(std::count(value.begin(), value.end(), '\0'), 2);
     EXPECT_LE(static_cast<uint32_t>(std::count(value.begin(), value.end(), '\0')), ticks + 1);
-    EXPECT_EQ(std::count(value.begin(), value.end(), '\0') + std::count(value.begin(), value.end(), MARK),
+    EXPECT_EQ(std::count(value.begin(), value.end(), '\0') +
+                  std::count(value.begin(), value.end(), MARK),
               600);
 
     /* A history's key can expire like any other, and what comes in its place is no history. */

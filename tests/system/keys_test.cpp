@@ -1,17 +1,18 @@
 /*
- * The keyspace as clients see it: which keys there are and of what type, what deletion does and what it
- * leaves alone, the keys that are there from the start. What happens to keys as time passes is tested with
- * the expiry.
+ * The keyspace as clients see it: which keys there are and of what type, what deletion does and
+ * what it leaves alone, the keys that are there from the start. What happens to keys as time passes
+ * is tested with the expiry.
  */
 
-#include "tests/system/model/frames.h"
-#include "tests/system/support/daemon_test.h"
-
-#include <algorithm>
 #include <stdint.h>
 #include <stdlib.h>
 #include <sys/time.h>
 #include <time.h>
+
+#include <algorithm>
+
+#include "tests/system/model/frames.h"
+#include "tests/system/support/daemon_test.h"
 
 using namespace system_test;
 
@@ -39,7 +40,8 @@ uint32_t now_seconds() {
     return static_cast<uint32_t>(time(nullptr));
 }
 
-/* By the clock that the daemon looks for expired keys with; the other may be a tick of the kernel behind. */
+/* By the clock that the daemon looks for expired keys with; the other may be a tick of the kernel
+ * behind. */
 uint32_t now_seconds_exactly() {
     timeval now = {};
     gettimeofday(&now, nullptr);
@@ -59,8 +61,8 @@ class keys : public client_test {
         return found;
     }
 
-    /* The reply is the number of seconds from then until the end, counted in 32 bits; the clock may have
-       moved on between the setting and the question. */
+    /* The reply is the number of seconds from then until the end, counted in 32 bits; the clock may
+       have moved on between the setting and the question. */
     void expect_ttl(const std::string& key, uint32_t end_from, uint32_t end_to) {
         uint32_t asked = now_seconds();
         std::string reply = call({"ttl", key});
@@ -82,9 +84,11 @@ class keys : public client_test {
         EXPECT_EQ(call({"persist", "k"}), ":1\r\n");
     }
 
-    /* Makes the key and sends the requests, anew until they have all fallen into one second of the clock: a
-       key with an absolute time goes with the second in which it got it. Tells that second. */
-    words replies_in_one_second(const words& make, const std::vector<words>& requests, uint32_t* second) {
+    /* Makes the key and sends the requests, anew until they have all fallen into one second of the
+       clock: a key with an absolute time goes with the second in which it got it. Tells that
+       second. */
+    words replies_in_one_second(const words& make, const std::vector<words>& requests,
+                                uint32_t* second) {
         words replies;
         const bool done = eventually([&] {
             call({"del", make[1]});
@@ -115,7 +119,8 @@ class keys : public client_test {
         EXPECT_EQ(call({"hset", "k.hash", "f", "v"}), ":1\r\n");
     }
 
-    /* The next event about a key that a test made. The daemon's own figures are announced in between. */
+    /* The next event about a key that a test made. The daemon's own figures are announced in
+     * between. */
     static std::string next_event(resp_client& observer) {
         const long end = now_ms() + LIMIT_MS;
         while (now_ms() < end) {
@@ -143,15 +148,16 @@ TEST_F(keys, are_listed_as_an_empty_array_when_none_matches) {
 }
 
 TEST_F(keys, are_listed_in_the_order_of_their_hash) {
-    /* The sum of bytes times powers of 31 gives p.a, p.b and p.c the hashes 109155 to 109157, which are
-       neighbours in a table of 11, 23, 97 and 397 buckets alike. */
+    /* The sum of bytes times powers of 31 gives p.a, p.b and p.c the hashes 109155 to 109157, which
+       are neighbours in a table of 11, 23, 97 and 397 buckets alike. */
     for (const char* key : {"p.c", "p.a", "p.b"})
         EXPECT_EQ(call({"set", key, "v"}), OK);
     EXPECT_EQ(call({"keys", "p.*"}), bulks({"p.a", "p.b", "p.c"}));
 }
 
 TEST_F(keys, of_one_bucket_are_listed_newest_first) {
-    /* So many keys that the table is large enough for all that follows: growing turns a bucket round. */
+    /* So many keys that the table is large enough for all that follows: growing turns a bucket
+     * round. */
     for (int i = 0; i < 120; i++)
         EXPECT_EQ(call({"set", "fill." + std::to_string(i), "v"}), OK);
     /* "Aa" and "BB" have the same hash, and so has every word made of them. */
@@ -343,7 +349,8 @@ TEST_F(keys, that_are_deleted_are_announced_to_nobody) {
 }
 
 TEST_F(keys, that_are_deleted_set_nothing_else_in_motion) {
-    /* A report is folded in whenever the key is written; entry 1 begins with max, min, avg, total, loss. */
+    /* A report is folded in whenever the key is written; entry 1 begins with max, min, avg, total,
+     * loss. */
     const std::string report = "id=1,max=4,min=2,avg=3,total=10,loss=1";
     const std::string entry("\0\0\0\4\0\0\0\2\0\0\0\3\0\0\0\12\0\0\0\1", 20);
     EXPECT_EQ(call({"set", "ping.data", report}), OK);
@@ -491,7 +498,8 @@ TEST_F(keys, take_absolute_times_of_32_bits) {
 TEST_F(keys, have_the_latest_of_several_expiries) {
     uint32_t now = 0;
     words replies = replies_in_one_second(
-        {"set", "k", "v"}, {{"expireat", "k", "2000000000"}, {"expire", "k", "1000"}, {"ttl", "k"}}, &now);
+        {"set", "k", "v"}, {{"expireat", "k", "2000000000"}, {"expire", "k", "1000"}, {"ttl", "k"}},
+        &now);
     EXPECT_EQ(replies, (words{":1\r\n", ":1\r\n", ":1000\r\n"}));
 
     uint32_t before = now_seconds();
@@ -499,7 +507,8 @@ TEST_F(keys, have_the_latest_of_several_expiries) {
     expect_ttl("k", before + 2000, now_seconds() + 2000);
 
     replies = replies_in_one_second(
-        {"set", "k", "v"}, {{"expire", "k", "2000"}, {"expireat", "k", "2100000000"}, {"ttl", "k"}}, &now);
+        {"set", "k", "v"}, {{"expire", "k", "2000"}, {"expireat", "k", "2100000000"}, {"ttl", "k"}},
+        &now);
     EXPECT_EQ(replies, (words{":1\r\n", ":1\r\n", seconds_reply(2100000000 - now)}));
 }
 
@@ -508,10 +517,12 @@ TEST_F(keys, are_persisted_by_a_new_value_and_keep_their_expiry_when_they_are_ch
         words change;
         bool keeps;
     } cases[] = {
-        {{"set", "k", "1"}, false},     {{"getset", "k", "1"}, false}, {{"mset", "k", "1"}, false},
-        {{"append", "k", "1"}, true},   {{"incr", "k"}, true},         {{"decr", "k"}, true},
-        {{"incrby", "k", "5"}, true},   {{"decrby", "k", "5"}, true},  {{"setnx", "k", "1"}, true},
-        {{"msetnx", "k", "1"}, true},   {{"get", "k"}, true},          {{"setex", "k", "abc", "1"}, true},
+        {{"set", "k", "1"}, false},     {{"getset", "k", "1"}, false},
+        {{"mset", "k", "1"}, false},    {{"append", "k", "1"}, true},
+        {{"incr", "k"}, true},          {{"decr", "k"}, true},
+        {{"incrby", "k", "5"}, true},   {{"decrby", "k", "5"}, true},
+        {{"setnx", "k", "1"}, true},    {{"msetnx", "k", "1"}, true},
+        {{"get", "k"}, true},           {{"setex", "k", "abc", "1"}, true},
         {{"incrby", "k", "abc"}, true},
     };
     for (const auto& one : cases) {

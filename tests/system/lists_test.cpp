@@ -1,13 +1,13 @@
 /*
- * The list commands: pushing and popping at both ends, the cap and what it drops, indexes and ranges, and
- * that no number in a request decides how long the daemon works.
+ * The list commands: pushing and popping at both ends, the cap and what it drops, indexes and
+ * ranges, and that no number in a request decides how long the daemon works.
  */
+
+#include <utility>
 
 #include "tests/system/model/frames.h"
 #include "tests/system/support/log_text.h"
 #include "tests/system/support/values_test.h"
-
-#include <utility>
 
 using namespace system_test;
 
@@ -55,7 +55,8 @@ class list_costs : public lists {
         }
     }
 
-    /* What a request may use: far less than a walk for each item, or to a number of 31 bits, would take. */
+    /* What a request may use: far less than a walk for each item, or to a number of 31 bits, would
+     * take. */
     static long most_ms() {
         return sandbox::emulator().empty() && !SANITIZED ? 500 : 5000;
     }
@@ -226,8 +227,9 @@ TEST_F(lists, lindex_counts_from_either_end) {
 }
 
 TEST_F(lists, lindex_beyond_either_end_is_nil) {
-    for (const char* index : {"3", "5", "-4", "2147483647", "-2147483648", "2147483648", "-2147483649",
-                              "4294967296", "-4294967297", "9223372036854775807", "-99999999999999999999"})
+    for (const char* index :
+         {"3", "5", "-4", "2147483647", "-2147483648", "2147483648", "-2147483649", "4294967296",
+          "-4294967297", "9223372036854775807", "-99999999999999999999"})
         EXPECT_EQ(call({"lindex", "l", index}), "$-1\r\n") << index;
 }
 
@@ -560,7 +562,8 @@ TEST_F(list_costs, an_item_near_either_end_is_found_from_there) {
     /* A walk from the other end for each request would take about a second. */
     for (const auto& [index, item] :
          {std::pair("9", "9"), {"-60000", "0"}, {"-1", "59999"}, {"59990", "59990"}})
-        EXPECT_LT(cost_of(times, {"lindex", "big", index}, bulk_frame(item)), 3 * in_short_list + 100)
+        EXPECT_LT(cost_of(times, {"lindex", "big", index}, bulk_frame(item)),
+                  3 * in_short_list + 100)
             << index;
 }
 
@@ -612,8 +615,9 @@ TEST_F(list_traces, pushes_show_the_new_end_and_pops_what_was_taken) {
     }));
     EXPECT_EQ(found, (words{"\"k\"(list): lpush to \"a\"", "\"k\"(list): lpush to \"b\"",
                             "\"k\"(list): rpush to \"c\"", "\"k\"(list): rpush to \"d\"",
-                            "\"k\"(list): lpush to \"f\"", "\"k\"(list): lpop \"f\"", "[POP]  destrog (f)",
-                            "\"k\"(list): rpush to \"g\"", "\"k\"(list): rpop \"g\"", "[POP]  destrog (g)"}));
+                            "\"k\"(list): lpush to \"f\"", "\"k\"(list): lpop \"f\"",
+                            "[POP]  destrog (f)", "\"k\"(list): rpush to \"g\"",
+                            "\"k\"(list): rpop \"g\"", "[POP]  destrog (g)"}));
 }
 
 TEST_F(list_traces, ranges_show_their_numbers_as_they_were_read) {
@@ -631,7 +635,8 @@ TEST_F(list_traces, ranges_show_their_numbers_as_they_were_read) {
         found = log_messages(daemon.out(), {"start with ("});
         return found.size() >= 4;
     }));
-    EXPECT_EQ(found,
-              (words{"start with (1) and stop with (5).", "start with (-1) and stop with (-2147483648).",
-                     "start with (0) and stop with (0).", "start with (0) and stop with (2147483647)."}));
+    EXPECT_EQ(
+        found,
+        (words{"start with (1) and stop with (5).", "start with (-1) and stop with (-2147483648).",
+               "start with (0) and stop with (0).", "start with (0) and stop with (2147483647)."}));
 }

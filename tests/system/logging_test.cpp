@@ -1,12 +1,8 @@
 /*
- * The log as it can be reached from the command line: levels, the form of a record, the file that is a ring,
- * standard output, and a socket that stands where the file would be.
+ * The log as it can be reached from the command line: levels, the form of a record, the file that
+ * is a ring, standard output, and a socket that stands where the file would be.
  */
 
-#include "tests/system/support/daemon_test.h"
-#include "tests/system/support/log_text.h"
-
-#include <algorithm>
 #include <poll.h>
 #include <stdlib.h>
 #include <sys/socket.h>
@@ -14,6 +10,11 @@
 #include <sys/un.h>
 #include <time.h>
 #include <unistd.h>
+
+#include <algorithm>
+
+#include "tests/system/support/daemon_test.h"
+#include "tests/system/support/log_text.h"
 
 using namespace system_test;
 
@@ -24,8 +25,8 @@ const size_t RING = 31744;
 
 class log_levels : public daemon_test {
   protected:
-    /* What one client's doings leave in the log: debug (traces), info (the start) and warn (a second
-     * "observe"). */
+    /* What one client's doings leave in the log: debug (traces), info (the start) and warn (a
+     * second "observe"). */
     std::vector<std::string> levels_logged(const std::vector<std::string>& options) {
         process& daemon = start(options);
         resp_client client;
@@ -124,7 +125,8 @@ TEST_F(log_levels, each_level_shows_itself_and_what_is_graver) {
 
 TEST_F(log_levels, a_level_is_known_by_its_beginning_in_any_case) {
     EXPECT_EQ(levels_logged({"-l", "Warning"}), (levels{"warn  *** "}));
-    EXPECT_EQ(levels_logged({"-l", "debugging"}), (levels{"debug *** ", "info  *** ", "warn  *** "}));
+    EXPECT_EQ(levels_logged({"-l", "debugging"}),
+              (levels{"debug *** ", "info  *** ", "warn  *** "}));
     EXPECT_EQ(levels_logged({"-lERRORS"}), (levels{}));
     EXPECT_EQ(levels_logged({"--loglevel=WaRn"}), (levels{"warn  *** "}));
 }
@@ -136,7 +138,8 @@ TEST_F(log_levels, an_unknown_level_is_info) {
 
 TEST_F(log_levels, the_last_level_counts) {
     EXPECT_EQ(levels_logged({"-l", "debug", "-l", "error"}), (levels{}));
-    EXPECT_EQ(levels_logged({"-l", "error", "-l", "nonsense"}), (levels{"info  *** ", "warn  *** "}));
+    EXPECT_EQ(levels_logged({"-l", "error", "-l", "nonsense"}),
+              (levels{"info  *** ", "warn  *** "}));
 }
 
 TEST_F(log_targets, without_an_option_the_log_is_the_file) {
@@ -191,11 +194,13 @@ TEST_F(log_targets, syslog_discards_everything) {
 }
 
 TEST_F(log_targets, any_other_target_leaves_the_log_on_its_file) {
-    for (const char* target : {"/tmp/x.log", "STDOUT", "Syslog", "stderr", "stdout ", "localhost:7200",
-                               "unix:///tmp/x.sock", "tcp://127.0.0.1:7200", "udp://127.0.0.1:7200", ""}) {
+    for (const char* target :
+         {"/tmp/x.log", "STDOUT", "Syslog", "stderr", "stdout ", "localhost:7200",
+          "unix:///tmp/x.sock", "tcp://127.0.0.1:7200", "udp://127.0.0.1:7200", ""}) {
         SCOPED_TRACE(target);
         process& daemon = start({"-f", target});
-        EXPECT_EQ(log_messages(read_file(LOG_FILE)), std::vector<std::string>{started_line(daemon)});
+        EXPECT_EQ(log_messages(read_file(LOG_FILE)),
+                  std::vector<std::string>{started_line(daemon)});
         EXPECT_EQ(daemon.out(), "");
         EXPECT_FALSE(file_exists("/tmp/x.log"));
         daemon.stop();
@@ -262,7 +267,8 @@ TEST_F(log_file, the_time_stamp_is_local_time) {
     std::vector<log_record> records = parse_log(read_file(LOG_FILE));
     ASSERT_EQ(records.size(), 1u);
     tm parts = {};
-    ASSERT_NE(strptime(records[0].stamp.c_str(), "%Y-%m-%d %H:%M:%S ", &parts), nullptr) << records[0].stamp;
+    ASSERT_NE(strptime(records[0].stamp.c_str(), "%Y-%m-%d %H:%M:%S ", &parts), nullptr)
+        << records[0].stamp;
     time_t stamped = timegm(&parts) - (5 * 3600 + 30 * 60);
     EXPECT_GE(stamped, before);
     EXPECT_LE(stamped, time(nullptr));
@@ -325,8 +331,8 @@ TEST_F(log_file, a_record_that_is_larger_than_the_ring_is_written_whole) {
     EXPECT_TRUE(client.send(request_frame({"set", "k", value})));
     daemon.resume();
     EXPECT_EQ(client.frame(), "+OK\r\n");
-    /* Two records ran past the mark, the request's and the change's; each time the next one began the file
-       anew. The end of the first of them, which reached farthest, is still there. */
+    /* Two records ran past the mark, the request's and the change's; each time the next one began
+       the file anew. The end of the first of them, which reached farthest, is still there. */
     const std::string last = "debug *** Replied to client(\"anynomous0\"): \n+OK\r\n\n";
     std::string text = read_file(LOG_FILE);
     EXPECT_EQ(text.substr(20, last.size()), last);
@@ -355,7 +361,8 @@ TEST_F(log_socket, records_follow_as_they_are_written) {
     resp_client client;
     for (int i = 0; i < 20; i++) {
         EXPECT_EQ(client.call({"hello", "name" + std::to_string(i)}), "+OK\r\n");
-        EXPECT_TRUE(receives("Replied to client(\"name" + std::to_string(i) + "\"): \n+OK\r\n\033[0m\n"));
+        EXPECT_TRUE(
+            receives("Replied to client(\"name" + std::to_string(i) + "\"): \n+OK\r\n\033[0m\n"));
     }
 }
 
@@ -409,7 +416,8 @@ TEST_F(log_socket, a_reader_that_does_not_read_holds_up_nobody) {
     ASSERT_TRUE(take_stream());
     resp_client client;
     EXPECT_EQ(client.call({"set", "k", std::string(1000, 'v')}), "+OK\r\n");
-    /* Each round writes more than a kilobyte into the log, far beyond what the kernel holds for the reader.
+    /* Each round writes more than a kilobyte into the log, far beyond what the kernel holds for the
+     * reader.
      */
     for (int i = 0; i < 1000; i++)
         ASSERT_EQ(client.call({"strlen", std::string(1000, 'x')}), ":0\r\n");

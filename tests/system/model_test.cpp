@@ -1,17 +1,18 @@
 /*
- * The daemon against the model: the same random commands go to both, and every reply and every pushed frame
- * must be the same. A disagreement is shown with the commands that led to it; the seed stands in the test's
- * name.
+ * The daemon against the model: the same random commands go to both, and every reply and every
+ * pushed frame must be the same. A disagreement is shown with the commands that led to it; the seed
+ * stands in the test's name.
  */
 
-#include "tests/system/model/frames.h"
-#include "tests/system/model/random_commands.h"
-#include "tests/system/support/daemon_test.h"
+#include <strings.h>
 
 #include <algorithm>
 #include <deque>
 #include <set>
-#include <strings.h>
+
+#include "tests/system/model/frames.h"
+#include "tests/system/model/random_commands.h"
+#include "tests/system/support/daemon_test.h"
 
 using namespace system_test;
 
@@ -32,7 +33,8 @@ size_t command_count() {
 std::string printable(const std::vector<std::string>& words) {
     std::string line;
     for (const std::string& word : words)
-        line += ::testing::PrintToString(word.size() > 60 ? word.substr(0, 60) + "..." : word) + " ";
+        line +=
+            ::testing::PrintToString(word.size() > 60 ? word.substr(0, 60) + "..." : word) + " ";
     return line;
 }
 
@@ -57,8 +59,9 @@ class random_commands_test : public daemon_test, public ::testing::WithParamInte
         return others;
     }
 
-    /* Starts a daemon and fills it and a model with most keys. The order of keys depends on how many there
-       were at each moment, so when the daemon's own collectors added keys meanwhile all is begun anew. */
+    /* Starts a daemon and fills it and a model with most keys. The order of keys depends on how
+       many there were at each moment, so when the daemon's own collectors added keys meanwhile all
+       is begun anew. */
     void fill_both() {
         for (int attempt = 0; attempt < 5; attempt++) {
             process& daemon = start();

@@ -1,19 +1,20 @@
 /*
- * Observation: what is announced, to whom, in which order, and what becomes of observers that leave or do not
- * read.
+ * Observation: what is announced, to whom, in which order, and what becomes of observers that leave
+ * or do not read.
  */
 
-#include "tests/system/model/frames.h"
-#include "tests/system/support/daemon_test.h"
-#include "tests/system/support/log_text.h"
-
-#include <algorithm>
 #include <poll.h>
 #include <string.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
+
+#include <algorithm>
+
+#include "tests/system/model/frames.h"
+#include "tests/system/support/daemon_test.h"
+#include "tests/system/support/log_text.h"
 
 using namespace system_test;
 
@@ -68,8 +69,8 @@ class watched_clients {
         return std::string(chunk, got > 0 ? static_cast<size_t>(got) : 0);
     }
 
-    /* Reads everything and returns which clients got something since the last call, in order of the first
-       byte. What they got is added to the texts. */
+    /* Reads everything and returns which clients got something since the last call, in order of the
+       first byte. What they got is added to the texts. */
     std::vector<size_t> who_heard(std::vector<std::string>* texts) {
         std::vector<size_t> order;
         epoll_event events[64];
@@ -124,12 +125,14 @@ class observing : public daemon_test {
         EXPECT_EQ(heard(observer, 0), "");
     }
 
-    /* Makes changes of 10,000 bytes, which the readers read, until the slow observer is closed or 3 MB were
-       announced. Returns all that was announced. */
-    std::string announce_until_closed(const resp_client& slow, const std::vector<resp_client*>& readers) {
+    /* Makes changes of 10,000 bytes, which the readers read, until the slow observer is closed or 3
+       MB were announced. Returns all that was announced. */
+    std::string announce_until_closed(const resp_client& slow,
+                                      const std::vector<resp_client*>& readers) {
         std::string announced;
         for (int i = 0; announced.size() < 3000000 && !slow.hung_up() && !HasFailure(); i++) {
-            const std::string value = std::string(10000, static_cast<char>('a' + i % 26)) + std::to_string(i);
+            const std::string value =
+                std::string(10000, static_cast<char>('a' + i % 26)) + std::to_string(i);
             EXPECT_EQ(call({"set", "large", value}), "+OK\r\n");
             const std::string frame = event_frame({"MSET", "large", value});
             for (resp_client* reader : readers)
@@ -156,9 +159,10 @@ class order_of_notification : public daemon_test {
             clients.connect_one();
     }
 
-    /* The clients that hear of a change by the client, in order, the answer included. A try into which one of
-       the daemon's own figures came is made again. */
-    std::vector<size_t> order_when_changed_by(size_t client, const words& request = {"set", "k", "v"}) {
+    /* The clients that hear of a change by the client, in order, the answer included. A try into
+       which one of the daemon's own figures came is made again. */
+    std::vector<size_t> order_when_changed_by(size_t client,
+                                              const words& request = {"set", "k", "v"}) {
         for (int attempt = 0; attempt < 10; attempt++) {
             std::vector<std::string> texts;
             clients.who_heard(&texts);
@@ -234,7 +238,8 @@ TEST_F(observing, mset_announces_each_key_by_itself_in_the_order_of_the_argument
 }
 
 TEST_F(observing, a_key_that_mset_names_twice_is_announced_once_with_its_last_value) {
-    expect({"mset", "a", "1", "b", "2", "a", "3"}, "+OK\r\n", {{"MSET", "a", "3"}, {"MSET", "b", "2"}});
+    expect({"mset", "a", "1", "b", "2", "a", "3"}, "+OK\r\n",
+           {{"MSET", "a", "3"}, {"MSET", "b", "2"}});
     expect({"msetnx", "c", "1", "c", "2"}, ":1\r\n", {{"MSET", "c", "2"}});
     /* Nothing is left waiting. */
     expect({"set", "a", "4"}, "+OK\r\n", {{"MSET", "a", "4"}});
@@ -272,7 +277,8 @@ TEST_F(observing, hmset_is_one_event_in_the_order_of_the_fields_of_the_hash) {
     expect({"hmset", "h", "a", "1", "b", "2", "c", "3", "d", "4", "e", "5"}, "+OK\r\n",
            {{"HMSET", "h", "c", "3", "d", "4", "e", "5", "a", "1", "b", "2"}});
     expect({"hmset", "h", "b", "6", "e", "7"}, "+OK\r\n", {{"HMSET", "h", "e", "7", "b", "6"}});
-    expect({"hmset", "h", "b", "8", "c", "9", "b", "10"}, "+OK\r\n", {{"HMSET", "h", "c", "9", "b", "10"}});
+    expect({"hmset", "h", "b", "8", "c", "9", "b", "10"}, "+OK\r\n",
+           {{"HMSET", "h", "c", "9", "b", "10"}});
 }
 
 TEST_F(observing, hdel_is_one_event_in_the_order_of_the_fields_of_the_hash) {
@@ -372,7 +378,8 @@ TEST_F(observing, a_frame_of_more_than_may_wait_closes_its_observers) {
     let_it_catch_up(issuer);
     const std::string piece(30000, 'x');
     for (size_t i = 1; i <= 100; i++)
-        EXPECT_EQ(call({"append", "large", piece}), ":" + std::to_string(i * piece.size()) + "\r\n");
+        EXPECT_EQ(call({"append", "large", piece}),
+                  ":" + std::to_string(i * piece.size()) + "\r\n");
     resp_client other = new_observer();
     observer = new_observer();
     EXPECT_EQ(call({"append", "large", "y"}), ":3000001\r\n");
@@ -452,10 +459,12 @@ TEST_F(observing, asking_again_is_warned_of_with_the_name_of_the_client) {
     EXPECT_EQ(observer.call({"observe"}), "+OK\r\n");
     EXPECT_EQ(observer.call({"hello", "panel"}), "+OK\r\n");
     EXPECT_EQ(observer.call({"observe"}), "+OK\r\n");
-    EXPECT_TRUE(eventually([&] { return log_messages(daemon->out(), {"redundantly"}).size() == 2; }));
+    EXPECT_TRUE(
+        eventually([&] { return log_messages(daemon->out(), {"redundantly"}).size() == 2; }));
     /* The first client that sent anything was the observer. */
-    EXPECT_EQ(log_messages(daemon->out(), {"redundantly"}),
-              (words{"client(\"anynomous0\") redundantly watch", "client(\"panel\") redundantly watch"}));
+    EXPECT_EQ(
+        log_messages(daemon->out(), {"redundantly"}),
+        (words{"client(\"anynomous0\") redundantly watch", "client(\"panel\") redundantly watch"}));
     for (const log_record& record : parse_log(daemon->out()))
         EXPECT_EQ(record.level, "warn  *** ");
 }
@@ -487,14 +496,16 @@ TEST_F(observing, nothing_is_traced_of_frames_while_nobody_observes) {
     let_it_catch_up(issuer);
     const size_t before = log_messages(daemon->out(), {"notified clients with"}).size();
     EXPECT_EQ(call({"set", "k", "v"}), "+OK\r\n");
-    EXPECT_TRUE(eventually([&] { return !log_messages(daemon->out(), {"updated to \"v\""}).empty(); }));
+    EXPECT_TRUE(
+        eventually([&] { return !log_messages(daemon->out(), {"updated to \"v\""}).empty(); }));
     let_it_catch_up(issuer);
     EXPECT_EQ(log_messages(daemon->out(), {"notified clients with"}).size(), before);
 }
 
 /* --- In which order --- */
 
-TEST_F(order_of_notification, the_most_recent_observer_hears_first_and_the_issuer_is_answered_last) {
+TEST_F(order_of_notification,
+       the_most_recent_observer_hears_first_and_the_issuer_is_answered_last) {
     observe({0, 1, 2});
     EXPECT_EQ(order_when_changed_by(4), (order{2, 1, 0, 4}));
     EXPECT_EQ(order_when_changed_by(3, {"hset", "h", "f", "v"}), (order{2, 1, 0, 3}));
@@ -611,22 +622,24 @@ TEST_F(observing, an_observer_that_reads_late_gets_everything_in_order) {
     std::string announced;
     /* Less than a megabyte: nothing is lost even if the kernel takes none of it. */
     for (int i = 0; i < 95; i++) {
-        const std::string value = std::string(10000, static_cast<char>('a' + i % 26)) + std::to_string(i);
+        const std::string value =
+            std::string(10000, static_cast<char>('a' + i % 26)) + std::to_string(i);
         EXPECT_EQ(call({"set", "large", value}), "+OK\r\n");
         EXPECT_EQ(next_frame(observer), event_frame({"MSET", "large", value}));
     }
     EXPECT_FALSE(late.hung_up());
     for (int i = 0; i < 95; i++) {
-        const std::string value = std::string(10000, static_cast<char>('a' + i % 26)) + std::to_string(i);
+        const std::string value =
+            std::string(10000, static_cast<char>('a' + i % 26)) + std::to_string(i);
         EXPECT_EQ(next_frame(late), event_frame({"MSET", "large", value}));
     }
     EXPECT_EQ(call({"set", "k", "v"}), "+OK\r\n");
     EXPECT_EQ(next_frame(late), event_frame({"MSET", "k", "v"}));
 }
 
-/* The daemon finds the sockets closed in the middle of telling them, when the issuer is served before they
-   are, or has just closed them itself, when they are served first: it goes through its clients in the order
-   of connecting. */
+/* The daemon finds the sockets closed in the middle of telling them, when the issuer is served
+   before they are, or has just closed them itself, when they are served first: it goes through its
+   clients in the order of connecting. */
 TEST_F(observing, observers_that_close_just_before_a_change_harm_nobody) {
     for (const bool issuer_is_served_first : {true, false})
         for (unsigned gone = 1; gone < 16; gone++) {

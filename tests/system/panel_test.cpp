@@ -1,18 +1,19 @@
 /*
- * The front panel as the device shows it: a driver node or a serial port of the test's own, looked after by
- * the real daemon every three seconds.
+ * The front panel as the device shows it: a driver node or a serial port of the test's own, looked
+ * after by the real daemon every three seconds.
  *
- * The made-up /proc has no figures of the processor and the memory, so those keys are the client's to set.
+ * The made-up /proc has no figures of the processor and the memory, so those keys are the client's
+ * to set.
  */
-
-#include "tests/system/support/daemon_test.h"
-#include "tests/system/support/log_text.h"
 
 #include <fcntl.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
+
+#include "tests/system/support/daemon_test.h"
+#include "tests/system/support/log_text.h"
 
 using namespace system_test;
 
@@ -32,8 +33,8 @@ std::string padded(std::string line) {
 
 std::string frame_of(const std::string& one, const std::string& two, const std::string& three,
                      const std::string& four) {
-    return std::string("\xCC\xB3\0\0\x01", 5) + padded(one) + padded(two) + padded(three) + padded(four) +
-           std::string("\xAA\xD0\0\0\0\0", 6);
+    return std::string("\xCC\xB3\0\0\x01", 5) + padded(one) + padded(two) + padded(three) +
+           padded(four) + std::string("\xAA\xD0\0\0\0\0", 6);
 }
 
 std::string text_of(const std::string& one, const std::string& two, const std::string& three,
@@ -53,7 +54,8 @@ std::string read_all(int fd) {
 }
 
 bool ends_with(const std::string& text, const std::string& end) {
-    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+    return text.size() >= end.size() &&
+           text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
 class panel : public daemon_test {
@@ -208,7 +210,8 @@ TEST_F(panel, a_serial_panel_is_set_up_cleared_and_gets_frames_as_long_as_it_tak
         return ends_with(afterwards, frame);
     }));
     EXPECT_EQ(failures(), std::vector<std::string>{});
-    EXPECT_EQ(read_file(work("asked")), "get product_params.vendor.standardtype\n") << "decided once";
+    EXPECT_EQ(read_file(work("asked")), "get product_params.vendor.standardtype\n")
+        << "decided once";
 }
 
 TEST_F(panel, the_question_stays_open_until_the_system_is_described_and_the_port_can_be_opened) {

@@ -1,14 +1,14 @@
 /*
- * Ping statistics as the measuring client and its readers see them: reports and clearings go in as strings,
- * the summaries and histories come out as bytes.
+ * Ping statistics as the measuring client and its readers see them: reports and clearings go in as
+ * strings, the summaries and histories come out as bytes.
  */
+
+#include <stdint.h>
+#include <time.h>
 
 #include "tests/support/big_endian.h"
 #include "tests/system/support/daemon_test.h"
 #include "tests/system/support/log_text.h"
-
-#include <stdint.h>
-#include <time.h>
 
 using namespace system_test;
 
@@ -34,11 +34,12 @@ class ping_statistics : public daemon_test {
     }
 
     void report(int id, int max, int min, int avg, int total, int loss) {
-        ASSERT_EQ(client.call({"set", "ping.data",
-                               "id=" + std::to_string(id) + ",max=" + std::to_string(max) +
-                                   ",min=" + std::to_string(min) + ",avg=" + std::to_string(avg) +
-                                   ",total=" + std::to_string(total) + ",loss=" + std::to_string(loss)}),
-                  OK);
+        ASSERT_EQ(
+            client.call({"set", "ping.data",
+                         "id=" + std::to_string(id) + ",max=" + std::to_string(max) +
+                             ",min=" + std::to_string(min) + ",avg=" + std::to_string(avg) +
+                             ",total=" + std::to_string(total) + ",loss=" + std::to_string(loss)}),
+            OK);
     }
 
     /* The bytes of a string key. */
@@ -61,8 +62,9 @@ TEST_F(ping_statistics, reports_become_summaries_in_one_shared_table) {
     report(3, 30, 5, 30, 10, 2);
     report(1, 1, 2, 3, 4, 5);
     report(20, 16909060, 1, 1, 1, 0);
-    EXPECT_EQ(get("ping.snap"), figures(1, 2, 3, 4, 5) + std::string(20, '\0') + figures(40, 5, 25, 20, 2) +
-                                    std::string(320, '\0') + figures(16909060, 1, 1, 1, 0));
+    EXPECT_EQ(get("ping.snap"), figures(1, 2, 3, 4, 5) + std::string(20, '\0') +
+                                    figures(40, 5, 25, 20, 2) + std::string(320, '\0') +
+                                    figures(16909060, 1, 1, 1, 0));
 }
 
 TEST_F(ping_statistics, what_is_malformed_or_out_of_range_changes_nothing_and_is_answered_with_ok) {
@@ -92,7 +94,8 @@ TEST_F(ping_statistics, a_target_has_three_rings_that_count_its_reports) {
     EXPECT_EQ(day.substr(20 + 7 * 20), std::string(281 * 20, '\0'));
     std::string week = get("ping7.week");
     ASSERT_EQ(week.size(), 20u + 288 * 20);
-    EXPECT_EQ(week.substr(4, 36), be32(21) + be32(288) + be32(1) + be32(1) + figures(21, 21, 21, 210, 11));
+    EXPECT_EQ(week.substr(4, 36),
+              be32(21) + be32(288) + be32(1) + be32(1) + figures(21, 21, 21, 210, 11));
     EXPECT_EQ(get("ping7.mon"), be32(0) + be32(90) + be32(288) + std::string(8 + 288 * 20, '\0'));
     EXPECT_EQ(client.call({"del", "ping7.day", "ping7.week", "ping7.mon", "ping.snap"}), ":0\r\n");
 }
@@ -103,11 +106,11 @@ TEST_F(ping_statistics, clearing_a_target_is_traced_and_starts_it_afresh) {
     EXPECT_EQ(client.call({"set", "ping.del", "3"}), OK);
     EXPECT_EQ(get("ping.snap").substr(40, 40), std::string(20, '\0') + figures(41, 11, 21, 11, 3));
     EXPECT_EQ(client.call({"set", "ping.del", "5"}), OK);
-    EXPECT_EQ(
-        log_messages(read_file("/tmp/tessard.log"), {"pingxx"}),
-        (words{"pingxx-before-release:id=3", "pingxx-inside-release:id=3",
-               "pingxx-inside-release:state is not NULL", "pingxx-inside-release:obj ping.snap is not NULL",
-               "pingxx-before-release:id=5", "pingxx-inside-release:id=5"}));
+    EXPECT_EQ(log_messages(read_file("/tmp/tessard.log"), {"pingxx"}),
+              (words{"pingxx-before-release:id=3", "pingxx-inside-release:id=3",
+                     "pingxx-inside-release:state is not NULL",
+                     "pingxx-inside-release:obj ping.snap is not NULL",
+                     "pingxx-before-release:id=5", "pingxx-inside-release:id=5"}));
     report(3, 9, 0, 6, 10, 1);
     EXPECT_EQ(get("ping.snap").substr(40, 20), figures(9, 0, 6, 10, 1));
 }
@@ -149,10 +152,9 @@ TEST_F(ping_statistics, an_observer_sees_the_reports_and_not_the_table) {
     std::string seen;
     while (seen.find("ping.del") == std::string::npos && seen.find('<') == std::string::npos)
         seen += observer.frame();
-    EXPECT_NE(
-        seen.find(
-            "!3\r\n$4\r\nMSET\r\n$9\r\nping.data\r\n$41\r\nid=3,max=40,min=10,avg=20,total=10,loss=0\r\n"),
-        std::string::npos)
+    EXPECT_NE(seen.find("!3\r\n$4\r\nMSET\r\n$9\r\nping.data\r\n$41\r\nid=3,max=40,min=10,avg=20,"
+                        "total=10,loss=0\r\n"),
+              std::string::npos)
         << seen;
     EXPECT_EQ(seen.find("ping.snap"), std::string::npos);
     EXPECT_EQ(seen.find("ping3."), std::string::npos);

@@ -1,23 +1,25 @@
 /*
- * Plug-in scripts: real ones, in the fixed folder, started by the real daemon once a second at most.
+ * Plug-in scripts: real ones, in the fixed folder, started by the real daemon once a second at
+ * most.
  *
- * A tick of the daemon begins with the plug-ins and ends with the connection tool. Here that tool waits at
- * the end of each tick until the test lets this tick go on, so scripts and their files never meet a tick that
- * comes too early.
+ * A tick of the daemon begins with the plug-ins and ends with the connection tool. Here that tool
+ * waits at the end of each tick until the test lets this tick go on, so scripts and their files
+ * never meet a tick that comes too early.
  */
 
-#include "tests/system/support/daemon_test.h"
-#include "tests/system/support/log_text.h"
-
-#include <algorithm>
 #include <dirent.h>
 #include <fcntl.h>
-#include <map>
 #include <signal.h>
-#include <sstream>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <map>
+#include <sstream>
+
+#include "tests/system/support/daemon_test.h"
+#include "tests/system/support/log_text.h"
 
 using namespace system_test;
 
@@ -39,7 +41,8 @@ class plugins : public daemon_test {
             return;
         write_file(work("tick"), "1");
         write_file(work("begun"), "0");
-        sandbox::add_tool("hostmon", "echo $(($(cat " + work("begun") + ") + 1)) >" + work("begun") + "\n");
+        sandbox::add_tool("hostmon",
+                          "echo $(($(cat " + work("begun") + ") + 1)) >" + work("begun") + "\n");
         sandbox::add_tool("conntrack", "n=$(cat " + work("begun") + ")\necho >" + work("waits-$n") +
                                            "\nwhile [ -e " + work("gate") + " ] && [ ! -e " +
                                            work("pass-$n") + " ]; do sleep 0.02; done\n");
@@ -47,8 +50,8 @@ class plugins : public daemon_test {
 
     /* A script that notes the tick on which it runs, in one write. */
     static void add(const std::string& name, mode_t mode = 0755) {
-        sandbox::add_plugin(name, "echo $(cat " + work("tick") + ") " + name + " >>" + work("runs") + "\n",
-                            mode);
+        sandbox::add_plugin(
+            name, "echo $(cat " + work("tick") + ") " + name + " >>" + work("runs") + "\n", mode);
     }
 
     void start_gated() {
@@ -59,7 +62,8 @@ class plugins : public daemon_test {
 
     /* The tick's scripts have been started, and the daemon waits. */
     void wait_for_end_of_tick() const {
-        ASSERT_TRUE(eventually([&] { return file_exists(work("waits-" + std::to_string(ticks))); }));
+        ASSERT_TRUE(
+            eventually([&] { return file_exists(work("waits-" + std::to_string(ticks))); }));
     }
 
     /* Lets the tick end that waits, and waits for the end of the next. */
@@ -132,9 +136,11 @@ TEST_F(plugins, run_on_the_periods_of_their_names_counted_in_ticks) {
 
     words listed = logged();
     std::sort(listed.begin(), listed.end());
-    EXPECT_EQ(listed, (words{"insert (-1_never.sh) to task_list (-1)", "insert (0_boot.sh) to task_list (0)",
-                             "insert (1_x.sh) to task_list (1)", "insert (2_y.sh) to task_list (2)",
-                             "insert (5_check.sh) to task_list (5)", "insert (check.sh) to task_list (-1)"}));
+    EXPECT_EQ(
+        listed,
+        (words{"insert (-1_never.sh) to task_list (-1)", "insert (0_boot.sh) to task_list (0)",
+               "insert (1_x.sh) to task_list (1)", "insert (2_y.sh) to task_list (2)",
+               "insert (5_check.sh) to task_list (5)", "insert (check.sh) to task_list (-1)"}));
 
     const size_t runs_by_tick[] = {0, 2, 4, 5, 7, 9, 11};
     for (int tick = 2; tick <= 6; tick++) {
@@ -163,7 +169,8 @@ TEST_F(plugins, run_on_the_periods_of_their_names_counted_in_ticks) {
     words changes = logged();
     changes.erase(changes.begin(), changes.begin() + static_cast<long>(known));
     std::sort(changes.begin(), changes.end());
-    EXPECT_EQ(changes, (words{"insert (1_late.sh) to task_list (1)", "remove (1_x.sh) from task_list"}));
+    EXPECT_EQ(changes,
+              (words{"insert (1_late.sh) to task_list (1)", "remove (1_x.sh) from task_list"}));
     add("2_y.sh");
     ASSERT_NO_FATAL_FAILURE(next_tick());
     EXPECT_TRUE(wait_for_runs(14));
@@ -176,7 +183,8 @@ TEST_F(plugins, run_on_the_periods_of_their_names_counted_in_ticks) {
 TEST_F(plugins_and_clients, scripts_that_sleep_or_flood_their_output_delay_no_client) {
     sandbox::add_plugin("1_sleep.sh", "echo x >>" + work("runs") + "\nexec sleep 60\n");
     sandbox::add_plugin("1_flood.sh", "exec yes\n");
-    /* The daemon's output is a pipe that nobody reads; its end is held open, so that the flood never ends. */
+    /* The daemon's output is a pipe that nobody reads; its end is held open, so that the flood
+     * never ends. */
     ASSERT_EQ(mkfifo(work("flooded").c_str(), 0600), 0);
     int reader = open(work("flooded").c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
     ASSERT_GE(reader, 0);

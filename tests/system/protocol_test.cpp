@@ -1,12 +1,12 @@
 /*
- * The wire: requests, replies, what closes a connection, the limits of connections, and the traces of all
- * that in the log.
+ * The wire: requests, replies, what closes a connection, the limits of connections, and the traces
+ * of all that in the log.
  */
+
+#include <stdlib.h>
 
 #include "tests/system/support/daemon_test.h"
 #include "tests/system/support/log_text.h"
-
-#include <stdlib.h>
 
 using namespace system_test;
 
@@ -33,8 +33,9 @@ class requests : public daemon_test {
         EXPECT_EQ(client.call({"ping"}), "+OK\r\n");
     }
 
-    /* Returns when everything that was sent to the daemon before has been carried out. The first reply comes
-       from a pass over all clients that sees what was sent before it, the second from a later pass. */
+    /* Returns when everything that was sent to the daemon before has been carried out. The first
+       reply comes from a pass over all clients that sees what was sent before it, the second from a
+       later pass. */
     static void let_it_catch_up(resp_client& other) {
         EXPECT_EQ(other.call({"ping"}), "+OK\r\n");
         EXPECT_EQ(other.call({"ping"}), "+OK\r\n");
@@ -87,12 +88,14 @@ class traces : public daemon_test {
         return start({"-l", "debug", "-f", "stdout"});
     }
 
-    /* The messages about clients and their requests once there are so many; timers write others in between.
+    /* The messages about clients and their requests once there are so many; timers write others in
+     * between.
      */
     static std::vector<std::string> client_messages(const process& daemon, size_t count) {
         std::vector<std::string> found;
         eventually([&] {
-            found = log_messages(daemon.out(), {"client", "Unknown command", "\"k\"", "\"l\"", "[POP]"});
+            found = log_messages(daemon.out(),
+                                 {"client", "Unknown command", "\"k\"", "\"l\"", "[POP]"});
             return found.size() >= count;
         });
         return found;
@@ -125,7 +128,8 @@ TEST_F(requests, a_command_is_found_in_any_case) {
 TEST_F(requests, an_unknown_command_is_an_error_and_keeps_the_connection) {
     start();
     resp_client client;
-    for (const char* name : {"PONG", "pin", "pings", " ping", "ping ", "", "flushall", "p\xc3\xafng"}) {
+    for (const char* name :
+         {"PONG", "pin", "pings", " ping", "ping ", "", "flushall", "p\xc3\xafng"}) {
         EXPECT_EQ(client.call({name}), "-ERR\r\n") << name;
         EXPECT_EQ(client.call({name, "a", "b"}), "-ERR\r\n") << name;
     }
@@ -167,8 +171,9 @@ TEST_F(requests, a_later_one_that_is_split_closes_the_connection_too) {
 
 TEST_F(requests, inline_forms_and_empty_arrays_close_the_connection) {
     start();
-    for (const char* bytes : {"PING\r\n", "ping\n", "*0\r\n", "*x\r\n", "*\r\n", "*", "\r\n", "\n",
-                              " *1\r\n$4\r\nPING\r\n", "$4\r\nPING\r\n", "+PING\r\n", "!1\r\n$4\r\nPING\r\n"})
+    for (const char* bytes :
+         {"PING\r\n", "ping\n", "*0\r\n", "*x\r\n", "*\r\n", "*", "\r\n", "\n",
+          " *1\r\n$4\r\nPING\r\n", "$4\r\nPING\r\n", "+PING\r\n", "!1\r\n$4\r\nPING\r\n"})
         expect_refused(bytes);
     expect_refused(std::string("\0", 1) + PING);
     expect_refused(std::string(5000, '*'));
@@ -177,21 +182,24 @@ TEST_F(requests, inline_forms_and_empty_arrays_close_the_connection) {
 TEST_F(requests, a_malformed_element_closes_the_connection) {
     start();
     for (const char* bytes :
-         {"*1\r\n", "*1\r\n\r\n", "*1\r\n$\r\nPING\r\n", "*1\r\n$x\r\nPING\r\n", "*1\r\n+4\r\nPING\r\n",
-          "*1\r\n4\r\nPING\r\n", "*1\r\n$4\r\nPING", "*1\r\n$4\r\nPING\n\n", "*1\r\n$4\r\nPING\r\r",
-          "*1\r\n$4\r\nPING\n\r", "*1\r\n$4\r\nPINGX\r\n", "*1\r\n$3\r\nPING\r\n", "*1\r\n$5\r\nPING\r\n",
-          "*2\r\n$4\r\nPING\r\n", "*2\r\n$4\r\nPING\r\n*1\r\n", "*2\r\n$3\r\nGET\r\n$5\r\nab",
+         {"*1\r\n", "*1\r\n\r\n", "*1\r\n$\r\nPING\r\n", "*1\r\n$x\r\nPING\r\n",
+          "*1\r\n+4\r\nPING\r\n", "*1\r\n4\r\nPING\r\n", "*1\r\n$4\r\nPING", "*1\r\n$4\r\nPING\n\n",
+          "*1\r\n$4\r\nPING\r\r", "*1\r\n$4\r\nPING\n\r", "*1\r\n$4\r\nPINGX\r\n",
+          "*1\r\n$3\r\nPING\r\n", "*1\r\n$5\r\nPING\r\n", "*2\r\n$4\r\nPING\r\n",
+          "*2\r\n$4\r\nPING\r\n*1\r\n", "*2\r\n$3\r\nGET\r\n$5\r\nab",
           "*2\r\n$3\r\nGET\r\n$5\r\nab\r\n"})
         expect_refused(bytes);
 }
 
 TEST_F(requests, counts_beyond_what_was_delivered_close_the_connection) {
     process& daemon = start();
-    for (const char* count : {"3", "1000", "1000000000", "2147483647", "2147483648", "4294967295",
-                              "4294967296", "18446744073709551615", "99999999999999999999999", "-1"})
+    for (const char* count :
+         {"3", "1000", "1000000000", "2147483647", "2147483648", "4294967295", "4294967296",
+          "18446744073709551615", "99999999999999999999999", "-1"})
         expect_refused("*" + std::string(count) + "\r\n$4\r\nPING\r\n$1\r\nx\r\n");
-    for (const char* length : {"6", "1000", "2147483647", "4294967294", "4294967295", "18446744073709551614",
-                               "18446744073709551615", "99999999999999999999999", "-1", "-2"})
+    for (const char* length :
+         {"6", "1000", "2147483647", "4294967294", "4294967295", "18446744073709551614",
+          "18446744073709551615", "99999999999999999999999", "-1", "-2"})
         expect_refused("*1\r\n$" + std::string(length) + "\r\nPING\r\n");
     EXPECT_TRUE(daemon.running());
     expect_pong(PING);
@@ -199,8 +207,9 @@ TEST_F(requests, counts_beyond_what_was_delivered_close_the_connection) {
 
 TEST_F(requests, counts_are_read_leniently) {
     start();
-    for (const char* bytes : {"* 1\r\n$4\r\nPING\r\n", "*+1\r\n$+4\r\nPING\r\n", "*1x\r\n$4y\r\nPING\r\n",
-                              "*01\r\n$0004\r\nPING\r\n", "*1\n$4\nPING\r\n", "*\t1\r\n$ 4\r\nPING\r\n"})
+    for (const char* bytes :
+         {"* 1\r\n$4\r\nPING\r\n", "*+1\r\n$+4\r\nPING\r\n", "*1x\r\n$4y\r\nPING\r\n",
+          "*01\r\n$0004\r\nPING\r\n", "*1\n$4\nPING\r\n", "*\t1\r\n$ 4\r\nPING\r\n"})
         expect_pong(bytes);
 }
 
@@ -394,12 +403,13 @@ TEST_F(arguments, with_just_enough_every_command_is_accepted) {
 TEST_F(arguments, with_too_few_a_command_is_refused_and_nothing_is_run_or_traced) {
     process& daemon = start({"-l", "debug", "-f", "stdout"});
     resp_client client;
-    std::vector<std::string> need_one = {"hello", "load",  "keys",    "exists", "persist", "del",  "ttl",
-                                         "type",  "incr",  "decr",    "get",    "strlen",  "mget", "hlen",
-                                         "hkeys", "hvals", "hgetall", "lpop",   "rpop",    "llen"};
-    std::vector<std::string> need_two = {
-        "dump", "expire", "expireat", "append", "decrby", "incrby", "set",    "getset",  "setnx", "hexists",
-        "hget", "hmget",  "hdel",     "lpush",  "lpushx", "rpush",  "rpushx", "lmaxlen", "lindex"};
+    std::vector<std::string> need_one = {
+        "hello", "load",   "keys", "exists", "persist", "del",   "ttl",     "type", "incr", "decr",
+        "get",   "strlen", "mget", "hlen",   "hkeys",   "hvals", "hgetall", "lpop", "rpop", "llen"};
+    std::vector<std::string> need_two = {"dump",   "expire", "expireat", "append", "decrby",
+                                         "incrby", "set",    "getset",   "setnx",  "hexists",
+                                         "hget",   "hmget",  "hdel",     "lpush",  "lpushx",
+                                         "rpush",  "rpushx", "lmaxlen",  "lindex"};
     std::vector<std::string> need_three = {"setex", "hset", "hsetnx", "hincrby", "lrange"};
     for (const std::string& name : need_one)
         EXPECT_EQ(client.call({name}), "-ERR\r\n") << name;
@@ -504,7 +514,8 @@ TEST_F(replies, that_would_pend_beyond_a_mebibyte_close_the_connection) {
     std::vector<std::string> words(31, "k");
     words[0] = "mget";
     EXPECT_TRUE(client.send(request_frame(words)));
-    /* Nothing is read while the daemon writes: the kernel takes a part, and the rest does not fit. */
+    /* Nothing is read while the daemon writes: the kernel takes a part, and the rest does not fit.
+     */
     EXPECT_TRUE(eventually([&] { return client.hung_up(); }));
     EXPECT_LT(client.until_closed().size(), 1048576u);
     EXPECT_EQ(other.call({"ping"}), "+OK\r\n");
@@ -543,7 +554,8 @@ TEST_F(limits, a_slow_reader_gets_everything_in_order) {
         let_it_catch_up(other);
         EXPECT_TRUE(slow.send(request_frame({"incr", "n"})));
         let_it_catch_up(other);
-        expected += "$100000\r\n" + std::string(100000, 'v') + "\r\n:" + std::to_string(i + 1) + "\r\n";
+        expected +=
+            "$100000\r\n" + std::string(100000, 'v') + "\r\n:" + std::to_string(i + 1) + "\r\n";
     }
     std::string got;
     while (got.size() < expected.size()) {
@@ -577,8 +589,8 @@ TEST_F(limits, at_a_hundred_descriptors_new_clients_are_closed_without_a_word) {
         clients.emplace_back();
         ASSERT_TRUE(clients.back().connected());
     }
-    /* Three standard descriptors, the log and the listening socket are open; an emulator needs some of its
-     * own. */
+    /* Three standard descriptors, the log and the listening socket are open; an emulator needs some
+     * of its own. */
     size_t served = 0;
     while (served < clients.size() && clients[served].call({"ping"}) == "+OK\r\n")
         served++;
@@ -704,15 +716,16 @@ TEST_F(traces, a_whole_reply_is_shown_as_it_goes_over_the_wire) {
     EXPECT_EQ(client.call({"mget", "k", "none"}), "*2\r\n$-1\r\n$-1\r\n");
     EXPECT_EQ(client.call({"incrby", "k", "0x10"}), ":16\r\n");
     EXPECT_EQ(client.call({"incr", "tessard.run"}), "-ERR\r\n");
-    EXPECT_EQ(client_messages(daemon, 7), (lines{
-                                              "Received from client(\"anynomous0\"):\n MGET(k, none)",
-                                              "Replied to client(\"anynomous0\"): \n*2\r\n$-1\r\n$-1\r\n",
-                                              "Received from client(\"anynomous0\"):\n INCRBY(k, 0x10)",
-                                              "\"k\"(string): updated to \"16\"",
-                                              "Replied to client(\"anynomous0\"): \n:16\r\n",
-                                              "Received from client(\"anynomous0\"):\n INCR(tessard.run)",
-                                              "Replied to client(\"anynomous0\"): \n-ERR\r\n",
-                                          }));
+    EXPECT_EQ(client_messages(daemon, 7),
+              (lines{
+                  "Received from client(\"anynomous0\"):\n MGET(k, none)",
+                  "Replied to client(\"anynomous0\"): \n*2\r\n$-1\r\n$-1\r\n",
+                  "Received from client(\"anynomous0\"):\n INCRBY(k, 0x10)",
+                  "\"k\"(string): updated to \"16\"",
+                  "Replied to client(\"anynomous0\"): \n:16\r\n",
+                  "Received from client(\"anynomous0\"):\n INCR(tessard.run)",
+                  "Replied to client(\"anynomous0\"): \n-ERR\r\n",
+              }));
 }
 
 TEST_F(traces, hello_renames_the_client_before_its_reply_is_traced) {
@@ -721,15 +734,16 @@ TEST_F(traces, hello_renames_the_client_before_its_reply_is_traced) {
     EXPECT_EQ(client.call({"hello", "panel", "extra"}), "+OK\r\n");
     EXPECT_EQ(client.call({"ping"}), "+OK\r\n");
     client.close();
-    EXPECT_EQ(client_messages(daemon, 7), (lines{
-                                              "Received from client(\"anynomous0\"):\n HELLO(panel, extra)",
-                                              "HELLO from client  2",
-                                              "Replied to client(\"panel\"): \n+OK\r\n",
-                                              "Received from client(\"panel\"):\n PING()",
-                                              "Replied to client(\"panel\"): \n+OK\r\n",
-                                              "closing client(\"panel\")",
-                                              "client destroyed",
-                                          }));
+    EXPECT_EQ(client_messages(daemon, 7),
+              (lines{
+                  "Received from client(\"anynomous0\"):\n HELLO(panel, extra)",
+                  "HELLO from client  2",
+                  "Replied to client(\"panel\"): \n+OK\r\n",
+                  "Received from client(\"panel\"):\n PING()",
+                  "Replied to client(\"panel\"): \n+OK\r\n",
+                  "closing client(\"panel\")",
+                  "client destroyed",
+              }));
 }
 
 TEST_F(traces, an_unknown_command_is_named_in_upper_case_and_not_traced_as_a_request) {
@@ -744,7 +758,8 @@ TEST_F(traces, a_malformed_request_shows_the_closing_alone) {
     resp_client client;
     EXPECT_TRUE(client.send("PING\r\n"));
     EXPECT_EQ(client.until_closed(), "");
-    EXPECT_EQ(client_messages(daemon, 2), (lines{"closing client(\"anynomous0\")", "client destroyed"}));
+    EXPECT_EQ(client_messages(daemon, 2),
+              (lines{"closing client(\"anynomous0\")", "client destroyed"}));
 }
 
 TEST_F(traces, only_clients_that_sent_something_are_numbered) {
@@ -803,14 +818,15 @@ TEST_F(traces, text_from_clients_is_never_a_format) {
     resp_client client;
     EXPECT_EQ(client.call({"hello", "%s%n%d"}), "+OK\r\n");
     EXPECT_EQ(client.call({"set", "k", "%s%s%n"}), "+OK\r\n");
-    EXPECT_EQ(client_messages(daemon, 6), (lines{
-                                              "Received from client(\"anynomous0\"):\n HELLO(%s%n%d)",
-                                              "HELLO from client  1",
-                                              "Replied to client(\"%s%n%d\"): \n+OK\r\n",
-                                              "Received from client(\"%s%n%d\"):\n SET(k, %s%s%n)",
-                                              "\"k\"(string): updated to \"%s%s%n\"",
-                                              "Replied to client(\"%s%n%d\"): \n+OK\r\n",
-                                          }));
+    EXPECT_EQ(client_messages(daemon, 6),
+              (lines{
+                  "Received from client(\"anynomous0\"):\n HELLO(%s%n%d)",
+                  "HELLO from client  1",
+                  "Replied to client(\"%s%n%d\"): \n+OK\r\n",
+                  "Received from client(\"%s%n%d\"):\n SET(k, %s%s%n)",
+                  "\"k\"(string): updated to \"%s%s%n\"",
+                  "Replied to client(\"%s%n%d\"): \n+OK\r\n",
+              }));
 }
 
 TEST_F(traces, a_trace_ends_at_its_first_nul) {

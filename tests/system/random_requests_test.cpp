@@ -1,18 +1,19 @@
 /*
- * Random requests with a fixed seed: valid ones, and valid ones that were damaged. Whatever arrives, what
- * comes back are whole frames, the daemon lives on and serves others, and under the sanitizers it finds
- * nothing to report.
+ * Random requests with a fixed seed: valid ones, and valid ones that were damaged. Whatever
+ * arrives, what comes back are whole frames, the daemon lives on and serves others, and under the
+ * sanitizers it finds nothing to report.
  */
 
-#include "tests/system/support/daemon_test.h"
+#include <stdint.h>
+#include <stdlib.h>
 
 #include <algorithm>
 #include <deque>
 #include <map>
 #include <optional>
 #include <random>
-#include <stdint.h>
-#include <stdlib.h>
+
+#include "tests/system/support/daemon_test.h"
 
 using namespace system_test;
 
@@ -132,8 +133,8 @@ const char* const REPORTS[] = {
 
 const char* const FILES[] = {"dump0", "dump1", "none"};
 
-/* What a command takes: k key, f field, v value, n number, p pattern, d file; the last letter may come again
-   any number of times when a "+" follows, the last two when "++" does. */
+/* What a command takes: k key, f field, v value, n number, p pattern, d file; the last letter may
+   come again any number of times when a "+" follows, the last two when "++" does. */
 struct shape {
     const char* name;
     const char* takes;
@@ -294,8 +295,8 @@ std::string damaged_request(dice& d) {
 /* Takes frames apart as strictly as they are defined. */
 class frame_reader {
   public:
-    /* The number of bytes of the whole frame at the start: 0 when more have to come; -1 when it is no frame
-       that the daemon can send, and `problem` then tells why. */
+    /* The number of bytes of the whole frame at the start: 0 when more have to come; -1 when it is
+       no frame that the daemon can send, and `problem` then tells why. */
     long whole(const std::string& bytes) {
         if (bytes.empty())
             return 0;
@@ -330,8 +331,8 @@ class frame_reader {
         return bytes.size() >= text.size() ? static_cast<long>(text.size()) : 0;
     }
 
-    /* Reads "12\r\n" as it must be written, without needless characters. Returns the bytes up to the end of
-       the line, as whole() does. */
+    /* Reads "12\r\n" as it must be written, without needless characters. Returns the bytes up to
+       the end of the line, as whole() does. */
     long number(const std::string& bytes, size_t start, bool may_be_negative, long long* value) {
         const size_t end = bytes.find('\r', start);
         const std::string text = bytes.substr(start, end == std::string::npos ? end : end - start);
@@ -411,8 +412,8 @@ class checking_client {
         closed = !connection->send(bytes);
     }
 
-    /* Reads what is there, and the rest of a frame that has begun. What is left over when the connection was
-       closed need not be whole. */
+    /* Reads what is there, and the rest of a frame that has begun. What is left over when the
+       connection was closed need not be whole. */
     void read_all() {
         const long start = now_ms();
         for (;;) {
@@ -484,9 +485,9 @@ class random_requests : public daemon_test {
         other.emplace();
     }
 
-    /* Another client is served. When that has happened three times, everything that was sent before has been
-       carried out: the first pass over all clients may do no more than let a new one in, and a pass may come
-       to this client before it comes to others. */
+    /* Another client is served. When that has happened three times, everything that was sent before
+       has been carried out: the first pass over all clients may do no more than let a new one in,
+       and a pass may come to this client before it comes to others. */
     bool others_are_served() {
         for (int i = 0; i < 3; i++)
             if (other->call({"ping"}) != OK)
@@ -499,7 +500,8 @@ class random_requests : public daemon_test {
         const bool served = others_are_served();
         if (!served || !daemon->running()) {
             const int status = daemon->wait_exit(2000);
-            ADD_FAILURE() << "the daemon " << (status == STILL_RUNNING ? "does not answer" : "ended") << " ("
+            ADD_FAILURE() << "the daemon "
+                          << (status == STILL_RUNNING ? "does not answer" : "ended") << " ("
                           << status << ") after request " << round << ": "
                           << ::testing::PrintToString(request) << "\n"
                           << daemon->err();

@@ -1,15 +1,17 @@
 /*
- * From the command line to the steady state: what is done before the daemon serves, what stands in the store
- * before the first tick, and in which order the timers then do their work, as the debug log tells it.
+ * From the command line to the steady state: what is done before the daemon serves, what stands in
+ * the store before the first tick, and in which order the timers then do their work, as the debug
+ * log tells it.
  */
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
 
 #include "tests/system/model/frames.h"
 #include "tests/system/support/daemon_test.h"
 #include "tests/system/support/log_text.h"
-
-#include <algorithm>
-#include <sys/stat.h>
-#include <unistd.h>
 
 using namespace system_test;
 
@@ -26,7 +28,8 @@ class startup_order : public daemon_test {
         return log_messages(read_file("/tmp/tessard.log"));
     }
 
-    /* Where the first message that holds the text stands from there on; the log's length when none does. */
+    /* Where the first message that holds the text stands from there on; the log's length when none
+     * does. */
     static size_t find(const words& messages, const std::string& text, size_t from = 0) {
         for (size_t i = from; i < messages.size(); i++)
             if (messages[i].find(text) != std::string::npos)
@@ -37,10 +40,13 @@ class startup_order : public daemon_test {
 
 } // namespace
 
-TEST_F(startup_order, keys_and_histories_stand_before_the_first_tick_and_the_timers_follow_in_order) {
-    sandbox::set_proc_file("net/dev", "Inter-|\n face |\n  eth0: 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16\n");
+TEST_F(startup_order,
+       keys_and_histories_stand_before_the_first_tick_and_the_timers_follow_in_order) {
+    sandbox::set_proc_file("net/dev",
+                           "Inter-|\n face |\n  eth0: 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16\n");
     sandbox::set_proc_file("stat", "cpu  100 0 0 100 0 0 0 0 0 0\n");
-    sandbox::set_proc_file("meminfo", "MemTotal: 100 kB\nMemFree: 50 kB\nBuffers: 1 kB\nCached: 1 kB\n");
+    sandbox::set_proc_file("meminfo",
+                           "MemTotal: 100 kB\nMemFree: 50 kB\nBuffers: 1 kB\nCached: 1 kB\n");
     sandbox::add_tool("hostmon", "echo 'Online hosts: 5'; echo 'Max Online hosts: 9'\n");
     sandbox::add_tool("conntrack", "echo 'entries 7'\n");
     sandbox::add_plugin("0_boot.sh", ":\n");
@@ -79,8 +85,8 @@ TEST_F(startup_order, keys_and_histories_stand_before_the_first_tick_and_the_tim
     std::sort(expected.begin(), expected.end());
     EXPECT_EQ(keys, expected);
 
-    /* Seeding and the modules' start announce nothing: between the start and the first tick there is nothing
-     * but the client. */
+    /* Seeding and the modules' start announce nothing: between the start and the first tick there
+     * is nothing but the client. */
     for (size_t i = 1; i < plugin; i++)
         EXPECT_TRUE(messages[i].find("updated") == std::string::npos &&
                     messages[i].find("loading") == std::string::npos)
@@ -100,8 +106,8 @@ TEST_F(startup_order, keys_and_histories_stand_before_the_first_tick_and_the_tim
         at = next;
     }
 
-    /* The second tick has no new plug-ins. The panel's first cannot come before the scheduler's, not even in
-     * one scan of the timers, where the newest comes first. */
+    /* The second tick has no new plug-ins. The panel's first cannot come before the scheduler's,
+     * not even in one scan of the timers, where the newest comes first. */
     EXPECT_EQ(find(messages, "task_list", plugin + 1), messages.size());
     EXPECT_LT(plugin, find(messages, "open (/dev/st7565) failed."));
 }
@@ -134,12 +140,14 @@ TEST_F(startup_order, the_sweep_runs_from_the_start_and_beside_the_modules) {
     EXPECT_LT(find(messages, "\"k\"(string): updated to \"v\""), marked);
 }
 
-/* The sweep's timer is older than those of the modules. A tick is held up until the key's time is over and a
- * client waits: the sweep that finds it is the one behind that tick, before the client is served. */
+/* The sweep's timer is older than those of the modules. A tick is held up until the key's time is
+ * over and a client waits: the sweep that finds it is the one behind that tick, before the client
+ * is served. */
 TEST_F(startup_order, within_one_scan_of_the_timers_the_sweep_follows_the_modules) {
     const std::string hold = sandbox::workspace("work/hold");
     const std::string held = sandbox::workspace("work/held");
-    sandbox::add_tool("hostmon", "while [ -e " + hold + " ]; do : >" + held + "; sleep 0.02; done\n");
+    sandbox::add_tool("hostmon",
+                      "while [ -e " + hold + " ]; do : >" + held + "; sleep 0.02; done\n");
     start({"-l", "debug"});
     resp_client client;
     words messages;

@@ -2,10 +2,6 @@
  * The command line, the order of start-up and what it leaves behind: pid file, socket, seeded keys.
  */
 
-#include "tests/system/support/daemon_test.h"
-#include "tests/system/support/log_text.h"
-
-#include <algorithm>
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -15,6 +11,11 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <algorithm>
+
+#include "tests/system/support/daemon_test.h"
+#include "tests/system/support/log_text.h"
 
 using namespace system_test;
 
@@ -55,7 +56,8 @@ class command_line : public daemon_test {
         int count = 0;
         for (const char* table : {"/proc/self/net/tcp", "/proc/self/net/tcp6"}) {
             std::string text = read_file(table);
-            for (size_t at = text.find(" 0A "); at != std::string::npos; at = text.find(" 0A ", at + 1))
+            for (size_t at = text.find(" 0A "); at != std::string::npos;
+                 at = text.find(" 0A ", at + 1))
                 count++;
         }
         return count;
@@ -127,7 +129,8 @@ class background : public daemon_test {};
 
 class descriptors : public daemon_test {
   protected:
-    /* The descriptors of a process that would stay open in a program it starts, the first three left out. */
+    /* The descriptors of a process that would stay open in a program it starts, the first three
+     * left out. */
     static std::vector<std::string> inheritable(pid_t pid) {
         std::string folder_path = "/proc/" + std::to_string(pid) + "/fdinfo";
         std::vector<std::string> found;
@@ -356,8 +359,8 @@ TEST_F(command_line, a_path_beyond_107_bytes_is_cut_there_before_it_is_unlinked_
 }
 
 TEST_F(command_line, an_enormous_address_harms_nothing) {
-    for (const std::string& address :
-         {std::string(5000, '1'), std::string(5000, ':'), "/tmp/none/" + std::string(100000, 'x')}) {
+    for (const std::string& address : {std::string(5000, '1'), std::string(5000, ':'),
+                                       "/tmp/none/" + std::string(100000, 'x')}) {
         process& daemon = launch({"-a", address, "-p", "7007"});
         EXPECT_EQ(daemon.wait_exit(), 0);
     }
@@ -477,8 +480,9 @@ TEST_F(start_up, the_built_in_keys_can_be_read_at_once) {
     EXPECT_EQ(client.call({"get", "fhour.interval"}), "$2\r\n30\r\n");
     EXPECT_EQ(client.call({"type", "tessard.run"}), "$4\r\nhash\r\n");
     EXPECT_EQ(client.call({"hlen", "tessard.run"}), ":4\r\n");
-    EXPECT_EQ(client.call({"hmget", "tessard.run", "logfile", "loglevel", "pid", "history-iface-algor"}),
-              "*4\r\n$16\r\n/tmp/tessard.log\r\n$4\r\ninfo\r\n$4\r\nnone\r\n$3\r\nmax\r\n");
+    EXPECT_EQ(
+        client.call({"hmget", "tessard.run", "logfile", "loglevel", "pid", "history-iface-algor"}),
+        "*4\r\n$16\r\n/tmp/tessard.log\r\n$4\r\ninfo\r\n$4\r\nnone\r\n$3\r\nmax\r\n");
 }
 
 TEST_F(start_up, the_built_in_keys_do_not_follow_the_command_line) {
@@ -501,8 +505,8 @@ TEST_F(start_up, the_built_in_keys_can_be_overwritten_but_not_deleted) {
 }
 
 TEST_F(start_up, the_first_sweep_of_expired_keys_comes_a_second_after_the_first_tick) {
-    /* The first tick, 100 ms after the start, notes the time, and the one a second later sweeps. What the
-       machine does meanwhile makes it later, so the quickest of some tries counts. */
+    /* The first tick, 100 ms after the start, notes the time, and the one a second later sweeps.
+       What the machine does meanwhile makes it later, so the quickest of some tries counts. */
     const long latest = 1100 + 50;
     long quickest = LIMIT_MS;
     for (int tries = 0; tries < 8 && quickest > latest; tries++)
@@ -548,8 +552,8 @@ TEST_F(predecessor, the_start_is_logged_before_it_is_killed) {
 }
 
 TEST_F(predecessor, nobody_waits_for_its_end) {
-    /* It stays as it is until the test takes note of its end, and the daemon starts all the same. The
-       quickest of some tries counts: a busy machine may hold up any of them. */
+    /* It stays as it is until the test takes note of its end, and the daemon starts all the same.
+       The quickest of some tries counts: a busy machine may hold up any of them. */
     const long longest = 30;
     long quickest = LIMIT_MS;
     for (int tries = 0; tries < 20 && quickest > longest; tries++) {
@@ -634,8 +638,9 @@ TEST_F(predecessor, a_pid_file_without_a_positive_number_kills_nobody) {
     named_process other("tessard");
     std::string pid = std::to_string(other.pid());
     for (const std::string& text :
-         {std::string(), std::string("garbage"), std::string("0"), std::string("-1"), "-" + pid, "x" + pid,
-          std::string("\0", 1) + pid, std::string(100000, 'x'), std::string("99999999999999999999")}) {
+         {std::string(), std::string("garbage"), std::string("0"), std::string("-1"), "-" + pid,
+          "x" + pid, std::string("\0", 1) + pid, std::string(100000, 'x'),
+          std::string("99999999999999999999")}) {
         SCOPED_TRACE(text.substr(0, 40));
         write_pid(text);
         process& daemon = start();
@@ -725,7 +730,8 @@ TEST_F(descriptors, none_is_inherited_by_programs_that_the_daemon_starts) {
     resp_client second;
     EXPECT_EQ(client.call({"observe"}), "+OK\r\n");
     EXPECT_EQ(second.call({"ping"}), "+OK\r\n");
-    /* Three standard ones, the log, the listening socket and two clients: the test looks at something. */
+    /* Three standard ones, the log, the listening socket and two clients: the test looks at
+     * something. */
     EXPECT_GE(count(daemon.pid()), 7u);
     EXPECT_EQ(inheritable(daemon.pid()), std::vector<std::string>{});
 }

@@ -1,21 +1,12 @@
 /*
- * The statistics that the daemon keeps: processor, memory, hosts, connections and the traffic of interfaces,
- * once from made-up sources, so that every figure is known, and once from the real kernel.
+ * The statistics that the daemon keeps: processor, memory, hosts, connections and the traffic of
+ * interfaces, once from made-up sources, so that every figure is known, and once from the real
+ * kernel.
  *
- * A tick of the daemon ends with the connection tool. Where a test must change what the daemon reads between
- * two ticks, that tool waits until the test lets it go on, so that no tick is ever early.
+ * A tick of the daemon ends with the connection tool. Where a test must change what the daemon
+ * reads between two ticks, that tool waits until the test lets it go on, so that no tick is ever
+ * early.
  */
-
-#include "tests/support/big_endian.h"
-#include "tests/system/model/frames.h"
-#include "tests/system/support/daemon_test.h"
-
-#include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <map>
-#include <optional>
-#include <thread>
 
 #include <linux/if_packet.h>
 #include <net/if.h>
@@ -24,6 +15,17 @@
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <optional>
+#include <thread>
+
+#include "tests/support/big_endian.h"
+#include "tests/system/model/frames.h"
+#include "tests/system/support/daemon_test.h"
 
 using namespace system_test;
 
@@ -50,8 +52,8 @@ struct counts {
 };
 
 std::string netdev_line(const std::string& name, const counts& c) {
-    return "  " + name + ": " + std::to_string(c.rxb) + " " + std::to_string(c.rxp) + " 1 2 3 4 5 6 " +
-           std::to_string(c.txb) + " " + std::to_string(c.txp) + " 1 2 3 4 5 6\n";
+    return "  " + name + ": " + std::to_string(c.rxb) + " " + std::to_string(c.rxp) +
+           " 1 2 3 4 5 6 " + std::to_string(c.txb) + " " + std::to_string(c.txp) + " 1 2 3 4 5 6\n";
 }
 
 std::string netdev_file(const std::string& lines) {
@@ -74,8 +76,9 @@ struct tick {
 
     long rate(const std::string& interface, const std::string& field) const {
         auto found = hash.find(interface);
-        return found == hash.end() || found->second.count(field) == 0 ? -1
-                                                                      : atol(found->second.at(field).c_str());
+        return found == hash.end() || found->second.count(field) == 0
+                   ? -1
+                   : atol(found->second.at(field).c_str());
     }
 };
 
@@ -88,11 +91,11 @@ class statistics : public daemon_test {
         write_file(work("ticks"), "0");
         host_tool("echo 'Online hosts: 5'; echo 'Max Online hosts: 9'");
         connection_tool("echo 'entries 123'");
-        sandbox::add_tool("hostmon", "n=$(($(cat " + work("ticks") + ") + 1))\necho $n >" + work("ticks") +
-                                         "\n. " + work("host-tool"));
-        sandbox::add_tool("conntrack", "n=$(cat " + work("ticks") + ")\nwhile [ -e " + work("gate") +
-                                           " ] && [ ! -e " + work("pass-$n") + " ]; do sleep 0.02; done\n. " +
-                                           work("connection-tool"));
+        sandbox::add_tool("hostmon", "n=$(($(cat " + work("ticks") + ") + 1))\necho $n >" +
+                                         work("ticks") + "\n. " + work("host-tool"));
+        sandbox::add_tool("conntrack", "n=$(cat " + work("ticks") + ")\nwhile [ -e " +
+                                           work("gate") + " ] && [ ! -e " + work("pass-$n") +
+                                           " ]; do sleep 0.02; done\n. " + work("connection-tool"));
     }
 
     void TearDown() override {
@@ -218,9 +221,10 @@ TEST_F(statistics, a_tick_writes_every_figure_and_announces_each_once) {
     counts eth0 = {1000000, 1000, 5000000000, 2000};
     counts lan = {7, 8, 9, 10};
     auto set_counters = [&] {
-        sandbox::set_proc_file("net/dev",
-                               netdev_file(netdev_line("lo", {1, 1, 1, 1}) + netdev_line("eth0", eth0) +
-                                           netdev_line("wlan0", {1, 1, 1, 1}) + netdev_line("br-lan", lan)));
+        sandbox::set_proc_file(
+            "net/dev",
+            netdev_file(netdev_line("lo", {1, 1, 1, 1}) + netdev_line("eth0", eth0) +
+                        netdev_line("wlan0", {1, 1, 1, 1}) + netdev_line("br-lan", lan)));
     };
     set_counters();
     sandbox::set_proc_file("stat", cpu_file(1000, 1000));
@@ -228,7 +232,8 @@ TEST_F(statistics, a_tick_writes_every_figure_and_announces_each_once) {
     ASSERT_NO_FATAL_FAILURE(start_gated());
 
     tick first = gated_tick();
-    EXPECT_EQ(first.order, (words{"eth0", "br-lan", "cpu.load", "mem.load", "host.num", "host.maxnum"}));
+    EXPECT_EQ(first.order,
+              (words{"eth0", "br-lan", "cpu.load", "mem.load", "host.num", "host.maxnum"}));
     EXPECT_EQ(first.hash["eth0"], (fields{{"rxb", "1000000"},
                                           {"rxp", "1000"},
                                           {"txb", "5000000000"},
@@ -239,8 +244,9 @@ TEST_F(statistics, a_tick_writes_every_figure_and_announces_each_once) {
                                           {"txprate", "0"},
                                           {"flags", "0"}}));
     EXPECT_EQ(first.hash["br-lan"].size(), 9u);
-    EXPECT_EQ(first.strings,
-              (fields{{"cpu.load", "0"}, {"mem.load", "65"}, {"host.num", "5"}, {"host.maxnum", "9"}}));
+    EXPECT_EQ(
+        first.strings,
+        (fields{{"cpu.load", "0"}, {"mem.load", "65"}, {"host.num", "5"}, {"host.maxnum", "9"}}));
 
     /* 100 of 100 jiffies busy; traffic of 60000, 600, 120000 and 300. */
     sandbox::set_proc_file("stat", cpu_file(1100, 1000));
@@ -252,19 +258,25 @@ TEST_F(statistics, a_tick_writes_every_figure_and_announces_each_once) {
     EXPECT_EQ(first.strings["conn"], "123");
 
     tick second = gated_tick();
-    EXPECT_EQ(second.order, (words{"eth0", "br-lan", "cpu.load", "mem.load", "host.num", "host.maxnum"}));
-    EXPECT_EQ(second.strings,
-              (fields{{"cpu.load", "50"}, {"mem.load", "65"}, {"host.num", "6"}, {"host.maxnum", "10"}}));
+    EXPECT_EQ(second.order,
+              (words{"eth0", "br-lan", "cpu.load", "mem.load", "host.num", "host.maxnum"}));
+    EXPECT_EQ(
+        second.strings,
+        (fields{{"cpu.load", "50"}, {"mem.load", "65"}, {"host.num", "6"}, {"host.maxnum", "10"}}));
     EXPECT_EQ(second.hash["eth0"]["rxb"], "1060000");
     EXPECT_EQ(second.hash["eth0"]["txb"], "5000120000");
-    /* Half of what the time between the two polls makes of it: a second, or more when the machine is busy. */
+    /* Half of what the time between the two polls makes of it: a second, or more when the machine
+     * is busy. */
     long rxbrate = second.rate("eth0", "rxbrate");
     double most = static_cast<double>(second.seen_ms - first.seen_ms) / 1000 + 1;
     EXPECT_LE(rxbrate, 30400);
     EXPECT_GE(rxbrate, static_cast<long>(30000 / most));
-    EXPECT_NEAR(static_cast<double>(second.rate("eth0", "rxprate")), static_cast<double>(rxbrate) / 100, 1);
-    EXPECT_NEAR(static_cast<double>(second.rate("eth0", "txbrate")), static_cast<double>(rxbrate) * 2, 2);
-    EXPECT_NEAR(static_cast<double>(second.rate("eth0", "txprate")), static_cast<double>(rxbrate) / 200, 1);
+    EXPECT_NEAR(static_cast<double>(second.rate("eth0", "rxprate")),
+                static_cast<double>(rxbrate) / 100, 1);
+    EXPECT_NEAR(static_cast<double>(second.rate("eth0", "txbrate")),
+                static_cast<double>(rxbrate) * 2, 2);
+    EXPECT_NEAR(static_cast<double>(second.rate("eth0", "txprate")),
+                static_cast<double>(rxbrate) / 200, 1);
     EXPECT_EQ(second.rate("br-lan", "rxbrate"), 0);
 
     /* Nothing can be read any more. */
@@ -288,7 +300,8 @@ TEST_F(statistics, a_tick_writes_every_figure_and_announces_each_once) {
     sandbox::set_proc_file("meminfo", MEMINFO);
     let_go(fourth);
 
-    /* The rate is that of the whole time in which the file could not be read, three seconds and more. */
+    /* The rate is that of the whole time in which the file could not be read, three seconds and
+     * more. */
     tick fifth = whole_gated_tick();
     EXPECT_EQ(fifth.strings["cpu.load"], "25");
     long fresh = 2 * fifth.rate("eth0", "rxbrate") - rxbrate;
@@ -315,7 +328,8 @@ TEST_F(statistics, a_tick_writes_every_figure_and_announces_each_once) {
 }
 
 TEST_F(statistics, a_live_daemon_has_every_key) {
-    sandbox::set_proc_file("net/dev", netdev_file(netdev_line("eth0", {}) + netdev_line("pppoe-wan", {})));
+    sandbox::set_proc_file("net/dev",
+                           netdev_file(netdev_line("eth0", {}) + netdev_line("pppoe-wan", {})));
     sandbox::set_proc_file("stat", cpu_file(1000, 1000));
     sandbox::set_proc_file("meminfo", MEMINFO);
     ASSERT_NO_FATAL_FAILURE(start_running());
@@ -331,8 +345,11 @@ TEST_F(statistics, a_live_daemon_has_every_key) {
         uint32_t period;
         uint32_t slots;
     };
-    const span spans[] = {
-        {"10m", 1, 600}, {"2h", 12, 600}, {"day", 360, 240}, {"week", 1440, 420}, {"mon", 2880, 900}};
+    const span spans[] = {{"10m", 1, 600},
+                          {"2h", 12, 600},
+                          {"day", 360, 240},
+                          {"week", 1440, 420},
+                          {"mon", 2880, 900}};
     for (const auto& [base, size] :
          {std::pair("cpu", 1u), {"host", 4u}, {"conn", 4u}, {"eth0", 16u}, {"pppoe-wan", 16u}})
         for (const span& s : spans) {
@@ -352,26 +369,28 @@ TEST_F(statistics, processor_and_memory_follow_their_files) {
         const char* cpu_load;
         const char* mem_load;
     };
-    const std::string wide = "MemTotal: 1000 kB\nMemFree: 100 kB\nBuffers: 200 kB\nCached: 300 kB\n";
+    const std::string wide =
+        "MemTotal: 1000 kB\nMemFree: 100 kB\nBuffers: 200 kB\nCached: 300 kB\n";
     const step steps[] = {
         {cpu_file(1000, 1000), MEMINFO, "0", "65"},
         {cpu_file(1100, 1000), wide, "50", "40"},
         /* 91 percent: what stands in between ends the reading. */
         {cpu_file(1200, 1000),
-         "MemTotal: 61372 kB\nMemFree: 5472 kB\nMemAvailable: 9 kB\nBuffers: 3240 kB\nCached: 12340 kB\n",
+         "MemTotal: 61372 kB\nMemFree: 5472 kB\nMemAvailable: 9 kB\nBuffers: 3240 kB\nCached: "
+         "12340 kB\n",
          "75", "91"},
-        {"cpu 1300 0 0 1000 0 0 0\n", "MemTotal: 0 kB\nMemFree: 0 kB\nBuffers: 0 kB\nCached: 0 kB\n", "75",
-         "91"},
+        {"cpu 1300 0 0 1000 0 0 0\n",
+         "MemTotal: 0 kB\nMemFree: 0 kB\nBuffers: 0 kB\nCached: 0 kB\n", "75", "91"},
         {"cpu  1300 0 0 1000 0 0\n", "", "75", "91"},
         /* 200 busy, 200 idle since the last good line. */
-        {cpu_file(1400, 1200), "MemTotal: 100 kB\nMemFree: 50 kB\nBuffers: 30 kB\nCached: 30 kB\n", "62",
-         "91"},
+        {cpu_file(1400, 1200), "MemTotal: 100 kB\nMemFree: 50 kB\nBuffers: 30 kB\nCached: 30 kB\n",
+         "62", "91"},
         {"", "MemTotal: 100 kB\nMemFree: 50 kB\nBuffers: 25 kB\nCached: 25 kB\n", "62", "0"},
         /* More idle time than time. */
-        {"cpu  900 0 0 1800 0 0 0\n", "MemTotal: 42949673 kB\nMemFree: 1 kB\nBuffers: 1 kB\nCached: 1 kB\n",
-         "31", "99"},
-        {"cpu  900 0 0 1800 0 0 0\n", "MemTotal: 42949673 kB\nMemFree: 0 kB\nBuffers: 0 kB\nCached: 0 kB\n",
-         "31", "0"},
+        {"cpu  900 0 0 1800 0 0 0\n",
+         "MemTotal: 42949673 kB\nMemFree: 1 kB\nBuffers: 1 kB\nCached: 1 kB\n", "31", "99"},
+        {"cpu  900 0 0 1800 0 0 0\n",
+         "MemTotal: 42949673 kB\nMemFree: 0 kB\nBuffers: 0 kB\nCached: 0 kB\n", "31", "0"},
     };
     auto lay_down = [](const step& s) {
         sandbox::set_proc_file("stat", s.stat);
@@ -415,8 +434,8 @@ TEST_F(statistics, interfaces_follow_the_counters_and_their_histories_the_chosen
     std::vector<tick> seen = {gated_tick()};
     words order = seen[0].order;
     order.erase(std::remove(order.begin(), order.end(), "p-9"), order.end());
-    EXPECT_EQ(order,
-              (words{"br-lan", "eth0", "pppoe-wan", "cpu.load", "mem.load", "host.num", "host.maxnum"}));
+    EXPECT_EQ(order, (words{"br-lan", "eth0", "pppoe-wan", "cpu.load", "mem.load", "host.num",
+                            "host.maxnum"}));
     client->send(request_frame({"set", "history-iface-algor", "avg"}));
 
     const unsigned more[12] = {600000, 0, 0, 300000, 5000, 0, 900000, 0, 0, 0, 70000, 1000};
@@ -440,14 +459,17 @@ TEST_F(statistics, interfaces_follow_the_counters_and_their_histories_the_chosen
         }
         lay_down();
         host_tool("echo 'Online hosts: " + std::to_string(i == 3 ? 50 : i) + "'");
-        sandbox::set_proc_file("stat", cpu_file(1000 + 100 * (i < 3 ? i : 3), 1000 + 100 * (i < 3 ? 0 : i)));
+        sandbox::set_proc_file(
+            "stat", cpu_file(1000 + 100 * (i < 3 ? i : 3), 1000 + 100 * (i < 3 ? 0 : i)));
         let_go(seen.back());
         seen.push_back(gated_tick());
     }
     open_gate();
 
     /* What jumped or went back left the rates as they were, and the counters in the store. */
-    auto rate = [&](size_t i, const char* name, const char* field) { return seen[i].rate(name, field); };
+    auto rate = [&](size_t i, const char* name, const char* field) {
+        return seen[i].rate(name, field);
+    };
     EXPECT_EQ(rate(2, "pppoe-wan", "rxbrate"), 0);
     EXPECT_GT(rate(3, "pppoe-wan", "rxbrate"), 100000);
     EXPECT_EQ(rate(4, "pppoe-wan", "rxbrate"), rate(3, "pppoe-wan", "rxbrate") / 2);
@@ -502,14 +524,15 @@ TEST_F(statistics, outside_tools_may_say_anything_or_nothing) {
     ASSERT_NO_FATAL_FAILURE(start_running());
     auto figures = [&] {
         tick one = tick_from_now();
-        return one.strings["host.num"] + " of " + one.strings["host.maxnum"] + ", " + one.strings["conn"];
+        return one.strings["host.num"] + " of " + one.strings["host.maxnum"] + ", " +
+               one.strings["conn"];
     };
     EXPECT_EQ(figures(), "5 of 9, 123");
 
     /* What the connection tool of newer systems prints has no number in that place. */
     host_tool("echo 'Online hosts: 7'");
-    connection_tool(
-        "printf 'cpu=0   \\tfound=4 invalid=0 insert=0\\ncpu=1   \\tfound=3 invalid=0 insert=0\\n'");
+    connection_tool("printf 'cpu=0   \\tfound=4 invalid=0 insert=0\\ncpu=1   \\tfound=3 invalid=0 "
+                    "insert=0\\n'");
     EXPECT_EQ(figures(), "7 of 9, 0");
 
     /* And what that of older ones prints. */
@@ -518,7 +541,8 @@ TEST_F(statistics, outside_tools_may_say_anything_or_nothing) {
     EXPECT_EQ(figures(), "4294967295 of 2147483647, 4711");
 
     /* Garbage on both streams. */
-    host_tool("printf '\\377\\376\\0\\001Online hosts: 8\\n'; head -c 20000 /dev/urandom >&2; exit 7");
+    host_tool(
+        "printf '\\377\\376\\0\\001Online hosts: 8\\n'; head -c 20000 /dev/urandom >&2; exit 7");
     connection_tool("printf '\\0\\377 \\200\\201\\n'; echo complaint >&2; kill -9 $$");
     EXPECT_EQ(figures(), "4294967295 of 2147483647, 0");
 
@@ -570,7 +594,8 @@ TEST_F(statistics, the_real_connection_tool_is_read) {
 
 namespace {
 
-/* Sends frames of a protocol that nobody speaks through an interface, so many every ten milliseconds. */
+/* Sends frames of a protocol that nobody speaks through an interface, so many every ten
+ * milliseconds. */
 struct flow {
     const char* interface;
     size_t bytes; /* of a frame, with its 14 bytes of head */
@@ -583,7 +608,8 @@ struct flow {
         sockaddr_ll address = {};
         address.sll_family = AF_PACKET;
         address.sll_ifindex = static_cast<int>(if_nametoindex(interface));
-        return socket >= 0 && bind(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+        return socket >= 0 &&
+               bind(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
     }
 
     void send() {
@@ -609,8 +635,8 @@ bool within(double figure, double expected, double share) {
 TEST_F(statistics, real_interfaces_show_real_traffic) {
     /* Without IPv6 an interface sends nothing of its own accord. */
     for (const char* which : {"all", "default"})
-        if (FILE* file =
-                fopen((std::string("/proc/sys/net/ipv6/conf/") + which + "/disable_ipv6").c_str(), "w")) {
+        if (FILE* file = fopen(
+                (std::string("/proc/sys/net/ipv6/conf/") + which + "/disable_ipv6").c_str(), "w")) {
             fputs("1", file);
             fclose(file);
         }
@@ -650,13 +676,14 @@ TEST_F(statistics, real_interfaces_show_real_traffic) {
         const char* field;
         double rate;
     };
-    const expectation rates[] = {
-        {"eth0", "rxbrate", 200000}, {"eth0", "rxprate", 200},         {"eth0", "txbrate", 60000},
-        {"eth0", "txprate", 100},    {"br-lan", "rxbrate", 30000},     {"br-lan", "rxprate", 100},
-        {"br-lan", "txbrate", 0},    {"br-lan", "txprate", 0},         {"pppoe-wan", "rxbrate", 0},
-        {"pppoe-wan", "rxprate", 0}, {"pppoe-wan", "txbrate", 420000}, {"pppoe-wan", "txprate", 300}};
-    /* Six ticks bring the smoothed rate within two percent of the true one; on a busy machine the sender
-       may stumble, which takes as long to be forgotten. */
+    const expectation rates[] = {{"eth0", "rxbrate", 200000},      {"eth0", "rxprate", 200},
+                                 {"eth0", "txbrate", 60000},       {"eth0", "txprate", 100},
+                                 {"br-lan", "rxbrate", 30000},     {"br-lan", "rxprate", 100},
+                                 {"br-lan", "txbrate", 0},         {"br-lan", "txprate", 0},
+                                 {"pppoe-wan", "rxbrate", 0},      {"pppoe-wan", "rxprate", 0},
+                                 {"pppoe-wan", "txbrate", 420000}, {"pppoe-wan", "txprate", 300}};
+    /* Six ticks bring the smoothed rate within two percent of the true one; on a busy machine the
+       sender may stumble, which takes as long to be forgotten. */
     words wrong = {"no tick"};
     for (int i = 0; i < 20 && !wrong.empty(); i++) {
         one = next_tick();

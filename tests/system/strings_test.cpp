@@ -1,14 +1,16 @@
 /*
- * String commands: what each answers and stores, how numbers are read and summed, and what observers hear.
+ * String commands: what each answers and stores, how numbers are read and summed, and what
+ * observers hear.
  */
 
-#include "tests/system/support/daemon_test.h"
-
-#include <algorithm>
-#include <optional>
 #include <stdint.h>
 #include <stdlib.h>
 #include <time.h>
+
+#include <algorithm>
+#include <optional>
+
+#include "tests/system/support/daemon_test.h"
 
 using namespace system_test;
 
@@ -35,8 +37,8 @@ class strings : public client_test {
         EXPECT_EQ(call({"strlen", key}), number(static_cast<long long>(value.size()))) << key;
     }
 
-    /* Sets the key with so many seconds to live, and expects all of them to be left but those that have gone
-       by meanwhile. */
+    /* Sets the key with so many seconds to live, and expects all of them to be left but those that
+       have gone by meanwhile. */
     void expect_lives(const words& request, uint32_t seconds) {
         SCOPED_TRACE(request[2]);
         const time_t before = time(nullptr);
@@ -82,8 +84,8 @@ class strings : public client_test {
     }
 };
 
-/* The strings of a test that looks at events have keys with "my." in them: the daemon's own figures are
- * announced in between. */
+/* The strings of a test that looks at events have keys with "my." in them: the daemon's own figures
+ * are announced in between. */
 class string_events : public strings {
   protected:
     void SetUp() override {
@@ -150,7 +152,8 @@ TEST_F(strings, hold_any_bytes_of_any_length) {
     EXPECT_EQ(call({"set", "k", "$3\r\nabc\r\n"}), OK);
     expect_value("k", "$3\r\nabc\r\n");
     /* 199 bytes are the most that the pool keeps with their length and end. */
-    for (size_t length : {1u, 2u, 3u, 4u, 7u, 8u, 198u, 199u, 200u, 201u, 204u, 205u, 2047u, 2048u, 30000u}) {
+    for (size_t length :
+         {1u, 2u, 3u, 4u, 7u, 8u, 198u, 199u, 200u, 201u, 204u, 205u, 2047u, 2048u, 30000u}) {
         EXPECT_EQ(call({"set", "k", std::string(length, 'x')}), OK);
         expect_value("k", std::string(length, 'x'));
     }
@@ -634,7 +637,8 @@ TEST_F(string_events, never_tell_of_private_keys) {
 }
 
 TEST_F(string_events, spare_the_client_that_caused_them) {
-    for (const words& request : {words{"set", "my.a", "v"}, words{"mset", "my.a", "1", "my.b", "2"}}) {
+    for (const words& request :
+         {words{"set", "my.a", "v"}, words{"mset", "my.a", "1", "my.b", "2"}}) {
         EXPECT_TRUE(observer->send(request_frame(request)));
         EXPECT_EQ(next_event(), OK);
     }

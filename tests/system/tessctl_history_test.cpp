@@ -1,16 +1,17 @@
 /*
- * Histories as the command-line client prints them: those that the daemon keeps by itself, and values that
- * somebody laid under such a key.
+ * Histories as the command-line client prints them: those that the daemon keeps by itself, and
+ * values that somebody laid under such a key.
  */
 
-#include "tests/system/support/daemon_test.h"
-#include "tests/unit/tools/ring_value.h"
-
-#include <algorithm>
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <time.h>
 #include <unistd.h>
+
+#include <algorithm>
+
+#include "tests/system/support/daemon_test.h"
+#include "tests/unit/tools/ring_value.h"
 
 using namespace system_test;
 
@@ -104,7 +105,8 @@ TEST_F(tessctl_history, prints_what_ping_targets_report) {
         EXPECT_EQ(client.call({"set", "ping.data", report}), "+OK\r\n");
     expect_prints({"--csv", "ping3.day"}, "sample,max,min,avg,total,loss\n1,40,12,30,30,3\n");
     const result table = run({"ping3.day"});
-    EXPECT_EQ(table.out.rfind("ping3.day: a sample is 3 reports, at times not known;", 0), 0U) << table.out;
+    EXPECT_EQ(table.out.rfind("ping3.day: a sample is 3 reports, at times not known;", 0), 0U)
+        << table.out;
     expect_prints({"ping3.week"}, "ping3.week: no samples yet\n");
 }
 
@@ -119,16 +121,18 @@ TEST_F(tessctl_history, prints_every_form) {
                                          "2023-11-14T22:12:56Z,100\n"
                                          "2023-11-14T22:13:08Z,0\n"
                                          "2023-11-14T22:13:20Z,7\n");
-    expect_prints({"cpu.test", "--json"},
-                  "{\"key\":\"cpu.test\",\"last\":\"2023-11-14T22:13:20Z\",\"period_seconds\":12,\"slots\":3,"
-                  "\"samples\":[\n"
-                  "{\"time\":\"2023-11-14T22:12:56Z\",\"percent\":100},\n"
-                  "{\"time\":\"2023-11-14T22:13:08Z\",\"percent\":0},\n"
-                  "{\"time\":\"2023-11-14T22:13:20Z\",\"percent\":7}\n"
-                  "]}\n");
+    expect_prints(
+        {"cpu.test", "--json"},
+        "{\"key\":\"cpu.test\",\"last\":\"2023-11-14T22:13:20Z\",\"period_seconds\":12,\"slots\":3,"
+        "\"samples\":[\n"
+        "{\"time\":\"2023-11-14T22:12:56Z\",\"percent\":100},\n"
+        "{\"time\":\"2023-11-14T22:13:08Z\",\"percent\":0},\n"
+        "{\"time\":\"2023-11-14T22:13:20Z\",\"percent\":7}\n"
+        "]}\n");
     const std::string plot = run({"--plot", "cpu.test"}).out;
     /* Three samples of 24 columns each, on 72. */
-    EXPECT_EQ(plot.rfind("cpu.test: percent, 3 samples\n   100 +########################\n", 0), 0U) << plot;
+    EXPECT_EQ(plot.rfind("cpu.test: percent, 3 samples\n   100 +########################\n", 0), 0U)
+        << plot;
     EXPECT_NE(plot.find("     0 +" + std::string(36, '-') + "+" + std::string(34, '-') + "+\n"),
               std::string::npos)
         << plot;
@@ -139,7 +143,8 @@ TEST_F(tessctl_history, prints_local_time_in_the_table_alone) {
     lay("cpu.test", ring_of_bytes({1700000000, 12, 1, 1, 0}, {7}));
     process_options there;
     there.environment = {"TZ=TEST-2"};
-    expect_prints({"cpu.test"}, "time                    percent\n2023-11-15 00:13:20           7\n", there);
+    expect_prints({"cpu.test"},
+                  "time                    percent\n2023-11-15 00:13:20           7\n", there);
     expect_prints({"--csv", "cpu.test"}, "time,percent\n2023-11-14T22:13:20Z,7\n", there);
 }
 
@@ -187,7 +192,8 @@ TEST_F(tessctl_history, says_why_a_value_is_no_history) {
     lay("cpu.slots", ring_of_bytes({1, 1, 0, 0, 0}, "abc"));
     lay("cpu.many", ring_of_bytes({1, 1, 3, 4, 0}, "abc"));
     lay("cpu.head", ring_of_bytes({1, 1, 3, 3, 3}, "abc"));
-    lay("cpu.huge", ring_of_bytes({0xffffffff, 0xffffffff, 0xffffffff, 0xffffffff, 0xffffffff}, "abc"));
+    lay("cpu.huge",
+        ring_of_bytes({0xffffffff, 0xffffffff, 0xffffffff, 0xffffffff, 0xffffffff}, "abc"));
     lay("host.bytes", CPU);
     lay("noname", CPU);
     for (const char* form : {"--csv", "--json", "--plot"}) {

@@ -2,12 +2,12 @@
  * The ping figures as the command-line client prints them.
  */
 
-#include "tests/system/support/daemon_test.h"
-
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
+
+#include "tests/system/support/daemon_test.h"
 
 using namespace system_test;
 
@@ -17,8 +17,8 @@ enum { DONE = 0, NIL = 1, ERROR = 2, NO_REPLY = 3, USAGE = 64 };
 
 class tessctl_pings : public daemon_test {
   protected:
-    static void expect(const std::vector<std::string>& arguments, int status, const std::string& out,
-                       const std::string& complaint = "") {
+    static void expect(const std::vector<std::string>& arguments, int status,
+                       const std::string& out, const std::string& complaint = "") {
         SCOPED_TRACE(::testing::PrintToString(arguments));
         process client(tessctl_command(arguments));
         EXPECT_EQ(client.wait_exit(), status);
@@ -61,7 +61,8 @@ TEST_F(tessctl_pings, are_not_read_from_a_value_of_another_length) {
     resp_client client;
     for (size_t length : {0, 5, 399, 401}) {
         EXPECT_EQ(client.call({"set", "ping.snap", std::string(length, '\0')}), "+OK\r\n");
-        expect({"pings"}, ERROR, "", "ping.snap: it has " + std::to_string(length) + " bytes, not the 400");
+        expect({"pings"}, ERROR, "",
+               "ping.snap: it has " + std::to_string(length) + " bytes, not the 400");
     }
     EXPECT_EQ(client.call({"hset", "ping.snap", "f", "v"}), "-ERR\r\n");
 }

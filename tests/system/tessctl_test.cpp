@@ -1,9 +1,7 @@
 /*
- * The command-line client: what it prints for people and for scripts, its exit statuses, its options, and how
- * it takes a daemon that is gone, silent or strange.
+ * The command-line client: what it prints for people and for scripts, its exit statuses, its
+ * options, and how it takes a daemon that is gone, silent or strange.
  */
-
-#include "tests/system/support/daemon_test.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -14,6 +12,8 @@
 #include <unistd.h>
 
 #include <regex>
+
+#include "tests/system/support/daemon_test.h"
 
 using namespace system_test;
 
@@ -37,7 +37,8 @@ class client_test : public daemon_test {
         }
     }
 
-    static result run(const std::vector<std::string>& arguments, const process_options& options = {}) {
+    static result run(const std::vector<std::string>& arguments,
+                      const process_options& options = {}) {
         process client(tessctl_command(arguments), options);
         int status = client.wait_exit();
         return {status, client.out(), client.err()};
@@ -53,7 +54,8 @@ class client_test : public daemon_test {
         EXPECT_EQ(r.err, "");
     }
 
-    /* Ends with the status, says nothing on standard output and something with this text on standard error.
+    /* Ends with the status, says nothing on standard output and something with this text on
+     * standard error.
      */
     static void expect_complains(const std::vector<std::string>& arguments, int status,
                                  const std::string& text) {
@@ -67,7 +69,9 @@ class client_test : public daemon_test {
     /* Connects standard output to the file or device, opened for writing. */
     static process_options output_to(const std::string& path) {
         process_options options;
-        options.before_exec = [path] { dup2(open(path.c_str(), O_WRONLY | O_NOCTTY | O_CLOEXEC), 1); };
+        options.before_exec = [path] {
+            dup2(open(path.c_str(), O_WRONLY | O_NOCTTY | O_CLOEXEC), 1);
+        };
         return options;
     }
 };
@@ -288,7 +292,8 @@ class observing : public process {
         });
     }
 
-    /* Waits for what is printed after the observing had begun, with the lines for that key taken out. */
+    /* Waits for what is printed after the observing had begun, with the lines for that key taken
+     * out. */
     bool prints(const std::string& text, const std::string& first) {
         return eventually([&] {
             seen = without_figures(out());
@@ -317,7 +322,8 @@ TEST_F(tessctl_observe, prints_each_change_as_a_line) {
     /* What an event of a deleted field holds behind its field is the store's affair. */
     EXPECT_TRUE(eventually([&] { return observer.out().find("HDEL h f") != std::string::npos; }))
         << observer.out();
-    EXPECT_NE(without_figures(observer.out()).find("MSET k 'some value'\nHMSET h f $'it\\'s\\n'\nHDEL h f"),
+    EXPECT_NE(without_figures(observer.out())
+                  .find("MSET k 'some value'\nHMSET h f $'it\\'s\\n'\nHDEL h f"),
               std::string::npos)
         << observer.out();
     EXPECT_EQ(observer.err(), "");
@@ -375,7 +381,8 @@ class observing_into_a_pipe : public tessctl_observe {
             return;
         start();
         ASSERT_EQ(pipe(ends), 0);
-        /* Found by its path, since a program that is started keeps only the standard descriptors. */
+        /* Found by its path, since a program that is started keeps only the standard descriptors.
+         */
         std::string path = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(ends[1]);
         observer = std::make_unique<process>(tessctl_command({"observe"}), output_to(path));
         other = std::make_unique<resp_client>();
@@ -423,8 +430,8 @@ TEST_F(observing_into_a_pipe, ends_when_a_line_finds_the_reader_gone) {
     EXPECT_EQ(observer->err(), "");
 }
 
-/* One that plays the daemon, for what the real one never does: takes one connection and says what it is told
- * to. */
+/* One that plays the daemon, for what the real one never does: takes one connection and says what
+ * it is told to. */
 class player {
   public:
     player() {
@@ -447,7 +454,8 @@ class player {
     /* Waits for a client and returns what one reading finds when something has come. */
     std::string take_request() {
         char bytes[65536];
-        if (!readable(listener) || (connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC)) < 0)
+        if (!readable(listener) ||
+            (connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC)) < 0)
             return "<no client>";
         if (!readable(connection))
             return "<nothing came>";
@@ -528,7 +536,8 @@ TEST_F(tessctl_and_a_strange_daemon, may_close_anywhere) {
         EXPECT_EQ(client.wait_exit(), NO_REPLY);
         EXPECT_EQ(client.out(), reply.substr(0, cut));
         std::string said = cut == 0 ? "without a reply" : "in the middle of a reply";
-        EXPECT_NE(client.err().find(std::string(player::PATH) + ": the daemon closed the connection " + said),
+        EXPECT_NE(client.err().find(std::string(player::PATH) +
+                                    ": the daemon closed the connection " + said),
                   std::string::npos)
             << client.err();
     }
@@ -540,7 +549,8 @@ TEST_F(tessctl_and_a_strange_daemon, may_close_without_reading) {
     EXPECT_EQ(client.wait_exit(200), STILL_RUNNING);
     daemon.go();
     EXPECT_EQ(client.wait_exit(), NO_REPLY);
-    EXPECT_NE(client.err().find("closed the connection without a reply"), std::string::npos) << client.err();
+    EXPECT_NE(client.err().find("closed the connection without a reply"), std::string::npos)
+        << client.err();
 }
 
 TEST_F(tessctl_and_a_strange_daemon, may_say_nothing) {
@@ -569,9 +579,10 @@ TEST_F(tessctl_and_a_strange_daemon, may_never_come_to_an_end) {
 }
 
 TEST_F(tessctl_and_a_strange_daemon, may_talk_nonsense) {
-    for (const char* bytes : {"HTTP/1.1 400 Bad Request\r\n\r\n", "\r\n", "$-7\r\n",
-                              "$99999999999999999999\r\n", "*4294967295\r\n", "*1\r\n*1\r\n$1\r\na\r\n",
-                              ":12a\r\n", "$3\r\nabcdef\r\n", "!1\r\n$1\r\na\r\n"}) {
+    for (const char* bytes :
+         {"HTTP/1.1 400 Bad Request\r\n\r\n", "\r\n", "$-7\r\n", "$99999999999999999999\r\n",
+          "*4294967295\r\n", "*1\r\n*1\r\n$1\r\na\r\n", ":12a\r\n", "$3\r\nabcdef\r\n",
+          "!1\r\n$1\r\na\r\n"}) {
         SCOPED_TRACE(bytes);
         player daemon;
         process client(command({"get", "k"}));

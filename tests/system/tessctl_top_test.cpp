@@ -1,11 +1,8 @@
 /*
- * The live screen of the command-line client, on a terminal that the test watches: what it shows, how it
- * follows the terminal's size, and that it gives the terminal back as it was, however it ends.
+ * The live screen of the command-line client, on a terminal that the test watches: what it shows,
+ * how it follows the terminal's size, and that it gives the terminal back as it was, however it
+ * ends.
  */
-
-#include "tests/system/support/daemon_test.h"
-#include "tests/unit/tools/ring_value.h"
-#include "tests/unit/tools/text_screen.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -15,6 +12,10 @@
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
+
+#include "tests/system/support/daemon_test.h"
+#include "tests/unit/tools/ring_value.h"
+#include "tests/unit/tools/text_screen.h"
 
 using namespace system_test;
 
@@ -41,8 +42,8 @@ class tessctl_top : public daemon_test {
     void start_with_known_figures() {
         figures_known = true;
         sandbox::set_proc_file("stat", "cpu  100 0 0 900 0 0 0\n");
-        sandbox::set_proc_file("meminfo",
-                               "MemTotal: 1000 kB\nMemFree: 400 kB\nBuffers: 100 kB\nCached: 90 kB\n");
+        sandbox::set_proc_file(
+            "meminfo", "MemTotal: 1000 kB\nMemFree: 400 kB\nBuffers: 100 kB\nCached: 90 kB\n");
         sandbox::set_proc_file("net/dev", "");
         sandbox::add_tool("hostmon", "echo 'Online hosts: 5'\necho 'Max Online hosts: 9'\n");
         sandbox::add_tool("conntrack", "echo 'cpu=0 123 x'\n");
@@ -54,7 +55,8 @@ class tessctl_top : public daemon_test {
     void run_top(std::vector<std::string> options = {}, const std::string& locale = "C") {
         process_options how;
         how.environment = {"LC_ALL=" + locale};
-        /* The search for leaks, which the other tests leave on, needs more of /proc than was made up. */
+        /* The search for leaks, which the other tests leave on, needs more of /proc than was made
+         * up. */
         if (figures_known)
             how.environment.push_back("ASAN_OPTIONS=detect_leaks=0");
         how.before_exec = [this] {
@@ -175,7 +177,8 @@ TEST_F(tessctl_top, shows_the_figures_until_q_is_pressed) {
     start_with_known_figures();
     resp_client client;
     /* Two interfaces that the daemon itself knows nothing of, and two keys that are none. */
-    client.call({"set", "eth7.10m", ring_of_numbers({1, 1, 2, 2, 1}, {126400, 1, 999, 1, 0, 1, 1800000, 1})});
+    client.call({"set", "eth7.10m",
+                 ring_of_numbers({1, 1, 2, 2, 1}, {126400, 1, 999, 1, 0, 1, 1800000, 1})});
     client.call({"set", "br-lan.10m", ring_of_numbers({1, 1, 1, 0, 0}, {0, 0, 0, 0})});
     client.call({"set", "junk.10m", "junk"});
     client.call({"set", "ping3.10m", ring_of_numbers({1, 1, 1, 1, 0}, {1, 2, 3, 4, 5})});
@@ -183,7 +186,8 @@ TEST_F(tessctl_top, shows_the_figures_until_q_is_pressed) {
     ASSERT_TRUE(shows("eth7 tx          999 B/s"));
     const std::vector<std::string> lines = screen.lines();
     ASSERT_EQ(lines.size(), 24U);
-    EXPECT_EQ(lines[0].rfind("tessard at /tmp/tessard.sock                       ", 0), 0U) << lines[0];
+    EXPECT_EQ(lines[0].rfind("tessard at /tmp/tessard.sock                       ", 0), 0U)
+        << lines[0];
     EXPECT_EQ(lines[0].size(), 80U);
     EXPECT_EQ(lines[1].rfind("CPU                  0 %", 0), 0U) << lines[1];
     EXPECT_EQ(lines[2].rfind("         peak        0 %", 0), 0U) << lines[2];
@@ -313,9 +317,10 @@ TEST_F(tessctl_top, gives_the_terminal_back_when_its_interrupt_key_is_pressed) {
         ioctl(fd, TIOCSCTTY, 0);
         dup2(fd, 0);
     };
-    /* The shell lives on, since with the first process of its session the terminal would be reset. */
-    std::vector<std::string> words = {"sh", "-c",
-                                      "trap : INT; \"$@\" >&0; echo ended with $?; exec sleep 1000", "sh"};
+    /* The shell lives on, since with the first process of its session the terminal would be reset.
+     */
+    std::vector<std::string> words = {
+        "sh", "-c", "trap : INT; \"$@\" >&0; echo ended with $?; exec sleep 1000", "sh"};
     for (const std::string& word : tessctl_command({"top"}))
         words.push_back(word);
     process shell(words, session);
@@ -390,7 +395,8 @@ TEST_F(tessctl_top, is_interrupted_while_the_daemon_says_nothing) {
     run_top({"-t", "100"});
     ASSERT_TRUE(ready());
     ASSERT_TRUE(served.halt());
-    /* It has asked when the socket's queue holds something that nobody reads; a second is long enough. */
+    /* It has asked when the socket's queue holds something that nobody reads; a second is long
+     * enough. */
     EXPECT_EQ(top->wait_exit(1200), STILL_RUNNING);
     top->signal(SIGINT);
     expect_ends(DONE);
@@ -449,7 +455,8 @@ TEST_F(tessctl_top, is_interrupted_while_nobody_reads_the_terminal) {
     EXPECT_EQ(top->wait_exit(), DONE);
     EXPECT_TRUE(settings_as_before());
     watch();
-    EXPECT_TRUE(screen.alternate) << "the terminal took everything, which is not what was to be seen";
+    EXPECT_TRUE(screen.alternate)
+        << "the terminal took everything, which is not what was to be seen";
 }
 
 TEST_F(tessctl_top, ends_when_the_terminal_goes) {
@@ -469,7 +476,9 @@ TEST_F(tessctl_top, needs_a_terminal) {
     EXPECT_EQ(neither.err(), "tessctl: top needs a terminal as standard input and output\n");
     for (int side : {0, 1}) {
         process_options one;
-        one.before_exec = [this, side] { dup2(open(terminal_name, O_RDWR | O_NOCTTY | O_CLOEXEC), side); };
+        one.before_exec = [this, side] {
+            dup2(open(terminal_name, O_RDWR | O_NOCTTY | O_CLOEXEC), side);
+        };
         process half(tessctl_command({"top"}), one);
         EXPECT_EQ(half.wait_exit(), USAGE) << side;
         EXPECT_EQ(half.out(), "");

@@ -1,8 +1,10 @@
 #include "tests/system/model/frames.h"
 
 #include <gtest/gtest.h>
-#include <set>
+
 #include <stdlib.h>
+
+#include <set>
 
 namespace system_test {
 
@@ -26,8 +28,8 @@ std::string event_frame(const std::vector<std::string>& elements) {
 
 namespace {
 
-/* Reads the frame that starts at `at` and moves `at` behind it; false, and `at` stays, when it is not whole.
-   The elements of an array are added to `elements`. */
+/* Reads the frame that starts at `at` and moves `at` behind it; false, and `at` stays, when it is
+   not whole. The elements of an array are added to `elements`. */
 bool read_frame(const std::string& bytes, size_t* at, std::vector<std::string>* elements) {
     size_t line_end = bytes.find("\r\n", *at);
     if (line_end == std::string::npos)
@@ -56,8 +58,8 @@ bool read_frame(const std::string& bytes, size_t* at, std::vector<std::string>* 
 std::vector<std::string> elements_of(const std::string& frame) {
     std::vector<std::string> elements;
     size_t at = 0;
-    if (frame.empty() || (frame[0] != '*' && frame[0] != '!') || !read_frame(frame, &at, &elements) ||
-        at != frame.size())
+    if (frame.empty() || (frame[0] != '*' && frame[0] != '!') ||
+        !read_frame(frame, &at, &elements) || at != frame.size())
         return {};
     return elements;
 }
@@ -75,7 +77,8 @@ std::vector<std::string> split_frames(const std::string& bytes) {
 }
 
 bool is_about_a_figure(const std::string& frame) {
-    static const std::set<std::string> figures = {"cpu.load", "mem.load", "host.num", "host.maxnum", "conn"};
+    static const std::set<std::string> figures = {"cpu.load", "mem.load", "host.num", "host.maxnum",
+                                                  "conn"};
     if (frame.empty() || frame[0] != '!')
         return false;
     const std::vector<std::string> elements = elements_of(frame);

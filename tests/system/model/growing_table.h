@@ -1,13 +1,14 @@
 #pragma once
 
 /*
- * The order in which the daemon shows keys and fields, worked out a second time: chains of a prime number of
- * buckets, the newest entry first, moved one by one into more buckets when half as many entries as buckets
- * are there. A name is found by its bytes before its first NUL.
+ * The order in which the daemon shows keys and fields, worked out a second time: chains of a prime
+ * number of buckets, the newest entry first, moved one by one into more buckets when half as many
+ * entries as buckets are there. A name is found by its bytes before its first NUL.
  */
 
-#include <list>
 #include <stdint.h>
+
+#include <list>
 #include <string>
 #include <vector>
 
@@ -24,7 +25,8 @@ template <typename T> class growing_table {
         T item;
     };
 
-    /* A table that already holds this many entries that nobody here asks for. They only make it grow earlier.
+    /* A table that already holds this many entries that nobody here asks for. They only make it
+     * grow earlier.
      */
     explicit growing_table(size_t others = 0) {
         while (count < others)
@@ -54,8 +56,8 @@ template <typename T> class growing_table {
     }
 
     void remove(const std::string& name) {
-        count -=
-            chain(name).remove_if([&](const entry& e) { return before_nul(e.name) == before_nul(name); });
+        count -= chain(name).remove_if(
+            [&](const entry& e) { return before_nul(e.name) == before_nul(name); });
     }
 
     /* Every entry in the order of a walk. */
@@ -71,7 +73,8 @@ template <typename T> class growing_table {
     std::list<entry>& chain(const std::string& name) {
         uint32_t hash = 0;
         for (const char c : before_nul(name))
-            hash = hash * 31 + static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(c)));
+            hash = hash * 31 +
+                   static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(c)));
         return buckets[hash % buckets.size()];
     }
 

@@ -8,7 +8,8 @@ using texts = std::vector<std::string>;
 
 constexpr size_t KEYS_OF_A_KIND = 22;
 
-/* Made up so that some share a bucket of the smallest tables, and one is the beginning of another. */
+/* Made up so that some share a bucket of the smallest tables, and one is the beginning of another.
+ */
 texts make_names(const std::string& start, size_t count) {
     texts names;
     for (size_t i = 0; i < count; i++)
@@ -111,8 +112,9 @@ const texts& indexes() {
 }
 
 const texts& caps() {
-    static const texts values = {"0", "1",  "1",  "2",     "3",     "5",     "8",          "13",   "30",
-                                 "7", "40", "-1", "65535", "65536", "65537", "2147483647", "0x10", "none"};
+    static const texts values = {"0",     "1",     "1",     "2",          "3",    "5",
+                                 "8",     "13",    "30",    "7",          "40",   "-1",
+                                 "65535", "65536", "65537", "2147483647", "0x10", "none"};
     return values;
 }
 

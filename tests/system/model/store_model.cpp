@@ -1,9 +1,11 @@
 #include "tests/system/model/store_model.h"
-#include "tests/system/model/frames.h"
 
-#include <algorithm>
 #include <fnmatch.h>
 #include <stdlib.h>
+
+#include <algorithm>
+
+#include "tests/system/model/frames.h"
 
 namespace system_test {
 
@@ -112,29 +114,52 @@ read_number parse_number(const std::string& text, int base, int bits) {
 }
 
 const store_model::command store_model::commands[] = {
-    {"hello", one_or_more, &store_model::hello},       {"ping", any_count, &store_model::ping},
-    {"dump", two_or_more, &store_model::dump},         {"load", one_or_more, &store_model::load},
-    {"keys", one_or_more, &store_model::list_keys},    {"exists", one_or_more, &store_model::exists},
-    {"expire", two_or_more, &store_model::expire},     {"persist", one_or_more, &store_model::persist},
-    {"del", one_or_more, &store_model::del},           {"ttl", one_or_more, &store_model::ttl},
-    {"type", one_or_more, &store_model::type},         {"append", two_or_more, &store_model::append},
-    {"incr", one_or_more, &store_model::incr},         {"decr", one_or_more, &store_model::decr},
-    {"decrby", two_or_more, &store_model::decrby},     {"incrby", two_or_more, &store_model::incrby},
-    {"get", one_or_more, &store_model::get},           {"set", two_or_more, &store_model::set},
-    {"getset", two_or_more, &store_model::getset},     {"strlen", one_or_more, &store_model::strlen},
-    {"setex", three_or_more, &store_model::setex},     {"setnx", two_or_more, &store_model::setnx},
-    {"mget", one_or_more, &store_model::mget},         {"mset", pairs, &store_model::mset},
-    {"msetnx", pairs, &store_model::msetnx},           {"hlen", one_or_more, &store_model::hlen},
-    {"hexists", two_or_more, &store_model::hexists},   {"hkeys", one_or_more, &store_model::hkeys},
-    {"hvals", one_or_more, &store_model::hvals},       {"hgetall", one_or_more, &store_model::hgetall},
-    {"hget", two_or_more, &store_model::hget},         {"hmget", two_or_more, &store_model::hmget},
-    {"hset", three_or_more, &store_model::hset},       {"hsetnx", three_or_more, &store_model::hsetnx},
-    {"hincrby", three_or_more, &store_model::hincrby}, {"hmset", key_and_pairs, &store_model::hmset},
-    {"hdel", two_or_more, &store_model::hdel},         {"lpush", two_or_more, &store_model::lpush},
-    {"lpushx", two_or_more, &store_model::lpushx},     {"lpop", one_or_more, &store_model::lpop},
-    {"rpush", two_or_more, &store_model::rpush},       {"rpushx", two_or_more, &store_model::rpushx},
-    {"rpop", one_or_more, &store_model::rpop},         {"llen", one_or_more, &store_model::llen},
-    {"lmaxlen", two_or_more, &store_model::lmaxlen},   {"lrange", three_or_more, &store_model::lrange},
+    {"hello", one_or_more, &store_model::hello},
+    {"ping", any_count, &store_model::ping},
+    {"dump", two_or_more, &store_model::dump},
+    {"load", one_or_more, &store_model::load},
+    {"keys", one_or_more, &store_model::list_keys},
+    {"exists", one_or_more, &store_model::exists},
+    {"expire", two_or_more, &store_model::expire},
+    {"persist", one_or_more, &store_model::persist},
+    {"del", one_or_more, &store_model::del},
+    {"ttl", one_or_more, &store_model::ttl},
+    {"type", one_or_more, &store_model::type},
+    {"append", two_or_more, &store_model::append},
+    {"incr", one_or_more, &store_model::incr},
+    {"decr", one_or_more, &store_model::decr},
+    {"decrby", two_or_more, &store_model::decrby},
+    {"incrby", two_or_more, &store_model::incrby},
+    {"get", one_or_more, &store_model::get},
+    {"set", two_or_more, &store_model::set},
+    {"getset", two_or_more, &store_model::getset},
+    {"strlen", one_or_more, &store_model::strlen},
+    {"setex", three_or_more, &store_model::setex},
+    {"setnx", two_or_more, &store_model::setnx},
+    {"mget", one_or_more, &store_model::mget},
+    {"mset", pairs, &store_model::mset},
+    {"msetnx", pairs, &store_model::msetnx},
+    {"hlen", one_or_more, &store_model::hlen},
+    {"hexists", two_or_more, &store_model::hexists},
+    {"hkeys", one_or_more, &store_model::hkeys},
+    {"hvals", one_or_more, &store_model::hvals},
+    {"hgetall", one_or_more, &store_model::hgetall},
+    {"hget", two_or_more, &store_model::hget},
+    {"hmget", two_or_more, &store_model::hmget},
+    {"hset", three_or_more, &store_model::hset},
+    {"hsetnx", three_or_more, &store_model::hsetnx},
+    {"hincrby", three_or_more, &store_model::hincrby},
+    {"hmset", key_and_pairs, &store_model::hmset},
+    {"hdel", two_or_more, &store_model::hdel},
+    {"lpush", two_or_more, &store_model::lpush},
+    {"lpushx", two_or_more, &store_model::lpushx},
+    {"lpop", one_or_more, &store_model::lpop},
+    {"rpush", two_or_more, &store_model::rpush},
+    {"rpushx", two_or_more, &store_model::rpushx},
+    {"rpop", one_or_more, &store_model::rpop},
+    {"llen", one_or_more, &store_model::llen},
+    {"lmaxlen", two_or_more, &store_model::lmaxlen},
+    {"lrange", three_or_more, &store_model::lrange},
     {"lindex", two_or_more, &store_model::lindex},
 };
 
@@ -295,7 +320,8 @@ std::string store_model::incrby(const text_list& arguments) {
 
 std::string store_model::decrby(const text_list& arguments) {
     const read_number n = parse_number(arguments[1], 0, 64);
-    return add_number(arguments[0], static_cast<int64_t>(-static_cast<uint64_t>(n.value)), n.digits);
+    return add_number(arguments[0], static_cast<int64_t>(-static_cast<uint64_t>(n.value)),
+                      n.digits);
 }
 
 std::string store_model::append(const text_list& arguments) {
@@ -327,7 +353,8 @@ std::string store_model::getset(const text_list& arguments) {
     key_entry* key = lookup(arguments[0]);
     if (key == nullptr)
         return NIL;
-    const std::string reply = key->item.type == kind::string ? bulk_frame(key->item.text.value_or("")) : NIL;
+    const std::string reply =
+        key->item.type == kind::string ? bulk_frame(key->item.text.value_or("")) : NIL;
     assign(*key, arguments[1]);
     announce_string(*key);
     return reply;
@@ -363,7 +390,8 @@ std::string store_model::mget(const text_list& arguments) {
     std::vector<std::optional<std::string>> values;
     for (const std::string& argument : arguments) {
         const key_entry* key = lookup(argument, kind::string);
-        values.push_back(key != nullptr ? std::optional(key->item.text.value_or("")) : std::nullopt);
+        values.push_back(key != nullptr ? std::optional(key->item.text.value_or(""))
+                                        : std::nullopt);
     }
     return list_frame(values);
 }
@@ -479,7 +507,8 @@ std::string store_model::hgetall(const text_list& arguments) {
 
 std::string store_model::hget(const text_list& arguments) {
     key_entry* key = lookup(arguments[0], kind::hash);
-    const growing_table<field>::entry* f = key != nullptr ? key->item.fields.find(arguments[1]) : nullptr;
+    const growing_table<field>::entry* f =
+        key != nullptr ? key->item.fields.find(arguments[1]) : nullptr;
     return f != nullptr ? bulk_frame(f->item.value) : NIL;
 }
 
@@ -487,7 +516,8 @@ std::string store_model::hmget(const text_list& arguments) {
     key_entry* key = lookup(arguments[0], kind::hash);
     std::vector<std::optional<std::string>> values;
     for (size_t i = 1; i < arguments.size(); i++) {
-        const growing_table<field>::entry* f = key != nullptr ? key->item.fields.find(arguments[i]) : nullptr;
+        const growing_table<field>::entry* f =
+            key != nullptr ? key->item.fields.find(arguments[i]) : nullptr;
         values.push_back(f != nullptr ? std::optional(f->item.value) : std::nullopt);
     }
     return list_frame(values);
@@ -647,7 +677,8 @@ std::string store_model::lindex(const text_list& arguments) {
         return NIL;
     if (items.empty())
         return bulk_frame("");
-    return bulk_frame(items[static_cast<size_t>(index.value < 0 ? count + index.value : index.value)]);
+    return bulk_frame(
+        items[static_cast<size_t>(index.value < 0 ? count + index.value : index.value)]);
 }
 
 std::string store_model::lrange(const text_list& arguments) {
@@ -703,7 +734,8 @@ std::string store_model::dump(const text_list& arguments) {
     for (const key_entry* key : keys.walk())
         if (key->item.type == kind::string && matches(arguments[1], key->name)) {
             const std::string text = key->item.text.value_or("");
-            result.dumped += big_endian(key->name.size()) + key->name + big_endian(text.size()) + text;
+            result.dumped +=
+                big_endian(key->name.size()) + key->name + big_endian(text.size()) + text;
         }
     return integer(0);
 }

@@ -1,24 +1,27 @@
 #pragma once
 
 /*
- * What the daemon answers and announces, worked out a second time in the plainest way: no buffers, no pooled
- * records, no borrowed strings. Tests send the same commands to both and compare byte by byte.
+ * What the daemon answers and announces, worked out a second time in the plainest way: no buffers,
+ * no pooled records, no borrowed strings. Tests send the same commands to both and compare byte by
+ * byte.
  *
- * Left out: what depends on the clock. Keys may carry an expiry, but it must lie beyond the end of the test,
- * and "ttl" must not be asked of such a key (see expires()).
+ * Left out: what depends on the clock. Keys may carry an expiry, but it must lie beyond the end of
+ * the test, and "ttl" must not be asked of such a key (see expires()).
  */
 
-#include "tests/system/model/growing_table.h"
+#include <stdint.h>
 
 #include <deque>
 #include <optional>
-#include <stdint.h>
 #include <string>
 #include <vector>
 
+#include "tests/system/model/growing_table.h"
+
 namespace system_test {
 
-/* A number as the daemon reads it from a text: blanks and a sign before it and anything behind it. */
+/* A number as the daemon reads it from a text: blanks and a sign before it and anything behind it.
+ */
 struct read_number {
     bool digits;   /* some were there */
     int64_t value; /* 0 without digits; the nearest that the width holds */
@@ -27,17 +30,19 @@ read_number parse_number(const std::string& text, int base, int bits);
 
 class store_model {
   public:
-    /* The keyspace of a daemon that holds this many keys already, none of which is ever asked for. */
+    /* The keyspace of a daemon that holds this many keys already, none of which is ever asked for.
+     */
     explicit store_model(size_t other_keys) : keys(other_keys) {}
 
     struct outcome {
-        std::string reply;               /* the frame, or "" where the daemon keeps silent */
-        std::vector<std::string> events; /* the frames that every observer but the issuer gets, in order */
-        std::string dumped;              /* what a dump writes */
+        std::string reply; /* the frame, or "" where the daemon keeps silent */
+        std::vector<std::string>
+            events;         /* the frames that every observer but the issuer gets, in order */
+        std::string dumped; /* what a dump writes */
     };
 
-    /* Carries out a command. `observed` tells whether any client observes at that moment, the issuer
-       included. For "load", `file` is what stands in the file; files are always there. */
+    /* Carries out a command. `observed` tells whether any client observes at that moment, the
+       issuer included. For "load", `file` is what stands in the file; files are always there. */
     outcome run(const std::vector<std::string>& words, bool observed, const std::string& file = "");
 
     bool expires(const std::string& key);

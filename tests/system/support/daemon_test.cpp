@@ -15,21 +15,24 @@ void daemon_test::SetUp() {
 void daemon_test::TearDown() {
     if (HasFailure())
         for (const auto& one : launched)
-            std::cerr << "output of daemon " << one->pid() << ":\n" << one->out() << one->err() << "\n";
+            std::cerr << "output of daemon " << one->pid() << ":\n"
+                      << one->out() << one->err() << "\n";
     launched.clear();
     EXPECT_TRUE(end_all_children()) << "a process outlives its test";
     sandbox::leave();
 }
 
-process& daemon_test::launch(const std::vector<std::string>& arguments, const process_options& options) {
+process& daemon_test::launch(const std::vector<std::string>& arguments,
+                             const process_options& options) {
     launched.push_back(std::make_unique<process>(tessard_command(arguments), options));
     return *launched.back();
 }
 
-process& daemon_test::start(const std::vector<std::string>& arguments, const std::string& address, int port,
-                            const process_options& options) {
+process& daemon_test::start(const std::vector<std::string>& arguments, const std::string& address,
+                            int port, const process_options& options) {
     process& daemon = launch(arguments, options);
-    bool serves = eventually([&] { return !daemon.running() || resp_client(address, port).connected(); });
+    bool serves =
+        eventually([&] { return !daemon.running() || resp_client(address, port).connected(); });
     EXPECT_TRUE(serves && daemon.running()) << "the daemon does not serve";
     return daemon;
 }

@@ -1,8 +1,9 @@
 #pragma once
 
 /*
- * The fixture of the system tests: each test gets a fresh world (sandbox.h), starts the real daemon in it and
- * talks to its socket. Where namespaces cannot be had, the test is skipped with the reason.
+ * The fixture of the system tests: each test gets a fresh world (sandbox.h), starts the real daemon
+ * in it and talks to its socket. Where namespaces cannot be had, the test is skipped with the
+ * reason.
  *
  *     class strings : public system_test::daemon_test {};
  *
@@ -15,16 +16,17 @@
  *     }
  */
 
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
 #include "tests/system/support/files.h"
 #include "tests/system/support/process.h"
 #include "tests/system/support/resp_client.h"
 #include "tests/system/support/sandbox.h"
 #include "tests/system/support/wait.h"
-
-#include <gtest/gtest.h>
-#include <memory>
-#include <string>
-#include <vector>
 
 namespace system_test {
 
@@ -33,17 +35,18 @@ class daemon_test : public ::testing::Test {
     void SetUp() override;
     void TearDown() override;
 
-    /* Starts the daemon with these arguments and returns at once; it lives as long as the test at most. */
+    /* Starts the daemon with these arguments and returns at once; it lives as long as the test at
+     * most. */
     process& launch(const std::vector<std::string>& arguments, const process_options& options = {});
 
-    /* Starts the daemon and waits until its socket takes connections; records a failure when it does not. The
-       address is the one that the arguments make it listen on. */
+    /* Starts the daemon and waits until its socket takes connections; records a failure when it
+       does not. The address is the one that the arguments make it listen on. */
     process& start(const std::vector<std::string>& arguments = {},
                    const std::string& address = "/tmp/tessard.sock", int port = 0,
                    const process_options& options = {});
 
-    /* Waits until the address takes connections. Leaves no trace in the daemon: a connection that never sends
-       is no client. */
+    /* Waits until the address takes connections. Leaves no trace in the daemon: a connection that
+       never sends is no client. */
     static bool wait_for_server(const std::string& address = "/tmp/tessard.sock", int port = 0);
 
   private:
@@ -73,19 +76,20 @@ class client_test : public daemon_test {
 std::vector<std::string> tessard_command(const std::vector<std::string>& arguments);
 std::vector<std::string> tessctl_command(const std::vector<std::string>& arguments);
 
-/* True when the programs were built with the address sanitizer, which changes what they need of memory and
- * time. */
+/* True when the programs were built with the address sanitizer, which changes what they need of
+ * memory and time. */
 #if defined(__SANITIZE_ADDRESS__)
 constexpr bool SANITIZED = true;
 #else
 constexpr bool SANITIZED = false;
 #endif
 
-/* For what an emulator cannot show: its processes bear its own name and its own descriptors and memory. */
-#define SKIP_UNDER_EMULATOR(why)                                                                             \
-    do {                                                                                                     \
-        if (!system_test::sandbox::emulator().empty())                                                       \
-            GTEST_SKIP() << "not to be seen under an emulator: " << (why);                                   \
+/* For what an emulator cannot show: its processes bear its own name and its own descriptors and
+ * memory. */
+#define SKIP_UNDER_EMULATOR(why)                                                                   \
+    do {                                                                                           \
+        if (!system_test::sandbox::emulator().empty())                                             \
+            GTEST_SKIP() << "not to be seen under an emulator: " << (why);                         \
     } while (0)
 
 } // namespace system_test

@@ -1,8 +1,9 @@
 #include "tests/system/support/files.h"
 
+#include <gtest/gtest.h>
+
 #include <errno.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -24,7 +25,8 @@ std::string read_file(const std::string& path) {
 }
 
 void make_folders(const std::string& path) {
-    for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1))
+    for (size_t slash = path.find('/', 1); slash != std::string::npos;
+         slash = path.find('/', slash + 1))
         mkdir(path.substr(0, slash).c_str(), 0755);
     mkdir(path.c_str(), 0755);
 }
@@ -34,7 +36,8 @@ void write_file(const std::string& path, const std::string& text, mode_t mode) {
     if (slash != std::string::npos && slash > 0)
         make_folders(path.substr(0, slash));
 
-    /* A leading dot keeps the half-written file out of sight of everything that lists the folder. */
+    /* A leading dot keeps the half-written file out of sight of everything that lists the folder.
+     */
     std::string draft = path.substr(0, slash + 1) + "." + path.substr(slash + 1) + ".draft";
     int fd = open(draft.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     ASSERT_GE(fd, 0) << draft << ": " << strerror(errno);

@@ -11,15 +11,17 @@ static bool opening_at(const std::string& text, size_t at, std::smatch* parts) {
         "^(\x1b\\[[0-9;]*m)?([0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} )"
         "(debug \\*\\*\\* |info  \\*\\*\\* |warn  \\*\\*\\* |error \\*\\*\\* |fatal \\*\\*\\* )");
     size_t longest = std::min(text.size(), at + 64);
-    return std::regex_search(text.begin() + static_cast<long>(at), text.begin() + static_cast<long>(longest),
-                             *parts, opening, std::regex_constants::match_continuous);
+    return std::regex_search(text.begin() + static_cast<long>(at),
+                             text.begin() + static_cast<long>(longest), *parts, opening,
+                             std::regex_constants::match_continuous);
 }
 
-/* Where the record's message ends: at the colour's reset, or before a line end that nothing but another
-   record follows. */
+/* Where the record's message ends: at the colour's reset, or before a line end that nothing but
+   another record follows. */
 static size_t message_end(const std::string& text, size_t from, bool coloured) {
     std::smatch parts;
-    for (size_t end = text.find('\n', from); end != std::string::npos; end = text.find('\n', end + 1)) {
+    for (size_t end = text.find('\n', from); end != std::string::npos;
+         end = text.find('\n', end + 1)) {
         if (coloured && end >= from + 4 && text.compare(end - 4, 4, "\x1b[0m") == 0)
             return end - 4;
         if (!coloured && (end + 1 == text.size() || opening_at(text, end + 1, &parts)))
@@ -49,7 +51,8 @@ std::vector<log_record> parse_log(const std::string& text) {
     return records;
 }
 
-std::vector<std::string> log_messages(const std::string& text, const std::vector<std::string>& words) {
+std::vector<std::string> log_messages(const std::string& text,
+                                      const std::vector<std::string>& words) {
     std::vector<std::string> messages;
     for (const log_record& record : parse_log(text)) {
         bool wanted = words.empty();

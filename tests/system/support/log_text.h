@@ -1,8 +1,8 @@
 #pragma once
 
 /*
- * The daemon's log, taken apart. A message may itself hold line ends (the traces of requests and replies do),
- * so records are found by what stands before and behind them, not by lines.
+ * The daemon's log, taken apart. A message may itself hold line ends (the traces of requests and
+ * replies do), so records are found by what stands before and behind them, not by lines.
  */
 
 #include <string>
@@ -18,10 +18,13 @@ struct log_record {
     std::string reset;  /* the code behind the message, "" in plain text */
 };
 
-/* All whole records in order. Bytes that belong to none come as a record whose text alone is set. */
+/* All whole records in order. Bytes that belong to none come as a record whose text alone is set.
+ */
 std::vector<log_record> parse_log(const std::string& text);
 
-/* The messages alone, of those records whose message holds one of the words (all when there are none). */
-std::vector<std::string> log_messages(const std::string& text, const std::vector<std::string>& words = {});
+/* The messages alone, of those records whose message holds one of the words (all when there are
+ * none). */
+std::vector<std::string> log_messages(const std::string& text,
+                                      const std::vector<std::string>& words = {});
 
 } // namespace system_test

@@ -1,8 +1,5 @@
 #include "tests/system/support/process.h"
 
-#include "tests/system/support/files.h"
-#include "tests/system/support/sandbox.h"
-
 #include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
@@ -12,6 +9,9 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "tests/system/support/files.h"
+#include "tests/system/support/sandbox.h"
 
 namespace system_test {
 
@@ -46,7 +46,8 @@ static void become(const std::vector<std::string>& argv, const process_options& 
     const char* path = getenv("PATH");
     setenv(
         "PATH",
-        (sandbox::workspace("tools:") + (path != nullptr ? path : "/usr/sbin:/usr/bin:/sbin:/bin")).c_str(),
+        (sandbox::workspace("tools:") + (path != nullptr ? path : "/usr/sbin:/usr/bin:/sbin:/bin"))
+            .c_str(),
         1);
     setenv("TZ", "UTC", 1);
     setenv("LC_ALL", "C", 1);
@@ -129,7 +130,8 @@ named_process::named_process(const std::string& name) {
         for (;;)
             pause();
     }
-    eventually([&] { return read_file("/proc/" + std::to_string(child) + "/comm") == name + "\n"; });
+    eventually(
+        [&] { return read_file("/proc/" + std::to_string(child) + "/comm") == name + "\n"; });
 }
 
 named_process::~named_process() {

@@ -1,26 +1,28 @@
 #pragma once
 
 /*
- * Programs that a test starts. Each runs in the test's world (sandbox.h) with its output captured in files,
- * ends at the latest with the test, and is always reaped.
+ * Programs that a test starts. Each runs in the test's world (sandbox.h) with its output captured
+ * in files, ends at the latest with the test, and is always reaped.
  */
 
-#include "tests/system/support/wait.h"
+#include <sys/types.h>
 
 #include <functional>
 #include <string>
-#include <sys/types.h>
 #include <vector>
+
+#include "tests/system/support/wait.h"
 
 namespace system_test {
 
-/* What wait_exit() returns for a program that still runs, and what it adds to the number of the signal that
-   killed one. */
+/* What wait_exit() returns for a program that still runs, and what it adds to the number of the
+   signal that killed one. */
 constexpr int STILL_RUNNING = -1;
 constexpr int KILLED_BY = 1000;
 
 struct process_options {
-    /* "NAME=value" entries over the inherited environment. TZ is UTC and LC_ALL is C unless given. */
+    /* "NAME=value" entries over the inherited environment. TZ is UTC and LC_ALL is C unless given.
+     */
     std::vector<std::string> environment = {};
     /* Called in the child just before the program takes over, for limits and the like. */
     std::function<void()> before_exec = {};
@@ -28,8 +30,8 @@ struct process_options {
 
 class process {
   public:
-    /* Starts argv (argv[0] found through PATH unless it has a "/") with an empty standard input, umask 0 and
-       no descriptor but 0, 1 and 2. A program that cannot be started ends with 127. */
+    /* Starts argv (argv[0] found through PATH unless it has a "/") with an empty standard input,
+       umask 0 and no descriptor but 0, 1 and 2. A program that cannot be started ends with 127. */
     explicit process(const std::vector<std::string>& argv, const process_options& options = {});
     /* Stops the program. */
     ~process();
@@ -48,8 +50,8 @@ class process {
 
     void signal(int number) const;
 
-    /* Halts the program (SIGSTOP) and returns when it stands still, so that what is sent to it meanwhile
-       meets it in one piece; resume() lets it go on. */
+    /* Halts the program (SIGSTOP) and returns when it stands still, so that what is sent to it
+       meanwhile meets it in one piece; resume() lets it go on. */
     bool halt();
     void resume() const;
 
@@ -87,8 +89,8 @@ class named_process {
     int status = STILL_RUNNING;
 };
 
-/* Waits until every process of the test's world has ended by itself, those included that put themselves into
- * the background. Only for tests whose programs have been waited for. */
+/* Waits until every process of the test's world has ended by itself, those included that put
+ * themselves into the background. Only for tests whose programs have been waited for. */
 bool all_children_end();
 
 /* Kills every process that is left in the test's world, those included that put themselves into the

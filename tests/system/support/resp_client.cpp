@@ -1,6 +1,5 @@
 #include "tests/system/support/resp_client.h"
 
-#include <algorithm>
 #include <arpa/inet.h>
 #include <errno.h>
 #include <poll.h>
@@ -9,6 +8,8 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
+
+#include <algorithm>
 
 namespace system_test {
 
@@ -23,7 +24,8 @@ static int connect_to(const sockaddr* address, socklen_t length) {
     int fd = socket(address->sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0)
         return -1;
-    /* The limit also holds for connect(), which waits while the daemon's queue of new connections is full. */
+    /* The limit also holds for connect(), which waits while the daemon's queue of new connections
+     * is full. */
     timeval limit = {LIMIT_MS / 1000, 0};
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
     if (connect(fd, address, length) == 0)
@@ -59,7 +61,8 @@ resp_client::~resp_client() {
     close();
 }
 
-resp_client::resp_client(resp_client&& other) noexcept : fd(other.fd), unread(std::move(other.unread)) {
+resp_client::resp_client(resp_client&& other) noexcept
+    : fd(other.fd), unread(std::move(other.unread)) {
     other.fd = -1;
 }
 
@@ -100,7 +103,8 @@ std::string resp_client::take(size_t count) {
     return taken;
 }
 
-/* The length of the frame that starts there: 0 while it is not whole, -1 when it is no frame at all. */
+/* The length of the frame that starts there: 0 while it is not whole, -1 when it is no frame at
+ * all. */
 long resp_client::whole_frame(size_t start) const {
     size_t line_end = unread.find("\r\n", start);
     if (line_end == std::string::npos)
@@ -189,7 +193,8 @@ std::string resp_client::during(int ms) {
 
 bool resp_client::hung_up() const {
     pollfd wait = {fd, POLLRDHUP, 0};
-    return fd < 0 || (poll(&wait, 1, 0) > 0 && (wait.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0);
+    return fd < 0 ||
+           (poll(&wait, 1, 0) > 0 && (wait.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0);
 }
 
 void resp_client::end_sending() {

@@ -1,20 +1,20 @@
 #pragma once
 
 /*
- * A client of the daemon that sees bytes, not values. Every reading function returns what came over the wire,
- * so that a test compares it with the literal bytes of a frame:
+ * A client of the daemon that sees bytes, not values. Every reading function returns what came over
+ * the wire, so that a test compares it with the literal bytes of a frame:
  *
  *     EXPECT_EQ(client.call({"get", "k"}), "$1\r\nv\r\n");
  *
- * When a frame does not come, the text says why in place of it, "<closed>" or "<nothing came>", behind
- * whatever bytes did come; no frame looks like that, so the comparison fails and shows the reason. Nothing
- * here waits longer than its limit.
+ * When a frame does not come, the text says why in place of it, "<closed>" or "<nothing came>",
+ * behind whatever bytes did come; no frame looks like that, so the comparison fails and shows the
+ * reason. Nothing here waits longer than its limit.
  */
-
-#include "tests/system/support/wait.h"
 
 #include <string>
 #include <vector>
+
+#include "tests/system/support/wait.h"
 
 namespace system_test {
 
@@ -23,8 +23,8 @@ std::string request_frame(const std::vector<std::string>& words);
 
 class resp_client {
   public:
-    /* An address with a "/" is the path of a Unix socket; otherwise it is a numeric IPv4 or IPv6 address.
-       Connects at once, without retrying; connected() tells whether it worked. */
+    /* An address with a "/" is the path of a Unix socket; otherwise it is a numeric IPv4 or IPv6
+       address. Connects at once, without retrying; connected() tells whether it worked. */
     explicit resp_client(const std::string& address = "/tmp/tessard.sock", int port = 0);
     ~resp_client();
     resp_client(resp_client&& other) noexcept;
@@ -42,18 +42,19 @@ class resp_client {
     /* Sends the command as one request frame in one system call and reads one frame. */
     std::string call(const std::vector<std::string>& words, int limit_ms = LIMIT_MS);
 
-    /* The next whole frame, a reply or one that was pushed ("!"); bytes behind it are kept for the next
-     * reading. */
+    /* The next whole frame, a reply or one that was pushed ("!"); bytes behind it are kept for the
+     * next reading. */
     std::string frame(int limit_ms = LIMIT_MS);
 
     /* The next count bytes. */
     std::string bytes(size_t count, int limit_ms = LIMIT_MS);
 
-    /* Everything until the other side closes, "" when it closes without a word. "<still open>" is appended
-       when it has not closed after the limit. A reset counts as closed. */
+    /* Everything until the other side closes, "" when it closes without a word. "<still open>" is
+       appended when it has not closed after the limit. A reset counts as closed. */
     std::string until_closed(int limit_ms = LIMIT_MS);
 
-    /* Everything that comes within the time, "" for silence; "<closed>" is appended when the connection ends.
+    /* Everything that comes within the time, "" for silence; "<closed>" is appended when the
+     * connection ends.
      */
     std::string during(int ms);
 
@@ -66,8 +67,8 @@ class resp_client {
     /* Closes at once, whatever was left unread. */
     void close();
 
-    /* Lets the kernel hold at least this many unread bytes on the way to the daemon. False where only a real
-       administrator may do so. */
+    /* Lets the kernel hold at least this many unread bytes on the way to the daemon. False where
+       only a real administrator may do so. */
     bool hold_unread(int count);
 
   private:

@@ -1,8 +1,5 @@
 #include "tests/system/support/sandbox.h"
 
-#include "tests/system/support/files.h"
-#include "tests/system/support/process.h"
-
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -17,7 +14,11 @@
 #include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
+
 #include <vector>
+
+#include "tests/system/support/files.h"
+#include "tests/system/support/process.h"
 
 namespace system_test::sandbox {
 
@@ -55,8 +56,8 @@ static bool cover(const std::string& path, const char* mode) {
     return true;
 }
 
-/* Shows under target what stands at source: the link itself for a symbolic link, else the same file or
- * folder. */
+/* Shows under target what stands at source: the link itself for a symbolic link, else the same file
+ * or folder. */
 static bool show(const std::string& source, const std::string& target) {
     struct stat info;
     if (lstat(source.c_str(), &info) != 0)
@@ -74,8 +75,8 @@ static bool show(const std::string& source, const std::string& target) {
     return mount(source.c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0;
 }
 
-/* Covers a folder but goes on showing those of its entries that keep names, or all of them when it names
- * none. */
+/* Covers a folder but goes on showing those of its entries that keep names, or all of them when it
+ * names none. */
 static bool cover_but_keep(const std::string& path, std::vector<std::string> keep) {
     int covered = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (covered < 0)
@@ -110,7 +111,8 @@ static void map_own_user(uid_t uid, gid_t gid) {
     tell("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
 }
 
-/* What needs to be done once in a process: its own namespaces, and a plug-in folder to lay others over. */
+/* What needs to be done once in a process: its own namespaces, and a plug-in folder to lay others
+ * over. */
 static std::string enter_first_time() {
     state.outer_network = network_of("self");
     uid_t uid = getuid();
@@ -128,8 +130,8 @@ static std::string enter_first_time() {
         mkdir("/usr/lib/lua", 0755);
         state.mounts.clear();
     }
-    /* Daemons that have put themselves into the background stay ours, to be reaped. Emulators may refuse
-     * this; inhabitants() finds them all the same, and the system reaps them. */
+    /* Daemons that have put themselves into the background stay ours, to be reaped. Emulators may
+     * refuse this; inhabitants() finds them all the same, and the system reaps them. */
     prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
     state.entered_before = true;
     return "";
@@ -160,23 +162,27 @@ std::string enter() {
     int tessard = open(TESSARD_PROGRAM, O_PATH | O_CLOEXEC);
     int tessctl = open(TESSCTL_PROGRAM, O_PATH | O_CLOEXEC);
     std::string missing;
-    if (!cover(WORKSPACE, "mode=755") || !cover("/tmp", "mode=1777") || !cover("/usr/lib/lua", "mode=755") ||
+    if (!cover(WORKSPACE, "mode=755") || !cover("/tmp", "mode=1777") ||
+        !cover("/usr/lib/lua", "mode=755") ||
         !cover_but_keep("/dev", {"null", "zero", "full", "random", "urandom", "tty"})) {
         missing = reason("folders cannot be covered here");
     } else {
         make_folders("/dev/pts");
-        mount("devpts", "/dev/pts", "devpts", MS_NOSUID | MS_NOEXEC, "newinstance,ptmxmode=0666,mode=600");
+        mount("devpts", "/dev/pts", "devpts", MS_NOSUID | MS_NOEXEC,
+              "newinstance,ptmxmode=0666,mode=600");
         symlink("pts/ptmx", "/dev/ptmx");
         make_folders("/usr/lib/lua/tplugins");
         make_folders(workspace("programs"));
         make_folders(workspace("tools"));
         make_folders(workspace("work"));
     }
-    for (auto [program, path] : {std::pair(tessard, tessard_path()), std::pair(tessctl, tessctl_path())})
+    for (auto [program, path] :
+         {std::pair(tessard, tessard_path()), std::pair(tessctl, tessctl_path())})
         if (program >= 0) {
             close(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0755));
             std::string source = "/proc/self/fd/" + std::to_string(program);
-            if (missing.empty() && mount(source.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) != 0)
+            if (missing.empty() &&
+                mount(source.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) != 0)
                 missing = reason("programs cannot be shown in the workspace");
             close(program);
         }
@@ -237,7 +243,8 @@ std::string add_veth(const std::string& name, const std::string& peer) {
     process ip({"ip", "link", "add", name, "type", "veth", "peer", "name", peer});
     int status = ip.wait_exit();
     if (status != 0)
-        return "no veth interfaces here (ip ended with " + std::to_string(status) + "): " + ip.err();
+        return "no veth interfaces here (ip ended with " + std::to_string(status) +
+               "): " + ip.err();
     bring_up(name.c_str());
     bring_up(peer.c_str());
     return "";
@@ -277,7 +284,8 @@ bool enter_proc() {
 int add_terminal(const std::string& device) {
     int side = posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     char name[64];
-    if (side < 0 || grantpt(side) != 0 || unlockpt(side) != 0 || ptsname_r(side, name, sizeof name) != 0)
+    if (side < 0 || grantpt(side) != 0 || unlockpt(side) != 0 ||
+        ptsname_r(side, name, sizeof name) != 0)
         return -1;
     int terminal = open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
     termios settings;

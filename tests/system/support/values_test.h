@@ -1,19 +1,21 @@
 #pragma once
 
 /*
- * The fixture for the commands of one type: a daemon that holds a value of each, so that a test also sees
- * what its commands do to the others, and what a request costs.
+ * The fixture for the commands of one type: a daemon that holds a value of each, so that a test
+ * also sees what its commands do to the others, and what a request costs.
  */
+
+#include <time.h>
+
+#include <string>
+#include <vector>
 
 #include "tests/system/support/daemon_test.h"
 
-#include <string>
-#include <time.h>
-#include <vector>
-
 namespace system_test {
 
-/* The daemon is started; s is the string "text", h the hash of one field, f = v, l the list a b c. */
+/* The daemon is started; s is the string "text", h the hash of one field, f = v, l the list a b c.
+ */
 class values_test : public client_test {
   protected:
     void SetUp() override {

@@ -34,7 +34,8 @@ class Buffer : public testing::Test {
     std::string content() const {
         return std::string(b.data, b.length);
     }
-    /* Consumed and compacted, so that `free_before` bytes lie before the mark and `length` behind it. */
+    /* Consumed and compacted, so that `free_before` bytes lie before the mark and `length` behind
+     * it. */
     void with_space_before_mark(uint32_t free_before, uint32_t length) {
         ASSERT_GE(length, free_before) << "the rest would move to the front";
         append(pattern(free_before + length));
@@ -65,8 +66,9 @@ typedef Buffer BufferDeathTest;
 } // namespace
 
 TEST_F(Buffer, FieldsStandInTheirOrder) {
-    const size_t offsets[] = {offsetof(buffer, base), offsetof(buffer, mark),   offsetof(buffer, capacity),
-                              offsetof(buffer, data), offsetof(buffer, length), offsetof(buffer, initial),
+    const size_t offsets[] = {offsetof(buffer, base),     offsetof(buffer, mark),
+                              offsetof(buffer, capacity), offsetof(buffer, data),
+                              offsetof(buffer, length),   offsetof(buffer, initial),
                               offsetof(buffer, limit)};
     for (size_t i = 1; i < sizeof offsets / sizeof *offsets; i++) {
         EXPECT_LT(offsets[i - 1], offsets[i]);
@@ -304,7 +306,8 @@ TEST_F(Buffer, MovingKeepsWhatIsConsumedSinceTheMark) {
 TEST_F(Buffer, TheFreeSpaceAtTheEndDoesNotCountTheSpaceBeforeTheMark) {
     init(128, 128);
     with_space_before_mark(30, 60);
-    EXPECT_EQ(append(pattern(38)), 0u) << "38 bytes are free at the end, which is not strictly enough";
+    EXPECT_EQ(append(pattern(38)), 0u)
+        << "38 bytes are free at the end, which is not strictly enough";
     EXPECT_EQ(append(pattern(37)), 37u);
 }
 
@@ -370,7 +373,8 @@ TEST_F(Buffer, LongFormattedTextNeedsRoomForItsNulToo) {
 
 TEST_F(BufferDeathTest, AFormatThatCannotBePrintedBreaksAnAssertion) {
     init(0, 0);
-    EXPECT_EXIT(buffer_printf(&b, "%lc", static_cast<wint_t>(0x4e00)), testing::KilledBySignal(SIGABRT),
+    EXPECT_EXIT(buffer_printf(&b, "%lc", static_cast<wint_t>(0x4e00)),
+                testing::KilledBySignal(SIGABRT),
                 "buffer:70: buffer_vprintf: Assertion `siz >= 0' failed");
 }
 

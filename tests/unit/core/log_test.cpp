@@ -1,9 +1,10 @@
 #include "core/log.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
@@ -138,7 +139,8 @@ class server {
         address.sin_family = AF_INET;
         address.sin_port = htons(static_cast<uint16_t>(port));
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0) << strerror(errno);
+        EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0)
+            << strerror(errno);
         if (type == SOCK_STREAM) {
             EXPECT_EQ(listen(fd_, 8), 0);
         }
@@ -258,7 +260,8 @@ class Log : public testing::Test {
     void advance_ms(int64_t milliseconds) {
         advance_us(milliseconds * 1000);
     }
-    /* Stops the clock and makes a connected Unix socket fail, so that the failure counts from now. */
+    /* Stops the clock and makes a connected Unix socket fail, so that the failure counts from now.
+     */
     void lose_connection(server* s) {
         stop_clock();
         s->accept_one();
@@ -417,7 +420,8 @@ TEST_F(Log, SettingNoTargetDoesNothing) {
     log_write(LOG_INFO, "one");
     log_set_target(nullptr);
     log_write(LOG_INFO, "two");
-    EXPECT_EQ(read_file(path("a.log")), "info  *** one\ninfo  *** two\n") << "the file was opened again";
+    EXPECT_EQ(read_file(path("a.log")), "info  *** one\ninfo  *** two\n")
+        << "the file was opened again";
 }
 
 TEST_F(Log, ClosesWhatWasOpenBeforeItOpensTheNext) {
@@ -442,13 +446,14 @@ TEST_F(Log, ItsDescriptorsAreCloseOnExec) {
     server tcp(SOCK_STREAM);
     server udp(SOCK_DGRAM);
     server local(path("log.sock"));
-    for (const std::string& target :
-         {"tcp://127.0.0.1" + tcp.colon_port(), "udp://127.0.0.1" + udp.colon_port(), path("log.sock")}) {
+    for (const std::string& target : {"tcp://127.0.0.1" + tcp.colon_port(),
+                                      "udp://127.0.0.1" + udp.colon_port(), path("log.sock")}) {
         open("stdout");
         const int next = dup(STDOUT_FILENO);
         close(next);
         open(target);
-        ASSERT_GE(fcntl(next, F_GETFD), 0) << "the lowest free descriptor was not taken for " << target;
+        ASSERT_GE(fcntl(next, F_GETFD), 0)
+            << "the lowest free descriptor was not taken for " << target;
         EXPECT_EQ(fcntl(next, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC) << target;
     }
 }
@@ -458,7 +463,8 @@ TEST_F(Log, TheFirstMessageOpensALogThatNobodyHasOpened) {
         GTEST_SKIP() << "another case of this process has opened the log already";
     }
     const std::string shown = shown_on_stdout("hello");
-    EXPECT_THAT(shown, MatchesRegex("\033\\[32m....-..-.. ..:..:.. info  \\*\\*\\* hello\033\\[0m\n"))
+    EXPECT_THAT(shown,
+                MatchesRegex("\033\\[32m....-..-.. ..:..:.. info  \\*\\*\\* hello\033\\[0m\n"))
         << "colours and time stamps are on at first";
     EXPECT_TRUE(sigpipe_is_ignored());
 }
@@ -534,16 +540,16 @@ TEST_F(Log, AMessageOf512BytesEndsInANulBeforeTheLineFeed) {
     open(path("a.log"));
     log_write(LOG_INFO, "%0512d", 1);
     log_write(LOG_INFO, "next");
-    EXPECT_EQ(read_file(path("a.log")),
-              "info  *** " + std::string(511, '0') + "1" + std::string(1, '\0') + "\ninfo  *** next\n");
+    EXPECT_EQ(read_file(path("a.log")), "info  *** " + std::string(511, '0') + "1" +
+                                            std::string(1, '\0') + "\ninfo  *** next\n");
 }
 
 TEST_F(Log, TheNulOfALongMessageStandsBeforeTheEndOfTheColour) {
     open("stdout");
     captured out(STDOUT_FILENO);
     log_write(LOG_INFO, "%0600d", 1);
-    EXPECT_EQ(out.text(),
-              "\033[32minfo  *** " + std::string(599, '0') + "1" + std::string(1, '\0') + "\033[0m\n");
+    EXPECT_EQ(out.text(), "\033[32minfo  *** " + std::string(599, '0') + "1" +
+                              std::string(1, '\0') + "\033[0m\n");
 }
 
 TEST_F(Log, AMessageBeyondTheLineBufferLeavesAnEmptyLineAndTheNextIsWhole) {
@@ -659,7 +665,8 @@ TEST_F(Log, AUnixTargetThatIsARegularFileIsNotTouched) {
 
 TEST_F(Log, TcpTargetsInAnyCaseConnect) {
     server s(SOCK_STREAM);
-    for (const char* host : {"tcp://127.0.0.1", "TCP://127.0.0.1", "tcp://localhost", "Tcp://LocalHost"}) {
+    for (const char* host :
+         {"tcp://127.0.0.1", "TCP://127.0.0.1", "tcp://localhost", "Tcp://LocalHost"}) {
         open(host + s.colon_port());
         log_write(LOG_INFO, "hello");
         EXPECT_EQ(receive(s.accept_one(), sizeof info_line - 1), info_line) << host;
@@ -678,7 +685,8 @@ TEST_F(Log, UdpTargetsSendADatagramForEachLine) {
         EXPECT_EQ(std::string(datagram, static_cast<size_t>(n)), info_line);
         ASSERT_TRUE(is_readable(s.fd(), 2000)) << host;
         n = recv(s.fd(), datagram, sizeof datagram, 0);
-        EXPECT_EQ(std::string(datagram, static_cast<size_t>(n)), "\033[33mwarn  *** again\033[0m\n");
+        EXPECT_EQ(std::string(datagram, static_cast<size_t>(n)),
+                  "\033[33mwarn  *** again\033[0m\n");
     }
 }
 
@@ -770,8 +778,9 @@ TEST_F(Log, APathWithAPortIsAFile) {
 }
 
 TEST_F(Log, ATargetWithoutUsablePortIsTheNameOfAFile) {
-    for (const char* target : {"name.log", "myhost:", "myhost:0", "myhost:65536", "myhost:-1", "myhost:abc",
-                               "myhost:4294967297", "stdout2", "syslog ", "unix:/x"}) {
+    for (const char* target :
+         {"name.log", "myhost:", "myhost:0", "myhost:65536", "myhost:-1", "myhost:abc",
+          "myhost:4294967297", "stdout2", "syslog ", "unix:/x"}) {
         if (strcmp(target, "unix:/x") == 0) {
             fs::create_directory("unix:");
         }
@@ -814,7 +823,8 @@ class LogRing : public Log {
     /* Writes lines that are `length` bytes long in the file, prefix and line feed included. */
     static void write_lines(int count, int length, char filling) {
         for (int i = 0; i < count; i++) {
-            log_write(LOG_INFO, "%s", std::string(static_cast<size_t>(length) - 11, filling).c_str());
+            log_write(LOG_INFO, "%s",
+                      std::string(static_cast<size_t>(length) - 11, filling).c_str());
         }
     }
     static std::string lines(int count, int length, char filling) {
@@ -839,7 +849,8 @@ TEST_F(LogRing, TheLineAfter31744BytesGoesToTheStart) {
     write_lines(1, 50, 'c');
 
     const std::string old = lines(317, 100, 'a') + lines(1, 44, 'b');
-    EXPECT_EQ(file(), lines(1, 50, 'c') + old.substr(50)) << "the old text stays until it is overwritten";
+    EXPECT_EQ(file(), lines(1, 50, 'c') + old.substr(50))
+        << "the old text stays until it is overwritten";
 }
 
 TEST_F(LogRing, TheLineAfter31743BytesIsStillAppended) {
@@ -914,13 +925,15 @@ TEST_F(Log, TheLineThatFailsIsLostAndThoseWithinTheSecondToo) {
     advance_ms(1001);
     log_write(LOG_INFO, "hello");
     log_write(LOG_INFO, "hello");
-    EXPECT_EQ(receive(s.accept_one(), 2 * (sizeof info_line - 1)), std::string(info_line) + info_line);
+    EXPECT_EQ(receive(s.accept_one(), 2 * (sizeof info_line - 1)),
+              std::string(info_line) + info_line);
 }
 
 TEST_F(Log, AnAttemptThatFailsCountsAsTheLastOne) {
     open("unix://" + path("log.sock"));
     stop_clock();
-    /* Whatever was attempted before, two attempts more than a second apart make one of them count. */
+    /* Whatever was attempted before, two attempts more than a second apart make one of them count.
+     */
     log_write(LOG_INFO, "lost");
     advance_ms(1001);
     log_write(LOG_INFO, "lost with a failing attempt");
@@ -1006,7 +1019,8 @@ TEST_F(Log, AnyOtherFailureOfAWriteClosesTheSocketUntilTheNextAttempt) {
         test_kernel::send_answers = {error};
         log_write(LOG_INFO, "lost");
         EXPECT_EQ(test_kernel::send_answers.size(), 0u);
-        EXPECT_TRUE(is_readable(reader, 2000)) << "the connection was kept after " << strerror(error);
+        EXPECT_TRUE(is_readable(reader, 2000))
+            << "the connection was kept after " << strerror(error);
         EXPECT_EQ(receive(reader, 1), "") << strerror(error);
 
         advance_ms(1000);
@@ -1041,7 +1055,8 @@ TEST_F(Log, AShortWriteIsNotCompleted) {
     EXPECT_LT(received, 4 * size) << "nothing was lost, so the socket was never full";
 
     log_write(LOG_INFO, "hello");
-    EXPECT_EQ(receive(reader, sizeof info_line - 1), info_line) << "the rest of an earlier line came late";
+    EXPECT_EQ(receive(reader, sizeof info_line - 1), info_line)
+        << "the rest of an earlier line came late";
 }
 
 TEST_F(Log, ARefusedDatagramClosesTheSocketUntilTheNextAttempt) {
@@ -1092,7 +1107,8 @@ TEST_F(Log, ASocketPathThatHasBecomeFreeTurnsIntoAFileInPlainText) {
     log_write(LOG_INFO, "one");
     log_write(LOG_INFO, "two");
 
-    EXPECT_EQ(read_file(path("log.sock")), "info  *** one\ninfo  *** two\n") << "files never get colour";
+    EXPECT_EQ(read_file(path("log.sock")), "info  *** one\ninfo  *** two\n")
+        << "files never get colour";
 }
 
 TEST_F(Log, ASocketPathThatIsGoneAltogetherLosesTheLineAndFallsBackToStandardOutput) {
@@ -1173,7 +1189,8 @@ TEST_F(LogDeathTest, ASocketWhoseQueueWasFullIsTriedAgainAfterMoreThanASecond) {
             alarm(10);
             stop_clock();
             open(path("log.sock"));
-            /* Whatever was attempted before, two attempts more than a second apart make one of them count. */
+            /* Whatever was attempted before, two attempts more than a second apart make one of them
+             * count. */
             log_write(LOG_INFO, "lost");
             advance_ms(1001);
             log_write(LOG_INFO, "lost with a failing attempt");
@@ -1216,7 +1233,8 @@ class LogBuffer : public Log {
     }
     void compose(const std::string& bytes, uint32_t initial = 16, uint32_t limit = 64) {
         buffer_init(&message, initial, limit);
-        ASSERT_EQ(buffer_append(&message, bytes.data(), static_cast<uint32_t>(bytes.size())), bytes.size());
+        ASSERT_EQ(buffer_append(&message, bytes.data(), static_cast<uint32_t>(bytes.size())),
+                  bytes.size());
     }
     std::string content() const {
         return std::string(message.data, message.length);
@@ -1332,7 +1350,8 @@ TEST_F(LogDeathTest, AFatalMessageThatFindsNoSocketEndsTheProcessToo) {
     EXPECT_EXIT(log_write(LOG_FATAL, "lost within the second"), ExitedWithCode(255), text(Eq("")));
     s.close_all();
     advance_ms(1001);
-    EXPECT_EXIT(log_write(LOG_FATAL, "lost with a failing attempt"), ExitedWithCode(255), text(Eq("")));
+    EXPECT_EXIT(log_write(LOG_FATAL, "lost with a failing attempt"), ExitedWithCode(255),
+                text(Eq("")));
 }
 
 TEST_F(LogDeathTest, AFatalMessageThatCannotBeSentEndsTheProcessToo) {

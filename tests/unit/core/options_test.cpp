@@ -1,9 +1,10 @@
 #include "core/options.h"
 
-#include <fcntl.h>
-#include <getopt.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <getopt.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -67,7 +68,8 @@ class Options : public testing::Test {
         options_parse(&o, static_cast<int>(argv.size()) - 1, argv.data());
     }
 
-    /* For parses that end the process: what they print on standard output goes where a death test looks. */
+    /* For parses that end the process: what they print on standard output goes where a death test
+     * looks. */
     void parse_and_show_output(std::initializer_list<const char*> arguments,
                                const char* program = "tessard") {
         dup2(STDERR_FILENO, STDOUT_FILENO);
@@ -254,7 +256,8 @@ TEST_F(Options, ManyOptionsAreTakenTogether) {
 TEST_F(OptionsDeathTest, VersionIsOneLineOnStandardOutputAndStatus0) {
     EXPECT_EXIT(parse_and_show_output({"-v"}), ExitedWithCode(0),
                 text(MatchesRegex("Tessard 2\\.1\\.0 .+\n")));
-    EXPECT_EXIT(parse_and_show_output({"--version"}), ExitedWithCode(0), "^Tessard 2\\.1\\.0 .+\n$");
+    EXPECT_EXIT(parse_and_show_output({"--version"}), ExitedWithCode(0),
+                "^Tessard 2\\.1\\.0 .+\n$");
     EXPECT_EXIT(parse_and_hide_output({"-v"}), ExitedWithCode(0), text(Eq("")));
 }
 
@@ -282,20 +285,22 @@ TEST_F(OptionsDeathTest, TheUsageGoesToStandardOutput) {
 TEST_F(OptionsDeathTest, TheContinuationOfTheLogFilesLineIsIndentedBy45Blanks) {
     const std::string indent(45, ' ');
     EXPECT_EXIT(parse_and_show_output({"-h"}), ExitedWithCode(255),
-                text(HasSubstr("stdout, syslog,\n" + indent + "/tmp/xxx.sock, /path/to/regular/file\n" +
-                               indent + "以及")));
+                text(HasSubstr("stdout, syslog,\n" + indent +
+                               "/tmp/xxx.sock, /path/to/regular/file\n" + indent + "以及")));
 }
 
 TEST_F(OptionsDeathTest, UnknownOptionsPrintTheUsageAndEndWith255) {
     for (const char* option : {"-x", "-?", "--verbose", "-1", "--version=2", "--algor=max"}) {
-        EXPECT_EXIT(parse_and_show_output({option}), ExitedWithCode(255), text(EndsWith(usage("tessard"))))
+        EXPECT_EXIT(parse_and_show_output({option}), ExitedWithCode(255),
+                    text(EndsWith(usage("tessard"))))
             << option;
     }
 }
 
 TEST_F(OptionsDeathTest, AShortOptionWithoutItsValuePrintsTheUsageAndEndsWith255) {
     for (const char* option : {"-p", "-a", "-l", "-f", "-g"}) {
-        EXPECT_EXIT(parse_and_show_output({option}), ExitedWithCode(255), text(EndsWith(usage("tessard"))))
+        EXPECT_EXIT(parse_and_show_output({option}), ExitedWithCode(255),
+                    text(EndsWith(usage("tessard"))))
             << option;
     }
 }
@@ -385,9 +390,10 @@ TEST_F(OptionsDaemonDeathTest, TheCallerEndsAndTheDaemonGoesOnWithTheOptionsBehi
             {
                 parse({"-p", "7000", option, "-l", "error"});
                 char folder[64] = "";
-                say("port " + std::to_string(o.port) + ", level " + std::to_string(o.log.level) + ", in " +
-                    getcwd(folder, sizeof folder) +
-                    (std::to_string(getsid(0)) == caller_session ? ", old session" : ", new session") +
+                say("port " + std::to_string(o.port) + ", level " + std::to_string(o.log.level) +
+                    ", in " + getcwd(folder, sizeof folder) +
+                    (std::to_string(getsid(0)) == caller_session ? ", old session"
+                                                                 : ", new session") +
                     (isatty(STDOUT_FILENO) != 0 ? ", terminal\n" : ", no terminal\n"));
                 _exit(3);
             },

@@ -1,10 +1,12 @@
-#include <fnmatch.h>
+#include "core/pattern.h"
+
 #include <gtest/gtest.h>
+
+#include <fnmatch.h>
+
 #include <random>
 #include <string>
 #include <vector>
-
-#include "core/pattern.h"
 
 namespace {
 
@@ -51,8 +53,8 @@ std::string repeated(const std::string& text, int times) {
     return result;
 }
 
-/* Matches the pattern against ten random texts of less than `longest` of these bytes, as the library does,
- * which is the reference. Returns how many matched. */
+/* Matches the pattern against ten random texts of less than `longest` of these bytes, as the
+ * library does, which is the reference. Returns how many matched. */
 size_t expect_like_library(const std::string& text, const std::string& bytes, size_t longest,
                            std::mt19937& random) {
     compiled p(text);
@@ -241,14 +243,17 @@ TEST(Pattern, RunsOfAnyLengthAreFoundBetweenStars) {
             EXPECT_TRUE(matches("*" + run + "*", before + run)) << length << " " << room;
             EXPECT_TRUE(matches("*" + run + "*", run + behind)) << length << " " << room;
             EXPECT_TRUE(matches("*" + run + "*", before + run + behind)) << length << " " << room;
-            EXPECT_TRUE(matches("x*" + repeated("?", length) + "*" + run, "x" + before + run + run));
+            EXPECT_TRUE(
+                matches("x*" + repeated("?", length) + "*" + run, "x" + before + run + run));
             EXPECT_FALSE(matches("*" + run + "*", run.substr(1) + behind)) << length << " " << room;
-            EXPECT_FALSE(matches("*" + run + "*", before + repeated("a", length))) << length << " " << room;
+            EXPECT_FALSE(matches("*" + run + "*", before + repeated("a", length)))
+                << length << " " << room;
             EXPECT_FALSE(matches("*" + run + "*" + run, behind + run + run.substr(1)));
             for (const int place : {0, length / 2, length - 1}) {
                 std::string wrong = run;
                 wrong[static_cast<size_t>(place)] = 'x';
-                EXPECT_FALSE(matches("*" + run + "*", behind + wrong + behind)) << length << " " << place;
+                EXPECT_FALSE(matches("*" + run + "*", behind + wrong + behind))
+                    << length << " " << place;
             }
         }
     }

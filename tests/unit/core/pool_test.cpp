@@ -1,6 +1,7 @@
 #include "core/pool.h"
 
 #include <gtest/gtest.h>
+
 #include <malloc.h>
 
 #include <cstddef>
@@ -13,8 +14,8 @@
 
 namespace {
 
-#define SKIP_WITHOUT_SLABS()                                                                                 \
-    if (POOL_OWN_BLOCKS)                                                                                     \
+#define SKIP_WITHOUT_SLABS()                                                                       \
+    if (POOL_OWN_BLOCKS)                                                                           \
     GTEST_SKIP() << "in this build every block is an allocation of its own, so there are no slabs"
 
 /* The device's figures, and those of a target with pointers of 8 bytes. */
@@ -33,9 +34,9 @@ void* first_word(const void* block) {
     return word;
 }
 
-/* Takes blocks of one size from a class whose free list is empty at first, so that every block comes from a
- * slab that was fetched for it. At the end the class has all its blocks back, those that other cases freed
- * included. */
+/* Takes blocks of one size from a class whose free list is empty at first, so that every block
+ * comes from a slab that was fetched for it. At the end the class has all its blocks back, those
+ * that other cases freed included. */
 class taken_blocks {
   public:
     explicit taken_blocks(size_t size)
@@ -283,7 +284,8 @@ TEST_P(PoolSlab, ChainsItsBlocksInAddressOrderUpToANullLink) {
     char* first = blocks.take_from_new_slab();
 
     for (size_t i = 1; i + 1 < expected.blocks; i++) {
-        EXPECT_EQ(first_word(first + i * expected.objsize), first + (i + 1) * expected.objsize) << i;
+        EXPECT_EQ(first_word(first + i * expected.objsize), first + (i + 1) * expected.objsize)
+            << i;
     }
     EXPECT_EQ(first_word(first + (expected.blocks - 1) * expected.objsize), nullptr);
 }
@@ -299,17 +301,20 @@ TEST_P(PoolSlab, IsOneAllocationOf2048BytesThatBeginsWithALink) {
     EXPECT_LT(malloc_usable_size(slab), 2048u + 32);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    OfSize, PoolSlab,
-    testing::Values(slab_figures{1, on_target(4, 8), on_target(511, 255)},
-                    slab_figures{4, on_target(4, 8), on_target(511, 255)}, slab_figures{5, 8, 255},
-                    slab_figures{8, 8, 255}, slab_figures{9, on_target(12, 16), on_target(170, 127)},
-                    slab_figures{16, 16, 127}, slab_figures{44, on_target(44, 48), on_target(46, 42)},
-                    slab_figures{97, on_target(100, 104), on_target(20, 19)}, slab_figures{104, 104, 19},
-                    slab_figures{196, on_target(196, 200), 10}, slab_figures{200, 200, 10},
-                    slab_figures{201, on_target(204, 208), on_target(10, 9)},
-                    slab_figures{204, on_target(204, 208), on_target(10, 9)}),
-    [](const auto& row) { return std::to_string(row.param.size); });
+INSTANTIATE_TEST_SUITE_P(OfSize, PoolSlab,
+                         testing::Values(slab_figures{1, on_target(4, 8), on_target(511, 255)},
+                                         slab_figures{4, on_target(4, 8), on_target(511, 255)},
+                                         slab_figures{5, 8, 255}, slab_figures{8, 8, 255},
+                                         slab_figures{9, on_target(12, 16), on_target(170, 127)},
+                                         slab_figures{16, 16, 127},
+                                         slab_figures{44, on_target(44, 48), on_target(46, 42)},
+                                         slab_figures{97, on_target(100, 104), on_target(20, 19)},
+                                         slab_figures{104, 104, 19},
+                                         slab_figures{196, on_target(196, 200), 10},
+                                         slab_figures{200, 200, 10},
+                                         slab_figures{201, on_target(204, 208), on_target(10, 9)},
+                                         slab_figures{204, on_target(204, 208), on_target(10, 9)}),
+                         [](const auto& row) { return std::to_string(row.param.size); });
 
 TEST(Pool, AClassHasThreeWordsAndThereAre52) {
     EXPECT_EQ(sizeof pool_classes / sizeof *pool_classes, 52u);
@@ -424,6 +429,7 @@ TEST(PoolDeathTest, ExhaustedMemoryEndsTheProcess) {
     if (POOL_OWN_BLOCKS) {
         GTEST_SKIP() << "the sanitizer reports a failed allocation itself";
     }
-    /* More than any allocator gives, even where an emulator has the whole address space to spare. */
+    /* More than any allocator gives, even where an emulator has the whole address space to spare.
+     */
     EXPECT_EXIT(pool_alloc(SIZE_MAX / 2 + 1), testing::KilledBySignal(SIGABRT), "^out of memory\n");
 }

@@ -12,9 +12,10 @@
 
 namespace {
 
-#define SKIP_WITHOUT_SLABS()                                                                                 \
-    if (POOL_OWN_BLOCKS)                                                                                     \
-    GTEST_SKIP() << "in this build every block is an allocation of its own and is not reused at once"
+#define SKIP_WITHOUT_SLABS()                                                                       \
+    if (POOL_OWN_BLOCKS)                                                                           \
+    GTEST_SKIP()                                                                                   \
+        << "in this build every block is an allocation of its own and is not reused at once"
 
 class Sstr : public testing::Test {
   protected:
@@ -84,7 +85,8 @@ TEST_F(Sstr, WithoutBytesTheCallerWritesTheText) {
 }
 
 TEST(SstrDeathTest, WithoutBytesAllBitsSetIsALengthThatNoStringCanHave) {
-    EXPECT_EXIT(sstr_new(nullptr, 0xFFFFFFFF), testing::KilledBySignal(SIGABRT), "^out of memory\n");
+    EXPECT_EXIT(sstr_new(nullptr, 0xFFFFFFFF), testing::KilledBySignal(SIGABRT),
+                "^out of memory\n");
 }
 
 TEST_F(Sstr, LongStringsAreWholeAroundThePooledSizes) {

@@ -1,6 +1,7 @@
 #include "core/text.h"
 
 #include <gtest/gtest.h>
+
 #include <malloc.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -55,7 +56,8 @@ std::string unquoted(const std::string& text) {
 
 typedef std::vector<std::string> words;
 
-/* What the shared buffer's block holds, at first and once a text of 300 characters has been in it. */
+/* What the shared buffer's block holds, at first and once a text of 300 characters has been in it.
+ */
 struct growth {
     size_t first;
     size_t second;
@@ -65,8 +67,8 @@ size_t room_for(const char* text) {
     return malloc_usable_size(const_cast<char*>(str_format("%s", text)));
 }
 
-/* The buffer never shrinks and the cases of one process share it, so the question is put before any of them,
- * to a process that formats nothing else. */
+/* The buffer never shrinks and the cases of one process share it, so the question is put before any
+ * of them, to a process that formats nothing else. */
 growth growth_from_the_start() {
     growth seen = {};
     int ends[2];
@@ -111,7 +113,8 @@ TEST(TextFormat, AnEmptyResultIsNull) {
 }
 
 TEST(TextFormat, AFormatThatCannotBePrintedGivesNull) {
-    EXPECT_EQ(str_format("%lc", static_cast<wint_t>(0x4e00)), nullptr) << "not a character of the C locale";
+    EXPECT_EQ(str_format("%lc", static_cast<wint_t>(0x4e00)), nullptr)
+        << "not a character of the C locale";
 }
 
 TEST(TextFormat, TextsAroundTheFirstCapacityComeOutWhole) {

@@ -1,8 +1,7 @@
-#include <algorithm>
-#include <fcntl.h>
 #include <gtest/gtest.h>
+
+#include <fcntl.h>
 #include <signal.h>
-#include <string>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
@@ -11,6 +10,9 @@
 #include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -106,8 +108,8 @@ std::string backend_name(const testing::TestParamInfo<operations>& backend) {
     return backend.param == &loop_epoll_backend ? "epoll" : "select";
 }
 
-INSTANTIATE_TEST_SUITE_P(Backends, Backend, testing::Values(&loop_select_backend, &loop_epoll_backend),
-                         backend_name);
+INSTANTIATE_TEST_SUITE_P(Backends, Backend,
+                         testing::Values(&loop_select_backend, &loop_epoll_backend), backend_name);
 
 TEST_P(Backend, ReportsNothingWhenNothingIsWatched) {
     EXPECT_EQ(wait(), events{});
@@ -320,7 +322,8 @@ TEST_F(SelectBackend, AnErrorIsReportedAsWritableAlone) {
 
 TEST_F(SelectBackend, AFailedWaitYieldsNoEvents) {
     backend->add(open.ready(), LOOP_READABLE);
-    /* A number that was open once: select() silently passes over those beyond the process's table. */
+    /* A number that was open once: select() silently passes over those beyond the process's table.
+     */
     const int closed = eventfd(0, EFD_CLOEXEC);
     ASSERT_GE(closed, 0);
     close(closed);

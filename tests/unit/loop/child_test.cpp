@@ -105,14 +105,16 @@ struct Children : testing::Test {
         }
     }
 
-    /* Runs the loop; a step is made every tenth of a second, until it says that it was the last. Once a test.
+    /* Runs the loop; a step is made every tenth of a second, until it says that it was the last.
+     * Once a test.
      */
     static void run(std::function<bool()> step) {
         struct stepper {
             std::function<bool()> step;
             std::chrono::steady_clock::time_point end;
             bool late;
-        } s = {std::move(step), std::chrono::steady_clock::now() + std::chrono::seconds(LIMIT_S), false};
+        } s = {std::move(step), std::chrono::steady_clock::now() + std::chrono::seconds(LIMIT_S),
+               false};
         const auto on_timer = [](void* argument) {
             stepper* t = static_cast<stepper*>(argument);
             t->late = std::chrono::steady_clock::now() > t->end;
@@ -234,7 +236,10 @@ TEST_F(Children, ASyntaxErrorHasNoOutput) {
 
 TEST_F(Children, AMissingShellIsAnEmptyOutputAndStatus127) {
     run_in_own_world(
-        [] { return unshare_mounts() && mount("/dev/null", "/bin/sh", nullptr, MS_BIND, nullptr) == 0; },
+        [] {
+            return unshare_mounts() &&
+                   mount("/dev/null", "/bin/sh", nullptr, MS_BIND, nullptr) == 0;
+        },
         [] {
             outcome o;
             /* The completion reaps this one, so that the status of the other stays to be seen. */
@@ -269,7 +274,10 @@ TEST_F(Children, TheNullDeviceIsOpenForWritingAlone) {
 
 TEST_F(Children, WithoutANullDeviceErrorsGoWhereTheDaemonsGo) {
     run_in_own_world(
-        [] { return own_devices() && umount2("/dev/null", MNT_DETACH) == 0 && unlink("/dev/null") == 0; },
+        [] {
+            return own_devices() && umount2("/dev/null", MNT_DETACH) == 0 &&
+                   unlink("/dev/null") == 0;
+        },
         [] {
             int errors[2];
             ASSERT_EQ(pipe2(errors, O_CLOEXEC), 0);
@@ -287,7 +295,8 @@ TEST_F(Children, WithoutANullDeviceErrorsGoWhereTheDaemonsGo) {
 
 /* The pipe then takes their numbers. */
 TEST_F(Children, TheOutputComesWholeAlsoWhereTheDaemonHasNoStandardInputOrOutput) {
-    const std::vector<int> cases[] = {{STDIN_FILENO}, {STDOUT_FILENO}, {STDIN_FILENO, STDOUT_FILENO}};
+    const std::vector<int> cases[] = {
+        {STDIN_FILENO}, {STDOUT_FILENO}, {STDIN_FILENO, STDOUT_FILENO}};
     for (const std::vector<int>& missing : cases) {
         run_in_own_world(nothing_special, [&] {
             const int before = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 10);
@@ -304,7 +313,8 @@ TEST_F(Children, TheOutputComesWholeAlsoWhereTheDaemonHasNoStandardInputOrOutput
 
 TEST_F(Children, TheCommandIsOneShellWord) {
     setenv("TESSARD_CHILD_WORD", "from the environment", 1);
-    const outcome o = run_command("x='a  b'; echo \"$x\" | tr a-z A-Z; echo $TESSARD_CHILD_WORD; echo $0 $#");
+    const outcome o =
+        run_command("x='a  b'; echo \"$x\" | tr a-z A-Z; echo $TESSARD_CHILD_WORD; echo $0 $#");
     unsetenv("TESSARD_CHILD_WORD");
     EXPECT_EQ(o.output, "A  B\nfrom the environment\nsh 0\n");
 }
@@ -469,8 +479,8 @@ TEST_F(Children, NoEndedChildrenPileUp) {
     ASSERT_EQ(child_spawn(":", next, nullptr), 1);
     const size_t before = open_descriptors();
     run([] { return completed == ROUNDS; });
-    /* Those whose pipe closed just before they ended wait for later completions: a few, more on a busy
-     * machine. */
+    /* Those whose pipe closed just before they ended wait for later completions: a few, more on a
+     * busy machine. */
     size_t left = 0;
     while (waitpid(-1, nullptr, 0) > 0) {
         left++;
@@ -492,7 +502,8 @@ TEST_F(Children, NoDescriptorOfTheDaemonIsInherited) {
     for (int fd = 3; fd < 1024; fd++) {
         const int flags = fcntl(fd, F_GETFD);
         if (flags >= 0 && (flags & FD_CLOEXEC) != 0) {
-            links.push_back(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)).string());
+            links.push_back(
+                std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)).string());
         }
     }
     ASSERT_GE(links.size(), 3u);

@@ -1,17 +1,19 @@
 #include "loop/connection.h"
 
-#include <algorithm>
-#include <deque>
+#include <gtest/gtest.h>
+
 #include <errno.h>
 #include <fcntl.h>
-#include <functional>
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <stddef.h>
-#include <string>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <deque>
+#include <functional>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -185,7 +187,8 @@ struct Connection : testing::TestWithParam<loop_backend> {
     }
 
     static void from_peer(stream& s, const std::string& bytes) {
-        ASSERT_EQ(send(s.peer, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+        ASSERT_EQ(send(s.peer, bytes.data(), bytes.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(bytes.size()));
     }
 
     /* Everything that has arrived at the other end. */
@@ -261,7 +264,8 @@ std::string backend_name(const testing::TestParamInfo<loop_backend>& backend) {
     return backend.param == LOOP_EPOLL ? "epoll" : "select";
 }
 
-INSTANTIATE_TEST_SUITE_P(Backends, Connection, testing::Values(LOOP_SELECT, LOOP_EPOLL), backend_name);
+INSTANTIATE_TEST_SUITE_P(Backends, Connection, testing::Values(LOOP_SELECT, LOOP_EPOLL),
+                         backend_name);
 
 /* A new connection. */
 
@@ -297,13 +301,14 @@ TEST_P(Connection, HasThreeEmptyBuffersWithTheirLimits) {
 }
 
 TEST(ConnectionRecord, FieldsStandInTheirOrder) {
-    const size_t offsets[] = {
-        offsetof(connection, fd),        offsetof(connection, input),       offsetof(connection, output),
-        offsetof(connection, owner),     offsetof(connection, conn_ondata), offsetof(connection, on_close),
-        offsetof(connection, producer),  offsetof(connection, error),       offsetof(connection, reason),
-        offsetof(connection, user_data), offsetof(connection, completed),   offsetof(connection, prev),
-        offsetof(connection, next),      offsetof(connection, pending),     offsetof(connection, jump),
-        offsetof(connection, closing)};
+    const size_t offsets[] = {offsetof(connection, fd),          offsetof(connection, input),
+                              offsetof(connection, output),      offsetof(connection, owner),
+                              offsetof(connection, conn_ondata), offsetof(connection, on_close),
+                              offsetof(connection, producer),    offsetof(connection, error),
+                              offsetof(connection, reason),      offsetof(connection, user_data),
+                              offsetof(connection, completed),   offsetof(connection, prev),
+                              offsetof(connection, next),        offsetof(connection, pending),
+                              offsetof(connection, jump),        offsetof(connection, closing)};
     const size_t on_device[] = {0, 4, 32, 60, 64, 68, 72, 76, 78, 80, 84, 88, 92, 96, 124, 128};
     for (size_t i = 1; i < sizeof offsets / sizeof *offsets; i++) {
         EXPECT_LT(offsets[i - 1], offsets[i]) << i;
@@ -355,9 +360,10 @@ TEST_P(Connection, OfNoServerIsInNoList) {
 }
 
 TEST_P(Connection, ADescriptorAtTheLimitAborts) {
-    EXPECT_DEATH(loop_add_connection(LIMIT, &owner), "loop:690: loop_add_connection: Assertion "
-                                                     "`fd < maxfd && files\\[fd\\]\\.cb == \\(\\(void "
-                                                     "\\*\\)0\\)' failed");
+    EXPECT_DEATH(loop_add_connection(LIMIT, &owner),
+                 "loop:690: loop_add_connection: Assertion "
+                 "`fd < maxfd && files\\[fd\\]\\.cb == \\(\\(void "
+                 "\\*\\)0\\)' failed");
 }
 
 TEST_P(Connection, ADescriptorThatHasAHandlerAborts) {
@@ -519,8 +525,8 @@ TEST_P(Connection, APeerThatOnlyStopsWritingStillGetsItsReply) {
     EXPECT_EQ(s.reason, 4);
 }
 
-/* What the system gives as the pending error of a socket whose peer went away with unread bytes: ECONNRESET,
- * but an emulator may show the number that it has on the machine below. */
+/* What the system gives as the pending error of a socket whose peer went away with unread bytes:
+ * ECONNRESET, but an emulator may show the number that it has on the machine below. */
 int pending_error_of_a_reset() {
     int ends[2];
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
@@ -782,7 +788,8 @@ TEST_P(Connection, FramesOfEverySizeArriveInTheOrderOfSending) {
             stream& s = streams[i];
             /* Faster than the other end reads at first, slower later. */
             for (int burst = 0; burst < 20 && frames < 4000; burst++, frames++) {
-                const std::string frame(1 + frames * 37 % 4500, static_cast<char>('a' + frames % 26));
+                const std::string frame(1 + frames * 37 % 4500,
+                                        static_cast<char>('a' + frames % 26));
                 if (s.c->pending.length + frame.size() < 900000) {
                     sent[i] += frame;
                     send_text(s, frame);
@@ -793,7 +800,8 @@ TEST_P(Connection, FramesOfEverySizeArriveInTheOrderOfSending) {
             arrived[i].append(chunk, size > 0 ? static_cast<size_t>(size) : 0);
             connection_flush(s.c);
         }
-        return frames == 4000 && arrived[0].size() == sent[0].size() && arrived[1].size() == sent[1].size();
+        return frames == 4000 && arrived[0].size() == sent[0].size() &&
+               arrived[1].size() == sent[1].size();
     }));
     EXPECT_GT(sent[0].size(), 1000000u);
     EXPECT_TRUE(arrived[0] == sent[0]);

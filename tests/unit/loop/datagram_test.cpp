@@ -1,17 +1,19 @@
 #include "loop/datagram.h"
 
+#include <gtest/gtest.h>
+
 #include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <functional>
-#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <stdlib.h>
-#include <string>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
+
+#include <functional>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -52,7 +54,8 @@ int stop_the_loop(void*) {
 } // namespace
 
 /* Defined in the program, it takes precedence over the C library's. */
-extern "C" ssize_t recvfrom(int fd, void* bytes, size_t size, int flags, sockaddr* from, socklen_t* length) {
+extern "C" ssize_t recvfrom(int fd, void* bytes, size_t size, int flags, sockaddr* from,
+                            socklen_t* length) {
     if (meanwhile) {
         std::exchange(meanwhile, {})();
     }
@@ -158,7 +161,8 @@ TEST_P(Datagram, EachDatagramIsARequestOfItsOwn) {
     send_from(client, "b");
     send_from(client, std::string("c\0c", 3));
     run_until(3);
-    EXPECT_EQ(requests, (std::vector<std::string>{"a longer one comes first", "b", std::string("c\0c", 3)}));
+    EXPECT_EQ(requests,
+              (std::vector<std::string>{"a longer one comes first", "b", std::string("c\0c", 3)}));
 }
 
 TEST_P(Datagram, ALargeDatagramIsTakenAndAnsweredWhole) {
@@ -224,7 +228,8 @@ TEST_P(Datagram, AReplyThatNobodyCanReceiveIsLost) {
     datagram_server* local = datagram_open(path.c_str(), 0, take_request);
     ASSERT_NE(local, nullptr);
     on_request = [](datagram_server*, buffer* reply) { answer(reply, "reply"); };
-    const int sender = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0); /* without an address of its own */
+    const int sender =
+        socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0); /* without an address of its own */
     clients.push_back(sender);
     endpoint_address address;
     endpoint_parse(path.c_str(), 0, &address);

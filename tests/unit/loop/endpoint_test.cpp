@@ -1,17 +1,19 @@
 #include "loop/endpoint.h"
 
+#include <gtest/gtest.h>
+
 #include <arpa/inet.h>
-#include <deque>
 #include <errno.h>
 #include <fcntl.h>
-#include <functional>
-#include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
-#include <string>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <deque>
+#include <functional>
+#include <string>
 #include <vector>
 
 #include "loop/connection.h"
@@ -222,8 +224,8 @@ TEST(EndpointParse, AnyOtherTextIsAnIPv4Address) {
 TEST(EndpointParse, NamesAndMalformedAddressesFail) {
     endpoint_address address;
     for (const char* text :
-         {"localhost", "LOCALHOST", "", " ", "256.0.0.1", "127.0.0.1 ", " 127.0.0.1", "127.1", "127.0.0.1:80",
-          ":", ":::", "::1%lo", "[::1]", "12345::", "example.org"}) {
+         {"localhost", "LOCALHOST", "", " ", "256.0.0.1", "127.0.0.1 ", " 127.0.0.1", "127.1",
+          "127.0.0.1:80", ":", ":::", "::1%lo", "[::1]", "12345::", "example.org"}) {
         EXPECT_EQ(endpoint_parse(text, 80, &address), 0) << '"' << text << '"';
     }
 }
@@ -714,7 +716,8 @@ TEST_P(EndpointConnectAsync, TheCallbackMayMakeAConnectionOfTheDescriptor) {
         made = loop_add_connection(fd, nullptr);
         loop_stop();
     };
-    EXPECT_EQ(endpoint_connect_async("127.0.0.1", port_of(listener.fd), make_connection, nullptr), 1);
+    EXPECT_EQ(endpoint_connect_async("127.0.0.1", port_of(listener.fd), make_connection, nullptr),
+              1);
     run();
     ASSERT_NE(made, nullptr);
     EXPECT_TRUE(loop_has_handler(made->fd));

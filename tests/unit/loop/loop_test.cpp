@@ -1,16 +1,18 @@
 #include "loop/loop.h"
 
-#include <algorithm>
-#include <deque>
-#include <fcntl.h>
-#include <functional>
 #include <gtest/gtest.h>
+
+#include <fcntl.h>
 #include <stddef.h>
-#include <string>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <time.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <deque>
+#include <functional>
+#include <string>
 #include <vector>
 
 #include "core/pool.h"
@@ -62,8 +64,8 @@ struct Loop : testing::TestWithParam<loop_backend> {
         test_clock::release();
     }
 
-    /* Runs one pass for each entry; the entry is how many milliseconds go by while that pass waits and
-     * dispatches. */
+    /* Runs one pass for each entry; the entry is how many milliseconds go by while that pass waits
+     * and dispatches. */
     void run_passes(std::vector<int64_t> milliseconds) {
         elapsed = std::move(milliseconds);
         EXPECT_NE(loop_run(), 0);

@@ -1,17 +1,19 @@
 #include "loop/server.h"
 
+#include <gtest/gtest.h>
+
 #include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <stddef.h>
 #include <stdlib.h>
-#include <string>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <string>
 #include <vector>
 
 #include "core/pool.h"
@@ -129,9 +131,10 @@ bool is_at_end_of_stream(int client) {
     return poll(&ready, 1, 2000) == 1 && recv(client, &byte, 1, MSG_DONTWAIT) == 0;
 }
 
-INSTANTIATE_TEST_SUITE_P(Backends, Server, testing::Values(LOOP_SELECT, LOOP_EPOLL), [](const auto& backend) {
-    return backend.param == LOOP_EPOLL ? "epoll" : "select";
-});
+INSTANTIATE_TEST_SUITE_P(Backends, Server, testing::Values(LOOP_SELECT, LOOP_EPOLL),
+                         [](const auto& backend) {
+                             return backend.param == LOOP_EPOLL ? "epoll" : "select";
+                         });
 
 /* Opening. */
 
@@ -208,10 +211,11 @@ TEST_P(Server, ADescriptorAtTheLimitGivesNullAndIsClosed) {
 }
 
 TEST(ServerRecord, FieldsStandInTheirOrder) {
-    const size_t offsets[] = {
-        offsetof(server, fd),          offsetof(server, address),         offsetof(server, port),
-        offsetof(server, connections), offsetof(server, conn_ondata),     offsetof(server, on_close),
-        offsetof(server, on_accept),   offsetof(server, accept_override), offsetof(server, references)};
+    const size_t offsets[] = {offsetof(server, fd),          offsetof(server, address),
+                              offsetof(server, port),        offsetof(server, connections),
+                              offsetof(server, conn_ondata), offsetof(server, on_close),
+                              offsetof(server, on_accept),   offsetof(server, accept_override),
+                              offsetof(server, references)};
     const size_t on_device[] = {0, 4, 52, 56, 60, 64, 68, 72, 76};
     for (size_t i = 1; i < sizeof offsets / sizeof *offsets; i++) {
         EXPECT_LT(offsets[i - 1], offsets[i]) << i;

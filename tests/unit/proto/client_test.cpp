@@ -2,10 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-
 #include <stdlib.h>
 #include <string.h>
+
+#include <string>
 
 #include "tests/unit/support/store_test.h"
 #include "tests/unit/support/test_client.h"
@@ -25,7 +25,8 @@ class ClientRecords : public store_test {
         }
         char* end;
         const long number = strtol(c->name + strlen(prefix), &end, 10);
-        return *end == '\0' && end - c->name == static_cast<long>(sstr_length(c->name)) ? number : -1;
+        return *end == '\0' && end - c->name == static_cast<long>(sstr_length(c->name)) ? number
+                                                                                        : -1;
     }
 };
 

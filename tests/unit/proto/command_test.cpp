@@ -2,11 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <time.h>
+
 #include <algorithm>
 #include <string>
 #include <vector>
-
-#include <time.h>
 
 #include "proto/cmd.h"
 #include "tests/unit/support/store_test.h"
@@ -34,10 +34,12 @@ class Dispatch : public store_test {
     }
 
     static void set(const char* key, std::string_view value) {
-        sstr_assign(&make(key, OBJ_TSTRING)->string, value.data(), static_cast<uint32_t>(value.size()));
+        sstr_assign(&make(key, OBJ_TSTRING)->string, value.data(),
+                    static_cast<uint32_t>(value.size()));
     }
 
-    /* Processor time in seconds that the request takes, at best of three. The fixture's client sends it. */
+    /* Processor time in seconds that the request takes, at best of three. The fixture's client
+     * sends it. */
     double cost_of(const std::string& request) {
         double best = 1e9;
         for (int i = 0; i < 3; i++) {
@@ -66,8 +68,8 @@ std::string fields_request(const std::string& name, const std::string& key, size
 /* A request with this many arguments, all "x". */
 std::string request_of(const char* name, uint32_t argc) {
     const std::string word = name;
-    std::string bytes =
-        "*" + std::to_string(argc + 1) + "\r\n$" + std::to_string(word.size()) + "\r\n" + word + "\r\n";
+    std::string bytes = "*" + std::to_string(argc + 1) + "\r\n$" + std::to_string(word.size()) +
+                        "\r\n" + word + "\r\n";
     for (uint32_t i = 0; i < argc; i++) {
         bytes += "$1\r\nx\r\n";
     }
@@ -119,8 +121,9 @@ TEST(CommandTable, RulesDecideByTheNumberOfArguments) {
         uint32_t rule;
         const char* accepted; /* one digit for each argc from 0 to 9 */
     } rows[] = {
-        {0, "1111111111"}, {1, "0111111111"}, {2, "0011111111"}, {3, "0001111111"}, {4, "1111111111"},
-        {5, "1010101010"}, {6, "1111111111"}, {7, "1111111111"}, {8, "0001010101"},
+        {0, "1111111111"}, {1, "0111111111"}, {2, "0011111111"},
+        {3, "0001111111"}, {4, "1111111111"}, {5, "1010101010"},
+        {6, "1111111111"}, {7, "1111111111"}, {8, "0001010101"},
     };
     for (const auto& row : rows) {
         for (uint32_t argc = 0; argc < 10; argc++) {
@@ -148,7 +151,8 @@ TEST_F(Dispatch, EveryCommandIsFoundByItsNameInUpperAndLowerCase) {
             c = static_cast<char>(c - 'a' + 'A');
         }
         for (const std::string& name : {std::string(row.name), upper}) {
-            /* The trace says whether it was found. Refused by its rule, where it has one, it does nothing. */
+            /* The trace says whether it was found. Refused by its rule, where it has one, it does
+             * nothing. */
             log.start();
             peer.deliver(request_of(name.c_str(), row.arg_rule == 5 ? 1 : 0));
             EXPECT_EQ(log.text().find("Unknown command"), std::string::npos) << name;
@@ -224,7 +228,8 @@ TEST_F(Dispatch, MsetTakesPairsAndNone) {
 TEST_F(Dispatch, HmsetTakesAKeyAndPairs) {
     for (uint32_t argc = 0; argc < 8; argc++) {
         const bool accepted = argc == 3 || argc == 5 || argc == 7;
-        EXPECT_EQ(peer.deliver(request_of("hmset", argc)), accepted ? "+OK\r\n" : "-ERR\r\n") << argc;
+        EXPECT_EQ(peer.deliver(request_of("hmset", argc)), accepted ? "+OK\r\n" : "-ERR\r\n")
+            << argc;
     }
 }
 
@@ -237,7 +242,8 @@ TEST_F(Dispatch, MoreArgumentsThanNeededAreAccepted) {
 /* --- Deliveries --- */
 
 TEST_F(Dispatch, ASecondRequestInOneDeliveryIsDropped) {
-    EXPECT_EQ(peer.deliver(frame('*', {"set", "a", "1"}) + frame('*', {"set", "b", "2"})), "+OK\r\n");
+    EXPECT_EQ(peer.deliver(frame('*', {"set", "a", "1"}) + frame('*', {"set", "b", "2"})),
+              "+OK\r\n");
     EXPECT_EQ(get("a"), "1");
     EXPECT_EQ(get("b"), "(no string)");
     EXPECT_EQ(peer.conn->input.length, 0u);
@@ -320,8 +326,8 @@ TEST_F(Dispatch, RepliesStandInTheOrderOfTheirRequests) {
 }
 
 TEST_F(Dispatch, RepliesOfAnySizeArriveWhole) {
-    for (const size_t size : {1u, 1900u, 1960u, 1973u, 1980u, 1988u, 1989u, 1990u, 1991u, 2000u, 3990u, 4000u,
-                              5000u, 50000u, 100000u}) {
+    for (const size_t size : {1u, 1900u, 1960u, 1973u, 1980u, 1988u, 1989u, 1990u, 1991u, 2000u,
+                              3990u, 4000u, 5000u, 50000u, 100000u}) {
         const std::string value(size, 'v');
         set("k", value);
         EXPECT_EQ(peer.call({"get", "k"}), "$" + std::to_string(size) + "\r\n" + value + "\r\n");
@@ -339,7 +345,8 @@ TEST_F(Dispatch, AReplyThatCannotBeComposedClosesTheConnection) {
 
 TEST_F(Dispatch, ASmallReplyThatFindsNoMemoryClosesTheConnection) {
     set("k", "v");
-    for (const auto& request : {frame('*', {"ping"}), frame('*', {"get", "k"}), frame('*', {"nonsense"})}) {
+    for (const auto& request :
+         {frame('*', {"ping"}), frame('*', {"get", "k"}), frame('*', {"nonsense"})}) {
         test_client other;
         /* As where the heap is exhausted: the output cannot get its first bytes of memory. */
         other.conn->output.limit = 1;

@@ -2,13 +2,13 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
 #include <malloc.h>
 #include <stdio.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <string>
+#include <vector>
 
 #include "core/pool.h"
 #include "proto/resp.h"
@@ -369,7 +369,8 @@ TEST_F(Observers, AnEventOfWhichNobodyIsToldIsTracedAllTheSame) {
     log.start();
     notify_observers(made_event({"HDEL", "h", "f"}));
     EXPECT_EQ(issuer.received(), "");
-    EXPECT_EQ(log.text(), "debug *** notified clients with: \ndebug *** " + event({"HDEL", "h", "f"}) + "\n");
+    EXPECT_EQ(log.text(),
+              "debug *** notified clients with: \ndebug *** " + event({"HDEL", "h", "f"}) + "\n");
 }
 
 /* --- The command --- */
@@ -460,7 +461,8 @@ TEST_F(Observers, TheOthersGoOnWhenOneDisconnects) {
         peers[victim].disconnect();
         notify_observers(made_event({"HDEL", "h"}));
         for (int i = 0; i < 3; i++) {
-            EXPECT_EQ(peers[i].received(), i == victim ? "" : event({"HDEL", "h"})) << victim << " " << i;
+            EXPECT_EQ(peers[i].received(), i == victim ? "" : event({"HDEL", "h"}))
+                << victim << " " << i;
         }
     }
 }

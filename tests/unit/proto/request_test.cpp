@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <string.h>
+
 #include <algorithm>
 #include <memory>
 #include <random>
@@ -9,16 +11,14 @@
 #include <string_view>
 #include <vector>
 
-#include <string.h>
-
 #include "tests/unit/support/text_string.h"
 
 using namespace unit_test;
 
 namespace {
 
-/* A parsed request, and the input as the parser left it. The input is an allocation of exactly the size of
- * the bytes, so that a sanitizer sees every access beyond them. */
+/* A parsed request, and the input as the parser left it. The input is an allocation of exactly the
+ * size of the bytes, so that a sanitizer sees every access beyond them. */
 class parsed {
   public:
     explicit parsed(std::string_view bytes) : bytes_left(new char[bytes.size()]) {
@@ -195,7 +195,8 @@ TEST(RequestParser, TheInputKeepsItsPlaceAndItsDataButNotItsLineEnds) {
     const parsed p(bytes);
     EXPECT_EQ(p.words(), (words{"GET", "k\r"}));
     EXPECT_TRUE(p.input_kept_its_place);
-    EXPECT_EQ(std::string(p.bytes_left.get(), bytes.size()), raw("*2\0\0$3\0\0GET\r\n$2\0k\r\r\nrest"));
+    EXPECT_EQ(std::string(p.bytes_left.get(), bytes.size()),
+              raw("*2\0\0$3\0\0GET\r\n$2\0k\r\r\nrest"));
 }
 
 TEST(RequestParser, ParsingStartsAtTheUnreadBytes) {
@@ -243,17 +244,21 @@ TEST(RequestParser, ACountWithoutDigitsIsRefused) {
 TEST(RequestParser, ALengthWithoutDigitsIsRefused) {
     for (const char* line : {"$", "$x", "$ ", "$-", "$+", "$$4", "4", "", "*4", " $4"}) {
         EXPECT_EQ(words_of("*1\r\n" + std::string(line) + "\r\nPING\r\n"), REFUSED) << line;
-        EXPECT_EQ(words_of("*2\r\n$3\r\nGET\r\n" + std::string(line) + "\r\nPING\r\n"), REFUSED) << line;
+        EXPECT_EQ(words_of("*2\r\n$3\r\nGET\r\n" + std::string(line) + "\r\nPING\r\n"), REFUSED)
+            << line;
     }
 }
 
 TEST(RequestParser, NumbersAreReadAsTheCLibraryReadsThem) {
-    for (const char* count : {" 1", "+1", "1x", "1 2", "1\r", "1.9", "\t1", " +1", "01", "0000000001",
-                              "00000000000000000000001", "1\rx", "-4294967295", "\v\f1"}) {
-        EXPECT_EQ(words_of("*" + std::string(count) + "\r\n$4\r\nPING\r\n"), words{"PING"}) << count;
+    for (const char* count :
+         {" 1", "+1", "1x", "1 2", "1\r", "1.9", "\t1", " +1", "01", "0000000001",
+          "00000000000000000000001", "1\rx", "-4294967295", "\v\f1"}) {
+        EXPECT_EQ(words_of("*" + std::string(count) + "\r\n$4\r\nPING\r\n"), words{"PING"})
+            << count;
     }
     for (const char* length : {" 4", "+4", "4x", "4 2", "04", "0000000004", "-4294967292", "4-1"}) {
-        EXPECT_EQ(words_of("*1\r\n$" + std::string(length) + "\r\nPING\r\n"), words{"PING"}) << length;
+        EXPECT_EQ(words_of("*1\r\n$" + std::string(length) + "\r\nPING\r\n"), words{"PING"})
+            << length;
     }
 }
 
@@ -286,8 +291,9 @@ TEST(RequestParser, ALineThatBeginsWithANulIsRefused) {
 TEST(RequestParser, LengthsOfAnyNumberOfDigitsAreRead) {
     for (const size_t length : {9u, 10u, 99u, 100u, 999u, 1000u, 99999u, 1000000u}) {
         const std::string value(length, 'v');
-        EXPECT_EQ(words_of("*2\r\n$3\r\nSET\r\n$" + std::to_string(length) + "\r\n" + value + "\r\n"),
-                  (words{"SET", value}))
+        EXPECT_EQ(
+            words_of("*2\r\n$3\r\nSET\r\n$" + std::to_string(length) + "\r\n" + value + "\r\n"),
+            (words{"SET", value}))
             << length;
     }
 }
@@ -367,7 +373,8 @@ TEST(RequestParser, ARequestThatIsCutAnywhereIsRefused) {
     const std::string requests[] = {
         "*1\r\n$4\r\nPING\r\n",
         "*3\r\n$3\r\nSET\r\n$3\r\nkey\r\n$12\r\nsome\r\nvalue\n\r\n",
-        "*12\n$4\nmget\r\n$0\n\r\n$0\n\r\n$0\n\r\n$0\n\r\n$0\n\r\n$0\n\r\n$0\n\r\n$0\n\r\n$0\n\r\n$0\n\r\n$"
+        "*12\n$4\nmget\r\n$0\n\r\n$0\n\r\n$0\n\r\n$0\n\r\n$0\n\r\n$0\n\r\n$0\n\r\n$0\n\r\n$0\n\r\n$"
+        "0\n\r\n$"
         "1\na\r\n",
         "* 2x\r\n$+3\r\nGET\r\n$0000000000000000000001\r\nk\r\n",
     };
@@ -404,8 +411,9 @@ TEST(RequestParser, RandomBytesAreRefusedOrReadAsTheyStand) {
     for (int i = 0; i < 40000; i++) {
         std::string bytes = i % 2 == 0 ? "*1\r\n$" : "*";
         for (size_t length = random() % 40; bytes.size() < length;) {
-            bytes += i % 4 == 0 && random() % 4 == 0 ? "\r\n"
-                                                     : std::string(1, alphabet[random() % alphabet.size()]);
+            bytes += i % 4 == 0 && random() % 4 == 0
+                         ? "\r\n"
+                         : std::string(1, alphabet[random() % alphabet.size()]);
         }
         const words got = words_of(bytes);
         accepted += got != REFUSED ? 1 : 0;

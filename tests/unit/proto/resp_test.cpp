@@ -346,15 +346,16 @@ TEST_F(Replies, WithoutAnItemThereIsNothingToDestroy) {
 
 /* --- Broken invariants --- */
 
-#define EXPECT_PROTO_ASSERTION(statement, expression)                                                        \
-    EXPECT_EXIT(                                                                                             \
-        {                                                                                                    \
-            log_to_stderr();                                                                                 \
-            statement;                                                                                       \
-        },                                                                                                   \
-        ::testing::ExitedWithCode(255),                                                                      \
-        ::testing::AllOf(::testing::HasSubstr("fatal *** assertion \"" expression "\" failed at proto:"),    \
-                         ::testing::ContainsRegex("failed at proto:[1-9][0-9]*\n")))
+#define EXPECT_PROTO_ASSERTION(statement, expression)                                              \
+    EXPECT_EXIT(                                                                                   \
+        {                                                                                          \
+            log_to_stderr();                                                                       \
+            statement;                                                                             \
+        },                                                                                         \
+        ::testing::ExitedWithCode(255),                                                            \
+        ::testing::AllOf(                                                                          \
+            ::testing::HasSubstr("fatal *** assertion \"" expression "\" failed at proto:"),       \
+            ::testing::ContainsRegex("failed at proto:[1-9][0-9]*\n")))
 
 TEST_F(Replies, AFilledReplyCannotBeFilledAgain) {
     resp_integer(r, 1);
@@ -371,7 +372,8 @@ TEST_F(Replies, AMultibulkCannotBecomeAnotherReply) {
 
 TEST_F(Replies, ElementsWantAnEmptyReplyOrAMultibulk) {
     resp_bulk(r, nullptr);
-    EXPECT_PROTO_ASSERTION(resp_add(r, nullptr), "resp->type == RESP_TNONE || resp->type == RESP_TMBULK");
+    EXPECT_PROTO_ASSERTION(resp_add(r, nullptr),
+                           "resp->type == RESP_TNONE || resp->type == RESP_TMBULK");
 }
 
 TEST_F(Replies, ANotificationWantsAMultibulk) {

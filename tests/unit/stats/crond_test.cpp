@@ -41,8 +41,9 @@ using lines = std::vector<std::string>;
 
 const std::string FOLDER = "/usr/lib/lua/tplugins/";
 
-/* Every test runs in a process with a plug-in folder of its own: real scripts, started by a real shell. A
- * script tells over a pipe on which tick it was started; the pipe ends when the last script has. */
+/* Every test runs in a process with a plug-in folder of its own: real scripts, started by a real
+ * shell. A script tells over a pipe on which tick it was started; the pipe ends when the last
+ * script has. */
 class PlugIns : public store_test {
   protected:
     void in_own_folder(const std::function<void()>& body) {
@@ -95,8 +96,8 @@ class PlugIns : public store_test {
         }
     }
 
-    /* With a script that is due on every tick, and the log at this level. Where memory cannot be limited, the
-     * test is skipped. */
+    /* With a script that is due on every tick, and the log at this level. Where memory cannot be
+     * limited, the test is skipped. */
     void tick_twice_without_memory(uint32_t level) {
         add("1_x.sh");
         log.start(level);
@@ -109,7 +110,8 @@ class PlugIns : public store_test {
         /* Takes what is left, the large pieces first. */
         size_t taken = 0;
         for (size_t size = 1 << 20; size >= 16 && taken < (1U << 28); size /= 2) {
-            for (void* block = malloc(size); block != nullptr && taken < (1U << 28); block = malloc(size)) {
+            for (void* block = malloc(size); block != nullptr && taken < (1U << 28);
+                 block = malloc(size)) {
                 taken += size;
             }
         }
@@ -123,7 +125,8 @@ class PlugIns : public store_test {
         EXPECT_EQ(second, 0);
     }
 
-    /* Scripts run in the background: before their files are changed, all that were started must have ended.
+    /* Scripts run in the background: before their files are changed, all that were started must
+     * have ended.
      */
     void wait_for_scripts() {
         close(reports);
@@ -137,7 +140,8 @@ class PlugIns : public store_test {
         open_pipe();
     }
 
-    /* Ends scripts that would go on, each of which has reported its pid. Returns how many they were. */
+    /* Ends scripts that would go on, each of which has reported its pid. Returns how many they
+     * were. */
     int end_scripts() {
         close(reports);
         std::istringstream pids(read_to_end(from_scripts));
@@ -205,12 +209,12 @@ TEST_F(PlugIns, RunOnThePeriodOfTheirNamesCountedInTicks) {
         add("5_check.sh");
         add("7");
         tick(15);
-        EXPECT_THAT(
-            runs(),
-            UnorderedElementsAre(
-                testing::Pair("1_x.sh", ElementsAre(1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15)),
-                testing::Pair("2_x.sh", ElementsAre(2, 4, 6, 8, 10, 12, 14)),
-                testing::Pair("5_check.sh", ElementsAre(5, 10, 15)), testing::Pair("7", ElementsAre(7, 14))));
+        EXPECT_THAT(runs(), UnorderedElementsAre(
+                                testing::Pair("1_x.sh", ElementsAre(1, 2, 3, 4, 5, 6, 7, 8, 9, 10,
+                                                                    11, 12, 13, 14, 15)),
+                                testing::Pair("2_x.sh", ElementsAre(2, 4, 6, 8, 10, 12, 14)),
+                                testing::Pair("5_check.sh", ElementsAre(5, 10, 15)),
+                                testing::Pair("7", ElementsAre(7, 14))));
     });
 }
 
@@ -220,8 +224,9 @@ TEST_F(PlugIns, CountFromTheTickOnWhichTheyWereFound) {
         add("3_late.sh");
         add("1_late.sh");
         tick(6);
-        EXPECT_THAT(runs(), UnorderedElementsAre(testing::Pair("3_late.sh", ElementsAre(6, 9)),
-                                                 testing::Pair("1_late.sh", ElementsAre(4, 5, 6, 7, 8, 9))));
+        EXPECT_THAT(runs(), UnorderedElementsAre(
+                                testing::Pair("3_late.sh", ElementsAre(6, 9)),
+                                testing::Pair("1_late.sh", ElementsAre(4, 5, 6, 7, 8, 9))));
     });
 }
 
@@ -249,8 +254,9 @@ TEST_F(PlugIns, OfPeriodZeroRunOnceOnTheTickOnWhichTheyWereFound) {
                                                  testing::Pair("00_too.sh", ElementsAre(2)),
                                                  testing::Pair("0", ElementsAre(2)),
                                                  testing::Pair("-0_minus.sh", ElementsAre(2))));
-        EXPECT_THAT(logged(), UnorderedElementsAre(inserted("0_boot.sh", 0), inserted("00_too.sh", 0),
-                                                   inserted("0", 0), inserted("-0_minus.sh", 0)));
+        EXPECT_THAT(logged(),
+                    UnorderedElementsAre(inserted("0_boot.sh", 0), inserted("00_too.sh", 0),
+                                         inserted("0", 0), inserted("-0_minus.sh", 0)));
     });
 }
 
@@ -286,9 +292,10 @@ TEST_F(PlugIns, WithoutDigitsAreListedAndNeverRun) {
         }
         tick(8);
         EXPECT_THAT(runs(), IsEmpty());
-        EXPECT_THAT(logged(), UnorderedElementsAre(inserted("check.sh", -1), inserted("x5_a.sh", -1),
-                                                   inserted("+_a.sh", -1), inserted("-_a.sh", -1),
-                                                   inserted("_5", -1), inserted("-", -1)));
+        EXPECT_THAT(logged(),
+                    UnorderedElementsAre(inserted("check.sh", -1), inserted("x5_a.sh", -1),
+                                         inserted("+_a.sh", -1), inserted("-_a.sh", -1),
+                                         inserted("_5", -1), inserted("-", -1)));
     });
 }
 
@@ -300,10 +307,11 @@ TEST_F(PlugIns, OfANegativePeriodAreListedWithItAndNeverRun) {
         add("-9999999999_w.sh");
         tick(12);
         EXPECT_THAT(runs(), IsEmpty());
-        EXPECT_THAT(logged(),
-                    UnorderedElementsAre(inserted("-5_x.sh", -5), inserted("-1_y.sh", -1),
-                                         "debug *** insert (-2147483648_z.sh) to task_list (-2147483648)",
-                                         "debug *** insert (-9999999999_w.sh) to task_list (-2147483648)"));
+        EXPECT_THAT(
+            logged(),
+            UnorderedElementsAre(inserted("-5_x.sh", -5), inserted("-1_y.sh", -1),
+                                 "debug *** insert (-2147483648_z.sh) to task_list (-2147483648)",
+                                 "debug *** insert (-9999999999_w.sh) to task_list (-2147483648)"));
     });
 }
 
@@ -330,8 +338,9 @@ TEST_F(PlugIns, PeriodsBeyond32BitsSaturate) {
         add("99999999999999999999_y.sh");
         tick(3);
         EXPECT_THAT(runs(), IsEmpty());
-        EXPECT_THAT(logged(), UnorderedElementsAre(inserted("4294967297_x.sh", 2147483647),
-                                                   inserted("99999999999999999999_y.sh", 2147483647)));
+        EXPECT_THAT(logged(),
+                    UnorderedElementsAre(inserted("4294967297_x.sh", 2147483647),
+                                         inserted("99999999999999999999_y.sh", 2147483647)));
     });
 }
 
@@ -344,7 +353,8 @@ TEST_F(PlugIns, LeadingBlanksBelongToTheNumberButTheShellDoesNotFindTheScript) {
         dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDERR_FILENO);
         tick(6);
         dup2(before, STDERR_FILENO);
-        EXPECT_THAT(logged(), UnorderedElementsAre(inserted(" 2_x.sh", 2), inserted("\t3_y.sh", 3)));
+        EXPECT_THAT(logged(),
+                    UnorderedElementsAre(inserted(" 2_x.sh", 2), inserted("\t3_y.sh", 3)));
         EXPECT_THAT(runs(), IsEmpty());
     });
 }
@@ -355,9 +365,11 @@ TEST_F(PlugIns, AreStartedInTheOrderInWhichTheyWereFound) {
             write_script(name, "echo \"$TICK $$ ${0##*/}\" >&$OUT");
             tick();
         }
-        EXPECT_THAT(logged(), ElementsAre(inserted("1_c", 1), inserted("1_a", 1), inserted("1_b", 1)));
+        EXPECT_THAT(logged(),
+                    ElementsAre(inserted("1_c", 1), inserted("1_a", 1), inserted("1_b", 1)));
         wait_for_scripts();
-        /* Numbers of processes grow with each that is started, but for the one time when they begin anew. */
+        /* Numbers of processes grow with each that is started, but for the one time when they begin
+         * anew. */
         std::map<int, std::string> by_pid;
         do {
             ASSERT_LT(ticks, 13) << "numbers that grow were never seen";
@@ -369,8 +381,9 @@ TEST_F(PlugIns, AreStartedInTheOrderInWhichTheyWereFound) {
             }
             ASSERT_EQ(by_pid.size(), 3u);
         } while (by_pid.rbegin()->first - by_pid.begin()->first >= 10000);
-        EXPECT_THAT(by_pid, ElementsAre(testing::Pair(testing::_, "1_c"), testing::Pair(testing::_, "1_a"),
-                                        testing::Pair(testing::_, "1_b")));
+        EXPECT_THAT(by_pid,
+                    ElementsAre(testing::Pair(testing::_, "1_c"), testing::Pair(testing::_, "1_a"),
+                                testing::Pair(testing::_, "1_b")));
     });
 }
 
@@ -470,7 +483,8 @@ TEST_F(PlugIns, ThatComeBackCountAfresh) {
         set_mode("3_x.sh", 0755);
         tick(3);
         EXPECT_THAT(runs()["3_x.sh"], ElementsAre(6));
-        EXPECT_THAT(logged(), ElementsAre(inserted("3_x.sh", 3), removed("3_x.sh"), inserted("3_x.sh", 3)));
+        EXPECT_THAT(logged(),
+                    ElementsAre(inserted("3_x.sh", 3), removed("3_x.sh"), inserted("3_x.sh", 3)));
     });
 }
 
@@ -555,8 +569,9 @@ TEST_F(PlugIns, LeaveTheListForAnyEntryThatTheirNameBeginsWith) {
         EXPECT_THAT(logged(), ElementsAre(inserted("4_abc", 4)));
         add("4_a", 0644);
         tick(6);
-        /* The line bears the entry's name, not the task's. The task is thrown out on each tick and comes back
-         * on the same tick or the next, depending on the folder's order: it never gets to its fourth. */
+        /* The line bears the entry's name, not the task's. The task is thrown out on each tick and
+         * comes back on the same tick or the next, depending on the folder's order: it never gets
+         * to its fourth. */
         const lines all = logged();
         EXPECT_EQ(std::count(all.begin(), all.end(), removed("4_a")), 6);
         const auto back = std::count(all.begin(), all.end(), inserted("4_abc", 4));
@@ -760,9 +775,10 @@ TEST_F(PlugIns, WithoutMemoryForTheListNeverStart) {
 #endif
     in_own_folder([&] {
         tick_twice_without_memory(LOG_ERROR);
-        EXPECT_THAT(log.lines(),
-                    ElementsAre("error *** the log has its memory",
-                                "error *** tsk_list is NULL in function (__crond_ontimer) line (177)"));
+        EXPECT_THAT(
+            log.lines(),
+            ElementsAre("error *** the log has its memory",
+                        "error *** tsk_list is NULL in function (__crond_ontimer) line (177)"));
         tick(2);
         EXPECT_EQ(log.lines().size(), 2u);
         EXPECT_THAT(runs(), IsEmpty());
@@ -785,8 +801,9 @@ TEST_F(PlugIns, WithoutMemoryForTheListAreNotSpokenOfWhenErrorsAreOff) {
 
 TEST_F(PlugIns, ThatSleepHoldNobodyUp) {
     in_own_folder([&] {
-        write_script("1_sleep.sh",
-                     "echo $$ >&$OUT; exec sleep 60 >/dev/null 2>&1 3>&- 4>&- 5>&- 6>&- 7>&- 8>&- 9>&-");
+        write_script(
+            "1_sleep.sh",
+            "echo $$ >&$OUT; exec sleep 60 >/dev/null 2>&1 3>&- 4>&- 5>&- 6>&- 7>&- 8>&- 9>&-");
         const auto start = std::chrono::steady_clock::now();
         tick(3);
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));

@@ -2,16 +2,16 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
 #include <deque>
 #include <fstream>
 #include <iterator>
 #include <string>
 #include <vector>
-
-#include <fcntl.h>
-#include <stdlib.h>
-#include <string.h>
-#include <unistd.h>
 
 #include "store/dump.h"
 #include "tests/support/big_endian.h"
@@ -26,7 +26,8 @@ namespace {
 
 constexpr uint32_t NOW = 1700000000;
 
-/* Bytes per sample: processor; hosts and connections; interfaces; ping; the most that there may be. */
+/* Bytes per sample: processor; hosts and connections; interfaces; ping; the most that there may be.
+ */
 const std::vector<uint32_t> sample_sizes = {1, 4, 16, 20, 200};
 
 /* The n-th sample of a series: differs from its neighbours and is never all zero. */
@@ -92,7 +93,8 @@ int answering_load_hook(const char* key, const char* data, uint32_t length, uint
     return answer;
 }
 
-/* A string of bytes 'v' with more in its block than its length tells: what is written behind it shows. */
+/* A string of bytes 'v' with more in its block than its length tells: what is written behind it
+ * shows. */
 class fenced_value {
   public:
     fenced_value(sstr* string, uint32_t length) : string(string), length(length) {
@@ -180,12 +182,13 @@ class Histories : public store_test {
         history_load(&s, object_of(s), record.data(), static_cast<uint32_t>(record.size()), unit);
     }
 
-    /* Loads a record with these counts, so many periods old, into a value of so many bytes, and does the same
-     * sample by sample. */
-    static bool padding_equals_pushing(history_series& s, uint32_t filled, uint32_t head, uint32_t span,
-                                       uint32_t length) {
+    /* Loads a record with these counts, so many periods old, into a value of so many bytes, and
+     * does the same sample by sample. */
+    static bool padding_equals_pushing(history_series& s, uint32_t filled, uint32_t head,
+                                       uint32_t span, uint32_t length) {
         const fenced_value value(&object_of(s)->string, length);
-        load(s, be32(NOW - span * s.period) + be32(s.period) + be32(s.slots) + be32(filled) + be32(head));
+        load(s, be32(NOW - span * s.period) + be32(s.period) + be32(s.slots) + be32(filled) +
+                    be32(head));
 
         history_series other = s;
         other.filled = filled;
@@ -195,8 +198,8 @@ class Histories : public store_test {
         for (uint32_t i = 0; i < span; i++) {
             history_push(&other, pushed, "\0\0\0");
         }
-        return value_of(s) == bytes_of(pushed) && s.filled == other.filled && s.head == other.head &&
-               value.fence_stands();
+        return value_of(s) == bytes_of(pushed) && s.filled == other.filled &&
+               s.head == other.head && value.fence_stands();
     }
 
     std::string file_content() const {
@@ -222,7 +225,8 @@ void expect_value(const std::string& found, const std::string& expected, const s
         ASSERT_EQ(found.substr(at, 4), expected.substr(at, 4)) << what << ", header byte " << at;
     }
     for (size_t i = 20; i < found.size(); i++) {
-        ASSERT_EQ(static_cast<int>(found[i]), static_cast<int>(expected[i])) << what << ", byte " << i;
+        ASSERT_EQ(static_cast<int>(found[i]), static_cast<int>(expected[i]))
+            << what << ", byte " << i;
     }
 }
 
@@ -231,8 +235,11 @@ void expect_value(const std::string& found, const std::string& expected, const s
 /* --- The spans --- */
 
 TEST_F(Histories, TheStandardSpansGoFromTenMinutesToThirtyDays) {
-    const history_span expected[] = {
-        {"10m", 1, 600}, {"2h", 12, 600}, {"day", 360, 240}, {"week", 1440, 420}, {"mon", 2880, 900}};
+    const history_span expected[] = {{"10m", 1, 600},
+                                     {"2h", 12, 600},
+                                     {"day", 360, 240},
+                                     {"week", 1440, 420},
+                                     {"mon", 2880, 900}};
     const unsigned seconds[] = {600, 7200, 86400, 604800, 2592000};
     ASSERT_EQ(HISTORY_SPANS, 5u);
     for (unsigned i = 0; i < HISTORY_SPANS; i++) {
@@ -286,7 +293,8 @@ TEST_F(Histories, ASetHasOneSeriesForEveryStandardSpan) {
     history_series set[HISTORY_SPANS];
     history_init_set(set, "conn", 4);
     const char* const names[] = {"conn.10m", "conn.2h", "conn.day", "conn.week", "conn.mon"};
-    const uint32_t lengths[] = {20 + 600 * 4, 20 + 600 * 4, 20 + 240 * 4, 20 + 420 * 4, 20 + 900 * 4};
+    const uint32_t lengths[] = {20 + 600 * 4, 20 + 600 * 4, 20 + 240 * 4, 20 + 420 * 4,
+                                20 + 900 * 4};
     for (unsigned i = 0; i < HISTORY_SPANS; i++) {
         EXPECT_EQ(bytes_of(set[i].name), names[i]);
         EXPECT_EQ(value_of(set[i]).size(), lengths[i]);
@@ -396,9 +404,10 @@ TEST_F(Histories, EverySpanAndSampleSizeKeepsItsRingExact) {
     spans.insert(spans.end(), history_ping_spans, history_ping_spans + HISTORY_PING_SPANS);
     for (size_t i = 0; i < spans.size(); i++) {
         for (const uint32_t size : sample_sizes) {
-            const std::string what = std::string(spans[i].name) + " of " + std::to_string(size) + " bytes";
-            history_series& s =
-                series(("r" + std::to_string(i) + "-" + std::to_string(size)).c_str(), spans[i], size);
+            const std::string what =
+                std::string(spans[i].name) + " of " + std::to_string(size) + " bytes";
+            history_series& s = series(
+                ("r" + std::to_string(i) + "-" + std::to_string(size)).c_str(), spans[i], size);
             ring_model model = model_of(s);
             expect_value(value_of(s), model.value(), what);
             for (uint32_t n = 0; n < spans[i].slots + 2; n++) {
@@ -413,7 +422,8 @@ TEST_F(Histories, EverySpanAndSampleSizeKeepsItsRingExact) {
                 /* The header at each sample, everything near the ends. */
                 ASSERT_EQ(value_of(s).substr(0, 20), model.header()) << what << ", sample " << n;
                 if (n < 3 || n > spans[i].slots - 2) {
-                    expect_value(value_of(s), model.value(), what + ", sample " + std::to_string(n));
+                    expect_value(value_of(s), model.value(),
+                                 what + ", sample " + std::to_string(n));
                 }
             }
         }
@@ -433,7 +443,8 @@ TEST_F(Histories, NothingIsAnnounced) {
 /* --- What clients do to a ring --- */
 
 TEST_F(Histories, AValueOfAnotherLengthIsLeftAloneWhileTicksAreCounted) {
-    for (const char* value : {"", "short", "twenty-seven bytes are few.", "twenty-nine bytes are too many"}) {
+    for (const char* value :
+         {"", "short", "twenty-seven bytes are few.", "twenty-nine bytes are too many"}) {
         history_series& s = small_series();
         take_samples(s, 0, 2);
         set_value(s, value);
@@ -465,8 +476,8 @@ TEST_F(Histories, AValueOfTheRightLengthIsWrittenOnFromTheRunningCounts) {
     history_tick(&s, "zz");
     EXPECT_EQ(value_of(s), std::string(28, '\xFF'));
     EXPECT_EQ(history_tick(&s, "zz"), 1);
-    EXPECT_EQ(value_of(s), be32(NOW) + std::string(8, '\xFF') + be32(3) + be32(3) + std::string(4, '\xFF') +
-                               "zz" + std::string(2, '\xFF'));
+    EXPECT_EQ(value_of(s), be32(NOW) + std::string(8, '\xFF') + be32(3) + be32(3) +
+                               std::string(4, '\xFF') + "zz" + std::string(2, '\xFF'));
 }
 
 TEST_F(Histories, AFullRingWritesItsFilledCountNoMore) {
@@ -475,8 +486,8 @@ TEST_F(Histories, AFullRingWritesItsFilledCountNoMore) {
     take_samples(s, 0, 4);
     set_value(s, std::string(28, '\xFF'));
     take_samples(s, 4, 5);
-    EXPECT_EQ(value_of(s),
-              be32(NOW) + std::string(12, '\xFF') + be32(1) + sample_of(4, 2) + std::string(6, '\xFF'));
+    EXPECT_EQ(value_of(s), be32(NOW) + std::string(12, '\xFF') + be32(1) + sample_of(4, 2) +
+                               std::string(6, '\xFF'));
 }
 
 TEST_F(Histories, ASampleBehindTheEndOfAShortValueIsCountedAndNotWritten) {
@@ -485,7 +496,8 @@ TEST_F(Histories, ASampleBehindTheEndOfAShortValueIsCountedAndNotWritten) {
     history_push(&s, object_of(s)->string, "aA");
     history_push(&s, object_of(s)->string, "bB");
     history_push(&s, object_of(s)->string, "cC");
-    EXPECT_EQ(value_of(s), std::string(12, 'v') + be32(3) + be32(3) + "aAbBv") << "no half sample either";
+    EXPECT_EQ(value_of(s), std::string(12, 'v') + be32(3) + be32(3) + "aAbBv")
+        << "no half sample either";
     history_push(&s, object_of(s)->string, "dD");
     history_push(&s, object_of(s)->string, "eE");
     EXPECT_EQ(value_of(s), std::string(12, 'v') + be32(4) + be32(1) + "eEbBv");
@@ -526,7 +538,8 @@ TEST_F(Histories, AResetRestartsTheCountsAndLeavesSamplesAndTimeStamp) {
     EXPECT_EQ(value_of(s), before.substr(0, 12) + be32(0) + be32(0) + before.substr(20));
     EXPECT_EQ(history_tick(&s, "zz") + history_tick(&s, "zz"), 0) << "the period begins anew";
     EXPECT_EQ(history_tick(&s, "zz"), 1);
-    EXPECT_EQ(value_of(s), be32(NOW) + before.substr(4, 8) + be32(1) + be32(1) + "zz" + before.substr(22));
+    EXPECT_EQ(value_of(s),
+              be32(NOW) + before.substr(4, 8) + be32(1) + be32(1) + "zz" + before.substr(22));
 }
 
 TEST_F(Histories, AResetLeavesAValueOfAnotherLengthAlone) {
@@ -599,8 +612,8 @@ TEST_F(Histories, TheFirstHookThatAnswersOneKeepsTheRecordOut) {
     register_dump_skip_hook(skip_hook<3, HISTORY_SKIP>);
     register_dump_skip_hook(skip_hook<4, HISTORY_SKIP>);
     EXPECT_EQ(dumped(s), "");
-    EXPECT_EQ(hook_calls,
-              (std::vector<std::string>{"1 x.day its series", "2 x.day its series", "3 x.day its series"}));
+    EXPECT_EQ(hook_calls, (std::vector<std::string>{"1 x.day its series", "2 x.day its series",
+                                                    "3 x.day its series"}));
 }
 
 TEST_F(Histories, ARecordIsWrittenWhenNoHookAnswersOne) {
@@ -650,7 +663,8 @@ TEST_F(Histories, TheRestOfTheValueKeepsWhatItHeld) {
     take_samples(s, 0, 4);
     const std::string before = value_of(s);
     load(s, be32(NOW) + be32(3) + be32(4) + be32(1) + be32(1) + "zz");
-    EXPECT_EQ(value_of(s), be32(NOW) + be32(3) + be32(4) + be32(1) + be32(1) + "zz" + before.substr(22));
+    EXPECT_EQ(value_of(s),
+              be32(NOW) + be32(3) + be32(4) + be32(1) + be32(1) + "zz" + before.substr(22));
 }
 
 TEST_F(Histories, ARecordsOwnPeriodAndSlotsAreStoredButNotUsed) {
@@ -659,8 +673,9 @@ TEST_F(Histories, ARecordsOwnPeriodAndSlotsAreStoredButNotUsed) {
     set_value(s, std::string(28, 'v'));
     log.start(LOG_INFO);
     load(s, be32(NOW - 6) + be32(1) + be32(2) + be32(1) + be32(1) + "aA");
-    EXPECT_EQ(log.lines(), std::vector<std::string>{
-                               "info  *** loading x.day: (1700000000-1699999994)/(3*1)  -> span = 2"});
+    EXPECT_EQ(log.lines(),
+              std::vector<std::string>{
+                  "info  *** loading x.day: (1700000000-1699999994)/(3*1)  -> span = 2"});
     const std::string padded =
         be32(NOW) + be32(1) + be32(2) + be32(3) + be32(3) + "aA" + std::string(4, '\0') + "vv";
     EXPECT_EQ(value_of(s), padded);
@@ -690,8 +705,9 @@ TEST_F(Histories, AnHourOfAbsenceIsThreeHundredEmptySamplesOfTwelveSeconds) {
     history_series& s = series("cpu", history_standard_spans[1], 1);
     log.start(LOG_INFO);
     load(s, model_of(s, 5, NOW - 3600).record());
-    EXPECT_EQ(log.lines(), std::vector<std::string>{
-                               "info  *** loading cpu.2h: (1700000000-1699996400)/(12*1)  -> span = 300"});
+    EXPECT_EQ(log.lines(),
+              std::vector<std::string>{
+                  "info  *** loading cpu.2h: (1700000000-1699996400)/(12*1)  -> span = 300"});
     ring_model model = model_of(s, 5, NOW);
     for (int i = 0; i < 300; i++) {
         model.push(std::string(1, '\0'));
@@ -767,8 +783,9 @@ TEST_F(Histories, PaddingEqualsPushingEachMissedSample) {
                             s.slots = slots;
                             s.sample_size = size;
                             ASSERT_TRUE(padding_equals_pushing(s, filled, head, span, length))
-                                << slots << " slots of " << size << ", " << filled << " filled, head " << head
-                                << ", span " << span << ", " << length << " bytes";
+                                << slots << " slots of " << size << ", " << filled
+                                << " filled, head " << head << ", span " << span << ", " << length
+                                << " bytes";
                         }
                     }
                 }
@@ -802,13 +819,15 @@ TEST_F(Histories, DecadesOldRecordsEqualPushingEachMissedSample) {
 TEST_F(Histories, GapsOfAnyLengthTurnTheRingByWhatIsLeftOfWholeTurns) {
     history_series& s = series("x", {"day", 1, 600}, 1);
     for (const uint32_t slots : {1u, 2u, 3u, 7u, 600u}) {
-        for (const uint32_t span : {2147483647u, 2147483646u, 1000000007u, slots * 1000, slots * 1000 + 1}) {
+        for (const uint32_t span :
+             {2147483647u, 2147483646u, 1000000007u, slots * 1000, slots * 1000 + 1}) {
             for (const uint32_t head : {0u, slots / 2, slots - 1}) {
                 const test_clock::frozen clock(span);
                 s.slots = slots;
                 load(s, be32(0) + be32(1) + be32(slots) + be32(0) + be32(head));
                 EXPECT_EQ(s.filled, slots);
-                EXPECT_EQ(s.head, (head + span % slots) % slots) << slots << " slots, span " << span;
+                EXPECT_EQ(s.head, (head + span % slots) % slots)
+                    << slots << " slots, span " << span;
                 EXPECT_EQ(value_of(s).substr(12, 8), be32(s.filled) + be32(s.head));
             }
         }
@@ -937,8 +956,9 @@ TEST_F(Histories, ALoadHookSetsTheSecondsOfATick) {
     model.push(std::string(2, '\0'));
     model.push(std::string(2, '\0'));
     EXPECT_EQ(value_of(s), model.value());
-    EXPECT_EQ(log.lines(), std::vector<std::string>{
-                               "info  *** loading x.day: (1700000000-1699999101)/(3*100)  -> span = 2"});
+    EXPECT_EQ(log.lines(),
+              std::vector<std::string>{
+                  "info  *** loading x.day: (1700000000-1699999101)/(3*100)  -> span = 2"});
 }
 
 TEST_F(Histories, WithTicksOfNoLengthNothingIsPadded) {
@@ -995,7 +1015,8 @@ TEST_F(Histories, AFileBringsDayWeekAndMonthBackWithTheGapPadded) {
         EXPECT_EQ(set[span].head, 11u + static_cast<uint32_t>(missed));
     }
 
-    /* The two short ones come back as they were, without the gap, and go on from the running counts. */
+    /* The two short ones come back as they were, without the gap, and go on from the running
+     * counts. */
     expect_value(value_of(set[0]), models[0].value(), "10m");
     expect_value(value_of(set[1]), models[1].value(), "2h");
     EXPECT_EQ(set[0].filled, 3u);

@@ -79,8 +79,8 @@ TEST_F(InterfaceAlgorithm, AClientChoosesByWritingTheKey) {
 }
 
 TEST_F(InterfaceAlgorithm, OtherKeysChooseNothing) {
-    for (const char* key :
-         {"_history-iface-algor", "history-iface-algor2", "history-iface-algo", "History-iface-algor", "h"}) {
+    for (const char* key : {"_history-iface-algor", "history-iface-algor2", "history-iface-algo",
+                            "History-iface-algor", "h"}) {
         set(key, "avg");
         EXPECT_EQ(history_iface_algor, MAXIMUM) << key;
     }

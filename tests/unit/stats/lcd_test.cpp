@@ -67,9 +67,9 @@ std::string screen_text(const std::string& loads, const std::string& up, const s
     return text;
 }
 
-/* What the unit does to its line. A pseudo-terminal knows neither parity nor sizes but eight bits, nor a
- * speed of its own for each direction, so while a test watches, the line seems to have them; and it can
- * refuse settings, which no terminal of ours does.
+/* What the unit does to its line. A pseudo-terminal knows neither parity nor sizes but eight bits,
+ * nor a speed of its own for each direction, so while a test watches, the line seems to have them;
+ * and it can refuse settings, which no terminal of ours does.
  */
 struct line_watch {
     bool on = false;
@@ -149,7 +149,8 @@ class Panel : public store_test {
     void attach(const std::string& device) const {
         close(open(device.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
         const std::string source = "/proc/self/fd/" + std::to_string(line);
-        ASSERT_EQ(mount(source.c_str(), device.c_str(), nullptr, MS_BIND, nullptr), 0) << strerror(errno);
+        ASSERT_EQ(mount(source.c_str(), device.c_str(), nullptr, MS_BIND, nullptr), 0)
+            << strerror(errno);
     }
 
     termios settings() const {
@@ -206,7 +207,8 @@ class Panel : public store_test {
     }
 
     /* A device that has a serial panel, its line raw. */
-    void serial_device(const std::string& model = "KT7030-B", const std::string& device = "/dev/ttyS0") {
+    void serial_device(const std::string& model = "KT7030-B",
+                       const std::string& device = "/dev/ttyS0") {
         hset("sys", "pnp", "LCD");
         set_model(model);
         set_raw();
@@ -222,7 +224,8 @@ class Panel : public store_test {
 /* Defined in the program, these take precedence over the C library's. */
 
 extern "C" int tcgetattr(int fd, termios* settings) noexcept {
-    static const auto real = reinterpret_cast<int (*)(int, termios*)>(dlsym(RTLD_NEXT, "tcgetattr"));
+    static const auto real =
+        reinterpret_cast<int (*)(int, termios*)>(dlsym(RTLD_NEXT, "tcgetattr"));
     const int result = real(fd, settings);
     if (result == 0 && watched.on) {
         watched.calls.push_back("get");
@@ -280,8 +283,8 @@ TEST(PanelRates, ChangeTheirUnitAtAThousandAndAMillion) {
 }
 
 TEST(PanelRates, OfMegabytesAreRoundedFromSinglePrecision) {
-    /* The middles between two hundredths: the nearest numbers in single precision lie above them, those in
-     * double precision below. */
+    /* The middles between two hundredths: the nearest numbers in single precision lie above them,
+     * those in double precision below. */
     EXPECT_STREQ(rate_format(1065000), "1.07MB/s");
     EXPECT_STREQ(rate_format(1075000), "1.08MB/s");
     EXPECT_STREQ(rate_format(1105000), "1.11MB/s");
@@ -337,7 +340,8 @@ TEST(PanelFrames, EndTheirLastLineWithTheTextAlso) {
 }
 
 TEST(PanelFrames, TakeFourLinesAtMost) {
-    EXPECT_EQ(framed("a\nb\nc\nd\ne\n"), frame_of({padded("a"), padded("b"), padded("c"), padded("d")}));
+    EXPECT_EQ(framed("a\nb\nc\nd\ne\n"),
+              frame_of({padded("a"), padded("b"), padded("c"), padded("d")}));
     EXPECT_EQ(framed("a\nb\nc\nd\ne\nf\ng\nh\n").substr(85), std::string("\xAA\xD0\0\0\0\0", 6));
 }
 
@@ -436,7 +440,8 @@ TEST(PanelFrames, ThatAreNotTakenWholeLeaveNoPartBehind) {
             taken += frame_of({padded(std::to_string(number))});
             ASSERT_LT(++number, 100000) << "the port takes everything";
         }
-        /* Some had gone out before; the others went with the one that found room for a part of it. */
+        /* Some had gone out before; the others went with the one that found room for a part of it.
+         */
         const std::string arrived = read_all(panel);
         EXPECT_LT(arrived.size(), taken.size());
         EXPECT_EQ(arrived, taken.substr(0, arrived.size()));
@@ -453,25 +458,26 @@ TEST(PanelFrames, ThatAreNotTakenWholeLeaveNoPartBehind) {
 
 TEST_F(Panel, ANodeGetsTheTextAndZerosUpTo128Bytes) {
     in_own_devices([&] {
-        EXPECT_EQ(node_after_run(),
-                  screen_text("CPU :  0% MEM:   0%", "UP  :   0B/s", "DOWN:   0B/s", "Hosts Online:   0"));
+        EXPECT_EQ(node_after_run(), screen_text("CPU :  0% MEM:   0%", "UP  :   0B/s",
+                                                "DOWN:   0B/s", "Hosts Online:   0"));
         set("cpu.load", "80");
         set("mem.load", "37");
         set("host.num", "12");
-        EXPECT_EQ(node_after_run(),
-                  screen_text("CPU : 40% MEM:  37%", "UP  :   0B/s", "DOWN:   0B/s", "Hosts Online:  12"));
+        EXPECT_EQ(node_after_run(), screen_text("CPU : 40% MEM:  37%", "UP  :   0B/s",
+                                                "DOWN:   0B/s", "Hosts Online:  12"));
     });
 }
 
 TEST_F(Panel, HalfOfTheStoredProcessorLoadIsShown) {
     in_own_devices([&] {
-        const std::pair<const char*, const char*> loads[] = {{"0", " 0"},   {"1", " 0"},    {"2", " 1"},
-                                                             {"19", " 9"},  {"20", "10"},   {"81", "40"},
-                                                             {"100", "50"}, {"255", "127"}, {"300", "150"}};
+        const std::pair<const char*, const char*> loads[] = {
+            {"0", " 0"},  {"1", " 0"},   {"2", " 1"},    {"19", " 9"},  {"20", "10"},
+            {"81", "40"}, {"100", "50"}, {"255", "127"}, {"300", "150"}};
         for (const auto& [stored, shown] : loads) {
             set("cpu.load", stored);
-            EXPECT_EQ(node_after_run(), screen_text("CPU : " + std::string(shown) + "% MEM:   0%",
-                                                    "UP  :   0B/s", "DOWN:   0B/s", "Hosts Online:   0"))
+            EXPECT_EQ(node_after_run(),
+                      screen_text("CPU : " + std::string(shown) + "% MEM:   0%", "UP  :   0B/s",
+                                  "DOWN:   0B/s", "Hosts Online:   0"))
                 << stored;
         }
     });
@@ -482,19 +488,19 @@ TEST_F(Panel, FiguresAreReadAsNumbersUpToTheFirstOtherByte) {
         set("cpu.load", "60 percent");
         set("mem.load", " 0045");
         set("host.num", "many");
-        EXPECT_EQ(node_after_run(),
-                  screen_text("CPU : 30% MEM:  45%", "UP  :   0B/s", "DOWN:   0B/s", "Hosts Online:   0"));
+        EXPECT_EQ(node_after_run(), screen_text("CPU : 30% MEM:  45%", "UP  :   0B/s",
+                                                "DOWN:   0B/s", "Hosts Online:   0"));
         set("cpu.load", "99999999999");
         set("mem.load", "-7");
         set("host.num", "99999999999");
-        EXPECT_EQ(node_after_run(), screen_text("CPU : 1073741823% MEM:  -7%", "UP  :   0B/s", "DOWN:   0B/s",
-                                                "Hosts Online: 2147483647"));
+        EXPECT_EQ(node_after_run(), screen_text("CPU : 1073741823% MEM:  -7%", "UP  :   0B/s",
+                                                "DOWN:   0B/s", "Hosts Online: 2147483647"));
         /* Half of 4294967289, which is what the 32 bits of -7 are without a sign. */
         set("cpu.load", "-7");
         set("mem.load", "1");
         set("host.num", "2");
-        EXPECT_EQ(node_after_run(), screen_text("CPU : 2147483644% MEM:   1%", "UP  :   0B/s", "DOWN:   0B/s",
-                                                "Hosts Online:   2"));
+        EXPECT_EQ(node_after_run(), screen_text("CPU : 2147483644% MEM:   1%", "UP  :   0B/s",
+                                                "DOWN:   0B/s", "Hosts Online:   2"));
     });
 }
 
@@ -510,8 +516,8 @@ TEST_F(Panel, AKeyThatIsGoneOrNoStringKeepsItsLastValue) {
         make("mem.load", OBJ_THASH);
         make("host.num", OBJ_TLIST);
         EXPECT_EQ(node_after_run(), screen);
-        EXPECT_EQ(screen,
-                  screen_text("CPU : 40% MEM:  37%", "UP  :   0B/s", "DOWN:   0B/s", "Hosts Online:  12"));
+        EXPECT_EQ(screen, screen_text("CPU : 40% MEM:  37%", "UP  :   0B/s", "DOWN:   0B/s",
+                                      "Hosts Online:  12"));
     });
 }
 
@@ -520,14 +526,14 @@ TEST_F(Panel, AStringWithoutValueIsZero) {
         for (const char* key : {"cpu.load", "mem.load", "host.num"}) {
             set(key, "80");
         }
-        EXPECT_EQ(node_after_run(),
-                  screen_text("CPU : 40% MEM:  80%", "UP  :   0B/s", "DOWN:   0B/s", "Hosts Online:  80"));
+        EXPECT_EQ(node_after_run(), screen_text("CPU : 40% MEM:  80%", "UP  :   0B/s",
+                                                "DOWN:   0B/s", "Hosts Online:  80"));
         object_reset();
         for (const char* key : {"cpu.load", "mem.load", "host.num"}) {
             make(key, OBJ_TSTRING);
         }
-        EXPECT_EQ(node_after_run(),
-                  screen_text("CPU :  0% MEM:   0%", "UP  :   0B/s", "DOWN:   0B/s", "Hosts Online:   0"));
+        EXPECT_EQ(node_after_run(), screen_text("CPU :  0% MEM:   0%", "UP  :   0B/s",
+                                                "DOWN:   0B/s", "Hosts Online:   0"));
     });
 }
 
@@ -536,12 +542,12 @@ TEST_F(Panel, TheLanInterfacesRatesAreShown) {
         set("sys.lan", "br-lan");
         hset("br-lan", "rxbrate", "1000");
         hset("br-lan", "txbrate", "1500000");
-        EXPECT_EQ(node_after_run(),
-                  screen_text("CPU :  0% MEM:   0%", "UP  :   1KB/s", "DOWN: 1.50MB/s", "Hosts Online:   0"));
+        EXPECT_EQ(node_after_run(), screen_text("CPU :  0% MEM:   0%", "UP  :   1KB/s",
+                                                "DOWN: 1.50MB/s", "Hosts Online:   0"));
         hset("br-lan", "rxbrate", "999");
         hset("br-lan", "txbrate", "999999");
-        EXPECT_EQ(node_after_run(),
-                  screen_text("CPU :  0% MEM:   0%", "UP  : 999B/s", "DOWN: 999KB/s", "Hosts Online:   0"));
+        EXPECT_EQ(node_after_run(), screen_text("CPU :  0% MEM:   0%", "UP  : 999B/s",
+                                                "DOWN: 999KB/s", "Hosts Online:   0"));
     });
 }
 
@@ -553,8 +559,8 @@ TEST_F(Panel, ALaterInterfaceOverridesAnEarlierOneFieldByField) {
         hset("eth2", "other", "4");
         make("eth3", OBJ_TLIST);
         set("sys.lan", "eth0:eth1:eth2:eth3:eth4");
-        EXPECT_EQ(node_after_run(),
-                  screen_text("CPU :  0% MEM:   0%", "UP  :   3B/s", "DOWN:   2B/s", "Hosts Online:   0"));
+        EXPECT_EQ(node_after_run(), screen_text("CPU :  0% MEM:   0%", "UP  :   3B/s",
+                                                "DOWN:   2B/s", "Hosts Online:   0"));
     });
 }
 
@@ -567,7 +573,8 @@ TEST_F(Panel, TheListOfInterfacesIsCutInTheStoreByItsFirstUse) {
         const object* lan = object_lookup("sys.lan");
         EXPECT_STREQ(lan->string, "eth0");
         EXPECT_EQ(bytes_of(lan->string), std::string_view("eth0\0eth1\0eth2", 14));
-        EXPECT_THAT(node_after_run(), testing::HasSubstr("UP  :   1B/s\n")) << "only the first is left";
+        EXPECT_THAT(node_after_run(), testing::HasSubstr("UP  :   1B/s\n"))
+            << "only the first is left";
         set("sys.lan", "eth0:eth1:eth2");
         EXPECT_THAT(node_after_run(), testing::HasSubstr("UP  :   3B/s\n"));
     });
@@ -606,10 +613,12 @@ TEST_F(Panel, WithoutAUsableListTheShownRatesStay) {
         object_reset();
         EXPECT_THAT(node_after_run(), testing::HasSubstr("UP  :   5B/s\nDOWN:   6B/s\n"));
         make("sys.lan", OBJ_TSTRING);
-        EXPECT_THAT(node_after_run(), testing::HasSubstr("UP  :   5B/s\nDOWN:   6B/s\n")) << "no value";
+        EXPECT_THAT(node_after_run(), testing::HasSubstr("UP  :   5B/s\nDOWN:   6B/s\n"))
+            << "no value";
         object_reset();
         make("sys.lan", OBJ_THASH);
-        EXPECT_THAT(node_after_run(), testing::HasSubstr("UP  :   5B/s\nDOWN:   6B/s\n")) << "no string";
+        EXPECT_THAT(node_after_run(), testing::HasSubstr("UP  :   5B/s\nDOWN:   6B/s\n"))
+            << "no string";
     });
 }
 
@@ -676,8 +685,8 @@ TEST_F(Panel, ANodeThatNobodyReadsHoldsNobodyUp) {
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
         const std::string all = read_all(reader);
         EXPECT_EQ(all.size() % 128, 0u);
-        EXPECT_EQ(all.substr(0, 128),
-                  screen_text("CPU :  0% MEM:   0%", "UP  :   0B/s", "DOWN:   0B/s", "Hosts Online:   0"));
+        EXPECT_EQ(all.substr(0, 128), screen_text("CPU :  0% MEM:   0%", "UP  :   0B/s",
+                                                  "DOWN:   0B/s", "Hosts Online:   0"));
     });
 }
 
@@ -805,7 +814,8 @@ TEST_F(Panel, WithoutAnAnswerThePanelIsOnTheSecondPort) {
 }
 
 TEST_F(Panel, AToolThatWritesForEverHoldsNobodyUp) {
-    for (const char* output : {"yes KT7010", "yes ''", "yes | tr -d '\\n'", "yes | tr 'y\\n' '\\000\\000'"}) {
+    for (const char* output :
+         {"yes KT7010", "yes ''", "yes | tr -d '\\n'", "yes | tr 'y\\n' '\\000\\000'"}) {
         SCOPED_TRACE(output);
         in_own_devices([&] {
             serial_device();
@@ -826,8 +836,8 @@ TEST_F(Panel, ASerialPanelIsClearedOnceAndGetsAFrameWithEachRun) {
         set("cpu.load", "80");
         set("mem.load", "37");
         set("host.num", "12");
-        const std::string frame =
-            screen_frame("CPU : 40% MEM:  37%", "UP  :   0B/s", "DOWN:   0B/s", "Hosts Online:  12");
+        const std::string frame = screen_frame("CPU : 40% MEM:  37%", "UP  :   0B/s",
+                                               "DOWN:   0B/s", "Hosts Online:  12");
         EXPECT_EQ(sent_by_run(), CLEAR + frame);
         EXPECT_EQ(sent_by_run(), frame);
         EXPECT_EQ(frame.substr(85, 2), "\xAA\xD0");
@@ -835,8 +845,8 @@ TEST_F(Panel, ASerialPanelIsClearedOnceAndGetsAFrameWithEachRun) {
         hset("lan", "txbrate", "20000");
         set("sys.lan", "lan");
         set("cpu.load", "99999999999");
-        EXPECT_EQ(sent_by_run(), screen_frame("CPU : 1073741823% ME", "UP  : 2147.48MB/s", "DOWN:  20KB/s",
-                                              "Hosts Online:  12"));
+        EXPECT_EQ(sent_by_run(), screen_frame("CPU : 1073741823% ME", "UP  : 2147.48MB/s",
+                                              "DOWN:  20KB/s", "Hosts Online:  12"));
     });
 }
 
@@ -900,7 +910,8 @@ TEST_F(Panel, SizeParityAndStopBitsAreSetBeforeTheSpeed) {
         EXPECT_NE(cfgetospeed(&watched.set[0]), static_cast<speed_t>(B9600));
         EXPECT_EQ(cfgetispeed(&watched.set[1]), static_cast<speed_t>(B9600));
         EXPECT_EQ(cfgetospeed(&watched.set[1]), static_cast<speed_t>(B9600));
-        EXPECT_THAT(watched.calls, ElementsAre("get", "drop input", "set", "get", "drop both", "set"));
+        EXPECT_THAT(watched.calls,
+                    ElementsAre("get", "drop input", "set", "get", "drop both", "set"));
     });
 }
 
@@ -966,9 +977,10 @@ TEST_F(Panel, APortThatIsNoTerminalGetsItsMessageAndIsUsed) {
         set_model("KT7030-B");
         std::ofstream("/dev/ttyS0").close();
         EXPECT_EQ(errors_of_run(), "SetupSerial 1: Inappropriate ioctl for device\n");
-        /* The frame is written over the clear command: each opening of a file begins at its start. */
-        const std::string frame =
-            screen_frame("CPU :  0% MEM:   0%", "UP  :   0B/s", "DOWN:   0B/s", "Hosts Online:   0");
+        /* The frame is written over the clear command: each opening of a file begins at its start.
+         */
+        const std::string frame = screen_frame("CPU :  0% MEM:   0%", "UP  :   0B/s",
+                                               "DOWN:   0B/s", "Hosts Online:   0");
         EXPECT_EQ(content("/dev/ttyS0"), frame);
         EXPECT_EQ(errors_of_run(), "");
     });
@@ -1038,8 +1050,8 @@ TEST_F(Panel, APanelThatStopsReadingHoldsNobodyUp) {
         EXPECT_THAT(log.lines(), IsEmpty());
         /* Once it reads again, whole frames come. */
         sent_by_run();
-        EXPECT_EQ(sent_by_run(),
-                  screen_frame("CPU :  0% MEM:   0%", "UP  :   0B/s", "DOWN:   0B/s", "Hosts Online:   0"));
+        EXPECT_EQ(sent_by_run(), screen_frame("CPU :  0% MEM:   0%", "UP  :   0B/s", "DOWN:   0B/s",
+                                              "Hosts Online:   0"));
     });
 }
 
@@ -1052,9 +1064,9 @@ TEST_F(Panel, ThePortDoesNotBecomeTheControllingTerminal) {
         int group = -1;
         int session = -1;
         int controlling = -1;
-        ASSERT_EQ(
-            sscanf(stat.c_str() + stat.rfind(')') + 1, " %*c %*d %d %d %d", &group, &session, &controlling),
-            3);
+        ASSERT_EQ(sscanf(stat.c_str() + stat.rfind(')') + 1, " %*c %*d %d %d %d", &group, &session,
+                         &controlling),
+                  3);
         EXPECT_EQ(controlling, 0);
     });
 }

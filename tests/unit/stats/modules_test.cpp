@@ -2,6 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
@@ -9,11 +14,6 @@
 #include <iterator>
 #include <string>
 #include <vector>
-
-#include <signal.h>
-#include <stdlib.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "stats/history.h"
 #include "stats/iface_algor.h"
@@ -94,15 +94,18 @@ int asked_hook(object*, history_series*, int) {
 
 TEST_F(StatisticsModules, MakeTheHistoriesOfProcessorHostsAndConnections) {
     const std::pair<const char*, uint32_t> figures[] = {{"cpu", 1}, {"host", 4}, {"conn", 4}};
-    const std::tuple<const char*, uint32_t, uint32_t> spans[] = {
-        {"10m", 1, 600}, {"2h", 12, 600}, {"day", 360, 240}, {"week", 1440, 420}, {"mon", 2880, 900}};
+    const std::tuple<const char*, uint32_t, uint32_t> spans[] = {{"10m", 1, 600},
+                                                                 {"2h", 12, 600},
+                                                                 {"day", 360, 240},
+                                                                 {"week", 1440, 420},
+                                                                 {"mon", 2880, 900}};
     for (const auto& [figure, size] : figures) {
         for (const auto& [span, period, slots] : spans) {
             const std::string key = std::string(figure) + "." + span;
             const object* obj = object_lookup_type(key.c_str(), OBJ_TSTRING);
             ASSERT_NE(obj, nullptr) << key;
-            EXPECT_EQ(bytes_of(obj->string), be32(0) + be32(period) + be32(slots) + be32(0) + be32(0) +
-                                                 std::string(slots * size, '\0'))
+            EXPECT_EQ(bytes_of(obj->string), be32(0) + be32(period) + be32(slots) + be32(0) +
+                                                 be32(0) + std::string(slots * size, '\0'))
                 << key;
             EXPECT_NE(obj->flags & OBJ_PROTECTED, 0) << key;
         }
@@ -160,7 +163,8 @@ TEST_F(StatisticsModules, AClientMayChooseTheInterfaceAlgorithm) {
 }
 
 TEST_F(StatisticsModules, PingReportsAreHeard) {
-    object_set_string(make("ping.data", OBJ_TSTRING), text("id=1,max=40,min=10,avg=20,total=10,loss=0"));
+    object_set_string(make("ping.data", OBJ_TSTRING),
+                      text("id=1,max=40,min=10,avg=20,total=10,loss=0"));
     EXPECT_NE(object_lookup("ping1.day"), nullptr);
     EXPECT_EQ(bytes_of(object_lookup("ping.snap")->string).substr(0, 4), be32(40));
 }
@@ -187,5 +191,6 @@ TEST_F(StatisticsModules, HistoriesTravelThroughDumpFiles) {
     history_reset(series);
     EXPECT_EQ(load_keys(file.c_str()), 0);
     EXPECT_EQ(series->filled, 1u);
-    EXPECT_EQ(bytes_of(object_lookup("conn.week")->string).substr(12, 12), be32(1) + be32(1) + "abcd");
+    EXPECT_EQ(bytes_of(object_lookup("conn.week")->string).substr(12, 12),
+              be32(1) + be32(1) + "abcd");
 }

@@ -3,16 +3,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <map>
-#include <string>
-#include <vector>
-
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <map>
+#include <string>
+#include <vector>
 
 #include "stats/iface_algor.h"
 #include "tests/support/big_endian.h"
@@ -25,10 +25,11 @@ using namespace unit_test;
 
 namespace {
 
-const std::string HEADER = "Inter-|   Receive                                                |  Transmit\n"
-                           " face |bytes    packets errs drop fifo frame compressed multicast|bytes    "
-                           "packets errs drop fifo colls carrier "
-                           "compressed\n";
+const std::string HEADER =
+    "Inter-|   Receive                                                |  Transmit\n"
+    " face |bytes    packets errs drop fifo frame compressed multicast|bytes    "
+    "packets errs drop fifo colls carrier "
+    "compressed\n";
 
 typedef std::map<std::string, std::string> fields;
 
@@ -40,10 +41,12 @@ struct counts {
     uint64_t txp = 0;
 };
 
-/* One line of the file. The figures that are not looked at are large enough to show when they are. */
+/* One line of the file. The figures that are not looked at are large enough to show when they are.
+ */
 std::string line(const std::string& name, const counts& c) {
-    return name + ": " + std::to_string(c.rxb) + "    " + std::to_string(c.rxp) + " 71 72 73 74 75 76 " +
-           std::to_string(c.txb) + " " + std::to_string(c.txp) + " 81 82 83 84 85 86\n";
+    return name + ": " + std::to_string(c.rxb) + "    " + std::to_string(c.rxp) +
+           " 71 72 73 74 75 76 " + std::to_string(c.txb) + " " + std::to_string(c.txp) +
+           " 81 82 83 84 85 86\n";
 }
 
 class InterfaceTraffic : public store_test {
@@ -136,8 +139,8 @@ void take_memory(size_t size) {
     }
 }
 
-/* Leaves no memory for a record of an interface; what the pool holds already is left to it. For a process
- * that ends soon. */
+/* Leaves no memory for a record of an interface; what the pool holds already is left to it. For a
+ * process that ends soon. */
 bool exhaust_memory() {
     rlimit limit;
     if (getrlimit(RLIMIT_AS, &limit) != 0) {
@@ -216,7 +219,8 @@ TEST_F(InterfaceTraffic, AnInterfaceThatAppearsLaterIsCountedFromZero) {
     poll(1000000, line("eth1", {3000, 20, 700, 8}));
     EXPECT_EQ(rates("eth1"), (u32s{1500, 10, 350, 4}));
     poll(1000000, line("eth2", {1000000000, 20, 700, 8}));
-    EXPECT_EQ(rates("eth2"), (u32s{0, 0, 0, 0})) << "what it counted before is too much to be a second's";
+    EXPECT_EQ(rates("eth2"), (u32s{0, 0, 0, 0}))
+        << "what it counted before is too much to be a second's";
     EXPECT_EQ(field_of("eth2", "rxb"), "1000000000");
 }
 
@@ -261,13 +265,14 @@ TEST_F(InterfaceTraffic, TheIntervalIsWhatHasPassedSinceTheLastPoll) {
 }
 
 TEST_F(InterfaceTraffic, TheIntervalIs32BitsOfMicrosecondsAndPositiveAsASignedNumber) {
-    for (const auto& [elapsed_sec, elapsed_usec, interval] : {std::tuple(2147u, 483647u, 2147483647u),
-                                                              {2147u, 483648u, 0u},
-                                                              {4294u, 967295u, 0u},
-                                                              {4294u, 967296u, 0u},
-                                                              {4294u, 967297u, 1u},
-                                                              {4295u, 0u, 32704u},
-                                                              {1000000000u, 0u, 0u}}) {
+    for (const auto& [elapsed_sec, elapsed_usec, interval] :
+         {std::tuple(2147u, 483647u, 2147483647u),
+          {2147u, 483648u, 0u},
+          {4294u, 967295u, 0u},
+          {4294u, 967296u, 0u},
+          {4294u, 967297u, 1u},
+          {4295u, 0u, 32704u},
+          {1000000000u, 0u, 0u}}) {
         netdev_reset();
         netdev_set_interval(1000, 0);
         netdev_set_interval(1000 + elapsed_sec, elapsed_usec);
@@ -398,9 +403,9 @@ TEST_F(InterfaceTraffic, OnlyNamesWithAKnownBeginningAreOfInterest) {
     const std::vector<std::string> wanted = {"eth",    "eth0",    "ethernet", "br-lan", "br-lan2",
                                              "br-wan", "br-wan1", "pptp-wan", "pptp-",  "pppoe-wan",
                                              "p-1",    "p-",      "l2tp-wan"};
-    const std::vector<std::string> others = {"lo",    "wlan0", "ppp0",     "pppoe", "pptp",   "p",
-                                             "l2tp",  "br-",   "br-guest", "br0",   "ETH0",   "Eth1",
-                                             "xeth0", "et",    "veth0",    "tun0",  "Br-lan", "P-1"};
+    const std::vector<std::string> others = {
+        "lo",  "wlan0", "ppp0", "pppoe", "pptp", "p",     "l2tp", "br-",    "br-guest",
+        "br0", "ETH0",  "Eth1", "xeth0", "et",   "veth0", "tun0", "Br-lan", "P-1"};
     std::string lines;
     for (const std::string& name : wanted) {
         lines += line(name, {1, 2, 3, 4});
@@ -428,17 +433,18 @@ TEST_F(InterfaceTraffic, LinesWithABarAreSkipped) {
 }
 
 TEST_F(InterfaceTraffic, BlanksBeforeAndAfterTheColonMakeNoDifference) {
-    poll(0, "eth0:1 2 3 4 5 6 7 8 9 10 11\n      eth1:   21 22 23 24 25 26 27 28 29 30\n\teth2:\t31 32 33 34 "
+    poll(0, "eth0:1 2 3 4 5 6 7 8 9 10 11\n      eth1:   21 22 23 24 25 26 27 28 29 "
+            "30\n\teth2:\t31 32 33 34 "
             "35 36 37 38 39 "
             "40");
-    EXPECT_EQ(field_of("eth0", "rxb") + " " + field_of("eth0", "rxp") + " " + field_of("eth0", "txb") + " " +
-                  field_of("eth0", "txp"),
+    EXPECT_EQ(field_of("eth0", "rxb") + " " + field_of("eth0", "rxp") + " " +
+                  field_of("eth0", "txb") + " " + field_of("eth0", "txp"),
               "1 2 9 10");
-    EXPECT_EQ(field_of("eth1", "rxb") + " " + field_of("eth1", "rxp") + " " + field_of("eth1", "txb") + " " +
-                  field_of("eth1", "txp"),
+    EXPECT_EQ(field_of("eth1", "rxb") + " " + field_of("eth1", "rxp") + " " +
+                  field_of("eth1", "txb") + " " + field_of("eth1", "txp"),
               "21 22 29 30");
-    EXPECT_EQ(field_of("eth2", "rxb") + " " + field_of("eth2", "rxp") + " " + field_of("eth2", "txb") + " " +
-                  field_of("eth2", "txp"),
+    EXPECT_EQ(field_of("eth2", "rxb") + " " + field_of("eth2", "rxp") + " " +
+                  field_of("eth2", "txb") + " " + field_of("eth2", "txp"),
               "31 32 39 40")
         << "the last line may have no end";
 }
@@ -526,7 +532,8 @@ TEST_F(InterfaceTraffic, WithoutMemoryForARecordTheProcessEnds) {
     if (!memory_can_be_exhausted()) {
         GTEST_SKIP() << "memory cannot be limited here";
     }
-    /* What a hash needs is in the pool from then on, so that it is the record that finds no memory. */
+    /* What a hash needs is in the pool from then on, so that it is the record that finds no memory.
+     */
     poll(0, line("eth0", {}));
     object_delete(object_lookup("eth0"));
     static char waiting[4096];
@@ -564,10 +571,12 @@ TEST_F(InterfaceTraffic, AnObserverGetsOneFrameForEachInterfaceAndPoll) {
         const std::string frames = observer.received();
         EXPECT_EQ(std::count(frames.begin(), frames.end(), '!'), 2) << frames;
         EXPECT_EQ(frames.find("!20\r\n$5\r\nHMSET\r\n$4\r\neth0\r\n"), 0u) << frames;
-        EXPECT_NE(frames.find("!20\r\n$5\r\nHMSET\r\n$6\r\nbr-lan\r\n"), std::string::npos) << frames;
+        EXPECT_NE(frames.find("!20\r\n$5\r\nHMSET\r\n$6\r\nbr-lan\r\n"), std::string::npos)
+            << frames;
         for (const char* field :
              {"rxb", "rxp", "txb", "txp", "txbrate", "txprate", "rxbrate", "rxprate", "flags"}) {
-            EXPECT_NE(frames.find(std::string("\r\n") + field + "\r\n"), std::string::npos) << field;
+            EXPECT_NE(frames.find(std::string("\r\n") + field + "\r\n"), std::string::npos)
+                << field;
         }
     }
 }
@@ -616,14 +625,16 @@ TEST_F(InterfaceTraffic, EveryInterfaceHasFiveHistoriesOf16ByteSamples) {
 TEST_F(InterfaceTraffic, ASampleIsTheFourRatesInNetworkByteOrder) {
     advance(0, {});
     advance(1000000, {0x02040608, 0x2468, 0x0A0C0E, 0x62});
-    EXPECT_EQ(sample("eth0.10m", 0), std::string("\x01\x02\x03\x04\0\0\x12\x34\0\x05\x06\x07\0\0\0\x31", 16));
+    EXPECT_EQ(sample("eth0.10m", 0),
+              std::string("\x01\x02\x03\x04\0\0\x12\x34\0\x05\x06\x07\0\0\0\x31", 16));
     EXPECT_EQ(filled("eth0.10m"), be32(1));
     EXPECT_EQ(filled("eth0.2h"), be32(0));
 }
 
 TEST_F(InterfaceTraffic, TheMaximumOfEveryRateIsKeptForEachSample) {
     advance(0, {});
-    /* Rates after each poll: 500, 750, 375, 187, 93 ... and for what is sent the other way round. */
+    /* Rates after each poll: 500, 750, 375, 187, 93 ... and for what is sent the other way round.
+     */
     for (int i = 0; i < 12; i++) {
         advance(1000000, {i < 2 ? 1000u : 0u, 0, i == 11 ? 600u : 0u, 0});
     }
@@ -633,7 +644,8 @@ TEST_F(InterfaceTraffic, TheMaximumOfEveryRateIsKeptForEachSample) {
         advance(1000000, {0, 0, 0, 0});
     }
     EXPECT_EQ(filled("eth0.2h"), be32(2));
-    EXPECT_EQ(sample("eth0.2h", 1), be32(0) + be32(0) + be32(150) + be32(0)) << "the accumulation began anew";
+    EXPECT_EQ(sample("eth0.2h", 1), be32(0) + be32(0) + be32(150) + be32(0))
+        << "the accumulation began anew";
     EXPECT_EQ(sample("eth0.10m", 1), be32(750) + std::string(12, '\0'));
     EXPECT_EQ(sample("eth0.10m", 2), be32(375) + std::string(12, '\0')) << "one tick, one rate";
 }
@@ -653,7 +665,8 @@ TEST_F(InterfaceTraffic, TheRunningAverageTakesTheFirstRateWholeAndHalvesFromThe
 
 TEST_F(InterfaceTraffic, AChoiceTakesEffectWithTheNextPoll) {
     advance(0, {});
-    /* The maximum of 500, 250 ... is 500; from the seventh on the average is taken: of 500 and 7, 253. */
+    /* The maximum of 500, 250 ... is 500; from the seventh on the average is taken: of 500 and 7,
+     * 253. */
     advance(1000000, {1000, 0, 0, 0});
     for (int i = 0; i < 5; i++) {
         advance(1000000, {});

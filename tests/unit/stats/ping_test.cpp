@@ -55,10 +55,11 @@ class Ping : public store_test {
         set("ping.data", value);
     }
 
-    static void report(int id, long long max, long long min, long long avg, long long total, long long loss) {
-        report("id=" + std::to_string(id) + ",max=" + std::to_string(max) + ",min=" + std::to_string(min) +
-               ",avg=" + std::to_string(avg) + ",total=" + std::to_string(total) +
-               ",loss=" + std::to_string(loss));
+    static void report(int id, long long max, long long min, long long avg, long long total,
+                       long long loss) {
+        report("id=" + std::to_string(id) + ",max=" + std::to_string(max) +
+               ",min=" + std::to_string(min) + ",avg=" + std::to_string(avg) +
+               ",total=" + std::to_string(total) + ",loss=" + std::to_string(loss));
     }
 
     static void clear(std::string_view id) {
@@ -194,8 +195,9 @@ TEST_F(Ping, ReportsWithoutAllSixNumbersAreIgnored) {
           "id=3,max=4,min=1,avg=2,total=,loss=1", "id=3,max=,min=1,avg=2,total=10,loss=1",
           "id=3,min=1,max=4,avg=2,total=10,loss=1", "id=3;max=4;min=1;avg=2;total=10;loss=1",
           "id=3, max=4,min=1,avg=2,total=10,loss=1", " id=3,max=4,min=1,avg=2,total=10,loss=1",
-          "ID=3,max=4,min=1,avg=2,total=10,loss=1", "3,4,1,2,10,1", "id=3,max=4,min=1,avg=2,total=10loss=1",
-          "id=3,max=4.5,min=1,avg=2,total=10,loss=1", "id=x,max=4,min=1,avg=2,total=10,loss=1"}) {
+          "ID=3,max=4,min=1,avg=2,total=10,loss=1", "3,4,1,2,10,1",
+          "id=3,max=4,min=1,avg=2,total=10loss=1", "id=3,max=4.5,min=1,avg=2,total=10,loss=1",
+          "id=x,max=4,min=1,avg=2,total=10,loss=1"}) {
         report(value);
         EXPECT_EQ(snap(), std::string(400, '\0')) << value;
         EXPECT_FALSE(has_reported(3)) << value;
@@ -288,7 +290,8 @@ TEST_F(Ping, AReportIsAnnouncedButTheTableIsNot) {
     test_client observer;
     observer.call({"observe"});
     report("id=3,max=4,min=1,avg=2,total=10,loss=1");
-    EXPECT_EQ(observer.received(), event({"MSET", "ping.data", "id=3,max=4,min=1,avg=2,total=10,loss=1"}));
+    EXPECT_EQ(observer.received(),
+              event({"MSET", "ping.data", "id=3,max=4,min=1,avg=2,total=10,loss=1"}));
 }
 
 /* --- The summary --- */
@@ -332,8 +335,9 @@ TEST_F(Ping, AveragesAreAveragedAndTruncated) {
 }
 
 TEST_F(Ping, AnAverageLosesWhatItsTwoQuotientsLose) {
-    /* 1 / 6 * 5 + 1 / 6 comes out one rounding step below 1, and 8 / 6 * 5 + 2 / 6 one below 7. With a single
-     * division, or a product that is not rounded before the sum, both would be whole. */
+    /* 1 / 6 * 5 + 1 / 6 comes out one rounding step below 1, and 8 / 6 * 5 + 2 / 6 one below 7.
+     * With a single division, or a product that is not rounded before the sum, both would be whole.
+     */
     const std::pair<uint32_t, uint32_t> steps[] = {{1, 1}, {1, 1}, {1, 1}, {1, 1}, {1, 1}, {1, 0}};
     for (const auto& [reported, kept] : steps) {
         report(3, 50, 1, reported, 1, 0);
@@ -547,7 +551,8 @@ TEST_F(Ping, ClearingIsTracedLineByLine) {
     log.start(LOG_INFO);
     clear("3");
     EXPECT_THAT(log.lines(),
-                ElementsAre("info  *** pingxx-before-release:id=3", "info  *** pingxx-inside-release:id=3",
+                ElementsAre("info  *** pingxx-before-release:id=3",
+                            "info  *** pingxx-inside-release:id=3",
                             "info  *** pingxx-inside-release:state is not NULL",
                             "info  *** pingxx-inside-release:obj ping.snap is not NULL"));
 }
@@ -570,9 +575,9 @@ TEST_F(Ping, ClearingWithoutATableIsTracedUpToTheTarget) {
     report(5, 40, 10, 20, 10, 2);
     log.start(LOG_INFO);
     clear("5");
-    EXPECT_THAT(log.lines(),
-                ElementsAre("info  *** pingxx-before-release:id=5", "info  *** pingxx-inside-release:id=5",
-                            "info  *** pingxx-inside-release:state is not NULL"));
+    EXPECT_THAT(log.lines(), ElementsAre("info  *** pingxx-before-release:id=5",
+                                         "info  *** pingxx-inside-release:id=5",
+                                         "info  *** pingxx-inside-release:state is not NULL"));
 }
 
 TEST_F(Ping, ClearingAShortTableIsTracedToTheEnd) {
@@ -641,8 +646,9 @@ TEST_F(Ping, TheDumpHookReadsTheNumberBehindThePrefix) {
     for (int id = 1; id <= 20; id++) {
         report(id, 4, 1, 2, 10, 0);
     }
-    for (const char* key : {"ping", "ping0.day", "ping21.day", "ping-1.day", "pingx", "ping.snap", "pin1.day",
-                            "Ping1.day", "xping1.day", "ping4294967297", "cpu.day", "p"}) {
+    for (const char* key :
+         {"ping", "ping0.day", "ping21.day", "ping-1.day", "pingx", "ping.snap", "pin1.day",
+          "Ping1.day", "xping1.day", "ping4294967297", "cpu.day", "p"}) {
         EXPECT_EQ(ping_dump_hook(make(key, OBJ_TSTRING), nullptr, -1), HISTORY_NEXT) << key;
     }
     for (const char* key : {"ping1", "ping01.day", "ping 7.week", "ping+7", "ping7anything"}) {
@@ -663,7 +669,8 @@ TEST_F(Ping, ADumpHoldsTheSeriesThatThePairingLeavesIn) {
     const std::string dump(std::istreambuf_iterator<char>(file), {});
     unlink(path.c_str());
     EXPECT_THAT(dump, testing::Not(testing::HasSubstr("ping3.")));
-    for (const char* key : {"ping4.day", "ping4.week", "ping4.mon", "ping7.day", "ping7.week", "ping7.mon"}) {
+    for (const char* key :
+         {"ping4.day", "ping4.week", "ping4.mon", "ping7.day", "ping7.week", "ping7.mon"}) {
         EXPECT_THAT(dump, testing::HasSubstr(key));
     }
     /* The table is a plain string to a dump. */

@@ -2,18 +2,18 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <string>
-#include <string_view>
-
 #include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/resource.h>
 #include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <string_view>
 
 #include "tests/unit/support/store_test.h"
 #include "tests/unit/support/test_client.h"
@@ -199,16 +199,18 @@ TEST_F(StatCommands, ACommandThatDoesNotLookAtItsFailuresEndsWithItsReaderToo) {
     const own_folder folder;
     /* Far more than a pipe holds. */
     const std::string command =
-        "i=0; while [ $i -lt 30000 ]; do echo 12345; i=$((i + 1)); done; : >" + folder.path + "/all";
+        "i=0; while [ $i -lt 30000 ]; do echo 12345; i=$((i + 1)); done; : >" + folder.path +
+        "/all";
     EXPECT_EQ(output_of(command.c_str()).size(), STAT_OUTPUT_SIZE - 1);
     EXPECT_FALSE(std::filesystem::exists(folder.path + "/all"));
 }
 
 TEST_F(StatCommands, AProcessThatIsLeftBehindWithTheOutputOpenIsNotWaitedFor) {
     const own_folder folder;
-    const std::string left_behind = "(n=0; while [ ! -e " + folder.path +
-                                    "/go ] && [ $n -lt 300 ]; do sleep 0.1; n=$((n + 1)); done; : >" +
-                                    folder.path + "/ended) &";
+    const std::string left_behind =
+        "(n=0; while [ ! -e " + folder.path +
+        "/go ] && [ $n -lt 300 ]; do sleep 0.1; n=$((n + 1)); done; : >" + folder.path +
+        "/ended) &";
     char text[STAT_OUTPUT_SIZE];
     ASSERT_TRUE(stat_command_output(
         ("echo Online hosts: 5; echo Max Online hosts: 9; " + left_behind).c_str(), 2, text));
@@ -272,12 +274,14 @@ TEST_F(StatCommands, NoDescriptorIsLeftOpen) {
 }
 
 TEST_F(StatCommands, NoOtherProgramInheritsTheOutput) {
-    /* The command looks up at what descriptor its reader has its output, and how that was opened. */
-    const std::string flags = output_of("out=$(readlink /proc/$$/fd/1)\n"
-                                        "for fd in /proc/$PPID/fd/*; do\n"
-                                        "    [ \"$(readlink $fd)\" != \"$out\" ] ||\n"
-                                        "        sed -n 's/^flags:[^0-9]*//p' /proc/$PPID/fdinfo/${fd##*/}\n"
-                                        "done");
+    /* The command looks up at what descriptor its reader has its output, and how that was opened.
+     */
+    const std::string flags =
+        output_of("out=$(readlink /proc/$$/fd/1)\n"
+                  "for fd in /proc/$PPID/fd/*; do\n"
+                  "    [ \"$(readlink $fd)\" != \"$out\" ] ||\n"
+                  "        sed -n 's/^flags:[^0-9]*//p' /proc/$PPID/fdinfo/${fd##*/}\n"
+                  "done");
     ASSERT_NE(flags, "");
     EXPECT_NE(strtoul(flags.c_str(), nullptr, 8) & O_CLOEXEC, 0u) << flags;
 }

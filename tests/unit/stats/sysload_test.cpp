@@ -2,14 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <array>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <string>
-#include <vector>
-
 #include <dlfcn.h>
 #include <ifaddrs.h>
 #include <malloc.h>
@@ -21,6 +13,14 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
 
 #include "core/pool.h"
 #include "stats/history.h"
@@ -48,7 +48,8 @@ std::string cpu_line(uint64_t busy, uint64_t idle) {
 
 /* The machine that the unit sees, while a test has laid one down. */
 struct made_up_machine {
-    std::string root; /* what lies below /proc is looked for in this folder; "" for the real machine */
+    std::string
+        root; /* what lies below /proc is looked for in this folder; "" for the real machine */
     ifaddrs* addresses;
     bool addresses_fail;
     int lists; /* handed out and not freed */
@@ -99,7 +100,8 @@ class Sysload : public store_test {
 
     /* Hands a text over as a file. */
     template <typename Reader> static auto with_file(std::string text, Reader reader) {
-        FILE* file = text.empty() ? fopen("/dev/null", "r") : fmemopen(text.data(), text.size(), "r");
+        FILE* file =
+            text.empty() ? fopen("/dev/null", "r") : fmemopen(text.data(), text.size(), "r");
         EXPECT_NE(file, nullptr);
         struct closer {
             FILE* file;
@@ -134,7 +136,8 @@ class Sysload : public store_test {
 /* With outside tools of the test's own. */
 class SysloadTools : public Sysload {
   protected:
-    SysloadTools() : folder(::testing::TempDir() + "tessard-tools-XXXXXX"), old_path(getenv("PATH")) {
+    SysloadTools()
+        : folder(::testing::TempDir() + "tessard-tools-XXXXXX"), old_path(getenv("PATH")) {
         EXPECT_NE(mkdtemp(folder.data()), nullptr);
         setenv("PATH", (folder + ":" + old_path).c_str(), 1);
         (void)signal(SIGPIPE, SIG_IGN);
@@ -232,13 +235,15 @@ void run_an_hour() {
         };
         netdev_set_interval(1000000 + tick, tick);
         snprintf(text, sizeof text,
-                 "  eth0: %u %u 0 0 0 0 0 0 %u %u 0 0 0 0 0 0\nbr-lan: %u %u 0 0 0 0 0 0 %u %u 0 0 0 0 0 0\n",
-                 tick * 1000003, tick * 700, tick * tick, tick, tick * 3, tick % 7, tick * 1000, tick * 2);
+                 "  eth0: %u %u 0 0 0 0 0 0 %u %u 0 0 0 0 0 0\nbr-lan: %u %u 0 0 0 0 0 0 %u %u 0 0 "
+                 "0 0 0 0\n",
+                 tick * 1000003, tick * 700, tick * tick, tick, tick * 3, tick % 7, tick * 1000,
+                 tick * 2);
         as_file(text, netdev_read);
         snprintf(text, sizeof text, "cpu  %u 0 0 %u 0 0 0\n", tick * (tick % 100), tick * 50);
         stat_set_number("cpu.load", cpu_update(text));
-        snprintf(text, sizeof text, "MemTotal: 61372 kB\nMemFree: %u kB\nBuffers: 1 kB\nCached: 2 kB\n",
-                 tick * 10);
+        snprintf(text, sizeof text,
+                 "MemTotal: 61372 kB\nMemFree: %u kB\nBuffers: 1 kB\nCached: 2 kB\n", tick * 10);
         as_file(text, [](FILE* file) { stat_set_number("mem.load", mem_update(file)); });
         snprintf(text, sizeof text, "Online hosts: %u\nMax Online hosts: %u\n", tick % 300, tick);
         host_update(text);
@@ -321,7 +326,8 @@ TEST_F(Sysload, TheIdleShareIsCutToWholePercent) {
 
 TEST_F(Sysload, SevenFiguresMakeTheTotal) {
     cpu_update("cpu  1 1 1 1 1 1 1 0 0 0\n");
-    /* Of 70 jiffies 10 are idle, whatever stands behind the seventh: 85 percent, rounded up from 85.7. */
+    /* Of 70 jiffies 10 are idle, whatever stands behind the seventh: 85 percent, rounded up
+     * from 85.7. */
     EXPECT_EQ(cpu_update("cpu  11 11 11 11 11 11 11 9999 8888 7777\n"), 43);
     /* Waiting for a disk counts as work: 0 percent idle. */
     EXPECT_EQ(cpu_update("cpu  11 11 11 11 111 11 11 9999 8888 7777\n"), 71);
@@ -382,10 +388,10 @@ TEST_F(SysloadMachine, EachPollKeepsAndPublishesTheLoadAndTheSpansKeepTheirMaxim
     test_client observer;
     observer.call({"observe"});
     /* Of each hundred jiffies so many were busy. */
-    const std::pair<unsigned, char> polls[] = {{0, 0},  {100, 50}, {100, 75}, {100, 87}, {0, 43},  {0, 21},
-                                               {0, 10}, {0, 5},    {0, 2},    {0, 1},    {0, 0},   {0, 0},
-                                               {0, 0},  {40, 20},  {0, 10},   {0, 5},    {60, 32}, {0, 16},
-                                               {0, 8},  {0, 4},    {0, 2},    {0, 1},    {0, 0},   {0, 0}};
+    const std::pair<unsigned, char> polls[] = {
+        {0, 0},   {100, 50}, {100, 75}, {100, 87}, {0, 43}, {0, 21},  {0, 10}, {0, 5},
+        {0, 2},   {0, 1},    {0, 0},    {0, 0},    {0, 0},  {40, 20}, {0, 10}, {0, 5},
+        {60, 32}, {0, 16},   {0, 8},    {0, 4},    {0, 2},  {0, 1},   {0, 0},  {0, 0}};
     uint64_t busy = 100;
     uint64_t idle = 100;
     std::string loads;
@@ -424,11 +430,13 @@ TEST_F(SysloadMachine, ALineThatDoesNotFitTicksAndPublishesTheLoadAsItWas) {
 }
 
 TEST_F(SysloadMachine, FiguresOfTwentyDigitsAreRead) {
-    proc("stat", "cpu  10000000000000000000 10000000000000000000 10000000000000000000 10000000000000000000 "
-                 "10000000000000000000 10000000000000000000 10000000000000000000 0 0 0\n");
+    proc("stat",
+         "cpu  10000000000000000000 10000000000000000000 10000000000000000000 10000000000000000000 "
+         "10000000000000000000 10000000000000000000 10000000000000000000 0 0 0\n");
     cpu_poll();
-    proc("stat", "cpu  10000000000000000020 10000000000000000000 10000000000000000020 10000000000000000050 "
-                 "10000000000000000000 10000000000000000000 10000000000000000010 0 0 0\n");
+    proc("stat",
+         "cpu  10000000000000000020 10000000000000000000 10000000000000000020 10000000000000000050 "
+         "10000000000000000000 10000000000000000000 10000000000000000010 0 0 0\n");
     cpu_poll();
     EXPECT_EQ(get("cpu.load"), "25") << "half of 50 percent";
 }
@@ -445,20 +453,23 @@ TEST_F(SysloadMachine, ALineOf255BytesIsReadToItsEnd) {
 
 TEST_F(Sysload, MemoryIsWhatIsNeitherFreeNorBuffersNorCached) {
     /* 61372 - 21052 = 40320 of 61372: 65.7 percent. */
-    EXPECT_EQ(mem("MemTotal:         61372 kB\nMemFree:           5472 kB\nBuffers:           3240 kB\n"
-                  "Cached:           12340 kB\nSwapCached:            0 kB\n"),
-              65u);
+    EXPECT_EQ(
+        mem("MemTotal:         61372 kB\nMemFree:           5472 kB\nBuffers:           3240 kB\n"
+            "Cached:           12340 kB\nSwapCached:            0 kB\n"),
+        65u);
 }
 
 TEST_F(Sysload, ALineInBetweenEndsTheReading) {
     /* 61372 - 5472 = 55900 of 61372: 91.08 percent. */
-    EXPECT_EQ(mem("MemTotal:         61372 kB\nMemFree:           5472 kB\nMemAvailable:     30000 kB\n"
-                  "Buffers:           3240 kB\nCached:           12340 kB\n"),
-              91u);
+    EXPECT_EQ(
+        mem("MemTotal:         61372 kB\nMemFree:           5472 kB\nMemAvailable:     30000 kB\n"
+            "Buffers:           3240 kB\nCached:           12340 kB\n"),
+        91u);
     /* 61372 - 5472 - 3240 = 52660: 85.8 percent. */
-    EXPECT_EQ(mem("MemTotal:         61372 kB\nMemFree:           5472 kB\nBuffers:           3240 kB\n"
-                  "Shared:           10000 kB\nCached:           12340 kB\n"),
-              85u);
+    EXPECT_EQ(
+        mem("MemTotal:         61372 kB\nMemFree:           5472 kB\nBuffers:           3240 kB\n"
+            "Shared:           10000 kB\nCached:           12340 kB\n"),
+        85u);
 }
 
 TEST_F(Sysload, AfterAReadingThatDoesNotMatchNoneIsTaken) {
@@ -497,7 +508,8 @@ TEST_F(Sysload, TheArithmeticHas32Bits) {
     /* 4294967295 + 2 is 1. */
     EXPECT_EQ(mem("MemTotal: 100 kB\nMemFree: 4294967295 kB\nBuffers: 2 kB\nCached: 0 kB\n"), 99u);
     /* Figures of more than 32 bits are the largest of 32 bits: nothing is used. */
-    EXPECT_EQ(mem("MemTotal: 8589934592 kB\nMemFree: 8589934592 kB\nBuffers: 0 kB\nCached: 0 kB\n"), 0u);
+    EXPECT_EQ(mem("MemTotal: 8589934592 kB\nMemFree: 8589934592 kB\nBuffers: 0 kB\nCached: 0 kB\n"),
+              0u);
 }
 
 /* --- Hosts --- */
@@ -526,7 +538,8 @@ TEST_F(Sysload, WhatTheHostToolDoesNotSayStays) {
 }
 
 TEST_F(Sysload, HostFiguresAreSigned32BitReadings) {
-    EXPECT_EQ(hosts("Online hosts: 2147483647\nMax Online hosts: 2147483648\n"), "2147483647 of 2147483647");
+    EXPECT_EQ(hosts("Online hosts: 2147483647\nMax Online hosts: 2147483648\n"),
+              "2147483647 of 2147483647");
     EXPECT_EQ(hosts("Online hosts: 99999999999999999999999\nMax Online hosts: -1\n"),
               "2147483647 of 4294967295");
     EXPECT_EQ(hosts("Online hosts: -5\nMax Online hosts: -99999999999999999999999\n"),
@@ -540,7 +553,8 @@ TEST_F(Sysload, HostHistoriesKeepTheMaximumWhateverInterfacesDo) {
         hosts("Online hosts: " + std::to_string(tick == 5 ? 300 : tick) + "\n");
     }
     EXPECT_EQ(filled("host.10m"), be32(24));
-    EXPECT_EQ(samples("host.10m", 6, 4), be32(1) + be32(2) + be32(3) + be32(4) + be32(300) + be32(6));
+    EXPECT_EQ(samples("host.10m", 6, 4),
+              be32(1) + be32(2) + be32(3) + be32(4) + be32(300) + be32(6));
     EXPECT_EQ(filled("host.2h"), be32(2));
     EXPECT_EQ(samples("host.2h", 2, 4), be32(300) + be32(24));
     EXPECT_EQ(filled("conn.10m"), be32(0)) << "each figure has histories of its own";
@@ -587,12 +601,13 @@ TEST_F(SysloadTools, ATickWritesEveryFigureInOrder) {
     observer.call({"observe"});
     EXPECT_EQ(stats_ontimer(nullptr), 0);
     const std::string frames = observer.received();
-    const std::string expected = event({"MSET", "cpu.load", get("cpu.load")}) +
-                                 event({"MSET", "mem.load", get("mem.load")}) +
-                                 event({"MSET", "host.num", "5"}) + event({"MSET", "host.maxnum", "9"}) +
-                                 event({"MSET", "conn", "123"});
+    const std::string expected =
+        event({"MSET", "cpu.load", get("cpu.load")}) +
+        event({"MSET", "mem.load", get("mem.load")}) + event({"MSET", "host.num", "5"}) +
+        event({"MSET", "host.maxnum", "9"}) + event({"MSET", "conn", "123"});
     ASSERT_GE(frames.size(), expected.size());
-    EXPECT_EQ(frames.substr(frames.size() - expected.size()), expected) << "behind those of interfaces";
+    EXPECT_EQ(frames.substr(frames.size() - expected.size()), expected)
+        << "behind those of interfaces";
     const std::string interfaces = frames.substr(0, frames.size() - expected.size());
     EXPECT_EQ(interfaces.find("MSET\r\n$8\r\ncpu.load"), std::string::npos);
     for (const char* key : {"cpu.10m", "host.10m", "conn.10m"}) {
@@ -611,9 +626,10 @@ TEST_F(SysloadMachine, FlagsAreReadBeforeTrafficAndOfUpTwoAndRunningOneIsMade) {
 
 TEST_F(SysloadMachine, TheLastAddressOfAnInterfaceTellsItsFlags) {
     flags_after({});
-    EXPECT_EQ(flags_after({address("lo", IFF_UP), address("eth0", IFF_UP), address(nullptr, IFF_RUNNING),
-                           address("eth0", IFF_RUNNING), address("wlan0", IFF_UP)}),
-              "1");
+    EXPECT_EQ(
+        flags_after({address("lo", IFF_UP), address("eth0", IFF_UP), address(nullptr, IFF_RUNNING),
+                     address("eth0", IFF_RUNNING), address("wlan0", IFF_UP)}),
+        "1");
     EXPECT_EQ(flags_after({address("eth0", IFF_UP | IFF_RUNNING), address("eth0", 0)}), "0");
 }
 
@@ -623,7 +639,8 @@ TEST_F(SysloadMachine, FlagsStayWhenAnInterfaceHasNoAddressOrNoneCanBeHad) {
     EXPECT_EQ(flags_after({}), "3");
     EXPECT_EQ(flags_after({address("lo", IFF_UP)}), "3");
     machine.addresses_fail = true;
-    EXPECT_EQ(flags_after({address("eth0", IFF_UP)}), "3") << "what a failed call leaves is no list";
+    EXPECT_EQ(flags_after({address("eth0", IFF_UP)}), "3")
+        << "what a failed call leaves is no list";
     EXPECT_EQ(get("conn"), "123") << "the tick goes on";
     machine.addresses_fail = false;
     EXPECT_EQ(flags_after({address("eth0", IFF_UP)}), "2");
@@ -642,7 +659,8 @@ TEST_F(SysloadMachine, ATickThatCanStartNoCommandKeepsItsFiguresAndPublishesThem
     const int answer = stats_ontimer(nullptr);
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
     EXPECT_EQ(answer, 0);
-    EXPECT_EQ(observer.received(), event({"MSET", "host.num", "5"}) + event({"MSET", "host.maxnum", "9"}) +
+    EXPECT_EQ(observer.received(), event({"MSET", "host.num", "5"}) +
+                                       event({"MSET", "host.maxnum", "9"}) +
                                        event({"MSET", "conn", "123"}))
         << "and nothing of the files that could not be opened";
     EXPECT_EQ(filled("cpu.10m"), be32(1));
@@ -671,7 +689,8 @@ TEST_F(SysloadTools, WithoutTheToolsHostsStayAndConnectionsAreZero) {
 }
 
 TEST_F(SysloadTools, OnlyTheSecondWordOfTheFirstLineIsTheConnectionFigure) {
-    tool("conntrack", "[ \"$*\" = -S ] || exit 1; echo 'entries\t\t\t 4711 4712'; echo 'searched 5'");
+    tool("conntrack",
+         "[ \"$*\" = -S ] || exit 1; echo 'entries\t\t\t 4711 4712'; echo 'searched 5'");
     tool("hostmon", "[ \"$*\" = --showg ] && echo 'Online hosts: 2'");
     stats_ontimer(nullptr);
     EXPECT_EQ(get("conn"), "4711");

@@ -245,7 +245,8 @@ TEST_F(HashTable, TheNewestKeyHeadsItsChain) {
 }
 
 TEST_F(HashTable, GrowthTurnsChainsThatStayTogetherAround) {
-    /* 2080, 2333 and 2586 lie 253 = 11 * 23 apart: together in bucket 1 of 11 and in bucket 10 of 23. */
+    /* 2080, 2333 and 2586 lie 253 = 11 * 23 apart: together in bucket 1 of 11 and in bucket 10
+     * of 23. */
     put_all({"AA", "IF", "QK"});
     EXPECT_EQ(walk_keys(table), (std::vector<std::string>{"QK", "IF", "AA"}));
     put_all({"a", "b", "c"});
@@ -254,12 +255,13 @@ TEST_F(HashTable, GrowthTurnsChainsThatStayTogetherAround) {
 }
 
 TEST_F(HashTable, GrowthTakesTheOldBucketsInOrder) {
-    /* 13 and 36 stand in the buckets 2 and 3 of 11 and share bucket 13 of 23: what comes from bucket 3 comes
-     * later and is pushed in front. */
+    /* 13 and 36 stand in the buckets 2 and 3 of 11 and share bucket 13 of 23: what comes from
+     * bucket 3 comes later and is pushed in front. */
     put_all({"\x24", "\x0d", "\x01", "\x02", "\x03"});
     put("\x04");
     ASSERT_EQ(table->nbuckets, 23u);
-    EXPECT_EQ(walk_keys(table), (std::vector<std::string>{"\x01", "\x02", "\x03", "\x04", "\x24", "\x0d"}));
+    EXPECT_EQ(walk_keys(table),
+              (std::vector<std::string>{"\x01", "\x02", "\x03", "\x04", "\x24", "\x0d"}));
 }
 
 TEST_F(HashTable, TheOrderOfALargeTableIsThatOfTheModel) {

@@ -1,19 +1,19 @@
 #include "store/dump.h"
 
 #include <gtest/gtest.h>
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdlib.h>
 #include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
 #include <vector>
-
-#include <errno.h>
-#include <fcntl.h>
-#include <stdlib.h>
-#include <time.h>
-#include <unistd.h>
 
 #include "tests/support/big_endian.h"
 #include "tests/unit/support/store_test.h"
@@ -108,12 +108,12 @@ class DumpAndLoad : public store_test {
 /* --- Which keys are histories --- */
 
 TEST(HistoryKeys, AreToldByTheWordBehindTheLastDot) {
-    for (const char* key :
-         {"x.day", "x.week", "x.mon", "x.days", "cpu.week1", "x.month", "a.b.day", "day.mon", ".day"}) {
+    for (const char* key : {"x.day", "x.week", "x.mon", "x.days", "cpu.week1", "x.month", "a.b.day",
+                            "day.mon", ".day"}) {
         EXPECT_TRUE(is_history_key(key)) << key;
     }
-    for (const char* key : {"", ".", "day", "week", "mon", "x.dat", "x.wee", "x.mo", "x.da", "x.day.",
-                            "x.day.x", "x.Day", "x. day", "xday", "x.10m", "x.2h"}) {
+    for (const char* key : {"", ".", "day", "week", "mon", "x.dat", "x.wee", "x.mo", "x.da",
+                            "x.day.", "x.day.x", "x.Day", "x. day", "xday", "x.10m", "x.2h"}) {
         EXPECT_FALSE(is_history_key(key)) << key;
     }
 }
@@ -453,8 +453,8 @@ TEST_F(DumpAndLoad, HostileNameLengthsEndTheLoading) {
 }
 
 TEST_F(DumpAndLoad, HostileDataLengthsEndTheLoading) {
-    for (const uint32_t datalen :
-         {0xFFFFFFFFu, 0xFFFFFFFCu, 0xFFFFFFF7u, 0xFFFFFFF8u, 0x80000000u, 0x7FFFFFFFu, 1000u, 4u}) {
+    for (const uint32_t datalen : {0xFFFFFFFFu, 0xFFFFFFFCu, 0xFFFFFFF7u, 0xFFFFFFF8u, 0x80000000u,
+                                   0x7FFFFFFFu, 1000u, 4u}) {
         object_reset();
         set("a", "old");
         set("b", "old");
@@ -470,8 +470,8 @@ TEST_F(DumpAndLoad, ADataLengthThatFitsExactlyIsTaken) {
     EXPECT_EQ(get("b"), "xyz");
 }
 
-/* A daemon in the background leads a session without a terminal. Were a terminal that a client names to
- * become its own, the hang-up of that terminal would end it. */
+/* A daemon in the background leads a session without a terminal. Were a terminal that a client
+ * names to become its own, the hang-up of that terminal would end it. */
 TEST_F(DumpAndLoad, ATerminalDoesNotBecomeTheDaemonsOwn) {
     const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
     ASSERT_GE(master, 0);
@@ -548,7 +548,8 @@ TEST_F(DumpAndLoad, AFileThatCannotBeMeasuredIsRepliedLoggedAndClosed) {
     close(after);
     EXPECT_EQ(after, before);
     EXPECT_EQ(get("k"), "old");
-    EXPECT_EQ(log.text(), "info  *** failed to load " + file + ": " + std::to_string(EOVERFLOW) + "\n");
+    EXPECT_EQ(log.text(),
+              "info  *** failed to load " + file + ": " + std::to_string(EOVERFLOW) + "\n");
 }
 
 TEST_F(DumpAndLoad, AFileOf256MegabytesIsLoadedAndOneOfAByteMoreIsNot) {
@@ -586,7 +587,8 @@ TEST_F(DumpAndLoad, AFileLargerThanAQuarterOfTheMachinesMemoryIsRefused) {
     ASSERT_EQ(truncate(file.c_str(), (1 << 18) + 1), 0);
     log.start(LOG_INFO);
     EXPECT_EQ(load_keys(file.c_str()), ENOMEM);
-    EXPECT_EQ(log.text(), "info  *** failed to load " + file + ": " + std::to_string(ENOMEM) + "\n");
+    EXPECT_EQ(log.text(),
+              "info  *** failed to load " + file + ": " + std::to_string(ENOMEM) + "\n");
     EXPECT_EQ(get("k"), "old");
 
     ASSERT_EQ(truncate(file.c_str(), 1 << 18), 0);
@@ -594,7 +596,8 @@ TEST_F(DumpAndLoad, AFileLargerThanAQuarterOfTheMachinesMemoryIsRefused) {
     EXPECT_EQ(get("k"), "new");
 }
 
-/* A million empty records: some dozens of nanoseconds each, also under an emulator or a sanitizer. */
+/* A million empty records: some dozens of nanoseconds each, also under an emulator or a sanitizer.
+ */
 TEST_F(DumpAndLoad, ASparseFileOfNothingButZerosIsLoadedInBoundedTime) {
     set("k", "old");
     write_file(record("k", "new"));
@@ -617,7 +620,8 @@ TEST_F(DumpAndLoad, HistoriesAreWrittenAndReadByTheirHooks) {
     EXPECT_EQ(history_calls, (std::vector<std::string>{"write cpu.load.day"}));
     history_calls.clear();
     EXPECT_EQ(load(record("cpu.load.day", "data") + record("x.weekly", "")), 0);
-    EXPECT_EQ(history_calls, (std::vector<std::string>{"load cpu.load.day data", "load x.weekly "}));
+    EXPECT_EQ(history_calls,
+              (std::vector<std::string>{"load cpu.load.day data", "load x.weekly "}));
     EXPECT_EQ(get("cpu.load.day"), "not this");
 }
 

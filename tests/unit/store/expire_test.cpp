@@ -433,7 +433,8 @@ TEST_F(ExpirySweep, TheLastFoundIsDestroyedFirst) {
     sweep_at(START);
     log.start();
     sweep_at(START + 1);
-    /* The hashes 97 to 100 stand in the buckets 9, 10, 0 and 1 of 11, so the scan meets c, d, a, b. */
+    /* The hashes 97 to 100 stand in the buckets 9, 10, 0 and 1 of 11, so the scan meets c, d, a, b.
+     */
     EXPECT_EQ(log.text(), "debug *** add to expired list\n"
                           "debug *** add to expired list\n"
                           "debug *** add to expired list\n"

@@ -27,7 +27,8 @@ class StringObjects : public store_test {
 
 class HashObjects : public store_test {
   protected:
-    static object* hash_object(std::string_view key, std::initializer_list<std::string_view> pairs) {
+    static object* hash_object(std::string_view key,
+                               std::initializer_list<std::string_view> pairs) {
         object* obj = make(key, OBJ_THASH);
         for (auto p = pairs.begin(); p != pairs.end(); p += 2) {
             hash_field* field = pool_new<hash_field>();
@@ -642,7 +643,8 @@ int look_around(object* obj) {
 
 int write_another(object* obj) {
     if (std::string_view(obj->key) == "k") {
-        object_set_string(object_get_or_create("copy", SSTR_CSTRING, OBJ_TSTRING), object_string(obj));
+        object_set_string(object_get_or_create("copy", SSTR_CSTRING, OBJ_TSTRING),
+                          object_string(obj));
     }
     return 0;
 }
@@ -1145,8 +1147,10 @@ TEST_F(ObjectAssertions, SettingAFieldWantsAHashOrATypelessObject) {
 }
 
 TEST_F(ObjectAssertions, IncrementingAFieldWantsAHash) {
-    EXPECT_ASSERTION(object_hash_incr(string, text("f"), &delta), "obj->type == OBJ_THASH", "object", 749);
-    EXPECT_ASSERTION(object_hash_incr(none, text("f"), &delta), "obj->type == OBJ_THASH", "object", 749);
+    EXPECT_ASSERTION(object_hash_incr(string, text("f"), &delta), "obj->type == OBJ_THASH",
+                     "object", 749);
+    EXPECT_ASSERTION(object_hash_incr(none, text("f"), &delta), "obj->type == OBJ_THASH", "object",
+                     749);
 }
 
 TEST_F(ObjectAssertions, DeletingAFieldWantsAHash) {
@@ -1154,7 +1158,8 @@ TEST_F(ObjectAssertions, DeletingAFieldWantsAHash) {
 }
 
 TEST_F(ObjectAssertions, ProtectingAFieldWantsAHash) {
-    EXPECT_ASSERTION(object_hash_protect(string, "f", true), "obj->type == OBJ_THASH", "object", 791);
+    EXPECT_ASSERTION(object_hash_protect(string, "f", true), "obj->type == OBJ_THASH", "object",
+                     791);
 }
 
 TEST_F(ObjectAssertions, PoppingWantsAList) {

@@ -31,7 +31,8 @@ class Seeding : public store_test {
 };
 
 const seed_string some_strings[] = {{"s", "seeded", 0}, {"t", "", 1}, {nullptr, nullptr, 0}};
-const seed_field some_fields[] = {{"f", "seeded", 0}, {"g", "", 1}, {"n", "x", -1}, {nullptr, nullptr, 0}};
+const seed_field some_fields[] = {
+    {"f", "seeded", 0}, {"g", "", 1}, {"n", "x", -1}, {nullptr, nullptr, 0}};
 const seed_hash some_hashes[] = {{"h", some_fields, 0, 0}, {nullptr, nullptr, 0, 0}};
 
 } // namespace
@@ -46,7 +47,8 @@ TEST_F(Seeding, TheBuiltInHashHasItsFourFields) {
     seed_builtin();
     const object* run = object_lookup_type("tessard.run", OBJ_THASH);
     ASSERT_NE(run, nullptr);
-    EXPECT_EQ(run->flags, flags_of(OBJ_THASH, unsigned{OBJ_PROTECTED} | unsigned{OBJ_FIELDS_PROTECTED}));
+    EXPECT_EQ(run->flags,
+              flags_of(OBJ_THASH, unsigned{OBJ_PROTECTED} | unsigned{OBJ_FIELDS_PROTECTED}));
     EXPECT_EQ(run->hash->count, 4u);
     EXPECT_EQ(field_value("tessard.run", "logfile"), "/tmp/tessard.log");
     EXPECT_EQ(field_value("tessard.run", "loglevel"), "info");

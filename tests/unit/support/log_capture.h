@@ -1,7 +1,10 @@
 #pragma once
 
 #include <gtest/gtest.h>
+
 #include <stdint.h>
+#include <stdlib.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <iterator>
@@ -9,15 +12,13 @@
 #include <string>
 #include <vector>
 
-#include <stdlib.h>
-#include <unistd.h>
-
 #include "core/log.h"
 
 namespace unit_test {
 
-/* The log, written without time stamps to a file of the test's own. Nothing but fatal lines is logged until
- * the test asks for a level. The file is a ring of about 31 KiB: what is to be read must be shorter. */
+/* The log, written without time stamps to a file of the test's own. Nothing but fatal lines is
+ * logged until the test asks for a level. The file is a ring of about 31 KiB: what is to be read
+ * must be shorter. */
 class log_capture {
   public:
     log_capture() : path(::testing::TempDir() + "tessard-log-XXXXXX") {

@@ -12,10 +12,10 @@
 
 namespace unit_test {
 
-/* Runs the loop for so many tenths of a second, however long that takes: the clock stands still but for one
- * step before each scan of the timers, and no pass waits. `look` is called when so many tenths have passed,
- * from 0 on, and everything that was due then has been done. The loop must have been initialised by the
- * running clock or the one that stands still. */
+/* Runs the loop for so many tenths of a second, however long that takes: the clock stands still but
+ * for one step before each scan of the timers, and no pass waits. `look` is called when so many
+ * tenths have passed, from 0 on, and everything that was due then has been done. The loop must have
+ * been initialised by the running clock or the one that stands still. */
 inline void run_loop_by_tenths(int tenths, const std::function<void(int)>& look) {
     struct run {
         const std::function<void(int)>& look;

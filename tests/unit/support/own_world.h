@@ -18,8 +18,9 @@
 #include <functional>
 #include <string>
 
-/* For units with fixed paths: a test whose folders are its own. The body runs in a child process with mounts
- * of its own, so that nothing that it lays over the machine's folders is seen by anybody else. */
+/* For units with fixed paths: a test whose folders are its own. The body runs in a child process
+ * with mounts of its own, so that nothing that it lays over the machine's folders is seen by
+ * anybody else. */
 namespace unit_test {
 
 constexpr int NO_WORLD = 77;
@@ -56,8 +57,8 @@ inline bool nothing_special() {
     return true;
 }
 
-/* An empty /usr/lib/lua/tplugins, also on a machine that has nothing of that name: a copy of /usr/lib made of
- * links then takes its place. */
+/* An empty /usr/lib/lua/tplugins, also on a machine that has nothing of that name: a copy of
+ * /usr/lib made of links then takes its place. */
 inline bool own_plugin_folder() {
     if (!unshare_mounts()) {
         return false;
@@ -65,7 +66,8 @@ inline bool own_plugin_folder() {
     struct stat status;
     if (stat("/usr/lib/lua", &status) != 0) {
         if (!cover("/srv") || mkdir("/srv/lib", 0755) != 0 ||
-            mount("/usr/lib", "/srv/lib", nullptr, MS_BIND | MS_REC, nullptr) != 0 || !cover("/usr/lib")) {
+            mount("/usr/lib", "/srv/lib", nullptr, MS_BIND | MS_REC, nullptr) != 0 ||
+            !cover("/usr/lib")) {
             return false;
         }
         DIR* folder = opendir("/srv/lib");
@@ -98,16 +100,18 @@ inline bool own_devices() {
     return unshare_mounts() && cover_devices();
 }
 
-/* Runs the body in a process of its own after `enter` has made its world there. What the body finds wrong is
- * printed and fails this test too; where no such world can be had, the test is skipped. */
-inline void run_in_own_world(const std::function<bool()>& enter, const std::function<void()>& body) {
+/* Runs the body in a process of its own after `enter` has made its world there. What the body finds
+ * wrong is printed and fails this test too; where no such world can be had, the test is skipped. */
+inline void run_in_own_world(const std::function<bool()>& enter,
+                             const std::function<void()>& body) {
     fflush(nullptr);
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
         int result = NO_WORLD;
         if (enter()) {
-            /* An exception must not reach the test program, which would go on with its next test. */
+            /* An exception must not reach the test program, which would go on with its next test.
+             */
             try {
                 body();
             } catch (const std::exception& e) {
@@ -129,7 +133,8 @@ inline void run_in_own_world(const std::function<bool()>& enter, const std::func
     EXPECT_EQ(WEXITSTATUS(status), 0) << "see above";
 }
 
-/* Everything that comes out of a pipe until its last writer is gone, or until nothing comes for ten seconds.
+/* Everything that comes out of a pipe until its last writer is gone, or until nothing comes for ten
+ * seconds.
  */
 inline std::string read_to_end(int fd) {
     std::string all;

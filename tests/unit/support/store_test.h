@@ -3,10 +3,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <string>
 #include <string_view>
-
-#include <unistd.h>
 
 #include "core/log.h"
 #include "core/sstr.h"
@@ -18,7 +18,8 @@
 
 namespace unit_test {
 
-/* A fresh keyspace, a fresh loop for connections, and a log that is silent until a test starts it. */
+/* A fresh keyspace, a fresh loop for connections, and a log that is silent until a test starts it.
+ */
 class store_test : public ::testing::Test {
   protected:
     store_test() {
@@ -59,11 +60,11 @@ inline std::string assertion_line(const char* expression, const char* unit, int 
 } // namespace unit_test
 
 /* The statement ends the process as a broken invariant of the units above the log does. */
-#define EXPECT_ASSERTION(statement, expression, unit, line)                                                  \
-    EXPECT_EXIT(                                                                                             \
-        {                                                                                                    \
-            unit_test::log_to_stderr();                                                                      \
-            statement;                                                                                       \
-        },                                                                                                   \
-        ::testing::ExitedWithCode(255),                                                                      \
+#define EXPECT_ASSERTION(statement, expression, unit, line)                                        \
+    EXPECT_EXIT(                                                                                   \
+        {                                                                                          \
+            unit_test::log_to_stderr();                                                            \
+            statement;                                                                             \
+        },                                                                                         \
+        ::testing::ExitedWithCode(255),                                                            \
         ::testing::HasSubstr(unit_test::assertion_line(expression, unit, line)))

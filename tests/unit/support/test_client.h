@@ -1,6 +1,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -29,8 +30,8 @@ inline std::string event(std::initializer_list<std::string_view> elements) {
     return frame('!', elements);
 }
 
-/* A client at the other end of a socket pair. The test plays the loop: it delivers bytes, and it destroys the
- * connection as the end of a pass would. The loop must have been initialised. */
+/* A client at the other end of a socket pair. The test plays the loop: it delivers bytes, and it
+ * destroys the connection as the end of a pass would. The loop must have been initialised. */
 class test_client {
   public:
     test_client() {
@@ -57,8 +58,8 @@ class test_client {
         return client_of(conn);
     }
 
-    /* Delivers the bytes in one piece, as the connection's handler does, and returns what the client then
-     * reads. */
+    /* Delivers the bytes in one piece, as the connection's handler does, and returns what the
+     * client then reads. */
     std::string deliver(std::string_view bytes) {
         buffer_append(&conn->input, bytes.data(), static_cast<uint32_t>(bytes.size()));
         client_ondata(conn);

@@ -10,8 +10,8 @@ timeval frozen_time;
 
 } // namespace
 
-/* Defined in the program, these take precedence over the C library's. Its own parts, and the test library's
- * clocks, do not come this way. */
+/* Defined in the program, these take precedence over the C library's. Its own parts, and the test
+ * library's clocks, do not come this way. */
 
 extern "C" int gettimeofday(struct timeval* __restrict tv, void* __restrict) noexcept {
     if (frozen_now) {

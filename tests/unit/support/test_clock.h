@@ -2,8 +2,8 @@
 
 #include <stdint.h>
 
-/* The wall clock as the units under test read it, through time() and gettimeofday(). It is the system's until
- * a test sets it; from then on it stands still and moves as the test moves it. */
+/* The wall clock as the units under test read it, through time() and gettimeofday(). It is the
+ * system's until a test sets it; from then on it stands still and moves as the test moves it. */
 namespace test_clock {
 
 void set(int64_t sec, int64_t usec = 0);

@@ -69,7 +69,8 @@ extern "C" ssize_t send(int fd, const void* bytes, size_t size, int flags) {
 }
 
 extern "C" ssize_t recv(int fd, void* bytes, size_t size, int flags) {
-    return recv_answers.empty() ? recvfrom(fd, bytes, size, flags, nullptr, nullptr) : give(&recv_answers);
+    return recv_answers.empty() ? recvfrom(fd, bytes, size, flags, nullptr, nullptr)
+                                : give(&recv_answers);
 }
 
 extern "C" ssize_t writev(int fd, const iovec* pieces, int count) {
@@ -117,7 +118,8 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
                                   : give(&ioctl_failures);
 }
 
-extern "C" int select(int descriptors, fd_set* readable, fd_set* writable, fd_set* failed, timeval* timeout) {
+extern "C" int select(int descriptors, fd_set* readable, fd_set* writable, fd_set* failed,
+                      timeval* timeout) {
     select_descriptors = descriptors;
     if (timeout == nullptr) {
         return pselect(descriptors, readable, writable, failed, nullptr, nullptr);

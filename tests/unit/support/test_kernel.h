@@ -7,21 +7,22 @@
 #include <deque>
 #include <vector>
 
-/* The kernel as the units under test meet it: the test program's own functions take the place of some of the
- * C library's. They do the real call unless a test has laid down an answer, and write down what was asked. */
+/* The kernel as the units under test meet it: the test program's own functions take the place of
+ * some of the C library's. They do the real call unless a test has laid down an answer, and write
+ * down what was asked. */
 namespace test_kernel {
 
 /* Answers to the next calls, given instead of doing them: an error number, or 0 for no bytes. */
 extern std::deque<int> send_answers;
 extern std::deque<int> recv_answers;
 
-/* How the next calls end: with so many bytes taken or given at most, or, below 0, with that error number. A
- * read leaves a page more of the file in memory than it says it gave. */
+/* How the next calls end: with so many bytes taken or given at most, or, below 0, with that error
+ * number. A read leaves a page more of the file in memory than it says it gave. */
 extern std::deque<int> writev_answers;
 extern std::deque<int> read_answers;
 
-/* Error numbers with which the next questions about a descriptor (ioctl, fstat) fail, and the next attempts
- * to become a daemon. */
+/* Error numbers with which the next questions about a descriptor (ioctl, fstat) fail, and the next
+ * attempts to become a daemon. */
 extern std::deque<int> ioctl_failures;
 extern std::deque<int> fstat_failures;
 extern std::deque<int> daemon_failures;

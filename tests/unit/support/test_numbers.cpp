@@ -2,8 +2,8 @@
 #include <stdlib.h>
 #include <string.h>
 
-/* The C library's number parsers as its newest releases have them, whichever release is here: with base 0
- * they read "0b11" as binary. What the units read must not depend on that. */
+/* The C library's number parsers as its newest releases have them, whichever release is here: with
+ * base 0 they read "0b11" as binary. What the units read must not depend on that. */
 
 namespace {
 

@@ -9,7 +9,8 @@ namespace unit_test {
 /* An sstr of a test's own, for calls that borrow one: text("value"). */
 class text {
   public:
-    explicit text(std::string_view bytes) : s(sstr_new(bytes.data(), static_cast<uint32_t>(bytes.size()))) {}
+    explicit text(std::string_view bytes)
+        : s(sstr_new(bytes.data(), static_cast<uint32_t>(bytes.size()))) {}
     ~text() {
         sstr_free(&s);
     }

@@ -1,13 +1,14 @@
 #include "tools/ctl_board.h"
 
-#include "tests/unit/tools/ring_value.h"
-#include "tests/unit/tools/text_screen.h"
-#include "tests/unit/tools/text_stream.h"
-
 #include <gtest/gtest.h>
+
 #include <memory>
 #include <string>
 #include <vector>
+
+#include "tests/unit/tools/ring_value.h"
+#include "tests/unit/tools/text_screen.h"
+#include "tests/unit/tools/text_stream.h"
 
 namespace {
 
@@ -57,9 +58,10 @@ TEST_F(tessctl_board, says_where_the_daemon_is_and_how_to_quit) {
 
 TEST_F(tessctl_board, gives_each_figure_four_lines_where_there_is_room) {
     add("CPU", "", CTL_UNIT_PERCENT, {0, 25, 50, 100, 73});
-    EXPECT_EQ(draw(33, 5), (lines{"tessard at /tmp/tessard.sock", "CPU                 73 %       #",
-                                  "         peak      100 %       ##", "                              ###",
-                                  "                            _####"}));
+    EXPECT_EQ(draw(33, 5),
+              (lines{"tessard at /tmp/tessard.sock", "CPU                 73 %       #",
+                     "         peak      100 %       ##", "                              ###",
+                     "                            _####"}));
 }
 
 TEST_F(tessctl_board, gives_each_figure_fewer_lines_where_there_is_less_room) {
@@ -72,10 +74,10 @@ TEST_F(tessctl_board, gives_each_figure_fewer_lines_where_there_is_less_room) {
     const std::string mem_below = "         peak       41 %       .#";
     EXPECT_EQ(draw(33, 6), (lines{head, cpu, cpu_below, "", mem, mem_below}));
     EXPECT_EQ(draw(33, 5), (lines{head, cpu, cpu_below, mem, mem_below}));
-    EXPECT_EQ(draw(33, 4),
-              (lines{head, "CPU                100 %       :#", "Memory              41 %       .:", ""}));
-    EXPECT_EQ(draw(33, 3),
-              (lines{head, "CPU                100 %       :#", "Memory              41 %       .:"}));
+    EXPECT_EQ(draw(33, 4), (lines{head, "CPU                100 %       :#",
+                                  "Memory              41 %       .:", ""}));
+    EXPECT_EQ(draw(33, 3), (lines{head, "CPU                100 %       :#",
+                                  "Memory              41 %       .:"}));
     EXPECT_EQ(draw(33, 2), (lines{head, "and 2 more"}));
     EXPECT_EQ(draw(33, 1), lines{head});
 }
@@ -97,10 +99,10 @@ TEST_F(tessctl_board, shows_values_in_their_units) {
     add("eth0", " tx", CTL_UNIT_RATE, {1000});
     add("br-lan", " rx", CTL_UNIT_RATE, {999999});
     add("br-lan", " tx", CTL_UNIT_RATE, {4294967295});
-    EXPECT_EQ(draw(32, 8),
-              (lines{"tessard at /tmp/tessard.sock", "CPU                100 %", "Connections   4294967295",
-                     "Hosts                  -", "eth0 rx          999 B/s", "eth0 tx         1.0 kB/s",
-                     "br-lan rx     999.9 kB/s", "br-lan tx       4.2 GB/s"}));
+    EXPECT_EQ(draw(32, 8), (lines{"tessard at /tmp/tessard.sock", "CPU                100 %",
+                                  "Connections   4294967295", "Hosts                  -",
+                                  "eth0 rx          999 B/s", "eth0 tx         1.0 kB/s",
+                                  "br-lan rx     999.9 kB/s", "br-lan tx       4.2 GB/s"}));
 }
 
 TEST_F(tessctl_board, cuts_long_names_but_not_what_tells_them_apart) {
@@ -159,7 +161,8 @@ TEST_F(tessctl_board, never_breaks_a_line) {
 
 TEST_F(tessctl_board, takes_the_last_samples_of_a_series) {
     ctl_gauge* gauge = add("eth0", " tx", CTL_UNIT_RATE, {1, 2, 3});
-    const std::string value = ring_of_numbers({1, 1, 3, 3, 1}, {9, 9, 30, 9, 9, 9, 10, 9, 9, 9, 20, 9});
+    const std::string value =
+        ring_of_numbers({1, 1, 3, 3, 1}, {9, 9, 30, 9, 9, 9, 10, 9, 9, 9, 20, 9});
     const std::string key = "eth0.10m";
     ctl_series series;
     ASSERT_EQ(ctl_series_decode(text_of(key), text_of(value), &series), nullptr);

@@ -1,15 +1,17 @@
 #include "tools/ctl_history.h"
 
-#include "tests/unit/tools/ring_value.h"
-#include "tests/unit/tools/text_stream.h"
+#include <gtest/gtest.h>
+
+#include <stdlib.h>
+#include <time.h>
 
 #include <algorithm>
-#include <gtest/gtest.h>
 #include <sstream>
-#include <stdlib.h>
 #include <string>
-#include <time.h>
 #include <vector>
+
+#include "tests/unit/tools/ring_value.h"
+#include "tests/unit/tools/text_stream.h"
 
 namespace {
 
@@ -61,11 +63,12 @@ class tessctl_history : public ::testing::Test {
         decode("cpu.2h", ring_of_bytes({1700000000, 12, 3, 3, 1}, {7, 100, 0}));
     }
     void interface() {
-        decode("eth0.10m",
-               ring_of_numbers({1700000000, 1, 3, 2, 2}, {4294967295, 2, 3, 4, 50, 6, 70, 8, 0, 0, 0, 0}));
+        decode("eth0.10m", ring_of_numbers({1700000000, 1, 3, 2, 2},
+                                           {4294967295, 2, 3, 4, 50, 6, 70, 8, 0, 0, 0, 0}));
     }
     void ping() {
-        decode("ping3.day", ring_of_numbers({1700000000, 3, 2, 2, 0}, {40, 10, 20, 10, 0, 30, 5, 30, 10, 2}));
+        decode("ping3.day",
+               ring_of_numbers({1700000000, 3, 2, 2, 0}, {40, 10, 20, 10, 0, 30, 5, 30, 10, 2}));
     }
     void empty() {
         decode("conn.10m", ring_of_numbers({0, 1, 2, 0, 0}, {0, 0}));
@@ -93,23 +96,25 @@ TEST_F(tessctl_history, has_a_column_for_each_figure) {
 
 TEST_F(tessctl_history, numbers_ping_samples_and_says_why) {
     ping();
-    EXPECT_EQ(table(), "ping3.day: a sample is 3 reports, at times not known; numbered from the oldest,\n"
-                       "the last at 2023-11-15 00:13:20\n"
-                       "sample         max         min         avg       total        loss\n"
-                       "     1          40          10          20          10           0\n"
-                       "     2          30           5          30          10           2\n");
+    EXPECT_EQ(table(),
+              "ping3.day: a sample is 3 reports, at times not known; numbered from the oldest,\n"
+              "the last at 2023-11-15 00:13:20\n"
+              "sample         max         min         avg       total        loss\n"
+              "     1          40          10          20          10           0\n"
+              "     2          30           5          30          10           2\n");
 }
 
 TEST_F(tessctl_history, numbers_samples_when_the_last_time_is_not_known) {
     decode("host.10m", ring_of_numbers({0, 1, 2, 1, 1}, {5, 0}));
-    EXPECT_EQ(table(),
-              "host.10m: the time of the last sample is not known, so samples are numbered from the oldest\n"
-              "sample       hosts\n"
-              "     1           5\n");
+    EXPECT_EQ(table(), "host.10m: the time of the last sample is not known, so samples are "
+                       "numbered from the oldest\n"
+                       "sample       hosts\n"
+                       "     1           5\n");
     EXPECT_EQ(csv(), "sample,hosts\n1,5\n");
-    EXPECT_EQ(json(), "{\"key\":\"host.10m\",\"last\":null,\"period_seconds\":1,\"slots\":2,\"samples\":[\n"
-                      "{\"sample\":1,\"hosts\":5}\n"
-                      "]}\n");
+    EXPECT_EQ(json(),
+              "{\"key\":\"host.10m\",\"last\":null,\"period_seconds\":1,\"slots\":2,\"samples\":[\n"
+              "{\"sample\":1,\"hosts\":5}\n"
+              "]}\n");
 }
 
 TEST_F(tessctl_history, is_csv_in_universal_time) {
@@ -126,27 +131,30 @@ TEST_F(tessctl_history, is_csv_in_universal_time) {
 
 TEST_F(tessctl_history, is_json_in_universal_time) {
     interface();
-    EXPECT_EQ(json(),
-              "{\"key\":\"eth0.10m\",\"last\":\"2023-11-14T22:13:20Z\",\"period_seconds\":1,\"slots\":3,"
-              "\"samples\":[\n"
-              "{\"time\":\"2023-11-14T22:13:19Z\",\"rxb\":4294967295,\"rxp\":2,\"txb\":3,\"txp\":4},\n"
-              "{\"time\":\"2023-11-14T22:13:20Z\",\"rxb\":50,\"rxp\":6,\"txb\":70,\"txp\":8}\n"
-              "]}\n");
+    EXPECT_EQ(
+        json(),
+        "{\"key\":\"eth0.10m\",\"last\":\"2023-11-14T22:13:20Z\",\"period_seconds\":1,\"slots\":3,"
+        "\"samples\":[\n"
+        "{\"time\":\"2023-11-14T22:13:19Z\",\"rxb\":4294967295,\"rxp\":2,\"txb\":3,\"txp\":4},\n"
+        "{\"time\":\"2023-11-14T22:13:20Z\",\"rxb\":50,\"rxp\":6,\"txb\":70,\"txp\":8}\n"
+        "]}\n");
     ping();
-    EXPECT_EQ(json(),
-              "{\"key\":\"ping3.day\",\"last\":\"2023-11-14T22:13:20Z\",\"period_reports\":3,\"slots\":2,"
-              "\"samples\":[\n"
-              "{\"sample\":1,\"max\":40,\"min\":10,\"avg\":20,\"total\":10,\"loss\":0},\n"
-              "{\"sample\":2,\"max\":30,\"min\":5,\"avg\":30,\"total\":10,\"loss\":2}\n"
-              "]}\n");
+    EXPECT_EQ(
+        json(),
+        "{\"key\":\"ping3.day\",\"last\":\"2023-11-14T22:13:20Z\",\"period_reports\":3,\"slots\":2,"
+        "\"samples\":[\n"
+        "{\"sample\":1,\"max\":40,\"min\":10,\"avg\":20,\"total\":10,\"loss\":0},\n"
+        "{\"sample\":2,\"max\":30,\"min\":5,\"avg\":30,\"total\":10,\"loss\":2}\n"
+        "]}\n");
 }
 
 TEST_F(tessctl_history, says_when_there_are_no_samples_yet) {
     empty();
     EXPECT_EQ(table(), "conn.10m: no samples yet\n");
     EXPECT_EQ(csv(), "sample,connections\n");
-    EXPECT_EQ(json(),
-              "{\"key\":\"conn.10m\",\"last\":null,\"period_seconds\":1,\"slots\":2,\"samples\":[\n]}\n");
+    EXPECT_EQ(
+        json(),
+        "{\"key\":\"conn.10m\",\"last\":null,\"period_seconds\":1,\"slots\":2,\"samples\":[\n]}\n");
     EXPECT_EQ(plot(80), std::vector<std::string>{"conn.10m: no samples yet"});
 }
 
@@ -192,8 +200,8 @@ TEST_F(tessctl_history, is_plotted_once_for_received_and_once_for_transmitted_by
     /* A rate of 50 on a scale of billions still shows. */
     EXPECT_EQ(lines[8], "       |" + std::string(36, '#') + std::string(36, '.'));
     EXPECT_EQ(lines[9], "     0 +" + std::string(36, '-') + "+" + std::string(34, '-') + "+");
-    EXPECT_EQ(lines[10],
-              "        00:13:19" + std::string(24, ' ') + "00:13:20" + std::string(24, ' ') + "00:13:20");
+    EXPECT_EQ(lines[10], "        00:13:19" + std::string(24, ' ') + "00:13:20" +
+                             std::string(24, ' ') + "00:13:20");
     EXPECT_EQ(lines[11], "eth0.10m: txb, bytes per second, 2 samples");
     EXPECT_EQ(lines[12], "    80 +");
     EXPECT_EQ(lines[13], "       |" + std::string(36, ' ') + std::string(36, '#'));
@@ -212,8 +220,8 @@ TEST_F(tessctl_history, condenses_600_samples_to_the_width) {
     EXPECT_EQ(lines[8], "       |#" + std::string(70, ' ') + "#");
     EXPECT_EQ(lines[9], "    50 +#" + std::string(35, ' ') + "#" + std::string(34, ' ') + "#");
     EXPECT_EQ(lines[17], "     0 +" + std::string(36, '-') + "+" + std::string(34, '-') + "+");
-    EXPECT_EQ(lines[18],
-              "        00:03:21" + std::string(24, ' ') + "00:08:21" + std::string(24, ' ') + "00:13:20");
+    EXPECT_EQ(lines[18], "        00:03:21" + std::string(24, ' ') + "00:08:21" +
+                             std::string(24, ' ') + "00:13:20");
     for (const std::string& line : lines)
         EXPECT_LE(line.size(), 80U);
     EXPECT_EQ(plot(83)[0], "cpu.10m: percent, 600 samples, maximum of 8 in each column");
@@ -221,8 +229,8 @@ TEST_F(tessctl_history, condenses_600_samples_to_the_width) {
 
 TEST_F(tessctl_history, has_days_below_a_plot_of_more_than_one) {
     decode("cpu.day", ring_of_bytes({1700000000, 360, 240, 240, 0}, std::string(240, '\1')));
-    EXPECT_EQ(plot(80)[18],
-              "        00:19:20" + std::string(24, ' ') + "12:19:20" + std::string(24, ' ') + "00:13:20");
+    EXPECT_EQ(plot(80)[18], "        00:19:20" + std::string(24, ' ') + "12:19:20" +
+                                std::string(24, ' ') + "00:13:20");
     decode("cpu.mon", ring_of_bytes({1700000000, 2880, 900, 900, 0}, std::string(900, '\1')));
     EXPECT_EQ(plot(80)[18], "        2023-10-16 01:01" + std::string(12, ' ') + "2023-10-31 01:01" +
                                 std::string(12, ' ') + "2023-11-15 00:13");

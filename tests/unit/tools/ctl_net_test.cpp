@@ -1,16 +1,18 @@
 #include "tools/ctl_net.h"
 
+#include <gtest/gtest.h>
+
 #include <errno.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
-#include <string>
 #include <sys/socket.h>
-#include <thread>
 #include <unistd.h>
+
+#include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -31,7 +33,8 @@ TEST(tessctl_request, is_an_array_of_bulk_strings) {
     EXPECT_EQ(composed({"set", "key", ""}), "*3\r\n$3\r\nset\r\n$3\r\nkey\r\n$0\r\n\r\n");
     EXPECT_EQ(composed({"a", std::string(1000, 'x')}),
               "*2\r\n$1\r\na\r\n$1000\r\n" + std::string(1000, 'x') + "\r\n");
-    EXPECT_EQ(composed({"set", "k", "a\r\nb c"}), "*3\r\n$3\r\nset\r\n$1\r\nk\r\n$6\r\na\r\nb c\r\n");
+    EXPECT_EQ(composed({"set", "k", "a\r\nb c"}),
+              "*3\r\n$3\r\nset\r\n$1\r\nk\r\n$6\r\na\r\nb c\r\n");
 }
 
 TEST(tessctl_address, of_each_family_is_read) {
@@ -75,8 +78,8 @@ TEST_F(tessctl_wire, a_request_larger_than_the_kernel_takes_is_continued) {
     std::thread reader([&] {
         char chunk[65536];
         ssize_t size;
-        while (got.size() < bytes.size() &&
-               (size = ctl_net_read(ends[1], chunk, sizeof chunk, ctl_net_now() + 20000, false)) > 0)
+        while (got.size() < bytes.size() && (size = ctl_net_read(ends[1], chunk, sizeof chunk,
+                                                                 ctl_net_now() + 20000, false)) > 0)
             got.append(chunk, static_cast<size_t>(size));
     });
     EXPECT_EQ(ctl_net_send(ends[0], bytes.data(), bytes.size(), ctl_net_now() + 20000), 0);
@@ -118,7 +121,8 @@ TEST(tessctl_connecting, says_why_it_failed) {
 
 TEST(tessctl_connecting, leaves_room_for_the_whole_request) {
     endpoint_address address;
-    ASSERT_TRUE(ctl_net_address(("/tmp/tessctl_net_" + std::to_string(getpid())).c_str(), 0, &address));
+    ASSERT_TRUE(
+        ctl_net_address(("/tmp/tessctl_net_" + std::to_string(getpid())).c_str(), 0, &address));
     int listener = socket(AF_UNIX, SOCK_STREAM, 0);
     ASSERT_EQ(bind(listener, &address.any, endpoint_length(&address)), 0);
     ASSERT_EQ(listen(listener, 1), 0);
@@ -135,7 +139,8 @@ TEST(tessctl_connecting, leaves_room_for_the_whole_request) {
 
 TEST(tessctl_connecting, waits_for_a_place_in_a_full_queue_until_the_deadline) {
     endpoint_address address;
-    ASSERT_TRUE(ctl_net_address(("/tmp/tessctl_net_" + std::to_string(getpid())).c_str(), 0, &address));
+    ASSERT_TRUE(
+        ctl_net_address(("/tmp/tessctl_net_" + std::to_string(getpid())).c_str(), 0, &address));
     int listener = socket(AF_UNIX, SOCK_STREAM, 0);
     ASSERT_EQ(bind(listener, &address.any, endpoint_length(&address)), 0);
     ASSERT_EQ(listen(listener, 0), 0);

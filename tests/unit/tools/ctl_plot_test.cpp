@@ -1,11 +1,13 @@
 #include "tools/ctl_plot.h"
 
-#include "tests/unit/tools/text_stream.h"
-
 #include <gtest/gtest.h>
+
 #include <stdlib.h>
+
 #include <string>
 #include <vector>
+
+#include "tests/unit/tools/text_stream.h"
 
 namespace {
 
@@ -169,8 +171,10 @@ TEST(tessctl_plot, is_drawn_with_blocks_where_the_terminal_knows_them) {
 }
 
 TEST(tessctl_plot, leaves_labels_out_that_have_no_room) {
-    EXPECT_EQ(label_line(26, "12:00:00", "12:00:13", "12:00:25"), "        12:00:00 12:00:13 12:00:25");
-    EXPECT_EQ(label_line(25, "12:00:00", "12:00:13", "12:00:25"), "        12:00:00         12:00:25");
+    EXPECT_EQ(label_line(26, "12:00:00", "12:00:13", "12:00:25"),
+              "        12:00:00 12:00:13 12:00:25");
+    EXPECT_EQ(label_line(25, "12:00:00", "12:00:13", "12:00:25"),
+              "        12:00:00         12:00:25");
     EXPECT_EQ(label_line(17, "12:00:00", "12:00:13", "12:00:25"), "        12:00:00 12:00:25");
     EXPECT_EQ(label_line(16, "12:00:00", "12:00:13", "12:00:25"), "        12:00:00");
     EXPECT_EQ(label_line(1, "12:00:00", "12:00:13", "12:00:25"), "        12:00:00");
@@ -190,8 +194,8 @@ TEST(tessctl_plot, asks_the_environment_about_utf8) {
         {"de_DE.UTF-8", "C", "C", true},         {nullptr, nullptr, "de_DE.ISO-8859-1", false},
     };
     for (const auto& one : cases) {
-        for (auto [name, value] :
-             {std::pair("LC_ALL", one.all), std::pair("LC_CTYPE", one.ctype), std::pair("LANG", one.lang)}) {
+        for (auto [name, value] : {std::pair("LC_ALL", one.all), std::pair("LC_CTYPE", one.ctype),
+                                   std::pair("LANG", one.lang)}) {
             if (value == nullptr)
                 unsetenv(name);
             else

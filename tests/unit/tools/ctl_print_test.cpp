@@ -1,13 +1,15 @@
 #include "tools/ctl_print.h"
 
-#include "tests/unit/tools/text_stream.h"
-
 #include <gtest/gtest.h>
+
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <string>
 #include <unistd.h>
+
+#include <string>
+
+#include "tests/unit/tools/text_stream.h"
 
 namespace {
 
@@ -114,10 +116,12 @@ TEST_F(tessctl_printing, raw_is_the_frame_and_nothing_behind_it) {
 }
 
 TEST_F(tessctl_printing, pairs_stand_in_two_columns) {
-    EXPECT_EQ(pairs("*6\r\n$2\r\nrx\r\n$2\r\n10\r\n$8\r\nrx.total\r\n$3\r\n200\r\n$2\r\ntx\r\n$0\r\n\r\n"),
-              "rx        10\n"
-              "rx.total  200\n"
-              "tx        \n");
+    EXPECT_EQ(
+        pairs(
+            "*6\r\n$2\r\nrx\r\n$2\r\n10\r\n$8\r\nrx.total\r\n$3\r\n200\r\n$2\r\ntx\r\n$0\r\n\r\n"),
+        "rx        10\n"
+        "rx.total  200\n"
+        "tx        \n");
     EXPECT_EQ(pairs("*0\r\n"), "");
 }
 
@@ -149,7 +153,8 @@ TEST_F(tessctl_printing, a_nil_in_an_event_differs_from_the_text) {
 }
 
 TEST(tessctl_quoting, plain_words_stay_as_they_are) {
-    for (const char* word : {"a", "cpu.load", "-1", "00:1a:2b", "/tmp/x_y", "a@b", "50%", "a,b", "a=b", "+1"})
+    for (const char* word :
+         {"a", "cpu.load", "-1", "00:1a:2b", "/tmp/x_y", "a@b", "50%", "a,b", "a=b", "+1"})
         EXPECT_EQ(in_quotes(word), word);
 }
 

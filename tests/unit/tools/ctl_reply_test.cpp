@@ -1,8 +1,10 @@
 #include "tools/ctl_reply.h"
 
 #include <gtest/gtest.h>
-#include <optional>
+
 #include <string.h>
+
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -42,7 +44,8 @@ class tessctl_replies : public ::testing::Test {
         std::vector<item> all;
         for (uint32_t i = 0; i < r.count; i++) {
             ctl_text text = ctl_reply_item(&r, i);
-            all.push_back(text.bytes == nullptr ? item() : item(std::string(text.bytes, text.length)));
+            all.push_back(text.bytes == nullptr ? item()
+                                                : item(std::string(text.bytes, text.length)));
         }
         return all;
     }
@@ -146,7 +149,8 @@ TEST_F(tessctl_replies, a_long_stream_of_events_keeps_its_order_in_little_room) 
     while (seen < 5000) {
         for (int burst = 0; burst < 7; burst++) {
             std::string number = std::to_string(sent++);
-            pending += "!2\r\n$4\r\nMSET\r\n$" + std::to_string(number.size()) + "\r\n" + number + "\r\n";
+            pending +=
+                "!2\r\n$4\r\nMSET\r\n$" + std::to_string(number.size()) + "\r\n" + number + "\r\n";
         }
         /* What is delivered ends in the middle of a frame most of the time. */
         size_t part = pending.size() - pending.size() % 11;
@@ -273,8 +277,8 @@ TEST_F(tessctl_replies, a_frame_that_outgrows_the_limit_is_broken) {
     EXPECT_STREQ(r.broken, "it is too large");
 }
 
-/* Every byte of every frame replaced by bytes that mean something to the parser: whatever it says, it must
-   not read outside what it was given (the sanitizers watch) and items must lie within. */
+/* Every byte of every frame replaced by bytes that mean something to the parser: whatever it says,
+   it must not read outside what it was given (the sanitizers watch) and items must lie within. */
 TEST_F(tessctl_replies, no_changed_byte_leads_outside) {
     const std::string marks = std::string("\0\r\n+-:$*!09\xff", 12);
     for (const frame& f : FRAMES) {

@@ -1,19 +1,22 @@
 #include "tools/ctl_series.h"
 
-#include "tests/unit/tools/ring_value.h"
+#include <gtest/gtest.h>
+
+#include <string.h>
 
 #include <algorithm>
-#include <gtest/gtest.h>
 #include <memory>
-#include <string.h>
 #include <string>
 #include <vector>
+
+#include "tests/unit/tools/ring_value.h"
 
 namespace {
 
 class tessctl_series : public ::testing::Test {
   protected:
-    /* Decodes a copy that ends exactly where the value does, so that the sanitizers see every step beyond. */
+    /* Decodes a copy that ends exactly where the value does, so that the sanitizers see every step
+     * beyond. */
     const char* decode(const std::string& key, const std::string& value) {
         copy = std::make_unique<char[]>(value.size());
         memcpy(copy.get(), value.data(), value.size());
@@ -46,7 +49,8 @@ class tessctl_series : public ::testing::Test {
 using numbers = std::vector<uint32_t>;
 
 TEST_F(tessctl_series, begins_with_slot_0_while_slots_are_free) {
-    ASSERT_EQ(decode("cpu.10m", ring_of_bytes({1700000000, 1, 5, 3, 3}, {7, 9, 100, 0, 0})), nullptr);
+    ASSERT_EQ(decode("cpu.10m", ring_of_bytes({1700000000, 1, 5, 3, 3}, {7, 9, 100, 0, 0})),
+              nullptr);
     EXPECT_EQ(figures(0), (numbers{7, 9, 100}));
     EXPECT_STREQ(s.kind->figures[0].name, "percent");
     EXPECT_EQ(s.period, 1U);
@@ -54,7 +58,8 @@ TEST_F(tessctl_series, begins_with_slot_0_while_slots_are_free) {
 }
 
 TEST_F(tessctl_series, begins_with_the_head_once_all_slots_are_filled) {
-    ASSERT_EQ(decode("cpu.10m", ring_of_bytes({1700000000, 1, 5, 5, 2}, {40, 50, 10, 20, 30})), nullptr);
+    ASSERT_EQ(decode("cpu.10m", ring_of_bytes({1700000000, 1, 5, 5, 2}, {40, 50, 10, 20, 30})),
+              nullptr);
     EXPECT_EQ(figures(0), (numbers{10, 20, 30, 40, 50}));
     ASSERT_EQ(decode("cpu.10m", ring_of_bytes({1700000000, 1, 5, 5, 0}, {1, 2, 3, 4, 5})), nullptr);
     EXPECT_EQ(figures(0), (numbers{1, 2, 3, 4, 5}));
@@ -62,10 +67,11 @@ TEST_F(tessctl_series, begins_with_the_head_once_all_slots_are_filled) {
     EXPECT_EQ(figures(0), (numbers{1, 2, 3, 4, 5}));
 }
 
-/* A ten-minute ring that was loaded into a full one keeps its small count for good, while the daemon's own
-   head goes round. */
+/* A ten-minute ring that was loaded into a full one keeps its small count for good, while the
+   daemon's own head goes round. */
 TEST_F(tessctl_series, does_not_look_at_the_head_while_slots_are_free) {
-    ASSERT_EQ(decode("cpu.10m", ring_of_bytes({1700000000, 1, 5, 2, 4}, {7, 9, 100, 0, 0})), nullptr);
+    ASSERT_EQ(decode("cpu.10m", ring_of_bytes({1700000000, 1, 5, 2, 4}, {7, 9, 100, 0, 0})),
+              nullptr);
     EXPECT_EQ(figures(0), (numbers{7, 9}));
 }
 
@@ -76,7 +82,8 @@ TEST_F(tessctl_series, may_be_empty) {
 }
 
 TEST_F(tessctl_series, reads_numbers_with_the_high_byte_first) {
-    ASSERT_EQ(decode("conn.2h", ring_of_numbers({1, 12, 2, 2, 0}, {0x01020304, 0xfffffffe})), nullptr);
+    ASSERT_EQ(decode("conn.2h", ring_of_numbers({1, 12, 2, 2, 0}, {0x01020304, 0xfffffffe})),
+              nullptr);
     EXPECT_EQ(figures(0), (numbers{0x01020304, 0xfffffffe}));
     EXPECT_STREQ(s.kind->figures[0].name, "connections");
     ASSERT_EQ(decode("host.2h", ring_of_numbers({1, 12, 1, 1, 0}, {5})), nullptr);
@@ -89,7 +96,8 @@ TEST_F(tessctl_series, reads_bytes_as_unsigned) {
 }
 
 TEST_F(tessctl_series, has_four_figures_for_an_interface) {
-    ASSERT_EQ(decode("pppoe-wan.day", ring_of_numbers({1, 360, 2, 2, 1}, {5, 6, 7, 8, 1, 2, 3, 4})), nullptr);
+    ASSERT_EQ(decode("pppoe-wan.day", ring_of_numbers({1, 360, 2, 2, 1}, {5, 6, 7, 8, 1, 2, 3, 4})),
+              nullptr);
     const char* names[] = {"rxb", "rxp", "txb", "txp"};
     ASSERT_EQ(s.kind->count, 4U);
     for (unsigned i = 0; i < 4; i++) {
@@ -101,7 +109,8 @@ TEST_F(tessctl_series, has_four_figures_for_an_interface) {
 
 TEST_F(tessctl_series, has_five_figures_for_a_ping_target) {
     for (const char* key : {"ping1.day", "ping9.week", "ping10.mon", "ping20.day"}) {
-        ASSERT_EQ(decode(key, ring_of_numbers({1, 3, 1, 1, 0}, {50, 10, 20, 30, 2})), nullptr) << key;
+        ASSERT_EQ(decode(key, ring_of_numbers({1, 3, 1, 1, 0}, {50, 10, 20, 30, 2})), nullptr)
+            << key;
         const char* names[] = {"max", "min", "avg", "total", "loss"};
         ASSERT_EQ(s.kind->count, 5U);
         for (unsigned i = 0; i < 5; i++)
@@ -114,8 +123,8 @@ TEST_F(tessctl_series, has_five_figures_for_a_ping_target) {
 
 TEST_F(tessctl_series, takes_an_interfaces_name_up_to_the_last_dot) {
     const std::string value = ring_of_numbers({1, 1, 1, 1, 0}, {1, 2, 3, 4});
-    for (const char* key : {"eth0.10m", "eth0.100.10m", "ping.10m", "ping0.10m", "ping21.10m", "ping01.10m",
-                            "ping1x.10m", "ping100.10m", "cpu0.10m", "p-.x", "a."})
+    for (const char* key : {"eth0.10m", "eth0.100.10m", "ping.10m", "ping0.10m", "ping21.10m",
+                            "ping01.10m", "ping1x.10m", "ping100.10m", "cpu0.10m", "p-.x", "a."})
         EXPECT_EQ(decode(key, value), nullptr) << key;
 }
 
@@ -135,7 +144,8 @@ TEST_F(tessctl_series, refuses_samples_that_the_name_does_not_promise) {
     for (size_t size = 0; size < 4; size++)
         for (size_t kind = 0; kind < 4; kind++)
             for (const std::string& key : keys[kind])
-                EXPECT_EQ(decode(key, by_size[size]) == nullptr, size == kind) << key << " size " << size;
+                EXPECT_EQ(decode(key, by_size[size]) == nullptr, size == kind)
+                    << key << " size " << size;
     EXPECT_NE(decode("cpu.10m", ring_of_bytes({1, 1, 1, 1, 0}, "xx")), nullptr);
     EXPECT_NE(decode("eth0.10m", ring_of_bytes({1, 1, 1, 1, 0}, std::string(200, 'x'))), nullptr);
 }
@@ -170,7 +180,8 @@ TEST_F(tessctl_series, refuses_a_value_without_a_whole_header) {
                      "it is too short for the header of a history");
 }
 
-/* Every byte of the header replaced by every mark: what is accepted must be readable from end to end. */
+/* Every byte of the header replaced by every mark: what is accepted must be readable from end to
+ * end. */
 TEST_F(tessctl_series, never_reads_outside_the_value_whatever_the_header_says) {
     const std::string good = ring_of_numbers({1700000000, 1, 3, 3, 1}, numbers(12, 7));
     const std::string marks("\0\1\2\3\4\x7f\x80\xff", 8);
@@ -205,7 +216,8 @@ TEST_F(tessctl_series, counts_its_times_without_wrapping) {
 
 TEST_F(tessctl_series, has_no_times_when_periods_are_reports_or_the_last_is_not_known) {
     int64_t seconds;
-    ASSERT_EQ(decode("ping3.day", ring_of_numbers({1700000000, 3, 1, 1, 0}, {1, 2, 3, 4, 5})), nullptr);
+    ASSERT_EQ(decode("ping3.day", ring_of_numbers({1700000000, 3, 1, 1, 0}, {1, 2, 3, 4, 5})),
+              nullptr);
     EXPECT_FALSE(ctl_series_time(&s, 0, &seconds));
     ASSERT_EQ(decode("cpu.2h", ring_of_bytes({0, 12, 1, 1, 0}, "a")), nullptr);
     EXPECT_FALSE(ctl_series_time(&s, 0, &seconds));
@@ -228,7 +240,8 @@ TEST_F(tessctl_series, gives_each_of_few_samples_the_same_number_of_columns) {
     EXPECT_EQ(ctl_series_at(&s, 5, 6), 2U);
 }
 
-/* One peak, moved over every sample of a whole ring, must show in exactly one column of any width. */
+/* One peak, moved over every sample of a whole ring, must show in exactly one column of any width.
+ */
 TEST_F(tessctl_series, loses_no_peak_and_shows_none_twice) {
     for (unsigned width : {1U, 7U, 72U, 77U, 599U, 600U}) {
         for (size_t peak = 0; peak < 600; peak++) {
@@ -237,7 +250,8 @@ TEST_F(tessctl_series, loses_no_peak_and_shows_none_twice) {
             ASSERT_EQ(decode("cpu.10m", ring_of_bytes({1, 1, 600, 600, 0}, samples)), nullptr);
             const numbers columns = spread(width);
             ASSERT_EQ(columns.size(), width);
-            ASSERT_EQ(std::count(columns.begin(), columns.end(), 99U), 1) << width << " peak at " << peak;
+            ASSERT_EQ(std::count(columns.begin(), columns.end(), 99U), 1)
+                << width << " peak at " << peak;
         }
     }
 }

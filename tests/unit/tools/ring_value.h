@@ -1,12 +1,12 @@
 #pragma once
 
-#include "tools/ctl_reply.h"
-
 #include <stdint.h>
+
 #include <string>
 #include <vector>
 
 #include "tests/support/big_endian.h"
+#include "tools/ctl_reply.h"
 
 /* Values of history keys, put together byte by byte. */
 

@@ -1,11 +1,13 @@
 #pragma once
 
 #include <stdlib.h>
+
 #include <string>
 #include <vector>
 
-/* A terminal of the plainest kind: understands what a live screen sends and finds fault with all else, with
- * lines that are too long and with places that are not on it. Characters are UTF-8, each one column wide. */
+/* A terminal of the plainest kind: understands what a live screen sends and finds fault with all
+ * else, with lines that are too long and with places that are not on it. Characters are UTF-8, each
+ * one column wide. */
 class text_screen {
   public:
     text_screen(size_t columns, size_t rows)
@@ -107,7 +109,8 @@ class text_screen {
         } else if (sequence == "\x1b[?7h" || sequence == "\x1b[?7l") {
             wraps = sequence.back() == 'h';
         } else if (sequence == "\x1b[?1049h" || sequence == "\x1b[?1049l") {
-            /* Each screen has its own contents; those of the one that is left are not of interest. */
+            /* Each screen has its own contents; those of the one that is left are not of interest.
+             */
             alternate = sequence.back() == 'h';
             wipe();
             row = column = 0;

@@ -2,6 +2,7 @@
 
 #include <stdio.h>
 #include <stdlib.h>
+
 #include <string>
 
 /* A stream that ends up in a string. */
