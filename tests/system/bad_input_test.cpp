@@ -45,8 +45,9 @@ std::string bulk(const std::string& value) {
 std::string repeated(const std::string& text, size_t times) {
     std::string all;
     all.reserve(text.size() * times);
-    for (size_t i = 0; i < times; i++)
+    for (size_t i = 0; i < times; i++) {
         all += text;
+    }
     return all;
 }
 
@@ -89,8 +90,9 @@ class bad_input : public daemon_test {
   protected:
     void SetUp() override {
         daemon_test::SetUp();
-        if (IsSkipped() || HasFatalFailure())
+        if (IsSkipped() || HasFatalFailure()) {
             return;
+        }
         daemon = &start();
         resp_client client;
         /* What the daemon makes with the first request and keeps. */
@@ -111,10 +113,12 @@ class bad_input : public daemon_test {
     int descriptors() const {
         int count = 0;
         DIR* folder = opendir(("/proc/" + std::to_string(daemon->pid()) + "/fd").c_str());
-        while (folder != nullptr && readdir(folder) != nullptr)
+        while (folder != nullptr && readdir(folder) != nullptr) {
             count++;
-        if (folder != nullptr)
+        }
+        if (folder != nullptr) {
             closedir(folder);
+        }
         return count;
     }
 
@@ -140,13 +144,15 @@ class bad_input : public daemon_test {
         EXPECT_EQ(client.call({"ping"}), OK);
         EXPECT_LE(now_ms() - asked, prompt_ms()) << "the daemon was busy";
         client.close();
-        if (emulated())
+        if (emulated()) {
             return;
+        }
         EXPECT_TRUE(eventually([&] { return descriptors() == first_descriptors + clients_open; }))
             << descriptors() << " descriptors are open instead of "
             << first_descriptors + clients_open;
-        if (SANITIZED)
+        if (SANITIZED) {
             return;
+        }
         EXPECT_LE(status_kb("VmRSS:") - first_resident, kept_kb);
         EXPECT_LE(status_kb("VmPeak:") - first_peak, peak_kb);
     }
@@ -218,8 +224,9 @@ TEST_F(bad_input, as_a_count_is_refused_unless_it_begins_with_the_right_number) 
                          "1" + repeated("x", 30000),
                          nul("1", ""),
                          nul("1", "2")};
-    for (const std::string& text : right)
+    for (const std::string& text : right) {
         expect_outcome("*" + text + "\r\n$4\r\nPING\r\n", OK);
+    }
 
     const words wrong = {"",
                          "0",
@@ -260,8 +267,9 @@ TEST_F(bad_input, as_a_count_is_refused_unless_it_begins_with_the_right_number) 
                          repeated(" ", 30000),
                          nul("", "1"),
                          nul("", "")};
-    for (const std::string& text : wrong)
+    for (const std::string& text : wrong) {
         expect_outcome("*" + text + "\r\n$4\r\nPING\r\n", "");
+    }
     expect_unharmed();
 }
 
@@ -270,8 +278,9 @@ TEST_F(bad_input, as_a_length_is_refused_unless_it_begins_with_the_right_number)
                          "\t4",        "4x", "4 ",          "4.9",
                          "4e9",        "4-", "-4294967292", repeated("0", 30000) + "4",
                          nul("4", "4")};
-    for (const std::string& text : right)
+    for (const std::string& text : right) {
         expect_outcome("*1\r\n$" + text + "\r\nPING\r\n", OK);
+    }
 
     const words wrong = {"",
                          "0",
@@ -386,7 +395,7 @@ TEST_F(bad_input, with_a_nul_in_any_place_is_refused_or_does_what_its_bytes_say)
 
 TEST_F(bad_input, with_any_byte_in_any_place_harms_nobody) {
     const std::string whole = request_frame({"set", "k", "v"});
-    for (size_t i = 0; i < whole.size(); i++)
+    for (size_t i = 0; i < whole.size(); i++) {
         for (int byte = 0; byte < 256; byte += emulated() ? 5 : 1) {
             std::string bytes = whole;
             bytes[i] = static_cast<char>(byte);
@@ -397,6 +406,7 @@ TEST_F(bad_input, with_any_byte_in_any_place_harms_nobody) {
             EXPECT_TRUE(reply == "" || reply == OK || reply == ERROR || is_value)
                 << ::testing::PrintToString(bytes) << " is answered " << reply;
         }
+    }
     expect_unharmed();
 }
 
@@ -404,8 +414,9 @@ TEST_F(bad_input, cut_short_at_any_byte_is_refused) {
     const std::string whole =
         request_frame({"mset", "a", "1", "bb", "", "", "22", "$1\r\n", "*1\r\n$4\r\nPING\r\n",
                        std::string("\0\r\n\0", 4), repeated("x", 120)});
-    for (size_t length = 1; length < whole.size(); length++)
+    for (size_t length = 1; length < whole.size(); length++) {
         expect_outcome(whole.substr(0, length), "");
+    }
     resp_client client;
     EXPECT_EQ(client.call({"mget", "a", "bb", "", "$1\r\n"}), "*4\r\n" + repeated("$-1\r\n", 4));
     client.close();
@@ -415,7 +426,7 @@ TEST_F(bad_input, cut_short_at_any_byte_is_refused) {
 
 TEST_F(bad_input, with_a_byte_too_many_in_any_place_harms_nobody) {
     const labelled_frame frame = labelled({"set", "key", "value"});
-    for (size_t i = 0; i <= frame.bytes.size(); i++)
+    for (size_t i = 0; i <= frame.bytes.size(); i++) {
         for (const char* more : {"x", "\r", "\n", "\r\n", "0", "1", "9", "-", "$", "*"}) {
             std::string bytes = frame.bytes;
             bytes.insert(i, more);
@@ -429,6 +440,7 @@ TEST_F(bad_input, with_a_byte_too_many_in_any_place_harms_nobody) {
                 EXPECT_EQ(reply, "") << ::testing::PrintToString(bytes);
             }
         }
+    }
     expect_unharmed();
 }
 
@@ -466,8 +478,10 @@ TEST_F(bad_input, in_tiny_deliveries_without_end_leaves_no_trace) {
     long before = status_kb("VmRSS:");
     /* A million of them where the machine is quick enough for that. */
     const long start = now_ms();
-    for (int done = 0; done < 1000000 && now_ms() - start < 2000 && !HasFatalFailure(); done += 500)
+    for (int done = 0; done < 1000000 && now_ms() - start < 2000 && !HasFatalFailure();
+         done += 500) {
         some(500);
+    }
     if (!emulated() && !SANITIZED) {
         EXPECT_LE(status_kb("VmRSS:") - before, 512);
     }
@@ -479,8 +493,9 @@ TEST_F(bad_input, sent_without_waiting_for_replies_is_answered_in_whole_frames) 
     resp_client client;
     int sent = 0;
     const long start = now_ms();
-    while (sent < 50000 && now_ms() - start < 1000 && client.send(PING))
+    while (sent < 50000 && now_ms() - start < 1000 && client.send(PING)) {
         sent++;
+    }
     client.end_sending();
     std::string got = client.until_closed();
     EXPECT_EQ(got.size() % OK.size(), 0u);
@@ -496,8 +511,9 @@ TEST_F(bad_input, from_a_client_that_never_stops_does_not_hold_up_others) {
     const std::string burst = repeated("x", 40000);
     for (int i = 0; i < rounds(300); i++) {
         flood.send(burst);
-        if (flood.hung_up())
+        if (flood.hung_up()) {
             flood = resp_client();
+        }
         if (i % 20 == 0) {
             resp_client other;
             long asked = now_ms();
@@ -511,17 +527,20 @@ TEST_F(bad_input, from_a_client_that_never_stops_does_not_hold_up_others) {
 
 TEST_F(bad_input, from_clients_that_come_and_go_in_bulk_leaves_no_trace) {
     const int count = rounds(5000);
-    for (int i = 0; i < count; i++)
+    for (int i = 0; i < count; i++) {
         resp_client silent;
+    }
     expect_unharmed();
-    for (int i = 0; i < count; i++)
+    for (int i = 0; i < count; i++) {
         resp_client().send(i % 3 == 0 ? PING : i % 3 == 1 ? "*" : "*1\r\n$4294967294\r\n");
+    }
     expect_unharmed();
     /* They leave before their reply, which is too long to be taken at once. */
     resp_client owner;
     EXPECT_EQ(deliver_call(owner, {"set", "big", repeated("v", 150000)}), OK);
-    for (int i = 0; i < rounds(500); i++)
+    for (int i = 0; i < rounds(500); i++) {
         resp_client().send(request_frame({"get", "big"}));
+    }
     owner.close();
     expect_unharmed();
 }
@@ -535,8 +554,9 @@ TEST_F(bad_input, from_observers_that_come_and_go_in_bulk_leaves_no_trace) {
         } else {
             observer.send(request_frame({"observe"}));
         }
-        if (i % 3 == 0)
+        if (i % 3 == 0) {
             observer.close();
+        }
         ASSERT_EQ(writer.call({"set", "k", "v"}), OK);
     }
     writer.close();
@@ -545,8 +565,9 @@ TEST_F(bad_input, from_observers_that_come_and_go_in_bulk_leaves_no_trace) {
 
 TEST_F(bad_input, from_more_clients_than_descriptors_does_not_lock_out_the_first) {
     std::vector<resp_client> clients(300);
-    for (resp_client& one : clients)
+    for (resp_client& one : clients) {
         one.send(PING);
+    }
     size_t served = 0;
     for (resp_client& one : clients) {
         std::string reply = one.frame();
@@ -555,8 +576,9 @@ TEST_F(bad_input, from_more_clients_than_descriptors_does_not_lock_out_the_first
     }
     EXPECT_GE(served, 50u);
     EXPECT_LE(served, 95u);
-    for (int round = 0; round < 3; round++)
+    for (int round = 0; round < 3; round++) {
         EXPECT_EQ(clients[0].call({"ping"}), OK);
+    }
     clients.clear();
     EXPECT_TRUE(eventually([] { return resp_client().call({"ping"}) == OK; }));
     expect_unharmed();
@@ -568,16 +590,19 @@ TEST_F(bad_input, from_clients_that_never_read_costs_no_more_than_their_pending_
     std::vector<resp_client> deaf(20);
     size_t closed = 0;
     for (int round = 0; round < 40 && closed < deaf.size(); round++) {
-        for (resp_client& one : deaf)
-            if (!one.hung_up())
+        for (resp_client& one : deaf) {
+            if (!one.hung_up()) {
                 one.send(request_frame({"get", "big"}));
+            }
+        }
         long asked = now_ms();
         EXPECT_EQ(other.call({"ping"}), OK);
         EXPECT_EQ(other.call({"ping"}), OK);
         EXPECT_LE(now_ms() - asked, prompt_ms());
         closed = 0;
-        for (resp_client& one : deaf)
+        for (resp_client& one : deaf) {
             closed += one.hung_up() ? 1 : 0;
+        }
     }
     EXPECT_EQ(closed, deaf.size());
     /* What they did get before the end is what was to come. */
@@ -625,11 +650,13 @@ TEST_F(bad_input, of_great_keys_and_values_is_stored_and_read_back) {
 TEST_F(bad_input, of_great_size_does_not_stay_in_the_buffers_of_its_connection) {
     std::vector<resp_client> clients(20);
     words request = {"ping", repeated("x", 150000)};
-    for (resp_client& one : clients)
+    for (resp_client& one : clients) {
         ASSERT_EQ(deliver_call(one, request), OK);
+    }
     EXPECT_EQ(deliver_call(clients[0], {"set", "big", repeated("v", 150000)}), OK);
-    for (resp_client& one : clients)
+    for (resp_client& one : clients) {
         ASSERT_EQ(one.call({"get", "big"}).size(), 150011u);
+    }
     expect_unharmed(20, 1536);
     clients.clear();
     expect_unharmed(0, 1536);
@@ -717,8 +744,9 @@ TEST_F(bad_input, of_numbers_of_any_length_and_kind_is_answered) {
                                      words{"rpush", "l", "a", "b", "c"},
                                      words{"lpush", "l", n},
                                      words{"llen", "l"},
-                                     words{"persist", "n1"}})
+                                     words{"persist", "n1"}}) {
             EXPECT_TRUE(answered(client.call(request))) << request[0];
+        }
     }
     client.close();
     expect_unharmed();
@@ -730,15 +758,17 @@ TEST_F(bad_input, of_keys_with_one_hash_is_served) {
     words collide;
     for (int i = 0; i < 2048; i++) {
         std::string key;
-        for (int bit = 0; bit < 11; bit++)
+        for (int bit = 0; bit < 11; bit++) {
             key += (i >> bit & 1) != 0 ? "Aa" : "BB";
+        }
         collide.push_back(key);
     }
     resp_client client;
     for (size_t start = 0; start < collide.size(); start += 256) {
         words set = {"mset"};
-        for (size_t i = start; i < start + 256; i++)
+        for (size_t i = start; i < start + 256; i++) {
             set.insert(set.end(), {collide[i], std::to_string(i)});
+        }
         EXPECT_EQ(client.call(set), OK);
     }
     words get = {"mget"};
@@ -750,15 +780,17 @@ TEST_F(bad_input, of_keys_with_one_hash_is_served) {
     long asked = now_ms();
     EXPECT_TRUE(client.call(get) == expected);
     EXPECT_LE(now_ms() - asked, prompt_ms());
-    for (size_t i = 0; i < collide.size(); i += 97)
+    for (size_t i = 0; i < collide.size(); i += 97) {
         EXPECT_EQ(client.call({"del", collide[i]}), ":1\r\n");
+    }
     EXPECT_EQ(client.call({"get", collide[97]}), "$-1\r\n");
     EXPECT_EQ(client.call({"get", collide[98]}), bulk("98"));
     /* The fields of a hash are found in the same way. */
     for (size_t start = 0; start < 1024; start += 512) {
         words hmset = {"hmset", "h"};
-        for (size_t i = start; i < start + 512; i++)
+        for (size_t i = start; i < start + 512; i++) {
             hmset.insert(hmset.end(), {collide[i], "v"});
+        }
         EXPECT_EQ(client.call(hmset), OK);
     }
     EXPECT_EQ(client.call({"hlen", "h"}), ":1024\r\n");
@@ -837,8 +869,9 @@ TEST_F(bad_input, as_a_pattern_does_not_hold_up_others) {
         EXPECT_LE(now_ms() - asked, prompt_ms());
         EXPECT_EQ(reply[0], '*') << reply;
     }
-    for (const std::string& pattern : patterns)
+    for (const std::string& pattern : patterns) {
         EXPECT_EQ(client.call({"dump", "dumped", pattern}), ":0\r\n") << pattern.substr(0, 40);
+    }
     client.close();
     expect_unharmed();
 }
@@ -862,8 +895,9 @@ TEST_F(bad_input, that_asks_for_more_than_can_be_sent_gets_a_whole_frame_or_a_cl
             EXPECT_EQ(client.call({"ping"}), OK);
         } else {
             /* A client that reads at once may make room for more. */
-            for (int i = 0; i < 3; i++)
+            for (int i = 0; i < 3; i++) {
                 EXPECT_EQ(owner.call({"ping"}), OK);
+            }
             EXPECT_TRUE(client.hung_up());
             std::string got = client.until_closed();
             EXPECT_LT(got.size(), whole.size());
@@ -880,9 +914,10 @@ TEST_F(bad_input, that_makes_a_value_grow_costs_the_value_alone) {
     EXPECT_EQ(observer.call({"observe"}), OK);
     const std::string piece = repeated("v", 100000);
     const int pieces = 60;
-    for (int i = 1; i <= pieces; i++)
+    for (int i = 1; i <= pieces; i++) {
         ASSERT_EQ(deliver_call(client, {"append", "big", piece}),
                   ":" + std::to_string(i * 100000) + "\r\n");
+    }
     EXPECT_EQ(client.call({"strlen", "big"}), ":6000000\r\n");
     EXPECT_EQ(client.call({"incr", "big"}), ERROR);
     EXPECT_EQ(client.call({"append", "big", "x"}), ":6000001\r\n");
@@ -909,9 +944,10 @@ TEST_F(bad_input, of_any_size_is_traced_without_harm) {
     daemon = &start({"-l", "debug"});
     resp_client client;
     const std::string piece = repeated("v", 100000);
-    for (int i = 1; i <= 45; i++)
+    for (int i = 1; i <= 45; i++) {
         ASSERT_EQ(deliver_call(client, {"append", "big", piece}),
                   ":" + std::to_string(i * 100000) + "\r\n");
+    }
     EXPECT_EQ(client.call({"hello", repeated("%s%n", 5000)}), OK);
     EXPECT_EQ(client.call({repeated("%n", 5000), "%s"}), ERROR);
     EXPECT_EQ(client.call({"keys", repeated("%n", 5000)}), "*0\r\n");
@@ -920,8 +956,9 @@ TEST_F(bad_input, of_any_size_is_traced_without_harm) {
     resp_client reader;
     EXPECT_TRUE(reader.send(request_frame({"get", "big"})));
     EXPECT_EQ(reader.until_closed(), "");
-    for (int i = 0; i < rounds(300); i++)
+    for (int i = 0; i < rounds(300); i++) {
         resp_client().send(i % 2 == 0 ? PING : std::string("\0*1", 3));
+    }
     EXPECT_EQ(client.call({"strlen", "big"}), ":4500000\r\n");
     EXPECT_TRUE(daemon->running());
 }
@@ -942,16 +979,19 @@ TEST_F(bad_input, cannot_exhaust_descriptors_for_good) {
     std::vector<resp_client> clients(60);
     size_t served = 0;
     while (served < clients.size() &&
-           clients[served].call({"ping"}, served < 20 ? LIMIT_MS : 200) == OK)
+           clients[served].call({"ping"}, served < 20 ? LIMIT_MS : 200) == OK) {
         served++;
+    }
     EXPECT_GE(served, 25u);
     EXPECT_LE(served, 40u);
-    for (size_t i = 0; i < served; i++)
+    for (size_t i = 0; i < served; i++) {
         EXPECT_EQ(clients[i].call({"ping"}), OK);
+    }
     /* Those that waited at the door come in as others go. */
     clients.erase(clients.begin(), clients.begin() + static_cast<long>(served));
-    for (size_t i = 1; i < clients.size(); i++)
+    for (size_t i = 1; i < clients.size(); i++) {
         EXPECT_EQ(clients[i].call({"ping"}), OK) << i;
+    }
     clients.clear();
     EXPECT_TRUE(eventually([&] { return descriptors() == first_descriptors; }));
     EXPECT_TRUE(daemon->running());

@@ -33,12 +33,14 @@ std::vector<std::string> targets(const std::string& name) {
     std::istringstream text(read_file(work(name)));
     for (std::string line; std::getline(text, line);) {
         size_t arrow = line.find(" -> ");
-        if (arrow == std::string::npos)
+        if (arrow == std::string::npos) {
             continue;
+        }
         size_t number = line.rfind(' ', arrow - 1) + 1;
         std::string target = line.substr(arrow + 4);
-        if (atoi(line.c_str() + number) > 2 && target.compare(0, 6, "/proc/") != 0)
+        if (atoi(line.c_str() + number) > 2 && target.compare(0, 6, "/proc/") != 0) {
             found.push_back(target);
+        }
     }
     return found;
 }
@@ -47,8 +49,9 @@ class child_descriptors : public daemon_test {
   protected:
     void SetUp() override {
         daemon_test::SetUp();
-        if (IsSkipped() || HasFatalFailure())
+        if (IsSkipped() || HasFatalFailure()) {
             return;
+        }
         sandbox::add_tool("hostmon", note_descriptors("hostmon") + "echo 'Online hosts: 1'\n");
         sandbox::add_tool("conntrack", note_descriptors("conntrack") + "echo 1 1\n");
         sandbox::add_tool("uci", note_descriptors("uci") + "echo KT7010\n");

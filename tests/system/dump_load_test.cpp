@@ -41,14 +41,16 @@ class dump_files : public daemon_test {
   protected:
     void SetUp() override {
         daemon_test::SetUp();
-        if (!IsSkipped())
+        if (!IsSkipped()) {
             serve({});
+        }
     }
 
     void serve(const words& arguments, const process_options& options = {}) {
         client.close();
-        if (daemon != nullptr)
+        if (daemon != nullptr) {
             daemon->stop();
+        }
         daemon = &start(arguments, "/tmp/tessard.sock", 0, options);
         client = resp_client();
     }
@@ -68,8 +70,9 @@ class dump_files : public daemon_test {
         long count = 0;
         if (DIR* folder = opendir(("/proc/" + std::to_string(daemon->pid()) + "/fd").c_str());
             folder != nullptr) {
-            while (readdir(folder) != nullptr)
+            while (readdir(folder) != nullptr) {
                 count++;
+            }
             closedir(folder);
         }
         return count;
@@ -84,8 +87,9 @@ class load_files : public dump_files {
   protected:
     void SetUp() override {
         dump_files::SetUp();
-        if (!IsSkipped())
+        if (!IsSkipped()) {
             reset();
+        }
     }
 
     void reset() {
@@ -136,11 +140,13 @@ TEST_F(dump_files, hold_the_matching_keys_in_the_order_of_the_keyspace) {
     for (int attempt = 0; attempt < 5; attempt++) {
         before = call({"keys", "key*"});
         written = dumped("key*");
-        if (call({"keys", "key*"}) == before)
+        if (call({"keys", "key*"}) == before) {
             break;
+        }
     }
-    for (const std::string& key : elements_of(before))
+    for (const std::string& key : elements_of(before)) {
         expected += record(key, values[key]);
+    }
     EXPECT_EQ(written, expected);
     EXPECT_EQ(elements_of(before).size(), 80U);
 }
@@ -160,8 +166,9 @@ TEST_F(dump_files, of_every_key_hold_the_seeded_string) {
 
 TEST_F(dump_files, keep_every_byte_of_keys_and_values) {
     std::string bytes;
-    for (int byte = 0; byte < 256; byte++)
+    for (int byte = 0; byte < 256; byte++) {
         bytes += static_cast<char>(byte);
+    }
     const std::string key = "raw" + bytes;
     call({"set", key, bytes + bytes});
     EXPECT_EQ(dumped("raw*"), record(key, bytes + bytes));
@@ -218,8 +225,9 @@ TEST_F(dump_files, are_chosen_by_shell_patterns) {
 /* Histories are written by those who keep them; a key that only bears such a name has none. */
 TEST_F(dump_files, pass_over_keys_named_like_histories) {
     for (const char* key : {"mine.day", "mine.days", "mine.month", "mine.mon", "mine.week",
-                            "mine.week1", ".day", "mine.x.weekly"})
+                            "mine.week1", ".day", "mine.x.weekly"}) {
         call({"set", key, "v"});
+    }
     EXPECT_EQ(dumped("*mine*"), "");
     EXPECT_EQ(dumped(".day"), "");
 }
@@ -303,8 +311,9 @@ TEST_F(dump_files, into_a_pipe_never_wait_for_a_reader) {
     const ssize_t got = read(reader, bytes, sizeof bytes);
     EXPECT_EQ(std::string(bytes, got > 0 ? static_cast<size_t>(got) : 0), record("k", "v"));
     /* More than a pipe takes while nobody reads. */
-    for (int i = 0; i < 20; i++)
+    for (int i = 0; i < 20; i++) {
         call({"append", "large", std::string(25000, 'x')});
+    }
     EXPECT_EQ(call({"dump", "/tmp/pipe", "large"}), ":0\r\n");
     EXPECT_EQ(call({"ping"}), "+OK\r\n");
     close(reader);
@@ -317,11 +326,13 @@ TEST_F(dump_files, leave_no_descriptor_open) {
     call({"set", "k", "v"});
     const long before = open_descriptors();
     for (int i = 0; i < 30; i++) {
-        for (const char* path : {"/tmp/good", "/tmp/folder", "/tmp/pipe", "/tmp/missing/x"})
+        for (const char* path : {"/tmp/good", "/tmp/folder", "/tmp/pipe", "/tmp/missing/x"}) {
             call({"dump", path, "k"});
+        }
         for (const char* path :
-             {"/tmp/good", "/tmp/bad", "/tmp/folder", "/tmp/pipe", "/tmp/missing"})
+             {"/tmp/good", "/tmp/bad", "/tmp/folder", "/tmp/pipe", "/tmp/missing"}) {
             call({"load", path});
+        }
     }
     EXPECT_EQ(open_descriptors(), before);
 }
@@ -337,8 +348,9 @@ TEST_F(dump_files, and_what_they_do_is_logged_at_info) {
     const words found = log_messages(daemon->out(), {"dump", "load"});
     EXPECT_EQ(found, (words{"dumped k* to " + FILE_PATH, "failed to dump k? to /tmp/missing/x: 2",
                             "loaded " + FILE_PATH, "failed to load /tmp/missing: 2"}));
-    for (const log_record& one : parse_log(daemon->out()))
+    for (const log_record& one : parse_log(daemon->out())) {
         EXPECT_EQ(one.level, "info  *** ");
+    }
 }
 
 TEST_F(dump_files, and_what_they_do_is_not_logged_above_info) {
@@ -359,8 +371,9 @@ TEST_F(load_files, assign_the_values_of_strings) {
 
 TEST_F(load_files, keep_every_byte) {
     std::string bytes;
-    for (int byte = 0; byte < 256; byte++)
+    for (int byte = 0; byte < 256; byte++) {
         bytes += static_cast<char>(byte);
+    }
     load(record("a", bytes));
     EXPECT_EQ(call({"get", "a"}), bulk_frame(bytes));
     EXPECT_EQ(call({"strlen", "a"}), ":256\r\n");
@@ -467,8 +480,9 @@ TEST_F(load_files, are_traced_record_by_record) {
 }
 
 TEST_F(hostile_files, of_less_than_nine_bytes_load_nothing) {
-    for (size_t size = 0; size < 9; size++)
+    for (size_t size = 0; size < 9; size++) {
         load(std::string(size, '\0'));
+    }
     expect_nothing_loaded();
     call({"set", "", "old"});
     load(record("", ""));
@@ -565,8 +579,9 @@ TEST_F(hostile_files, that_are_no_files_load_nothing) {
     write_file("/tmp/folder/a", record("a", "A"));
     ASSERT_EQ(mkfifo("/tmp/pipe", 0600), 0);
     for (const char* path :
-         {"/tmp/folder", "/tmp", "/", "/tmp/pipe", "/dev/null", "/dev/zero", "/dev/full"})
+         {"/tmp/folder", "/tmp", "/", "/tmp/pipe", "/dev/null", "/dev/zero", "/dev/full"}) {
         EXPECT_EQ(call({"load", path}), ":0\r\n") << path;
+    }
     expect_nothing_loaded();
 }
 
@@ -604,8 +619,9 @@ TEST_F(hostile_files, of_gigabytes_are_refused_with_an_error_number) {
 }
 
 TEST_F(hostile_files, for_which_there_is_no_memory_are_refused_with_an_error_number) {
-    if (SANITIZED)
+    if (SANITIZED) {
         GTEST_SKIP() << "the sanitizers need more room than the limit leaves";
+    }
     SKIP_UNDER_EMULATOR("its own room counts against the limit");
     process_options options;
     options.before_exec = [] {
@@ -631,11 +647,13 @@ TEST_F(hostile_files, of_random_bytes_harm_nothing) {
     for (int i = 0; i < (sandbox::emulator().empty() ? 500 : 50) && !HasFailure(); i++) {
         /* A good file with some bytes changed, the upper ones of lengths among them. */
         std::string bytes;
-        while (bytes.size() < 200)
+        while (bytes.size() < 200) {
             bytes += record(std::string(next() % 3, static_cast<char>('a' + next() % 3)),
                             std::string(next() % 20, 'x'));
-        for (uint32_t changes = next() % 6; changes > 0; changes--)
+        }
+        for (uint32_t changes = next() % 6; changes > 0; changes--) {
             bytes[next() % bytes.size()] = static_cast<char>(next());
+        }
         load(bytes);
     }
     reset();

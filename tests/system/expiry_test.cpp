@@ -59,8 +59,9 @@ class expiry : public daemon_test {
   protected:
     /* Starts the daemon, in place of one that runs already. */
     void launch_daemon(const words& arguments = {}) {
-        if (daemon != nullptr)
+        if (daemon != nullptr) {
             daemon->stop();
+        }
         launched_at = wall_ms();
         daemon = &start(arguments);
         client.emplace();
@@ -88,8 +89,9 @@ class expiry : public daemon_test {
     void look() {
         rounds++;
         for (auto& [key, one] : lives) {
-            if (one.found_gone != 0)
+            if (one.found_gone != 0) {
                 continue;
+            }
             int64_t asked = wall_ms();
             if (call({"exists", key}) == ":1\r\n") {
                 one.last_seen = asked;
@@ -145,8 +147,9 @@ class expiry : public daemon_test {
         EXPECT_TRUE(in_one_second([&] {
             EXPECT_EQ(call({"set", key, "v"}), OK);
             replies.clear();
-            for (const words& request : requests)
+            for (const words& request : requests) {
                 replies.push_back(call(request));
+            }
         })) << key;
         return replies;
     }
@@ -170,8 +173,9 @@ TEST_F(expiry, comes_when_the_seconds_are_over_and_not_before) {
     EXPECT_EQ(observer.call({"observe"}), OK);
 
     /* These are never over, or were given another life before the end. */
-    for (const char* key : {"k.stays", "k.negative"})
+    for (const char* key : {"k.stays", "k.negative"}) {
         EXPECT_EQ(call({"set", key, "v"}), OK);
+    }
     EXPECT_EQ(call({"expire", "k.negative", "-1"}), ":1\r\n");
     const std::string in_an_hour = std::to_string(time(nullptr) + 3600);
     const auto outlives = [&](const std::string& key, const words& first, const words& second,
@@ -196,8 +200,9 @@ TEST_F(expiry, comes_when_the_seconds_are_over_and_not_before) {
     EXPECT_EQ(call({"keys", "k.dead"}), "*1\r\n" + bulk("k.dead"));
 
     words will_go = {"k.0", "k.3", "k.list", "k.hash", "k.setex", "k.wrapped"};
-    for (const char* key : {"k.0", "k.3", "k.wrapped", "k.past"})
+    for (const char* key : {"k.0", "k.3", "k.wrapped", "k.past"}) {
         EXPECT_EQ(call({"set", key, "v"}), OK);
+    }
     EXPECT_EQ(call({"rpush", "k.list", "a", "b"}), ":2\r\n");
     EXPECT_EQ(call({"hset", "k.hash", "f", "v"}), ":1\r\n");
 
@@ -237,8 +242,9 @@ TEST_F(expiry, comes_when_the_seconds_are_over_and_not_before) {
 
     expect_gone_after("k.0", 0);
     for (const char* key : {"k.1", "k.list", "k.hash", "k.setex", "k.incr", "k.wrapped",
-                            "fhour.interval", "tessard.run", "k.future", "k.past"})
+                            "fhour.interval", "tessard.run", "k.future", "k.past"}) {
         expect_gone_after(key, 1);
+    }
     expect_gone_after("k.3", 3);
     /* Both were over in the second after that in which they were given, so the same look found
      * them. */
@@ -248,8 +254,9 @@ TEST_F(expiry, comes_when_the_seconds_are_over_and_not_before) {
     EXPECT_GE(lives["k.0"].found_gone - launched_at, 1000);
 
     for (const char* key : {"k.stays", "k.negative", "k.persisted", "k.set", "k.mset", "k.getset",
-                            "k.renewed", "k.relative"})
+                            "k.renewed", "k.relative"}) {
         expect_still_there(key);
+    }
     EXPECT_EQ(call({"get", "k.getset"}), bulk("w"));
 
     /* What is gone is no longer listed, and answers as if it had never been there. */
@@ -283,8 +290,9 @@ TEST_F(expiry, comes_when_the_seconds_are_over_and_not_before) {
         ASSERT_LT(now_ms() - asked, LIMIT_MS) << "the last event does not come";
         if (event.find("\r\nk.") != std::string::npos ||
             event.find("tessard.run") != std::string::npos ||
-            event.find("fhour.interval") != std::string::npos)
+            event.find("fhour.interval") != std::string::npos) {
             of_ours.push_back(event);
+        }
     } while (event.find("k.end") == std::string::npos);
     const std::string mset = "!3\r\n" + bulk("MSET");
     std::vector<std::string> after_the_last_expiry(
@@ -319,8 +327,9 @@ TEST_F(expiry, is_looked_for_once_a_second_and_traced_key_by_key) {
     const auto give_ends = [&] {
         EXPECT_EQ(call({"expireat", "e.kept", "2000000000"}), ":1\r\n");
         EXPECT_EQ(call({"set", "e.kept", "w"}), OK);
-        for (const std::string& key : order)
+        for (const std::string& key : order) {
             give_seconds(key, "1");
+        }
     };
     /* One look finds them all when they got their ends in one second. The trace is compared from
        its start, so a daemon whose keys a slow machine has set apart gives way to another. */
@@ -333,8 +342,9 @@ TEST_F(expiry, is_looked_for_once_a_second_and_traced_key_by_key) {
     ASSERT_TRUE(watch_until_gone(order));
     /* All went in one look, the one that was found last first. */
     int64_t first_look_after = 0;
-    for (const std::string& key : order)
+    for (const std::string& key : order) {
         first_look_after = std::max(first_look_after, lives[key].last_seen);
+    }
 
     /* A key that is over at once stays until the next look, a second after the last. */
     EXPECT_EQ(call({"set", "e.next", "v"}), OK);
@@ -349,10 +359,12 @@ TEST_F(expiry, is_looked_for_once_a_second_and_traced_key_by_key) {
     words expected = {"\"e.kept\"(string): set expire-TTL to 4294967295",
                       "\"e.kept\"(string): remove expire-TTL",
                       "\"e.kept\"(string): remove expire-TTL"};
-    for (const std::string& key : order)
+    for (const std::string& key : order) {
         expected.push_back("\"" + key + "\"(" + types.at(key) + "): set expire-TTL to 1");
-    for (size_t i = 0; i < order.size(); i++)
+    }
+    for (size_t i = 0; i < order.size(); i++) {
         expected.push_back("add to expired list");
+    }
     for (size_t i = order.size(); i > 0; i--) {
         const std::string who = "\"" + order[i - 1] + "\"(" + types.at(order[i - 1]) + "): ";
         expected.push_back(who + "expired.");
@@ -360,8 +372,9 @@ TEST_F(expiry, is_looked_for_once_a_second_and_traced_key_by_key) {
     }
     for (const char* line : {"\"e.next\"(string): set expire-TTL to 0", "add to expired list",
                              "\"e.next\"(string): expired.", "\"e.next\"(string): destroyed",
-                             "\"e.kept\"(string): set expire-TTL to 77"})
+                             "\"e.kept\"(string): set expire-TTL to 77"}) {
         expected.push_back(line);
+    }
     words traced;
     EXPECT_TRUE(eventually([&] {
         traced = log_messages(daemon->out(), {"expire-TTL", "expired", "destroyed"});

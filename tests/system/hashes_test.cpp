@@ -43,23 +43,26 @@ class fields_in_order : public hashes {
   protected:
     /* Sets the fields one after the other, each with its own name as its value. */
     void set_fields(const words& names) {
-        for (const std::string& name : names)
+        for (const std::string& name : names) {
             EXPECT_EQ(call({"hset", "k", name, name}), ":1\r\n");
+        }
     }
 
     void expect_order(const words& names) {
         EXPECT_EQ(elements_of(call({"hkeys", "k"})), names);
         EXPECT_EQ(elements_of(call({"hvals", "k"})), names);
         words both;
-        for (const std::string& name : names)
+        for (const std::string& name : names) {
             both.insert(both.end(), 2, name);
+        }
         EXPECT_EQ(elements_of(call({"hgetall", "k"})), both);
     }
 
     static words order_of(growing_table<int>& table) {
         words names;
-        for (const growing_table<int>::entry* e : table.walk())
+        for (const growing_table<int>::entry* e : table.walk()) {
             names.push_back(e->name);
+        }
         return names;
     }
 };
@@ -130,9 +133,11 @@ TEST_F(hashes, hkeys_hvals_and_hgetall_show_names_values_or_both) {
 }
 
 TEST_F(hashes, a_walk_over_what_is_no_hash_shows_an_empty_array) {
-    for (const char* command : {"hkeys", "hvals", "hgetall"})
-        for (const char* key : {"missing", "s", "l"})
+    for (const char* command : {"hkeys", "hvals", "hgetall"}) {
+        for (const char* key : {"missing", "s", "l"}) {
             EXPECT_EQ(call({command, key}), "*0\r\n") << command << " " << key;
+        }
+    }
     EXPECT_EQ(call({"exists", "missing"}), ":0\r\n");
 }
 
@@ -149,8 +154,9 @@ TEST_F(hashes, an_empty_field_name_and_an_empty_value_are_like_any_other) {
 
 TEST_F(hashes, values_keep_every_byte) {
     std::string value;
-    for (int byte = 0; byte < 256; byte++)
+    for (int byte = 0; byte < 256; byte++) {
         value += static_cast<char>(byte);
+    }
     EXPECT_EQ(call({"hset", "h", "bytes", value}), ":1\r\n");
     EXPECT_EQ(call({"hget", "h", "bytes"}), bulk_frame(value));
 }
@@ -402,8 +408,9 @@ TEST_F(hashes, a_deleted_hash_comes_back_empty_as_any_type) {
 }
 
 TEST_F(hashes, every_command_needs_its_arguments) {
-    for (const char* command : {"hlen", "hkeys", "hvals", "hgetall"})
+    for (const char* command : {"hlen", "hkeys", "hvals", "hgetall"}) {
         EXPECT_EQ(call({command}), "-ERR\r\n") << command;
+    }
     for (const char* command : {"hexists", "hget", "hmget", "hdel"}) {
         EXPECT_EQ(call({command}), "-ERR\r\n") << command;
         EXPECT_EQ(call({command, "h"}), "-ERR\r\n") << command;
@@ -469,8 +476,9 @@ TEST_F(fields_in_order, one_to_sixty_fields_stand_in_the_order_of_the_growing_ta
         table.add(name);
         set_fields({name});
         expect_order(order_of(table));
-        if (HasFailure())
+        if (HasFailure()) {
             FAIL() << "with " << i << " fields";
+        }
     }
     EXPECT_EQ(table.bucket_count(), 397U);
 }
@@ -478,10 +486,12 @@ TEST_F(fields_in_order, one_to_sixty_fields_stand_in_the_order_of_the_growing_ta
 TEST_F(fields_in_order, a_deleted_field_leaves_the_others_where_they_are) {
     growing_table<int> table;
     words names;
-    for (int i = 0; i < 60; i++)
+    for (int i = 0; i < 60; i++) {
         names.push_back("n" + std::to_string(i));
-    for (const std::string& name : names)
+    }
+    for (const std::string& name : names) {
         table.add(name);
+    }
     set_fields(names);
     for (size_t i = 0; i < names.size(); i++) {
         const std::string& name = names[i * 7 % 60];
@@ -540,8 +550,9 @@ TEST_F(fields_in_order, one_hmset_gives_the_order_of_many_hsets) {
    they stay together whatever happens, and the newest comes first as long as they have not been
    moved together. */
 TEST_F(hashes, keys_of_one_code_stand_in_one_bucket) {
-    for (const char* key : {"~bB", "~c#"})
+    for (const char* key : {"~bB", "~c#"}) {
         EXPECT_EQ(call({"hset", key, "f", "v"}), ":1\r\n");
+    }
     const words shown = elements_of(call({"keys", "*"}));
     const auto first = std::find(shown.begin(), shown.end(), "~bB");
     const auto second = std::find(shown.begin(), shown.end(), "~c#");

@@ -58,17 +58,20 @@ struct ring {
 
     /* Samples 0 to n - 1, none of them all zero. */
     ring& fill(uint32_t n) {
-        for (uint32_t i = 0; i < n; i++)
+        for (uint32_t i = 0; i < n; i++) {
             push(std::string(size, static_cast<char>(i % 200 + 1)));
+        }
         return *this;
     }
 
     /* So many zero samples. When all samples are zero, further ones only turn the ring. */
     ring& pad(uint32_t n) {
-        for (uint32_t i = 0; i < std::min(n, slots); i++)
+        for (uint32_t i = 0; i < std::min(n, slots); i++) {
             push(std::string(size, '\0'));
-        if (n > slots)
+        }
+        if (n > slots) {
             head = (head + n % slots) % slots;
+        }
         return *this;
     }
 
@@ -98,8 +101,9 @@ class histories : public daemon_test {
   protected:
     void SetUp() override {
         daemon_test::SetUp();
-        if (IsSkipped() || HasFatalFailure())
+        if (IsSkipped() || HasFatalFailure()) {
             return;
+        }
         sandbox::set_proc_file("net/dev", "eth0: 1 2 3 4 5 6 7 8 9 10\n");
         sandbox::set_proc_file("stat", "cpu  1 1 1 1 1 1 1\n");
         sandbox::set_proc_file("meminfo", "MemTotal: 100 kB\nMemFree: 50 kB\n");
@@ -181,20 +185,23 @@ TEST_F(histories, a_restart_brings_day_week_and_month_back_with_the_gap_padded) 
         rings.emplace(base + std::string(".mon"), ring_of(MONTH, size).fill(903));
     }
     std::string file;
-    for (const auto& [key, expected] : rings)
+    for (const auto& [key, expected] : rings) {
         file += record(key, expected.data(seconds()));
+    }
     uint32_t since = seconds();
     ASSERT_EQ(load(file), ":0\r\n");
-    for (const auto& [key, expected] : rings)
+    for (const auto& [key, expected] : rings) {
         expect_ring(key, expected, since);
+    }
 
     /* The dump has the filled part of each, in the table's order; the plain rings are whole. */
     ASSERT_EQ(client->call({"set", "cpu.10m", std::string(620, MARK)}), OK);
     ASSERT_EQ(client->call({"set", "nobody.day", "has no series"}), OK);
     file = dump("*");
-    for (const auto& [key, expected] : rings)
+    for (const auto& [key, expected] : rings) {
         EXPECT_NE(file.find(record(key, expected.data(word_at(get(key), 0)))), std::string::npos)
             << key;
+    }
     EXPECT_EQ(file.find("nobody.day"), std::string::npos) << "a history's name without a history";
     size_t plain = file.find(be32(7) + "cpu.10m" + be32(620));
     ASSERT_NE(plain, std::string::npos);
@@ -210,8 +217,9 @@ TEST_F(histories, a_restart_brings_day_week_and_month_back_with_the_gap_padded) 
     }
     unlink("/tmp/tessard.log");
     ASSERT_NO_FATAL_FAILURE(begin());
-    for (const auto& [key, expected] : rings)
+    for (const auto& [key, expected] : rings) {
         EXPECT_EQ(word_at(get(key), 12), 0u) << key << " is empty until it is loaded";
+    }
     uint32_t before = word_at(get("cpu.10m"), 12);
     since = seconds();
     ASSERT_EQ(load(file), ":0\r\n");
@@ -286,8 +294,9 @@ TEST_F(histories, time_stamps_of_any_age_cost_no_more_than_the_ring) {
     }
 
     std::string file;
-    for (int i = 0; i < OLD_RECORDS; i++)
+    for (int i = 0; i < OLD_RECORDS; i++) {
         file += record("cpu.day", ring_of(DAY, 1).fill(7).data(1));
+    }
     long before = cpu_ms();
     ASSERT_EQ(load(file), ":0\r\n");
     EXPECT_LT(cpu_ms() - before, OLD_RECORDS_CPU_MS);
@@ -313,8 +322,9 @@ TEST_F(histories, records_that_do_not_fit_change_nothing) {
         EXPECT_EQ(get("host.day"), before) << filled << ", " << next;
     }
     std::string bytes;
-    for (size_t length = 0; length < 20; length++)
+    for (size_t length = 0; length < 20; length++) {
         bytes += record("host.day", (head + be32(1) + be32(1)).substr(0, length));
+    }
     bytes += record("host.day", head + be32(1) + be32(1) + std::string(961, 'x'));
     bytes += record("host.days", head + be32(1) + be32(1) + "abcd");
     bytes +=

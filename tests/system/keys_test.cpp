@@ -31,8 +31,9 @@ std::string bulk(const std::string& value) {
 
 std::string bulks(const words& values) {
     std::string frame = "*" + std::to_string(values.size()) + "\r\n";
-    for (const std::string& value : values)
+    for (const std::string& value : values) {
         frame += bulk(value);
+    }
     return frame;
 }
 
@@ -68,9 +69,11 @@ class keys : public client_test {
         std::string reply = call({"ttl", key});
         uint32_t answered = now_seconds();
         std::vector<std::string> possible;
-        for (uint32_t end = end_from; end - end_from <= end_to - end_from; end++)
-            for (uint32_t now = asked; now <= answered; now++)
+        for (uint32_t end = end_from; end - end_from <= end_to - end_from; end++) {
+            for (uint32_t now = asked; now <= answered; now++) {
                 possible.push_back(seconds_reply(end - now));
+            }
+        }
         EXPECT_TRUE(std::find(possible.begin(), possible.end(), reply) != possible.end())
             << key << ": " << reply << "is not among " << ::testing::PrintToString(possible);
     }
@@ -95,8 +98,9 @@ class keys : public client_test {
             call(make);
             replies.clear();
             *second = now_seconds();
-            for (const words& request : requests)
+            for (const words& request : requests) {
                 replies.push_back(call(request));
+            }
             return now_seconds_exactly() == *second;
         });
         EXPECT_TRUE(done) << "never in one second";
@@ -126,8 +130,9 @@ class keys : public client_test {
         while (now_ms() < end) {
             std::string event = observer.frame(static_cast<int>(end - now_ms()));
             words parts = elements_of(event);
-            if (parts.size() < 2 || parts[1].compare(0, 2, "k.") == 0)
+            if (parts.size() < 2 || parts[1].compare(0, 2, "k.") == 0) {
                 return event;
+            }
         }
         return "<nothing came>";
     }
@@ -150,32 +155,38 @@ TEST_F(keys, are_listed_as_an_empty_array_when_none_matches) {
 TEST_F(keys, are_listed_in_the_order_of_their_hash) {
     /* The sum of bytes times powers of 31 gives p.a, p.b and p.c the hashes 109155 to 109157, which
        are neighbours in a table of 11, 23, 97 and 397 buckets alike. */
-    for (const char* key : {"p.c", "p.a", "p.b"})
+    for (const char* key : {"p.c", "p.a", "p.b"}) {
         EXPECT_EQ(call({"set", key, "v"}), OK);
+    }
     EXPECT_EQ(call({"keys", "p.*"}), bulks({"p.a", "p.b", "p.c"}));
 }
 
 TEST_F(keys, of_one_bucket_are_listed_newest_first) {
     /* So many keys that the table is large enough for all that follows: growing turns a bucket
      * round. */
-    for (int i = 0; i < 120; i++)
+    for (int i = 0; i < 120; i++) {
         EXPECT_EQ(call({"set", "fill." + std::to_string(i), "v"}), OK);
+    }
     /* "Aa" and "BB" have the same hash, and so has every word made of them. */
-    for (const char* key : {"q.AaAa", "q.BBBB", "q.AaBB", "q.BBAa"})
+    for (const char* key : {"q.AaAa", "q.BBBB", "q.AaBB", "q.BBAa"}) {
         EXPECT_EQ(call({"set", key, "v"}), OK);
+    }
     EXPECT_EQ(call({"keys", "q.*"}), bulks({"q.BBAa", "q.AaBB", "q.BBBB", "q.AaAa"}));
     EXPECT_EQ(call({"set", "q.AaAa", "again"}), OK);
     EXPECT_EQ(call({"keys", "q.*"}), bulks({"q.BBAa", "q.AaBB", "q.BBBB", "q.AaAa"}));
-    for (const char* key : {"q.AaAa", "q.BBBB", "q.AaBB", "q.BBAa"})
+    for (const char* key : {"q.AaAa", "q.BBBB", "q.AaBB", "q.BBAa"}) {
         EXPECT_EQ(call({"set", key, key}), OK);
-    for (const char* key : {"q.AaAa", "q.BBBB", "q.AaBB", "q.BBAa"})
+    }
+    for (const char* key : {"q.AaAa", "q.BBBB", "q.AaBB", "q.BBAa"}) {
         EXPECT_EQ(call({"get", key}), bulk(key));
+    }
 }
 
 TEST_F(keys, are_matched_by_shell_patterns) {
     const words all = {"z", "z1", "z2", "z10", "zA", "z*", "z/x", "z.x", "z[x", "z\\x", "z-", "z^"};
-    for (const std::string& key : all)
+    for (const std::string& key : all) {
         EXPECT_EQ(call({"set", key, "v"}), OK);
+    }
     auto sorted = [](words list) {
         std::sort(list.begin(), list.end());
         return list;
@@ -231,14 +242,18 @@ TEST_F(keys, keep_the_bytes_behind_a_nul_but_are_found_by_those_before) {
 
 TEST_F(keys, of_any_bytes_and_lengths_are_told_apart) {
     words made;
-    for (int byte = 1; byte < 256; byte++)
+    for (int byte = 1; byte < 256; byte++) {
         made.push_back("k." + std::string(1, static_cast<char>(byte)));
-    for (size_t length : {198u, 199u, 200u, 201u, 1000u, 30000u})
+    }
+    for (size_t length : {198u, 199u, 200u, 201u, 1000u, 30000u}) {
         made.push_back("k.long" + std::string(length - 6, 'x'));
-    for (size_t i = 0; i < made.size(); i++)
+    }
+    for (size_t i = 0; i < made.size(); i++) {
         EXPECT_EQ(call({"set", made[i], std::to_string(i)}), OK);
-    for (size_t i = 0; i < made.size(); i++)
+    }
+    for (size_t i = 0; i < made.size(); i++) {
         EXPECT_EQ(call({"get", made[i]}), bulk(std::to_string(i))) << i;
+    }
     EXPECT_EQ(matching("k.long*").size(), 6u);
 }
 
@@ -376,8 +391,9 @@ TEST_F(keys, of_settings_cannot_be_deleted) {
     EXPECT_EQ(call({"set", "k.a", "v"}), OK);
     EXPECT_EQ(call({"del", "tessard.run", "k.a", "fhour.interval"}), ":1\r\n");
     EXPECT_EQ(call({"get", "fhour.interval"}), bulk("30"));
-    for (const char* field : {"logfile", "loglevel", "pid", "history-iface-algor"})
+    for (const char* field : {"logfile", "loglevel", "pid", "history-iface-algor"}) {
         EXPECT_EQ(call({"hdel", "tessard.run", field}), ":0\r\n") << field;
+    }
     EXPECT_EQ(call({"hlen", "tessard.run"}), ":4\r\n");
 }
 
@@ -531,10 +547,11 @@ TEST_F(keys, are_persisted_by_a_new_value_and_keep_their_expiry_when_they_are_ch
         EXPECT_EQ(call({"setex", "k", "1000", "1"}), OK);
         uint32_t after = now_seconds();
         call(one.change);
-        if (one.keeps)
+        if (one.keeps) {
             expect_ttl("k", before + 1000, after + 1000);
-        else
+        } else {
             EXPECT_EQ(call({"ttl", "k"}), ":-1\r\n");
+        }
     }
 }
 

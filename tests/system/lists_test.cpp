@@ -22,8 +22,9 @@ class lists : public values_test {
         words items;
         for (int i = 0; i < 100; i++) {
             const std::string reply = call({"lindex", key, std::to_string(i)});
-            if (reply == "$-1\r\n")
+            if (reply == "$-1\r\n") {
                 break;
+            }
             const size_t line = reply.find("\r\n") + 2;
             items.push_back(reply.substr(line, reply.size() - line - 2));
         }
@@ -49,8 +50,9 @@ class list_costs : public lists {
     void push_numbers(int count) {
         for (int next = 0; next < count && !HasFailure();) {
             words request = {"rpush", "big"};
-            for (int i = 0; i < 2500 && next < count; i++)
+            for (int i = 0; i < 2500 && next < count; i++) {
                 request.push_back(std::to_string(next++));
+            }
             EXPECT_EQ(call(request), ":" + std::to_string(next) + "\r\n");
         }
     }
@@ -103,8 +105,9 @@ TEST_F(lists, an_item_ends_at_its_first_NUL) {
 
 TEST_F(lists, items_keep_every_other_byte) {
     std::string item;
-    for (int byte = 1; byte < 256; byte++)
+    for (int byte = 1; byte < 256; byte++) {
         item += static_cast<char>(byte);
+    }
     EXPECT_EQ(call({"lpush", "l", item}), ":4\r\n");
     EXPECT_EQ(call({"lindex", "l", "0"}), bulk_frame(item));
     EXPECT_EQ(call({"lpop", "l"}), bulk_frame(item));
@@ -119,12 +122,13 @@ TEST_F(lists, a_push_onto_another_type_is_an_error_while_nobody_observes) {
 TEST_F(lists, a_push_onto_another_type_is_not_answered_while_anyone_observes) {
     resp_client observer;
     EXPECT_EQ(observer.call({"observe"}), "+OK\r\n");
-    for (const char* command : {"lpush", "rpush"})
+    for (const char* command : {"lpush", "rpush"}) {
         for (const char* key : {"s", "h"}) {
             EXPECT_TRUE(client.send(request_frame({command, key, "x"})));
             let_it_catch_up(observer);
             EXPECT_EQ(client.during(0), "") << command << " " << key;
         }
+    }
     expect_others_unchanged();
     EXPECT_EQ(call({"rpush", "l", "d"}), ":4\r\n");
     EXPECT_EQ(call({"lpush", "new", "d"}), ":1\r\n");
@@ -163,9 +167,11 @@ TEST_F(lists, lpushx_and_rpushx_push_the_first_value_alone) {
 }
 
 TEST_F(lists, lpushx_and_rpushx_push_onto_lists_alone) {
-    for (const char* command : {"lpushx", "rpushx"})
-        for (const char* key : {"missing", "s", "h"})
+    for (const char* command : {"lpushx", "rpushx"}) {
+        for (const char* key : {"missing", "s", "h"}) {
             EXPECT_EQ(call({command, key, "x"}), ":0\r\n") << command << " " << key;
+        }
+    }
     EXPECT_EQ(call({"exists", "missing"}), ":0\r\n");
     expect_others_unchanged();
 }
@@ -182,8 +188,9 @@ TEST_F(lists, there_is_nothing_to_pop_but_from_a_list_with_items) {
     call({"lmaxlen", "l", "1"});
     call({"lpop", "l"});
     for (const char* command : {"lpop", "rpop"}) {
-        for (const char* key : {"l", "missing", "s", "h"})
+        for (const char* key : {"l", "missing", "s", "h"}) {
             EXPECT_EQ(call({command, key}), "$-1\r\n") << command << " " << key;
+        }
         EXPECT_EQ(call({command}), "-ERR\r\n") << command;
     }
     EXPECT_EQ(call({"exists", "missing"}), ":0\r\n");
@@ -191,8 +198,9 @@ TEST_F(lists, there_is_nothing_to_pop_but_from_a_list_with_items) {
 }
 
 TEST_F(lists, an_empty_list_is_still_a_list_and_can_be_filled_at_both_ends) {
-    for (int i = 0; i < 3; i++)
+    for (int i = 0; i < 3; i++) {
         call({"lpop", "l"});
+    }
     EXPECT_EQ(call({"exists", "l"}), ":1\r\n");
     EXPECT_EQ(call({"type", "l"}), "$4\r\nlist\r\n");
     EXPECT_EQ(call({"rpushx", "l", "x"}), ":1\r\n");
@@ -229,8 +237,9 @@ TEST_F(lists, lindex_counts_from_either_end) {
 TEST_F(lists, lindex_beyond_either_end_is_nil) {
     for (const char* index :
          {"3", "5", "-4", "2147483647", "-2147483648", "2147483648", "-2147483649", "4294967296",
-          "-4294967297", "9223372036854775807", "-99999999999999999999"})
+          "-4294967297", "9223372036854775807", "-99999999999999999999"}) {
         EXPECT_EQ(call({"lindex", "l", index}), "$-1\r\n") << index;
+    }
 }
 
 TEST_F(lists, lindex_reads_decimal_alone) {
@@ -246,16 +255,18 @@ TEST_F(lists, lindex_without_digits_is_the_first_item) {
 }
 
 TEST_F(lists, lindex_of_an_empty_list_is_nil_and_without_digits_the_empty_bulk) {
-    for (int i = 0; i < 3; i++)
+    for (int i = 0; i < 3; i++) {
         call({"lpop", "l"});
+    }
     EXPECT_EQ(call({"lindex", "l", "0"}), "$-1\r\n");
     EXPECT_EQ(call({"lindex", "l", "-1"}), "$-1\r\n");
     EXPECT_EQ(call({"lindex", "l", "abc"}), "$0\r\n\r\n");
 }
 
 TEST_F(lists, lindex_of_what_is_no_list_is_an_error) {
-    for (const char* key : {"missing", "s", "h"})
+    for (const char* key : {"missing", "s", "h"}) {
         EXPECT_EQ(call({"lindex", key, "0"}), "-ERR\r\n") << key;
+    }
     EXPECT_EQ(call({"lindex", "l"}), "-ERR\r\n");
 }
 
@@ -303,8 +314,9 @@ TEST_F(capped_lists, lmaxlen_reads_hexadecimal_and_octal) {
 
 TEST_F(capped_lists, lmaxlen_of_less_than_1_or_of_no_number_tells_the_cap) {
     EXPECT_EQ(call({"lmaxlen", "l", "10"}), ":10\r\n");
-    for (const char* n : {"0", "-1", "-5", "abc", "", "-99999999999999999999", "-2147483648"})
+    for (const char* n : {"0", "-1", "-5", "abc", "", "-99999999999999999999", "-2147483648"}) {
         EXPECT_EQ(call({"lmaxlen", "l", n}), ":10\r\n") << n;
+    }
     EXPECT_EQ(items_of("l"), (words{"a", "b", "c"}));
 }
 
@@ -385,8 +397,9 @@ TEST_F(capped_lists, a_cap_of_0_drops_what_is_pushed_onto_the_empty_list) {
     EXPECT_EQ(call({"lmaxlen", "l", "65536"}), ":0\r\n");
     EXPECT_EQ(call({"lpush", "l", "x"}), ":3\r\n");
     EXPECT_EQ(items_of("l"), (words{"x", "a", "b"}));
-    for (int i = 0; i < 3; i++)
+    for (int i = 0; i < 3; i++) {
         call({"lpop", "l"});
+    }
     EXPECT_EQ(call({"lpush", "l", "x", "y"}), ":0\r\n");
     EXPECT_EQ(call({"rpush", "l", "x"}), ":0\r\n");
     EXPECT_EQ(call({"rpushx", "l", "x"}), ":0\r\n");
@@ -488,8 +501,9 @@ TEST_F(ranges, of_a_list_above_its_cap_reach_all_items) {
 }
 
 TEST_F(ranges, of_an_empty_list) {
-    for (int i = 0; i < 3; i++)
+    for (int i = 0; i < 3; i++) {
         call({"lpop", "l"});
+    }
     /* The stop is cut to -1: one before the first item. */
     EXPECT_EQ(call({"lrange", "l", "0", "0"}), "$-1\r\n");
     EXPECT_EQ(call({"lrange", "l", "0", "100"}), "$-1\r\n");
@@ -519,8 +533,9 @@ TEST_F(ranges, without_digits_in_the_stop_are_errors) {
 }
 
 TEST_F(ranges, of_what_is_no_list_are_errors) {
-    for (const char* key : {"missing", "s", "h"})
+    for (const char* key : {"missing", "s", "h"}) {
         EXPECT_EQ(call({"lrange", key, "0", "1"}), "-ERR\r\n") << key;
+    }
     EXPECT_EQ(call({"lrange", "l", "0"}), "-ERR\r\n");
     EXPECT_EQ(call({"exists", "missing"}), ":0\r\n");
 }
@@ -561,10 +576,11 @@ TEST_F(list_costs, an_item_near_either_end_is_found_from_there) {
     const long in_short_list = cost_of(times, {"lindex", "l", "0"}, "$1\r\na\r\n");
     /* A walk from the other end for each request would take about a second. */
     for (const auto& [index, item] :
-         {std::pair("9", "9"), {"-60000", "0"}, {"-1", "59999"}, {"59990", "59990"}})
+         {std::pair("9", "9"), {"-60000", "0"}, {"-1", "59999"}, {"59990", "59990"}}) {
         EXPECT_LT(cost_of(times, {"lindex", "big", index}, bulk_frame(item)),
                   3 * in_short_list + 100)
             << index;
+    }
 }
 
 TEST_F(list_costs, what_lies_beyond_a_long_list_costs_nothing) {

@@ -34,9 +34,11 @@ class log_levels : public daemon_test {
         EXPECT_EQ(client.call({"observe"}), "+OK\r\n");
         EXPECT_EQ(client.call({"ping"}), "+OK\r\n");
         std::vector<std::string> levels;
-        for (const log_record& record : parse_log(read_file(LOG_FILE)))
-            if (levels.empty() || levels.back() != record.level)
+        for (const log_record& record : parse_log(read_file(LOG_FILE))) {
+            if (levels.empty() || levels.back() != record.level) {
                 levels.push_back(record.level);
+            }
+        }
         std::sort(levels.begin(), levels.end());
         levels.erase(std::unique(levels.begin(), levels.end()), levels.end());
         daemon.stop();
@@ -63,16 +65,19 @@ class log_file : public log_targets {};
 class log_socket : public log_targets {
   protected:
     void TearDown() override {
-        for (int fd : {listener, stream})
-            if (fd >= 0)
+        for (int fd : {listener, stream}) {
+            if (fd >= 0) {
                 close(fd);
+            }
+        }
         daemon_test::TearDown();
     }
 
     void listen_at_log() {
         unlink(LOG_FILE);
-        if (listener >= 0)
+        if (listener >= 0) {
             close(listener);
+        }
         listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_un address = {};
         address.sun_family = AF_UNIX;
@@ -84,10 +89,12 @@ class log_socket : public log_targets {
     /* Takes the daemon's next connection; false when none comes. */
     bool take_stream(int limit_ms = LIMIT_MS) {
         pollfd wait = {listener, POLLIN, 0};
-        if (poll(&wait, 1, limit_ms) != 1)
+        if (poll(&wait, 1, limit_ms) != 1) {
             return false;
-        if (stream >= 0)
+        }
+        if (stream >= 0) {
             close(stream);
+        }
         stream = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
         return stream >= 0;
     }
@@ -96,8 +103,9 @@ class log_socket : public log_targets {
     const std::string& received() {
         char chunk[4096];
         ssize_t got;
-        while ((got = recv(stream, chunk, sizeof chunk, MSG_DONTWAIT)) > 0)
+        while ((got = recv(stream, chunk, sizeof chunk, MSG_DONTWAIT)) > 0) {
             text.append(chunk, static_cast<size_t>(got));
+        }
         return text;
     }
 
@@ -132,8 +140,9 @@ TEST_F(log_levels, a_level_is_known_by_its_beginning_in_any_case) {
 }
 
 TEST_F(log_levels, an_unknown_level_is_info) {
-    for (const char* level : {"ERR", "err", "war", "debu", "", "4", "nothing", " warn"})
+    for (const char* level : {"ERR", "err", "war", "debu", "", "4", "nothing", " warn"}) {
         EXPECT_EQ(levels_logged({"-l", level}), (levels{"info  *** ", "warn  *** "})) << level;
+    }
 }
 
 TEST_F(log_levels, the_last_level_counts) {
@@ -240,23 +249,27 @@ TEST_F(log_targets, a_closed_standard_output_harms_nothing) {
     options.before_exec = [] { close(1); };
     start({"-f", "stdout", "-l", "debug"}, "/tmp/tessard.sock", 0, options);
     resp_client client;
-    for (int i = 0; i < 10; i++)
+    for (int i = 0; i < 10; i++) {
         EXPECT_EQ(client.call({"ping"}), "+OK\r\n");
+    }
 }
 
 TEST_F(log_targets, closed_standard_descriptors_are_given_to_no_client) {
     process_options options;
     options.before_exec = [] {
-        for (int fd : {0, 1, 2})
+        for (int fd : {0, 1, 2}) {
             close(fd);
+        }
     };
     start({"-f", "stdout", "-l", "debug"}, "/tmp/tessard.sock", 0, options);
     /* Whoever of them had the number 1 would read the log of all. */
     std::vector<resp_client> clients(4);
-    for (resp_client& client : clients)
+    for (resp_client& client : clients) {
         EXPECT_EQ(client.call({"ping"}), "+OK\r\n");
-    for (resp_client& client : clients)
+    }
+    for (resp_client& client : clients) {
         EXPECT_EQ(client.during(20), "");
+    }
 }
 
 TEST_F(log_file, the_time_stamp_is_local_time) {
@@ -316,8 +329,9 @@ TEST_F(log_file, it_is_a_ring_that_overwrites_its_oldest_lines_in_place) {
     EXPECT_GT(mixed.rfind("client(\"round1\")"), RING - 4000);
 
     /* Round after round the file keeps its size. */
-    for (int i = 0; i < 1000; i++)
+    for (int i = 0; i < 1000; i++) {
         ASSERT_EQ(client.call({"ping"}), "+OK\r\n");
+    }
     EXPECT_GE(text().size(), RING);
     EXPECT_LT(text().size(), RING + 200);
     EXPECT_EQ(text().substr(0, RING).find("round1"), std::string::npos);
@@ -419,7 +433,8 @@ TEST_F(log_socket, a_reader_that_does_not_read_holds_up_nobody) {
     /* Each round writes more than a kilobyte into the log, far beyond what the kernel holds for the
      * reader.
      */
-    for (int i = 0; i < 1000; i++)
+    for (int i = 0; i < 1000; i++) {
         ASSERT_EQ(client.call({"strlen", std::string(1000, 'x')}), ":0\r\n");
+    }
     EXPECT_TRUE(receives("application started"));
 }

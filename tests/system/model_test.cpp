@@ -32,9 +32,10 @@ size_t command_count() {
 
 std::string printable(const std::vector<std::string>& words) {
     std::string line;
-    for (const std::string& word : words)
+    for (const std::string& word : words) {
         line +=
             ::testing::PrintToString(word.size() > 60 ? word.substr(0, 60) + "..." : word) + " ";
+    }
     return line;
 }
 
@@ -44,18 +45,21 @@ class random_commands_test : public daemon_test, public ::testing::WithParamInte
 
     void SetUp() override {
         daemon_test::SetUp();
-        if (IsSkipped())
+        if (IsSkipped()) {
             return;
-        for (const char* path : {"/tmp/first.dump", "/tmp/second.dump"})
+        }
+        for (const char* path : {"/tmp/first.dump", "/tmp/second.dump"}) {
             write_file(path, "");
+        }
     }
 
     /* The keys of the daemon that the model knows nothing of. */
     static std::set<std::string> other_keys(resp_client& client) {
         const std::vector<std::string> all = elements_of(client.call({"keys", "*"}));
         std::set<std::string> others(all.begin(), all.end());
-        for (const std::string& key : random_commands::keys())
+        for (const std::string& key : random_commands::keys()) {
             others.erase(key);
+        }
         return others;
     }
 
@@ -66,15 +70,18 @@ class random_commands_test : public daemon_test, public ::testing::WithParamInte
         for (int attempt = 0; attempt < 5; attempt++) {
             process& daemon = start();
             plain.clear();
-            for (size_t i = 0; i < PLAIN_CLIENTS; i++)
+            for (size_t i = 0; i < PLAIN_CLIENTS; i++) {
                 plain.emplace_back();
+            }
             const std::set<std::string> others = other_keys(plain[0]);
             model = std::make_unique<store_model>(others.size());
             const std::vector<std::string>& keys = random_commands::keys();
-            for (size_t i = 0; i < keys.size() * 4 / 5 && !HasFailure(); i++)
+            for (size_t i = 0; i < keys.size() * 4 / 5 && !HasFailure(); i++) {
                 run(commands.creation(keys[i * 29 % keys.size()]), plain[0]);
-            if (other_keys(plain[0]) == others || HasFailure())
+            }
+            if (other_keys(plain[0]) == others || HasFailure()) {
                 break;
+            }
             daemon.stop();
             model = nullptr;
         }
@@ -109,20 +116,24 @@ class random_commands_test : public daemon_test, public ::testing::WithParamInte
     /* Lays down what is to be loaded: what was dumped there last, as it was or damaged. */
     std::string prepare_file(const std::string& path) {
         std::string bytes = read_file(path);
-        if (!bytes.empty() && commands.below(3) == 0)
+        if (!bytes.empty() && commands.below(3) == 0) {
             bytes.resize(commands.below(bytes.size()));
-        if (!bytes.empty() && commands.below(3) == 0)
+        }
+        if (!bytes.empty() && commands.below(3) == 0) {
             bytes[commands.below(bytes.size())] = static_cast<char>(commands.below(256));
+        }
         write_file(path, bytes);
         return bytes;
     }
 
     void expect_events(const std::vector<std::string>& events, const resp_client& issuer) {
         for (resp_client& observer : observers) {
-            if (&observer == &issuer || HasFailure())
+            if (&observer == &issuer || HasFailure()) {
                 continue;
-            for (const std::string& event : events)
+            }
+            for (const std::string& event : events) {
                 EXPECT_EQ(next_frame(observer), event);
+            }
             EXPECT_EQ(heard(observer, 0), "");
         }
     }
@@ -130,8 +141,9 @@ class random_commands_test : public daemon_test, public ::testing::WithParamInte
     /* Sends the command to both and compares. */
     void run(const std::vector<std::string>& words, resp_client& issuer) {
         recent.push_back(printable(words));
-        if (recent.size() > 12)
+        if (recent.size() > 12) {
             recent.pop_front();
+        }
         const bool dumps = words.size() > 2 && strcasecmp(words[0].c_str(), "dump") == 0;
         const bool loads = words.size() > 1 && strcasecmp(words[0].c_str(), "load") == 0;
         const std::string file = loads ? prepare_file(words[1]) : "";
@@ -147,14 +159,16 @@ class random_commands_test : public daemon_test, public ::testing::WithParamInte
         if (dumps) {
             EXPECT_EQ(read_file(words[1]), expected.dumped);
         }
-        if (HasFailure())
+        if (HasFailure()) {
             show_recent();
+        }
     }
 
     void show_recent() {
         std::string lines;
-        for (const std::string& line : recent)
+        for (const std::string& line : recent) {
             lines += "    " + line + "\n";
+        }
         ADD_FAILURE() << "the last commands were\n" << lines;
     }
 
@@ -172,14 +186,17 @@ TEST_P(random_commands_test, are_answered_and_announced_as_the_model_says) {
     for (size_t i = 0; i < command_count() && !HasFailure(); i++) {
         /* Each epoch begins with a while that nobody observes. */
         const size_t in_epoch = i % std::min(COMMANDS_OF_AN_EPOCH, command_count() / 2);
-        if (in_epoch == 0 && !observers.empty())
+        if (in_epoch == 0 && !observers.empty()) {
             detach_observers();
-        if (in_epoch == 50)
+        }
+        if (in_epoch == 50) {
             attach_observers();
+        }
         run(commands.next(*model), any_client());
     }
-    for (resp_client& client : plain)
+    for (resp_client& client : plain) {
         EXPECT_EQ(heard(client, 0), "");
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(seed, random_commands_test, ::testing::Values(1, 2, 3, 4, 5, 6));

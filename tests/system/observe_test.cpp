@@ -29,9 +29,11 @@ class watched_clients {
     watched_clients(const watched_clients&) = delete;
     watched_clients& operator=(const watched_clients&) = delete;
     ~watched_clients() {
-        for (const int fd : sockets)
-            if (fd >= 0)
+        for (const int fd : sockets) {
+            if (fd >= 0) {
                 close(fd);
+            }
+        }
         close(ready);
     }
 
@@ -91,16 +93,18 @@ class observing : public daemon_test {
   protected:
     void SetUp() override {
         daemon_test::SetUp();
-        if (!IsSkipped())
+        if (!IsSkipped()) {
             serve({});
+        }
     }
 
     /* Starts the daemon with an issuer and one observer. */
     void serve(const words& arguments) {
         observer.close();
         issuer.close();
-        if (daemon != nullptr)
+        if (daemon != nullptr) {
             daemon->stop();
+        }
         daemon = &start(arguments);
         issuer = resp_client();
         observer = new_observer();
@@ -120,8 +124,9 @@ class observing : public daemon_test {
     void expect(const words& request, const std::string& reply, const std::vector<words>& events) {
         SCOPED_TRACE(::testing::PrintToString(request));
         EXPECT_EQ(call(request), reply);
-        for (const words& event : events)
+        for (const words& event : events) {
             EXPECT_EQ(next_frame(observer), event_frame(event));
+        }
         EXPECT_EQ(heard(observer, 0), "");
     }
 
@@ -135,8 +140,9 @@ class observing : public daemon_test {
                 std::string(10000, static_cast<char>('a' + i % 26)) + std::to_string(i);
             EXPECT_EQ(call({"set", "large", value}), "+OK\r\n");
             const std::string frame = event_frame({"MSET", "large", value});
-            for (resp_client* reader : readers)
+            for (resp_client* reader : readers) {
                 EXPECT_EQ(next_frame(*reader), frame);
+            }
             announced += frame;
         }
         return announced;
@@ -152,11 +158,13 @@ class order_of_notification : public daemon_test {
   protected:
     void SetUp() override {
         daemon_test::SetUp();
-        if (IsSkipped())
+        if (IsSkipped()) {
             return;
+        }
         start();
-        for (size_t i = 0; i < 5; i++)
+        for (size_t i = 0; i < 5; i++) {
             clients.connect_one();
+        }
     }
 
     /* The clients that hear of a change by the client, in order, the answer included. A try into
@@ -170,11 +178,14 @@ class order_of_notification : public daemon_test {
             clients.ask(client, request);
             const std::vector<size_t> order = clients.who_heard(&texts);
             bool disturbed = false;
-            for (const std::string& text : texts)
-                for (const std::string& frame : split_frames(text))
+            for (const std::string& text : texts) {
+                for (const std::string& frame : split_frames(text)) {
                     disturbed |= is_about_a_figure(frame);
-            if (!disturbed)
+                }
+            }
+            if (!disturbed) {
                 return order;
+            }
         }
         return {};
     }
@@ -364,8 +375,9 @@ TEST_F(observing, a_frame_that_is_too_large_to_be_composed_is_not_sent_at_all) {
     let_it_catch_up(issuer);
     /* Above 4 MiB in steps that the kernel hands on in one piece. */
     const std::string piece(30000, 'x');
-    for (size_t i = 1; i <= 142; i++)
+    for (size_t i = 1; i <= 142; i++) {
         EXPECT_EQ(call({"append", "huge", piece}), ":" + std::to_string(i * piece.size()) + "\r\n");
+    }
     observer = new_observer();
     expect({"append", "huge", "y"}, ":4260001\r\n", {});
     expect({"set", "k", "v"}, "+OK\r\n", {{"MSET", "k", "v"}});
@@ -377,9 +389,10 @@ TEST_F(observing, a_frame_of_more_than_may_wait_closes_its_observers) {
     observer.close();
     let_it_catch_up(issuer);
     const std::string piece(30000, 'x');
-    for (size_t i = 1; i <= 100; i++)
+    for (size_t i = 1; i <= 100; i++) {
         EXPECT_EQ(call({"append", "large", piece}),
                   ":" + std::to_string(i * piece.size()) + "\r\n");
+    }
     resp_client other = new_observer();
     observer = new_observer();
     EXPECT_EQ(call({"append", "large", "y"}), ":3000001\r\n");
@@ -427,13 +440,15 @@ TEST_F(observing, clients_that_do_not_observe_hear_nothing) {
 
 TEST_F(observing, many_observers_all_hear) {
     std::vector<resp_client> many;
-    for (int i = 0; i < 60; i++)
+    for (int i = 0; i < 60; i++) {
         many.push_back(new_observer());
+    }
     for (int round = 0; round < 3; round++) {
         const std::string value = std::to_string(round);
         expect({"set", "k", value}, "+OK\r\n", {{"MSET", "k", value}});
-        for (resp_client& one : many)
+        for (resp_client& one : many) {
             EXPECT_EQ(next_frame(one), event_frame({"MSET", "k", value}));
+        }
     }
 }
 
@@ -465,8 +480,9 @@ TEST_F(observing, asking_again_is_warned_of_with_the_name_of_the_client) {
     EXPECT_EQ(
         log_messages(daemon->out(), {"redundantly"}),
         (words{"client(\"anynomous0\") redundantly watch", "client(\"panel\") redundantly watch"}));
-    for (const log_record& record : parse_log(daemon->out()))
+    for (const log_record& record : parse_log(daemon->out())) {
         EXPECT_EQ(record.level, "warn  *** ");
+    }
 }
 
 TEST_F(observing, asking_again_is_not_warned_of_above_that_level) {
@@ -481,9 +497,12 @@ TEST_F(observing, each_frame_is_traced) {
     expect({"hset", "h", "f", "v"}, ":1\r\n", {{"HMSET", "h", "f", "v"}});
     EXPECT_TRUE(eventually([&] { return !log_messages(daemon->out(), {"$5\r\nHMSET"}).empty(); }));
     std::vector<std::string> texts;
-    for (const std::string& text : log_messages(daemon->out(), {"notified clients with", "HMSET"}))
-        if (text.find("cpu.") == std::string::npos)
+    for (const std::string& text :
+         log_messages(daemon->out(), {"notified clients with", "HMSET"})) {
+        if (text.find("cpu.") == std::string::npos) {
             texts.push_back(text);
+        }
+    }
     const auto frame = std::find(texts.begin(), texts.end(), event_frame({"HMSET", "h", "f", "v"}));
     ASSERT_NE(frame, texts.end());
     ASSERT_NE(frame, texts.begin());
@@ -554,8 +573,9 @@ TEST_F(order_of_notification, the_last_in_the_order_can_leave) {
 
 TEST_F(order_of_notification, all_can_leave_and_others_come) {
     observe({0, 1, 2});
-    for (const size_t gone : {1, 2, 0})
+    for (const size_t gone : {1, 2, 0}) {
         leave(gone);
+    }
     EXPECT_EQ(order_when_changed_by(4), (order{4}));
     observe({3});
     EXPECT_EQ(order_when_changed_by(4), (order{3, 4}));
@@ -565,10 +585,11 @@ TEST_F(order_of_notification, all_can_leave_and_others_come) {
 }
 
 TEST_F(order_of_notification, after_any_one_left_the_next_to_leave_may_be_any_other) {
-    for (size_t first = 0; first < 4; first++)
+    for (size_t first = 0; first < 4; first++) {
         for (size_t second = 0; second < 4; second++) {
-            if (second == first)
+            if (second == first) {
                 continue;
+            }
             watched_clients others;
             for (size_t i = 0; i < 4; i++) {
                 others.connect_one();
@@ -586,6 +607,7 @@ TEST_F(order_of_notification, after_any_one_left_the_next_to_leave_may_be_any_ot
             EXPECT_EQ(witness.call({"set", "k", "v"}), "+OK\r\n");
             EXPECT_EQ(others.who_heard(&texts), rest) << first << " and " << second << " left";
         }
+    }
 }
 
 /* --- Observers that leave or do not read --- */
@@ -594,12 +616,15 @@ TEST_F(observing, an_observer_that_does_not_read_is_closed_when_a_megabyte_waits
     for (const size_t place : {0, 1, 2}) {
         SCOPED_TRACE(place);
         std::vector<resp_client> all;
-        for (int i = 0; i < 3; i++)
+        for (int i = 0; i < 3; i++) {
             all.push_back(new_observer());
+        }
         std::vector<resp_client*> readers = {&observer};
-        for (size_t i = 0; i < all.size(); i++)
-            if (i != place)
+        for (size_t i = 0; i < all.size(); i++) {
+            if (i != place) {
                 readers.push_back(&all[i]);
+            }
+        }
         const std::string announced = announce_until_closed(all[place], readers);
         EXPECT_TRUE(all[place].hung_up());
         EXPECT_GT(announced.size(), size_t{1} << 20);
@@ -610,10 +635,11 @@ TEST_F(observing, an_observer_that_does_not_read_is_closed_when_a_megabyte_waits
         EXPECT_EQ(announced.compare(0, got.size() - 8, got, 0, got.size() - 8), 0);
         EXPECT_LT(got.size() - 8, announced.size());
         expect({"set", "k", "v"}, "+OK\r\n", {{"MSET", "k", "v"}});
-        for (resp_client* reader : readers)
+        for (resp_client* reader : readers) {
             if (reader != &observer) {
                 EXPECT_EQ(next_frame(*reader), event_frame({"MSET", "k", "v"}));
             }
+        }
     }
 }
 
@@ -641,35 +667,41 @@ TEST_F(observing, an_observer_that_reads_late_gets_everything_in_order) {
    before they are, or has just closed them itself, when they are served first: it goes through its
    clients in the order of connecting. */
 TEST_F(observing, observers_that_close_just_before_a_change_harm_nobody) {
-    for (const bool issuer_is_served_first : {true, false})
+    for (const bool issuer_is_served_first : {true, false}) {
         for (unsigned gone = 1; gone < 16; gone++) {
             SCOPED_TRACE("closed: " + std::to_string(gone));
-            if (issuer_is_served_first)
+            if (issuer_is_served_first) {
                 issuer = resp_client();
+            }
             EXPECT_EQ(call({"ping"}), "+OK\r\n");
             std::vector<resp_client> all;
-            for (int i = 0; i < 4; i++)
+            for (int i = 0; i < 4; i++) {
                 all.push_back(new_observer());
+            }
             if (!issuer_is_served_first) {
                 issuer = resp_client();
                 EXPECT_EQ(call({"ping"}), "+OK\r\n");
             }
             ASSERT_TRUE(daemon->halt());
-            for (unsigned i = 0; i < all.size(); i++)
-                if ((gone >> i & 1) != 0)
+            for (unsigned i = 0; i < all.size(); i++) {
+                if ((gone >> i & 1) != 0) {
                     all[i].close();
+                }
+            }
             EXPECT_TRUE(issuer.send(request_frame({"hset", "h", "f", "v"})));
             daemon->resume();
             EXPECT_EQ(issuer.frame().substr(0, 1), ":");
             EXPECT_EQ(next_frame(observer), event_frame({"HMSET", "h", "f", "v"}));
             EXPECT_EQ(call({"set", "k", "v"}), "+OK\r\n");
             EXPECT_EQ(next_frame(observer), event_frame({"MSET", "k", "v"}));
-            for (unsigned i = 0; i < all.size(); i++)
+            for (unsigned i = 0; i < all.size(); i++) {
                 if ((gone >> i & 1) == 0) {
                     EXPECT_EQ(next_frame(all[i]), event_frame({"HMSET", "h", "f", "v"}));
                     EXPECT_EQ(next_frame(all[i]), event_frame({"MSET", "k", "v"}));
                 }
+            }
         }
+    }
 }
 
 TEST_F(observing, an_issuer_that_observes_and_closes_at_once_has_its_change_announced) {

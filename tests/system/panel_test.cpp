@@ -48,8 +48,9 @@ std::string text_of(const std::string& one, const std::string& two, const std::s
 std::string read_all(int fd) {
     std::string all;
     char chunk[4096];
-    for (ssize_t size; (size = read(fd, chunk, sizeof chunk)) > 0;)
+    for (ssize_t size; (size = read(fd, chunk, sizeof chunk)) > 0;) {
         all.append(chunk, static_cast<size_t>(size));
+    }
     return all;
 }
 
@@ -62,8 +63,9 @@ class panel : public daemon_test {
   protected:
     void SetUp() override {
         daemon_test::SetUp();
-        if (IsSkipped() || HasFatalFailure())
+        if (IsSkipped() || HasFatalFailure()) {
             return;
+        }
         sandbox::set_proc_file("net/dev", "Inter-|\n face |\n");
         sandbox::add_tool("hostmon", "echo x >>" + work("ticks") + "\necho 'Online hosts: 12'\n");
         sandbox::add_tool("conntrack", "echo 1 1\n");

@@ -27,8 +27,9 @@ class ping_statistics : public daemon_test {
   protected:
     void SetUp() override {
         daemon_test::SetUp();
-        if (IsSkipped() || HasFatalFailure())
+        if (IsSkipped() || HasFatalFailure()) {
             return;
+        }
         start({"-l", "info"});
         client = resp_client();
     }
@@ -70,10 +71,12 @@ TEST_F(ping_statistics, reports_become_summaries_in_one_shared_table) {
 TEST_F(ping_statistics, what_is_malformed_or_out_of_range_changes_nothing_and_is_answered_with_ok) {
     for (const char* value :
          {"id=0,max=4,min=1,avg=2,total=10,loss=1", "id=21,max=4,min=1,avg=2,total=10,loss=1",
-          "id=3,max=4,min=1,avg=2,total=10", "", "id=-1,max=4,min=1,avg=2,total=10,loss=1"})
+          "id=3,max=4,min=1,avg=2,total=10", "", "id=-1,max=4,min=1,avg=2,total=10,loss=1"}) {
         EXPECT_EQ(client.call({"set", "ping.data", value}), OK) << value;
-    for (const char* id : {"0", "21", "-3", "x", ""})
+    }
+    for (const char* id : {"0", "21", "-3", "x", ""}) {
         EXPECT_EQ(client.call({"set", "ping.del", id}), OK) << id;
+    }
     EXPECT_EQ(get("ping.snap"), std::string(400, '\0'));
     EXPECT_EQ(client.call({"keys", "ping*.day"}), "*0\r\n");
     EXPECT_EQ(log_messages(read_file("/tmp/tessard.log"), {"ping"}), words{});
@@ -81,8 +84,9 @@ TEST_F(ping_statistics, what_is_malformed_or_out_of_range_changes_nothing_and_is
 
 TEST_F(ping_statistics, a_target_has_three_rings_that_count_its_reports) {
     long before = time(nullptr);
-    for (int i = 1; i <= 21; i++)
+    for (int i = 1; i <= 21; i++) {
         report(7, i, i, i, 10, i % 2);
+    }
     long after = time(nullptr);
     std::string day = get("ping7.day");
     ASSERT_EQ(day.size(), 20u + 288 * 20);
@@ -116,9 +120,11 @@ TEST_F(ping_statistics, clearing_a_target_is_traced_and_starts_it_afresh) {
 }
 
 TEST_F(ping_statistics, a_dump_leaves_a_series_out_when_the_next_target_exists) {
-    for (int id : {3, 4, 20})
-        for (int i = 0; i < 3; i++)
+    for (int id : {3, 4, 20}) {
+        for (int i = 0; i < 3; i++) {
             report(id, 4, 1, 2, 10, 0);
+        }
+    }
     ASSERT_EQ(client.call({"dump", "/tmp/pings", "ping*.day"}), ":0\r\n");
     std::string dump = read_file("/tmp/pings");
     EXPECT_EQ(dump.find("ping3.day"), std::string::npos);
@@ -135,11 +141,14 @@ TEST_F(ping_statistics, a_dump_leaves_a_series_out_when_the_next_target_exists) 
 
 TEST_F(ping_statistics, all_twenty_targets_report_at_once) {
     std::string expected;
-    for (int round = 1; round <= 3; round++)
-        for (int id = 1; id <= 20; id++)
+    for (int round = 1; round <= 3; round++) {
+        for (int id = 1; id <= 20; id++) {
             report(id, id * round, 100 - id, id, 10, 0);
-    for (uint32_t id = 1; id <= 20; id++)
+        }
+    }
+    for (uint32_t id = 1; id <= 20; id++) {
         expected += figures(id * 3, 100 - id, id, 30, 0);
+    }
     EXPECT_EQ(get("ping.snap"), expected);
     EXPECT_EQ(client.call({"keys", "ping2*.mon"}).substr(0, 4), "*2\r\n");
 }
@@ -150,8 +159,9 @@ TEST_F(ping_statistics, an_observer_sees_the_reports_and_not_the_table) {
     report(3, 40, 10, 20, 10, 0);
     ASSERT_EQ(client.call({"set", "ping.del", "3"}), OK);
     std::string seen;
-    while (seen.find("ping.del") == std::string::npos && seen.find('<') == std::string::npos)
+    while (seen.find("ping.del") == std::string::npos && seen.find('<') == std::string::npos) {
         seen += observer.frame();
+    }
     EXPECT_NE(seen.find("!3\r\n$4\r\nMSET\r\n$9\r\nping.data\r\n$41\r\nid=3,max=40,min=10,avg=20,"
                         "total=10,loss=0\r\n"),
               std::string::npos)

@@ -37,8 +37,9 @@ class plugins : public daemon_test {
   protected:
     void SetUp() override {
         daemon_test::SetUp();
-        if (IsSkipped() || HasFatalFailure())
+        if (IsSkipped() || HasFatalFailure()) {
             return;
+        }
         write_file(work("tick"), "1");
         write_file(work("begun"), "0");
         sandbox::add_tool("hostmon",
@@ -77,8 +78,9 @@ class plugins : public daemon_test {
     static std::map<std::string, words> runs() {
         std::map<std::string, words> all;
         std::istringstream text(read_file(work("runs")));
-        for (std::string when, name; text >> when >> name;)
+        for (std::string when, name; text >> when >> name;) {
             all[name].push_back(when);
+        }
         return all;
     }
 
@@ -103,16 +105,19 @@ class plugins_and_clients : public daemon_test {
         words found;
         DIR* folder = opendir("/proc");
         for (dirent* entry; folder != nullptr && (entry = readdir(folder)) != nullptr;) {
-            if (atoi(entry->d_name) == 0)
+            if (atoi(entry->d_name) == 0) {
                 continue;
+            }
             std::string stat = read_file("/proc/" + std::string(entry->d_name) + "/stat");
             size_t name_end = stat.rfind(')');
             if (name_end != std::string::npos && atoi(stat.c_str() + name_end + 4) == parent &&
-                stat[name_end + 2] == 'Z')
+                stat[name_end + 2] == 'Z') {
                 found.push_back(stat);
+            }
         }
-        if (folder != nullptr)
+        if (folder != nullptr) {
             closedir(folder);
+        }
         return found;
     }
 };
@@ -154,9 +159,11 @@ TEST_F(plugins, run_on_the_periods_of_their_names_counted_in_ticks) {
     EXPECT_EQ(logged().size(), 6u) << "each is listed once";
 
     words refused;
-    for (const log_record& record : parse_log(read_file("/tmp/tessard.log")))
-        if (record.text.find(long_name) != std::string::npos)
+    for (const log_record& record : parse_log(read_file("/tmp/tessard.log"))) {
+        if (record.text.find(long_name) != std::string::npos) {
             refused.push_back(record.level);
+        }
+    }
     EXPECT_EQ(refused, words{"warn  *** "}) << "said once";
 
     /* One loses its permission, one is deleted and comes back, one is found late. */
@@ -208,16 +215,19 @@ TEST_F(plugins_and_clients, scripts_that_sleep_or_flood_their_output_delay_no_cl
 }
 
 TEST_F(plugins_and_clients, many_runs_leave_no_ended_children_and_no_descriptors) {
-    for (int i = 10; i < 43; i++)
+    for (int i = 10; i < 43; i++) {
         sandbox::add_plugin("1_" + std::to_string(i), "echo x >>" + work("runs") + "\n");
+    }
     process& daemon = start();
     auto descriptors = [&] {
         int count = 0;
         DIR* folder = opendir(("/proc/" + std::to_string(daemon.pid()) + "/fd").c_str());
-        for (dirent* entry; folder != nullptr && (entry = readdir(folder)) != nullptr;)
+        for (dirent* entry; folder != nullptr && (entry = readdir(folder)) != nullptr;) {
             count += entry->d_name[0] != '.' ? 1 : 0;
-        if (folder != nullptr)
+        }
+        if (folder != nullptr) {
             closedir(folder);
+        }
         return count;
     };
     ASSERT_TRUE(eventually([] { return read_file(work("runs")).size() >= 2 * 33 * 1; }));

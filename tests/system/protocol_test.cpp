@@ -58,8 +58,9 @@ class replies : public requests {
     /* A value in which a lost, doubled or moved piece shows. */
     static std::string value_of(size_t size) {
         std::string value;
-        for (size_t i = 0; value.size() < size; i++)
+        for (size_t i = 0; value.size() < size; i++) {
             value += std::to_string(i) + ",";
+        }
         value.resize(size);
         return value;
     }
@@ -173,8 +174,9 @@ TEST_F(requests, inline_forms_and_empty_arrays_close_the_connection) {
     start();
     for (const char* bytes :
          {"PING\r\n", "ping\n", "*0\r\n", "*x\r\n", "*\r\n", "*", "\r\n", "\n",
-          " *1\r\n$4\r\nPING\r\n", "$4\r\nPING\r\n", "+PING\r\n", "!1\r\n$4\r\nPING\r\n"})
+          " *1\r\n$4\r\nPING\r\n", "$4\r\nPING\r\n", "+PING\r\n", "!1\r\n$4\r\nPING\r\n"}) {
         expect_refused(bytes);
+    }
     expect_refused(std::string("\0", 1) + PING);
     expect_refused(std::string(5000, '*'));
 }
@@ -187,20 +189,23 @@ TEST_F(requests, a_malformed_element_closes_the_connection) {
           "*1\r\n$4\r\nPING\r\r", "*1\r\n$4\r\nPING\n\r", "*1\r\n$4\r\nPINGX\r\n",
           "*1\r\n$3\r\nPING\r\n", "*1\r\n$5\r\nPING\r\n", "*2\r\n$4\r\nPING\r\n",
           "*2\r\n$4\r\nPING\r\n*1\r\n", "*2\r\n$3\r\nGET\r\n$5\r\nab",
-          "*2\r\n$3\r\nGET\r\n$5\r\nab\r\n"})
+          "*2\r\n$3\r\nGET\r\n$5\r\nab\r\n"}) {
         expect_refused(bytes);
+    }
 }
 
 TEST_F(requests, counts_beyond_what_was_delivered_close_the_connection) {
     process& daemon = start();
     for (const char* count :
          {"3", "1000", "1000000000", "2147483647", "2147483648", "4294967295", "4294967296",
-          "18446744073709551615", "99999999999999999999999", "-1"})
+          "18446744073709551615", "99999999999999999999999", "-1"}) {
         expect_refused("*" + std::string(count) + "\r\n$4\r\nPING\r\n$1\r\nx\r\n");
+    }
     for (const char* length :
          {"6", "1000", "2147483647", "4294967294", "4294967295", "18446744073709551614",
-          "18446744073709551615", "99999999999999999999999", "-1", "-2"})
+          "18446744073709551615", "99999999999999999999999", "-1", "-2"}) {
         expect_refused("*1\r\n$" + std::string(length) + "\r\nPING\r\n");
+    }
     EXPECT_TRUE(daemon.running());
     expect_pong(PING);
 }
@@ -209,8 +214,9 @@ TEST_F(requests, counts_are_read_leniently) {
     start();
     for (const char* bytes :
          {"* 1\r\n$4\r\nPING\r\n", "*+1\r\n$+4\r\nPING\r\n", "*1x\r\n$4y\r\nPING\r\n",
-          "*01\r\n$0004\r\nPING\r\n", "*1\n$4\nPING\r\n", "*\t1\r\n$ 4\r\nPING\r\n"})
+          "*01\r\n$0004\r\nPING\r\n", "*1\n$4\nPING\r\n", "*\t1\r\n$ 4\r\nPING\r\n"}) {
         expect_pong(bytes);
+    }
 }
 
 TEST_F(requests, an_empty_argument_is_an_argument) {
@@ -226,8 +232,9 @@ TEST_F(requests, arguments_hold_any_byte) {
     start();
     resp_client client;
     std::string every;
-    for (int byte = 0; byte < 256; byte++)
+    for (int byte = 0; byte < 256; byte++) {
         every += static_cast<char>(byte);
+    }
     EXPECT_EQ(client.call({"set", "k", every}), "+OK\r\n");
     EXPECT_EQ(client.call({"get", "k"}), "$256\r\n" + every + "\r\n");
 }
@@ -235,8 +242,9 @@ TEST_F(requests, arguments_hold_any_byte) {
 TEST_F(requests, one_cut_short_at_any_byte_closes_the_connection) {
     start();
     std::string whole = request_frame({"GET", "k"});
-    for (size_t length = 1; length < whole.size(); length++)
+    for (size_t length = 1; length < whole.size(); length++) {
         expect_refused(whole.substr(0, length));
+    }
     resp_client client;
     EXPECT_TRUE(client.send(whole));
     EXPECT_EQ(client.frame(), "$-1\r\n");
@@ -256,8 +264,9 @@ TEST_F(requests, one_whose_size_meets_the_read_size_is_served) {
     for (size_t total : {511u, 512u, 513u, 1024u, 4095u, 4096u, 4097u, 8192u}) {
         resp_client client;
         size_t fill = total - request_frame({"set", "k", ""}).size();
-        while (request_frame({"set", "k", std::string(fill, 'v')}).size() > total)
+        while (request_frame({"set", "k", std::string(fill, 'v')}).size() > total) {
             fill--;
+        }
         std::string frame = request_frame({"set", "k", std::string(fill, 'v')});
         ASSERT_EQ(frame.size(), total);
         ASSERT_TRUE(deliver(daemon, client, frame));
@@ -315,10 +324,12 @@ TEST_F(requests, a_client_that_says_nothing_is_left_alone) {
 TEST_F(requests, clients_take_turns) {
     start();
     std::vector<resp_client> clients(20);
-    for (int round = 1; round <= 5; round++)
-        for (size_t i = 0; i < clients.size(); i++)
+    for (int round = 1; round <= 5; round++) {
+        for (size_t i = 0; i < clients.size(); i++) {
             EXPECT_EQ(clients[i].call({"incr", "k" + std::to_string(i)}),
                       ":" + std::to_string(round) + "\r\n");
+        }
+    }
 }
 
 TEST_F(requests, the_wire_is_the_same_over_tcp) {
@@ -396,8 +407,9 @@ TEST_F(arguments, with_just_enough_every_command_is_accepted) {
         {{"lindex", "k.lpush", "0"}, "$1\r\nx\r\n"},
         {{"observe"}, "+OK\r\n"},
     };
-    for (const auto& one : accepted)
+    for (const auto& one : accepted) {
         EXPECT_EQ(client.call(one.words), one.reply) << ::testing::PrintToString(one.words);
+    }
 }
 
 TEST_F(arguments, with_too_few_a_command_is_refused_and_nothing_is_run_or_traced) {
@@ -411,8 +423,9 @@ TEST_F(arguments, with_too_few_a_command_is_refused_and_nothing_is_run_or_traced
                                          "hget",   "hmget",  "hdel",     "lpush",  "lpushx",
                                          "rpush",  "rpushx", "lmaxlen",  "lindex"};
     std::vector<std::string> need_three = {"setex", "hset", "hsetnx", "hincrby", "lrange"};
-    for (const std::string& name : need_one)
+    for (const std::string& name : need_one) {
         EXPECT_EQ(client.call({name}), "-ERR\r\n") << name;
+    }
     for (const std::string& name : need_two) {
         EXPECT_EQ(client.call({name}), "-ERR\r\n") << name;
         EXPECT_EQ(client.call({name, "k"}), "-ERR\r\n") << name;
@@ -479,13 +492,15 @@ TEST_F(replies, of_every_size_come_whole) {
 TEST_F(replies, of_nearly_a_mebibyte_come_whole) {
     process& daemon = start();
     resp_client client;
-    if (!client.hold_unread(1048576))
+    if (!client.hold_unread(1048576)) {
         GTEST_SKIP() << "the kernel holds too few bytes for an ordinary user";
+    }
     std::string value = value_of(1000000);
     ASSERT_TRUE(deliver(daemon, client, request_frame({"set", "k", value})));
     EXPECT_EQ(client.frame(), "+OK\r\n");
-    for (int round = 0; round < 3; round++)
+    for (int round = 0; round < 3; round++) {
         EXPECT_TRUE(client.call({"get", "k"}) == bulk(value));
+    }
 }
 
 TEST_F(replies, of_many_elements_come_whole) {
@@ -498,8 +513,9 @@ TEST_F(replies, of_many_elements_come_whole) {
         std::vector<std::string> words(count + 1, "k");
         words[0] = "mget";
         std::string expected = "*" + std::to_string(count) + "\r\n";
-        for (size_t i = 0; i < count; i++)
+        for (size_t i = 0; i < count; i++) {
             expected += bulk(value);
+        }
         EXPECT_TRUE(client.call(words) == expected);
     }
 }
@@ -570,8 +586,9 @@ TEST_F(limits, a_slow_reader_gets_everything_in_order) {
 TEST_F(limits, a_burst_of_one_mebibyte_closes_the_connection_unserved_and_one_byte_less_does_not) {
     process& daemon = start();
     resp_client client;
-    if (!client.hold_unread(1048576))
+    if (!client.hold_unread(1048576)) {
         GTEST_SKIP() << "the kernel holds too few bytes for an ordinary user";
+    }
     std::string request = request_frame({"incr", "n"});
     ASSERT_TRUE(deliver(daemon, client, request + std::string(1048575 - request.size(), 'x')));
     EXPECT_EQ(client.frame(), ":1\r\n");
@@ -592,24 +609,29 @@ TEST_F(limits, at_a_hundred_descriptors_new_clients_are_closed_without_a_word) {
     /* Three standard descriptors, the log and the listening socket are open; an emulator needs some
      * of its own. */
     size_t served = 0;
-    while (served < clients.size() && clients[served].call({"ping"}) == "+OK\r\n")
+    while (served < clients.size() && clients[served].call({"ping"}) == "+OK\r\n") {
         served++;
-    if (sandbox::emulator().empty())
+    }
+    if (sandbox::emulator().empty()) {
         EXPECT_EQ(served, 95u);
-    else
+    } else {
         EXPECT_GE(served, 50u);
+    }
     EXPECT_LE(served, 95u);
-    for (size_t i = served; i < clients.size(); i++)
+    for (size_t i = served; i < clients.size(); i++) {
         EXPECT_EQ(clients[i].until_closed(), "") << i;
-    for (size_t i = 0; i < served; i++)
+    }
+    for (size_t i = 0; i < served; i++) {
         EXPECT_EQ(clients[i].call({"ping"}), "+OK\r\n") << i;
+    }
 
     clients.resize(served - 10);
     for (int i = 0; i < 10; i++) {
         resp_client client;
         bool admitted = eventually([&] {
-            if (client.call({"ping"}) == "+OK\r\n")
+            if (client.call({"ping"}) == "+OK\r\n") {
                 return true;
+            }
             client = resp_client();
             return false;
         });
@@ -621,14 +643,16 @@ TEST_F(limits, at_a_hundred_descriptors_new_clients_are_closed_without_a_word) {
 
 TEST_F(limits, many_small_deliveries_do_not_make_the_daemon_grow) {
     process_options options;
-    if (SANITIZED) /* What was freed would be kept for a while. */
+    if (SANITIZED) { /* What was freed would be kept for a while. */
         options.environment = {"ASAN_OPTIONS=quarantine_size_mb=0"};
+    }
     process& daemon = start({}, "/tmp/tessard.sock", 0, options);
     int rounds = sandbox::emulator().empty() ? 20000 : 2000;
     resp_client client;
     auto all_answered = [&](const std::vector<exchange>& exchanges) {
-        for (const exchange& e : exchanges)
+        for (const exchange& e : exchanges) {
             EXPECT_EQ(client.call(e.request), e.reply) << e.request[0];
+        }
         return !HasFailure();
     };
     const std::vector<exchange> each_round = {
@@ -647,8 +671,9 @@ TEST_F(limits, many_small_deliveries_do_not_make_the_daemon_grow) {
         {{"del", "again"}, ":1\r\n"},
     };
     auto one_round = [&](int i) {
-        if (!all_answered(each_round) || (i % 4 == 0 && !all_answered(some_rounds)))
+        if (!all_answered(each_round) || (i % 4 == 0 && !all_answered(some_rounds))) {
             return false;
+        }
         if (i % 10 == 0) {
             resp_client other;
             return other.send("*") && other.until_closed() == "";
@@ -659,11 +684,13 @@ TEST_F(limits, many_small_deliveries_do_not_make_the_daemon_grow) {
     EXPECT_EQ(client.call({"lmaxlen", "capped", "2"}), ":2\r\n");
     /* Let the daemon get all that it keeps: its tables, its first second's figures. */
     ASSERT_TRUE(eventually([&] { return client.call({"exists", "conn"}) == ":1\r\n"; }));
-    for (int i = 0; i < rounds / 10; i++)
+    for (int i = 0; i < rounds / 10; i++) {
         ASSERT_TRUE(one_round(i));
+    }
     long before = resident(daemon.pid());
-    for (int i = 0; i < rounds; i++)
+    for (int i = 0; i < rounds; i++) {
         ASSERT_TRUE(one_round(i));
+    }
     long after = resident(daemon.pid());
     if (sandbox::emulator().empty()) {
         ASSERT_GT(before, 0);
@@ -854,8 +881,9 @@ TEST_F(traces, a_message_of_512_bytes_or_more_carries_a_nul_at_its_end) {
         EXPECT_EQ(client.call({"exists", key}), ":0\r\n");
         std::string text = head + key + ")";
         ASSERT_EQ(text.size(), length);
-        if (length >= 512)
+        if (length >= 512) {
             text += '\0';
+        }
         lines found;
         EXPECT_TRUE(eventually([&] {
             found = log_messages(daemon.out(), {key + ")"});

@@ -155,8 +155,9 @@ const shape SHAPES[] = {
 
 std::string random_bytes(dice& d, size_t length) {
     std::string bytes;
-    for (size_t i = 0; i < length; i++)
+    for (size_t i = 0; i < length; i++) {
         bytes += static_cast<char>(d.below(256));
+    }
     return bytes;
 }
 
@@ -204,11 +205,14 @@ words random_command(dice& d) {
     const size_t kinds = std::min(takes.find('+'), takes.size());
     const size_t again = takes.size() - kinds;
     words command = {s.name};
-    for (size_t i = 0; i < kinds; i++)
+    for (size_t i = 0; i < kinds; i++) {
         command.push_back(random_argument(d, takes[i]));
-    for (size_t more = again > 0 ? d.below(5) : 0; more > 0; more--)
-        for (size_t i = kinds - again; i < kinds; i++)
+    }
+    for (size_t more = again > 0 ? d.below(5) : 0; more > 0; more--) {
+        for (size_t i = kinds - again; i < kinds; i++) {
             command.push_back(random_argument(d, takes[i]));
+        }
+    }
     return command;
 }
 
@@ -219,15 +223,17 @@ void make_harmless(std::string& bytes) {
 
 void replace_a_number(dice& d, std::string& bytes) {
     const size_t from = bytes.find_first_of("0123456789", d.below(bytes.size() + 1));
-    if (from == std::string::npos)
+    if (from == std::string::npos) {
         return;
+    }
     const size_t to = std::min(bytes.find_first_not_of("0123456789", from), bytes.size());
     bytes.replace(from, to - from, d.of(NUMBERS));
 }
 
 void damage_once(dice& d, std::string& bytes) {
-    if (bytes.empty())
+    if (bytes.empty()) {
         bytes = "*";
+    }
     const size_t at = d.below(bytes.size());
     const size_t length = d.below(std::min<size_t>(bytes.size() - at, 40)) + 1;
     static const std::string marks[] = {"\r\n", "\r", "\n",  std::string(1, '\0'), "$", "*", "-",
@@ -272,7 +278,7 @@ std::string damaged_request(dice& d) {
     words command = random_command(d);
     /* Half of the damage is done before the framing, so that it reaches the commands. */
     if (d.one_in(2)) {
-        for (size_t count = d.below(3) + 1; count > 0; count--)
+        for (size_t count = d.below(3) + 1; count > 0; count--) {
             switch (d.below(4)) {
             case 0:
                 command.push_back(random_value(d));
@@ -284,11 +290,13 @@ std::string damaged_request(dice& d) {
                 damage_once(d, command[d.below(command.size())]);
                 break;
             }
+        }
         return request_frame(command);
     }
     std::string bytes = request_frame(command);
-    for (size_t count = d.below(3) + 1; count > 0; count--)
+    for (size_t count = d.below(3) + 1; count > 0; count--) {
         damage_once(d, bytes);
+    }
     return bytes;
 }
 
@@ -298,8 +306,9 @@ class frame_reader {
     /* The number of bytes of the whole frame at the start: 0 when more have to come; -1 when it is
        no frame that the daemon can send, and `problem` then tells why. */
     long whole(const std::string& bytes) {
-        if (bytes.empty())
+        if (bytes.empty()) {
             return 0;
+        }
         switch (bytes[0]) {
         case '+':
             return literal(bytes, OK);
@@ -326,8 +335,9 @@ class frame_reader {
     }
 
     long literal(const std::string& bytes, const std::string& text) {
-        if (bytes.compare(0, text.size(), text, 0, std::min(text.size(), bytes.size())) != 0)
+        if (bytes.compare(0, text.size(), text, 0, std::min(text.size(), bytes.size())) != 0) {
             return wrong("another text than the one there is");
+        }
         return bytes.size() >= text.size() ? static_cast<long>(text.size()) : 0;
     }
 
@@ -336,15 +346,19 @@ class frame_reader {
     long number(const std::string& bytes, size_t start, bool may_be_negative, long long* value) {
         const size_t end = bytes.find('\r', start);
         const std::string text = bytes.substr(start, end == std::string::npos ? end : end - start);
-        if (text.size() > 20)
+        if (text.size() > 20) {
             return wrong("a number that is too long");
-        if (end == std::string::npos || end + 1 >= bytes.size())
+        }
+        if (end == std::string::npos || end + 1 >= bytes.size()) {
             return 0;
+        }
         *value = strtoll(text.c_str(), nullptr, 10);
-        if (std::to_string(*value) != text || (*value < 0 && !may_be_negative))
+        if (std::to_string(*value) != text || (*value < 0 && !may_be_negative)) {
             return wrong("no number, or one that is not written as numbers are");
-        if (bytes[end + 1] != '\n')
+        }
+        if (bytes[end + 1] != '\n') {
             return wrong("a line end without line feed");
+        }
         return static_cast<long>(end + 2 - start);
     }
 
@@ -355,45 +369,57 @@ class frame_reader {
     }
 
     long bulk(const std::string& bytes, size_t start, std::string* content) {
-        if (start >= bytes.size())
+        if (start >= bytes.size()) {
             return 0;
-        if (bytes[start] != '$')
+        }
+        if (bytes[start] != '$') {
             return wrong("an element that is no bulk");
-        if (bytes.compare(start, 5, "$-1\r\n") == 0)
+        }
+        if (bytes.compare(start, 5, "$-1\r\n") == 0) {
             return 5;
-        if (bytes.compare(start, 2, "$-") == 0 && bytes.size() - start < 5)
+        }
+        if (bytes.compare(start, 2, "$-") == 0 && bytes.size() - start < 5) {
             return 0;
+        }
         long long value;
         const long header = number(bytes, start + 1, false, &value);
-        if (header <= 0)
+        if (header <= 0) {
             return header;
+        }
         const size_t at = start + 1 + static_cast<size_t>(header);
         const size_t length = static_cast<size_t>(value);
-        if (bytes.size() < at + length + 2)
+        if (bytes.size() < at + length + 2) {
             return 0;
-        if (bytes.compare(at + length, 2, "\r\n") != 0)
+        }
+        if (bytes.compare(at + length, 2, "\r\n") != 0) {
             return wrong("a bulk that is longer or shorter than it says");
-        if (content != nullptr)
+        }
+        if (content != nullptr) {
             *content = bytes.substr(at, length);
+        }
         return static_cast<long>(at + length + 2 - start);
     }
 
     long array(const std::string& bytes) {
         long long count;
         const long header = number(bytes, 1, false, &count);
-        if (header <= 0)
+        if (header <= 0) {
             return header;
+        }
         std::string event;
         size_t at = 1 + static_cast<size_t>(header);
         for (long long i = 0; i < count; i++) {
             const long length = bulk(bytes, at, i == 0 ? &event : nullptr);
-            if (length <= 0)
+            if (length <= 0) {
                 return length;
+            }
             at += static_cast<size_t>(length);
         }
         if (bytes[0] == '!' && !(event == "MSET" && count == 3) &&
-            !(event == "HMSET" && count >= 4 && count % 2 == 0) && !(event == "HDEL" && count >= 3))
+            !(event == "HMSET" && count >= 4 && count % 2 == 0) &&
+            !(event == "HDEL" && count >= 3)) {
             return wrong("an event that does not exist");
+        }
         return static_cast<long>(at);
     }
 };
@@ -428,8 +454,9 @@ class checking_client {
                 unread.clear();
                 return;
             }
-            if (piece.empty() && unread.empty())
+            if (piece.empty() && unread.empty()) {
                 return;
+            }
             if (now_ms() - start > LIMIT_MS) {
                 complain("a frame that is never completed");
                 return;
@@ -454,8 +481,9 @@ class checking_client {
                 closed = true;
                 return;
             }
-            if (length == 0)
+            if (length == 0) {
                 break;
+            }
             if (rest[0] != '!') {
                 replies++;
                 last_reply = rest.substr(0, static_cast<size_t>(length));
@@ -463,8 +491,9 @@ class checking_client {
             done += static_cast<size_t>(length);
         }
         unread.erase(0, done);
-        if (replies > 1)
+        if (replies > 1) {
             complain("more than one reply");
+        }
     }
 
     void complain(const std::string& what) {
@@ -489,9 +518,11 @@ class random_requests : public daemon_test {
        has been carried out: the first pass over all clients may do no more than let a new one in,
        and a pass may come to this client before it comes to others. */
     bool others_are_served() {
-        for (int i = 0; i < 3; i++)
-            if (other->call({"ping"}) != OK)
+        for (int i = 0; i < 3; i++) {
+            if (other->call({"ping"}) != OK) {
                 return false;
+            }
+        }
         return true;
     }
 
@@ -519,8 +550,9 @@ class random_requests : public daemon_test {
             make_harmless(request);
             checking_client& client = clients[d.below(clients.size())];
             client.send(request);
-            if (!check(client, request, round))
+            if (!check(client, request, round)) {
                 return;
+            }
         }
         EXPECT_TRUE(others_are_served());
         EXPECT_TRUE(daemon->running());
@@ -553,8 +585,9 @@ TEST_F(random_requests, that_are_valid_are_answered_by_one_frame_and_close_nothi
         make_harmless(request);
         checking_client& client = clients[d.below(clients.size())];
         client.send(request);
-        if (!check(client, request, round))
+        if (!check(client, request, round)) {
             return;
+        }
         ASSERT_FALSE(client.closed) << ::testing::PrintToString(request);
         /* While anyone observes, a push to what is no list is answered with silence. */
         const bool may_be_silent = command[0] == "lpush" || command[0] == "rpush";

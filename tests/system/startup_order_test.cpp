@@ -31,9 +31,11 @@ class startup_order : public daemon_test {
     /* Where the first message that holds the text stands from there on; the log's length when none
      * does. */
     static size_t find(const words& messages, const std::string& text, size_t from = 0) {
-        for (size_t i = from; i < messages.size(); i++)
-            if (messages[i].find(text) != std::string::npos)
+        for (size_t i = from; i < messages.size(); i++) {
+            if (messages[i].find(text) != std::string::npos) {
                 return i;
+            }
+        }
         return messages.size();
     }
 };
@@ -61,8 +63,9 @@ TEST_F(startup_order,
         keys = elements_of(client.call({"keys", "*"}, BEFORE_FIRST_TICK_MS));
         std::sort(keys.begin(), keys.end());
         messages = log();
-        if (find(messages, "KEYS(*)") < find(messages, "task_list"))
+        if (find(messages, "KEYS(*)") < find(messages, "task_list")) {
             break;
+        }
         daemon->stop();
     }
     ASSERT_TRUE(daemon->running()) << "no daemon could be asked before its first tick";
@@ -79,18 +82,21 @@ TEST_F(startup_order,
     EXPECT_EQ(messages[0], "application started with pid " + std::to_string(daemon->pid()));
     size_t plugin = find(messages, "insert (0_boot.sh) to task_list (0)");
     words expected = {"fhour.interval", "ping.snap", "tessard.run"};
-    for (const char* figure : {"cpu.", "host.", "conn."})
-        for (const char* span : {"10m", "2h", "day", "week", "mon"})
+    for (const char* figure : {"cpu.", "host.", "conn."}) {
+        for (const char* span : {"10m", "2h", "day", "week", "mon"}) {
             expected.push_back(std::string(figure) + span);
+        }
+    }
     std::sort(expected.begin(), expected.end());
     EXPECT_EQ(keys, expected);
 
     /* Seeding and the modules' start announce nothing: between the start and the first tick there
      * is nothing but the client. */
-    for (size_t i = 1; i < plugin; i++)
+    for (size_t i = 1; i < plugin; i++) {
         EXPECT_TRUE(messages[i].find("updated") == std::string::npos &&
                     messages[i].find("loading") == std::string::npos)
             << messages[i];
+    }
 
     /* The first tick: the newest timer first, the collectors in their order. */
     const words order = {

@@ -57,8 +57,9 @@ class command_line : public daemon_test {
         for (const char* table : {"/proc/self/net/tcp", "/proc/self/net/tcp6"}) {
             std::string text = read_file(table);
             for (size_t at = text.find(" 0A "); at != std::string::npos;
-                 at = text.find(" 0A ", at + 1))
+                 at = text.find(" 0A ", at + 1)) {
                 count++;
+            }
         }
         return count;
     }
@@ -136,16 +137,19 @@ class descriptors : public daemon_test {
         std::vector<std::string> found;
         DIR* folder = opendir(folder_path.c_str());
         for (dirent* entry; folder != nullptr && (entry = readdir(folder)) != nullptr;) {
-            if (entry->d_name[0] == '.' || atoi(entry->d_name) < 3)
+            if (entry->d_name[0] == '.' || atoi(entry->d_name) < 3) {
                 continue;
+            }
             std::string info = read_file(folder_path + "/" + entry->d_name);
             size_t flags = info.find("flags:\t");
             if (flags == std::string::npos ||
-                (strtoul(info.c_str() + flags + 7, nullptr, 8) & O_CLOEXEC) == 0)
+                (strtoul(info.c_str() + flags + 7, nullptr, 8) & O_CLOEXEC) == 0) {
                 found.push_back(entry->d_name);
+            }
         }
-        if (folder != nullptr)
+        if (folder != nullptr) {
             closedir(folder);
+        }
         return found;
     }
 
@@ -160,10 +164,12 @@ class descriptors : public daemon_test {
     static size_t count(pid_t pid) {
         size_t entries = 0;
         DIR* folder = opendir(("/proc/" + std::to_string(pid) + "/fd").c_str());
-        for (dirent* entry; folder != nullptr && (entry = readdir(folder)) != nullptr;)
+        for (dirent* entry; folder != nullptr && (entry = readdir(folder)) != nullptr;) {
             entries += entry->d_name[0] != '.';
-        if (folder != nullptr)
+        }
+        if (folder != nullptr) {
             closedir(folder);
+        }
         return entries;
     }
 };
@@ -186,8 +192,9 @@ TEST_F(command_line, an_unknown_option_prints_the_usage_and_ends_with_255) {
 }
 
 TEST_F(command_line, an_option_without_its_argument_prints_the_usage_and_ends_with_255) {
-    for (const char* option : {"-p", "-a", "-l", "-f", "-g"})
+    for (const char* option : {"-p", "-a", "-l", "-f", "-g"}) {
         expect_usage({option});
+    }
 }
 
 TEST_F(command_line, an_argument_for_an_option_that_takes_none_prints_the_usage) {
@@ -287,8 +294,9 @@ TEST_F(command_line, the_address_of_all_interfaces_takes_clients_on_each) {
 }
 
 TEST_F(command_line, an_ipv6_address_listens_on_tcp) {
-    if (!file_exists("/proc/self/net/if_inet6"))
+    if (!file_exists("/proc/self/net/if_inet6")) {
         GTEST_SKIP() << "no IPv6 in this kernel";
+    }
     start({"-a", "::1", "-p", "7004"}, "::1", 7004);
     resp_client client("::1", 7004);
     EXPECT_EQ(client.call({"ping"}), "+OK\r\n");
@@ -509,8 +517,9 @@ TEST_F(start_up, the_first_sweep_of_expired_keys_comes_a_second_after_the_first_
        What the machine does meanwhile makes it later, so the quickest of some tries counts. */
     const long latest = 1100 + 50;
     long quickest = LIMIT_MS;
-    for (int tries = 0; tries < 8 && quickest > latest; tries++)
+    for (int tries = 0; tries < 8 && quickest > latest; tries++) {
         quickest = std::min(quickest, life_of_an_expired_key());
+    }
     EXPECT_LE(quickest, latest);
 }
 
@@ -541,8 +550,9 @@ TEST_F(predecessor, the_start_is_logged_before_it_is_killed) {
     fcntl(ends[0], F_SETFL, O_NONBLOCK);
     EXPECT_TRUE(eventually([&] {
         char chunk[4096];
-        for (ssize_t got; (got = read(ends[0], chunk, sizeof chunk)) > 0;)
+        for (ssize_t got; (got = read(ends[0], chunk, sizeof chunk)) > 0;) {
             logged.append(chunk, static_cast<size_t>(got));
+        }
         return logged.find("application started with pid ") != std::string::npos;
     }));
     EXPECT_EQ(other.wait_exit(), KILLED_BY + SIGKILL);
@@ -713,8 +723,9 @@ TEST_F(background, the_daemon_leads_its_own_session_in_the_root_folder_with_null
         return std::string(text, length > 0 ? static_cast<size_t>(length) : 0);
     };
     EXPECT_EQ(link_text("cwd"), "/");
-    for (const char* name : {"fd/0", "fd/1", "fd/2"})
+    for (const char* name : {"fd/0", "fd/1", "fd/2"}) {
         EXPECT_EQ(link_text(name), "/dev/null");
+    }
 }
 
 TEST_F(background, options_behind_it_are_read_by_the_daemon) {

@@ -86,8 +86,9 @@ class statistics : public daemon_test {
   protected:
     void SetUp() override {
         daemon_test::SetUp();
-        if (IsSkipped() || HasFatalFailure())
+        if (IsSkipped() || HasFatalFailure()) {
             return;
+        }
         write_file(work("ticks"), "0");
         host_tool("echo 'Online hosts: 5'; echo 'Max Online hosts: 9'");
         connection_tool("echo 'entries 123'");
@@ -124,8 +125,9 @@ class statistics : public daemon_test {
             ticks = 0;
             daemon = &start();
             observer.emplace();
-            if (observer->call({"observe"}, BEFORE_FIRST_TICK_MS) == OK)
+            if (observer->call({"observe"}, BEFORE_FIRST_TICK_MS) == OK) {
                 return;
+            }
             daemon->stop();
         }
         FAIL() << "no daemon could be observed before its first tick";
@@ -151,8 +153,9 @@ class statistics : public daemon_test {
                 all.strings[parts[1]] = parts[2];
             } else {
                 EXPECT_EQ(parts[0], "HMSET");
-                for (size_t i = 2; i + 1 < parts.size(); i += 2)
+                for (size_t i = 2; i + 1 < parts.size(); i += 2) {
                     all.hash[parts[1]][parts[i]] = parts[i + 1];
+                }
             }
         } while (all.order.back() != last);
         all.seen_ms = now_ms();
@@ -280,8 +283,9 @@ TEST_F(statistics, a_tick_writes_every_figure_and_announces_each_once) {
     EXPECT_EQ(second.rate("br-lan", "rxbrate"), 0);
 
     /* Nothing can be read any more. */
-    for (const char* name : {"net/dev", "stat", "meminfo"})
+    for (const char* name : {"net/dev", "stat", "meminfo"}) {
         sandbox::remove_proc_file(name);
+    }
     host_tool("");
     connection_tool("");
     let_go(second);
@@ -318,9 +322,11 @@ TEST_F(statistics, a_tick_writes_every_figure_and_announces_each_once) {
     EXPECT_EQ(get("host.10m").substr(20, 20), be32(5) + be32(6) + be32(6) + be32(6) + be32(6));
     EXPECT_EQ(get("conn.10m").substr(20, 20), be32(123) + be32(0) + be32(0) + be32(0) + be32(0));
     std::string rates;
-    for (const tick& one : {second, fifth})
-        for (const char* field : {"rxbrate", "rxprate", "txbrate", "txprate"})
+    for (const tick& one : {second, fifth}) {
+        for (const char* field : {"rxbrate", "rxprate", "txbrate", "txprate"}) {
             rates += be32(static_cast<uint32_t>(one.rate("eth0", field)));
+        }
+    }
     EXPECT_EQ(get("eth0.10m").substr(20, 32), rates);
     EXPECT_EQ(client->call({"exists", "wlan0"}), ":0\r\n");
     EXPECT_EQ(client->call({"exists", "lo"}), ":0\r\n");
@@ -334,8 +340,9 @@ TEST_F(statistics, a_live_daemon_has_every_key) {
     sandbox::set_proc_file("meminfo", MEMINFO);
     ASSERT_NO_FATAL_FAILURE(start_running());
     client.emplace();
-    for (const char* key : {"cpu.load", "mem.load", "host.num", "host.maxnum", "conn"})
+    for (const char* key : {"cpu.load", "mem.load", "host.num", "host.maxnum", "conn"}) {
         EXPECT_EQ(client->call({"type", key}), "$6\r\nstring\r\n") << key;
+    }
     for (const char* key : {"eth0", "pppoe-wan"}) {
         EXPECT_EQ(client->call({"type", key}), "$4\r\nhash\r\n") << key;
         EXPECT_EQ(client->call({"hlen", key}), ":9\r\n") << key;
@@ -351,7 +358,7 @@ TEST_F(statistics, a_live_daemon_has_every_key) {
                           {"week", 1440, 420},
                           {"mon", 2880, 900}};
     for (const auto& [base, size] :
-         {std::pair("cpu", 1u), {"host", 4u}, {"conn", 4u}, {"eth0", 16u}, {"pppoe-wan", 16u}})
+         {std::pair("cpu", 1u), {"host", 4u}, {"conn", 4u}, {"eth0", 16u}, {"pppoe-wan", 16u}}) {
         for (const span& s : spans) {
             std::string key = std::string(base) + "." + s.name;
             std::string ring = get(key);
@@ -360,6 +367,7 @@ TEST_F(statistics, a_live_daemon_has_every_key) {
             EXPECT_EQ(word_at(ring, 8), s.slots) << key;
             EXPECT_EQ(client->call({"del", key}), ":0\r\n") << key;
         }
+    }
 }
 
 TEST_F(statistics, processor_and_memory_follow_their_files) {
@@ -404,8 +412,9 @@ TEST_F(statistics, processor_and_memory_follow_their_files) {
         EXPECT_EQ(one.strings["cpu.load"], steps[i].cpu_load) << "step " << i;
         EXPECT_EQ(one.strings["mem.load"], steps[i].mem_load) << "step " << i;
         loads += static_cast<char>(atoi(steps[i].cpu_load));
-        if (i + 1 < std::size(steps))
+        if (i + 1 < std::size(steps)) {
             lay_down(steps[i + 1]);
+        }
         let_go(one);
     }
     open_gate();
@@ -419,8 +428,9 @@ TEST_F(statistics, interfaces_follow_the_counters_and_their_histories_the_chosen
                                          {"p-9", {0, 0, 0, 0}}};
     auto lay_down = [&] {
         std::string lines;
-        for (const auto& [name, c] : now)
+        for (const auto& [name, c] : now) {
             lines += netdev_line(name, c);
+        }
         sandbox::set_proc_file("net/dev", netdev_file(lines + netdev_line("ppp0", {1, 2, 3, 4})));
     };
     lay_down();
@@ -513,8 +523,9 @@ TEST_F(statistics, interfaces_follow_the_counters_and_their_histories_the_chosen
 
     /* The other figures keep their maxima, whatever interfaces do. */
     int most = 0;
-    for (size_t i = 0; i < 12; i++)
+    for (size_t i = 0; i < 12; i++) {
         most = std::max(most, atoi(seen[i].strings["cpu.load"].c_str()));
+    }
     EXPECT_EQ(static_cast<unsigned char>(get("cpu.2h")[20]), most);
     EXPECT_EQ(get("host.2h").substr(20, 4), be32(50));
     EXPECT_EQ(get("conn.2h").substr(20, 4), be32(123));
@@ -559,11 +570,13 @@ TEST_F(statistics, outside_tools_may_say_anything_or_nothing) {
     /* None there at all, so that the shell itself complains. */
     host_tool("exit 1");
     connection_tool("exit 1");
-    for (const char* name : {"hostmon", "conntrack"})
+    for (const char* name : {"hostmon", "conntrack"}) {
         sandbox::add_tool(name, "exec /nowhere/such-a-tool");
+    }
     EXPECT_EQ(figures(), "13 of 12, 0");
-    for (const char* name : {"hostmon", "conntrack"})
+    for (const char* name : {"hostmon", "conntrack"}) {
         unlink(sandbox::workspace(std::string("tools/") + name).c_str());
+    }
     tick one = tick_from_now();
     EXPECT_EQ(one.strings["host.num"] + " of " + one.strings["host.maxnum"], "13 of 12");
 
@@ -578,16 +591,19 @@ TEST_F(statistics, the_real_connection_tool_is_read) {
     unlink(sandbox::workspace("tools/conntrack").c_str());
     process tool({"conntrack", "-S"});
     int status = tool.wait_exit();
-    if (status == 127)
+    if (status == 127) {
         GTEST_SKIP() << "conntrack is not installed here";
-    if (status != 0)
+    }
+    if (status != 0) {
         GTEST_SKIP() << "conntrack ends with " << status << " here: " << tool.err();
+    }
     process pipeline({"sh", "-c", "conntrack -S | head -n 1 | awk '{print $2}'"});
     ASSERT_EQ(pipeline.wait_exit(), 0);
     /* Versions that name their figures ("found=0") give no number, and so 0. */
     int figure = 0;
-    if (sscanf(pipeline.out().c_str(), "%d", &figure) != 1)
+    if (sscanf(pipeline.out().c_str(), "%d", &figure) != 1) {
         figure = 0;
+    }
     EXPECT_EQ(tick_from_now().strings["conn"], std::to_string(figure)) << tool.out();
     EXPECT_EQ(daemon->err(), "");
 }
@@ -615,14 +631,18 @@ struct flow {
     void send() {
         std::string frame(bytes, '\0');
         frame.replace(0, 14, "\x02\0\0\0\0\x01\x02\0\0\0\0\x02\x88\xB5", 14);
-        for (int i = 0; i < frames; i++)
-            if (::send(socket, frame.data(), frame.size(), 0) == static_cast<ssize_t>(frame.size()))
+        for (int i = 0; i < frames; i++) {
+            if (::send(socket, frame.data(), frame.size(), 0) ==
+                static_cast<ssize_t>(frame.size())) {
                 sent++;
+            }
+        }
     }
 
     ~flow() {
-        if (socket >= 0)
+        if (socket >= 0) {
             close(socket);
+        }
     }
 };
 
@@ -634,23 +654,27 @@ bool within(double figure, double expected, double share) {
 
 TEST_F(statistics, real_interfaces_show_real_traffic) {
     /* Without IPv6 an interface sends nothing of its own accord. */
-    for (const char* which : {"all", "default"})
+    for (const char* which : {"all", "default"}) {
         if (FILE* file = fopen(
                 (std::string("/proc/sys/net/ipv6/conf/") + which + "/disable_ipv6").c_str(), "w")) {
             fputs("1", file);
             fclose(file);
         }
+    }
     const std::pair<const char*, const char*> pairs[] = {
         {"eth0", "far0"}, {"br-lan", "far1"}, {"pppoe-wan", "far2"}};
     for (const auto& [name, peer] : pairs) {
         std::string missing = sandbox::add_veth(name, peer);
-        if (!missing.empty())
+        if (!missing.empty()) {
             GTEST_SKIP() << missing;
+        }
     }
     flow flows[] = {{"far0", 1000, 2}, {"eth0", 600, 1}, {"far1", 300, 1}, {"pppoe-wan", 1400, 3}};
-    for (flow& one : flows)
-        if (!one.open())
+    for (flow& one : flows) {
+        if (!one.open()) {
             GTEST_SKIP() << "no packet sockets here: " << strerror(errno);
+        }
+    }
 
     ASSERT_NO_FATAL_FAILURE(start_running());
     client.emplace();
@@ -665,8 +689,9 @@ TEST_F(statistics, real_interfaces_show_real_traffic) {
     std::thread sender([&] {
         auto next = std::chrono::steady_clock::now();
         while (sending) {
-            for (flow& f : flows)
+            for (flow& f : flows) {
                 f.send();
+            }
             next += std::chrono::milliseconds(10);
             std::this_thread::sleep_until(next);
         }
@@ -688,10 +713,12 @@ TEST_F(statistics, real_interfaces_show_real_traffic) {
     for (int i = 0; i < 20 && !wrong.empty(); i++) {
         one = next_tick();
         wrong.clear();
-        for (const expectation& e : rates)
-            if (!within(static_cast<double>(one.rate(e.interface, e.field)), e.rate, 0.04))
+        for (const expectation& e : rates) {
+            if (!within(static_cast<double>(one.rate(e.interface, e.field)), e.rate, 0.04)) {
                 wrong.push_back(std::string(e.interface) + " " + e.field + " " +
                                 std::to_string(one.rate(e.interface, e.field)));
+            }
+        }
     }
     sending = false;
     sender.join();
@@ -712,9 +739,11 @@ TEST_F(statistics, real_interfaces_show_real_traffic) {
 
     /* The flags follow the interface and its other end. */
     auto eth0_shows = [&](const char* flags) {
-        for (int i = 0; i < 4; i++)
-            if (next_tick().hash["eth0"]["flags"] == flags)
+        for (int i = 0; i < 4; i++) {
+            if (next_tick().hash["eth0"]["flags"] == flags) {
                 return true;
+            }
+        }
         return false;
     };
     auto set_link = [](const char* name, const char* state) {

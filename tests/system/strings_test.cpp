@@ -46,8 +46,9 @@ class strings : public client_test {
         const std::string left = call({"ttl", request[1]});
         const uint32_t most = static_cast<uint32_t>(time(nullptr) - before);
         words possible;
-        for (uint32_t passed = 0; passed <= most; passed++)
+        for (uint32_t passed = 0; passed <= most; passed++) {
             possible.push_back(number(static_cast<int32_t>(seconds - passed)));
+        }
         EXPECT_TRUE(std::find(possible.begin(), possible.end(), left) != possible.end())
             << left << "is not among " << ::testing::PrintToString(possible);
     }
@@ -90,8 +91,9 @@ class string_events : public strings {
   protected:
     void SetUp() override {
         strings::SetUp();
-        if (IsSkipped() || HasFatalFailure())
+        if (IsSkipped() || HasFatalFailure()) {
             return;
+        }
         observer.emplace();
         EXPECT_EQ(observer->call({"observe"}), OK);
     }
@@ -101,8 +103,9 @@ class string_events : public strings {
         const long end = now_ms() + (HasFailure() ? 200 : LIMIT_MS);
         while (now_ms() < end) {
             std::string event = observer->frame(static_cast<int>(end - now_ms()));
-            if (event[0] != '!' || event.find("my.") != std::string::npos)
+            if (event[0] != '!' || event.find("my.") != std::string::npos) {
                 return event;
+            }
         }
         return "<nothing came>";
     }
@@ -143,8 +146,9 @@ TEST_F(strings, hold_what_was_set_last) {
 
 TEST_F(strings, hold_any_bytes_of_any_length) {
     std::string every;
-    for (int byte = 0; byte < 256; byte++)
+    for (int byte = 0; byte < 256; byte++) {
         every += static_cast<char>(byte);
+    }
     EXPECT_EQ(call({"set", "k", every}), OK);
     expect_value("k", every);
     EXPECT_EQ(call({"set", "k", std::string("\0", 1)}), OK);
@@ -374,7 +378,7 @@ TEST_F(strings, take_increments_of_any_base) {
 }
 
 TEST_F(strings, are_left_behind_empty_by_an_increment_without_digits) {
-    for (const char* command : {"incrby", "decrby"})
+    for (const char* command : {"incrby", "decrby"}) {
         for (const char* text : {"abc", "", "-", "+", " ", "x1", ".5"}) {
             SCOPED_TRACE(std::string(command) + " " + text);
             const std::string key = std::string(command) + "." + text;
@@ -386,6 +390,7 @@ TEST_F(strings, are_left_behind_empty_by_an_increment_without_digits) {
             EXPECT_EQ(call({command, key, text}), ERROR);
             expect_value(key, "old");
         }
+    }
     EXPECT_EQ(call({"set", "k", "5"}), OK);
     EXPECT_EQ(call({"incrby", "k", "abc"}), ERROR);
     EXPECT_EQ(call({"decrby", "k", "abc"}), ERROR);

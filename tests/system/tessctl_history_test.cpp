@@ -28,8 +28,9 @@ class tessctl_history : public daemon_test {
     };
 
     static result run(std::vector<std::string> arguments, const process_options& options = {}) {
-        if (arguments.empty() || arguments[0] != "--raw")
+        if (arguments.empty() || arguments[0] != "--raw") {
             arguments.insert(arguments.begin(), "history");
+        }
         process client(tessctl_command(arguments), options);
         const int status = client.wait_exit();
         return {status, client.out(), client.err()};
@@ -101,8 +102,9 @@ TEST_F(tessctl_history, prints_what_ping_targets_report) {
     resp_client client;
     for (const char* report :
          {"id=3,max=40,min=10,avg=20,total=10,loss=0", "id=3,max=30,min=5,avg=30,total=10,loss=2",
-          "id=3,max=20,min=12,avg=15,total=10,loss=1"})
+          "id=3,max=20,min=12,avg=15,total=10,loss=1"}) {
         EXPECT_EQ(client.call({"set", "ping.data", report}), "+OK\r\n");
+    }
     expect_prints({"--csv", "ping3.day"}, "sample,max,min,avg,total,loss\n1,40,12,30,30,3\n");
     const result table = run({"ping3.day"});
     EXPECT_EQ(table.out.rfind("ping3.day: a sample is 3 reports, at times not known;", 0), 0U)

@@ -23,10 +23,11 @@ class tessctl_pings : public daemon_test {
         process client(tessctl_command(arguments));
         EXPECT_EQ(client.wait_exit(), status);
         EXPECT_EQ(client.out(), out);
-        if (complaint.empty())
+        if (complaint.empty()) {
             EXPECT_EQ(client.err(), "");
-        else
+        } else {
             EXPECT_NE(client.err().find(complaint), std::string::npos) << client.err();
+        }
     }
 
     static void report(const std::string& text) {

@@ -151,11 +151,13 @@ TEST_F(tessctl, leaves_the_commands_arguments_alone) {
 TEST_F(tessctl, reads_large_values_whole) {
     start();
     std::string value;
-    for (int i = 0; value.size() < 400000; i++)
+    for (int i = 0; value.size() < 400000; i++) {
         value += std::to_string(i) + ",";
+    }
     resp_client client;
-    for (size_t at = 0; at < value.size(); at += 20000)
+    for (size_t at = 0; at < value.size(); at += 20000) {
         client.call({"append", "k", value.substr(at, 20000)});
+    }
     result r = run({"get", "k"});
     EXPECT_EQ(r.status, DONE);
     EXPECT_TRUE(r.out == value + "\n") << r.out.size();
@@ -164,8 +166,9 @@ TEST_F(tessctl, reads_large_values_whole) {
 TEST_F(tessctl, sends_many_arguments_in_one_request) {
     start();
     std::vector<std::string> words = {"rpush", "l"};
-    for (int i = 0; i < 1000; i++)
+    for (int i = 0; i < 1000; i++) {
         words.push_back("item" + std::to_string(i));
+    }
     expect_prints(words, "1000\n");
     expect_prints({"lindex", "l", "-1"}, "item999\n");
 }
@@ -264,10 +267,12 @@ TEST_F(tessctl_options, refuses_what_makes_no_sense) {
     expect_complains({"-a", "tessard.sock", "ping"}, USAGE, "tessard.sock");
     expect_complains({"-a", "example.org", "-p", "7000", "ping"}, USAGE, "example.org");
     expect_complains({"-a", "127.0.0.1", "ping"}, USAGE, "-p");
-    for (const char* port : {"", "0", "-1", "65536", "99999999999", "7000x", "0x10", " 7"})
+    for (const char* port : {"", "0", "-1", "65536", "99999999999", "7000x", "0x10", " 7"}) {
         expect_complains({"-a", "127.0.0.1", "-p", port, "ping"}, USAGE, "port");
-    for (const char* seconds : {"", "0", "-1", "86401", "1.5", "x"})
+    }
+    for (const char* seconds : {"", "0", "-1", "86401", "1.5", "x"}) {
         expect_complains({"-t", seconds, "ping"}, USAGE, "seconds");
+    }
     expect_complains({"observe", "k"}, USAGE, "observe");
 }
 
@@ -297,8 +302,9 @@ class observing : public process {
     bool prints(const std::string& text, const std::string& first) {
         return eventually([&] {
             seen = without_figures(out());
-            for (size_t at; (at = seen.find(first)) != std::string::npos;)
+            for (size_t at; (at = seen.find(first)) != std::string::npos;) {
                 seen.erase(at, first.size());
+            }
             return seen == text;
         });
     }
@@ -377,8 +383,9 @@ class observing_into_a_pipe : public tessctl_observe {
   protected:
     void SetUp() override {
         tessctl_observe::SetUp();
-        if (IsSkipped() || HasFatalFailure())
+        if (IsSkipped() || HasFatalFailure()) {
             return;
+        }
         start();
         ASSERT_EQ(pipe(ends), 0);
         /* Found by its path, since a program that is started keeps only the standard descriptors.
@@ -404,8 +411,9 @@ class observing_into_a_pipe : public tessctl_observe {
 
     void stop_reading() {
         for (int& end : ends) {
-            if (end >= 0)
+            if (end >= 0) {
                 close(end);
+            }
             end = -1;
         }
     }
@@ -455,10 +463,12 @@ class player {
     std::string take_request() {
         char bytes[65536];
         if (!readable(listener) ||
-            (connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC)) < 0)
+            (connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC)) < 0) {
             return "<no client>";
-        if (!readable(connection))
+        }
+        if (!readable(connection)) {
             return "<nothing came>";
+        }
         ssize_t size = recv(connection, bytes, sizeof bytes, 0);
         return std::string(bytes, size > 0 ? static_cast<size_t>(size) : 0);
     }
@@ -470,16 +480,18 @@ class player {
     }
 
     void hang_up() {
-        if (connection >= 0)
+        if (connection >= 0) {
             close(connection);
+        }
         connection = -1;
     }
 
     /* Resets the connections that wait to be taken, too. */
     void go() {
         hang_up();
-        if (listener >= 0)
+        if (listener >= 0) {
             close(listener);
+        }
         listener = -1;
     }
 
@@ -569,8 +581,9 @@ TEST_F(tessctl_and_a_strange_daemon, may_never_come_to_an_end) {
     daemon.take_request();
     EXPECT_TRUE(daemon.say("*1000000\r\n"));
     bool ended = eventually([&] {
-        if (client.running())
+        if (client.running()) {
             daemon.say("$1\r\nx\r\n");
+        }
         return !client.running();
     });
     EXPECT_TRUE(ended);

@@ -57,8 +57,9 @@ class tessctl_top : public daemon_test {
         how.environment = {"LC_ALL=" + locale};
         /* The search for leaks, which the other tests leave on, needs more of /proc than was made
          * up. */
-        if (figures_known)
+        if (figures_known) {
             how.environment.push_back("ASAN_OPTIONS=detect_leaks=0");
+        }
         how.before_exec = [this] {
             /* A group of its own, as a shell would make, so that it can be stopped. */
             setpgid(0, 0);
@@ -82,8 +83,9 @@ class tessctl_top : public daemon_test {
     void watch() {
         char bytes[16384];
         ssize_t got;
-        while (terminal >= 0 && (got = read(terminal, bytes, sizeof bytes)) > 0)
+        while (terminal >= 0 && (got = read(terminal, bytes, sizeof bytes)) > 0) {
             screen.write(std::string(bytes, static_cast<size_t>(got)));
+        }
     }
 
     bool shows(const std::string& text) {
@@ -158,8 +160,9 @@ class tessctl_top : public daemon_test {
 
     void close_terminal() {
         for (int* fd : {&terminal, &held}) {
-            if (*fd >= 0)
+            if (*fd >= 0) {
                 close(*fd);
+            }
             *fd = -1;
         }
     }
@@ -321,8 +324,9 @@ TEST_F(tessctl_top, gives_the_terminal_back_when_its_interrupt_key_is_pressed) {
      */
     std::vector<std::string> words = {
         "sh", "-c", "trap : INT; \"$@\" >&0; echo ended with $?; exec sleep 1000", "sh"};
-    for (const std::string& word : tessctl_command({"top"}))
+    for (const std::string& word : tessctl_command({"top"})) {
         words.push_back(word);
+    }
     process shell(words, session);
     ASSERT_TRUE(ready());
     expect_taken();
@@ -370,8 +374,9 @@ TEST_F(tessctl_top, complains_after_it_gave_the_terminal_back) {
     process_options how;
     how.before_exec = [this] {
         const int fd = open(terminal_name, O_RDWR | O_NOCTTY | O_CLOEXEC);
-        for (int descriptor : {0, 1, 2})
+        for (int descriptor : {0, 1, 2}) {
             dup2(fd, descriptor);
+        }
     };
     top = std::make_unique<process>(tessctl_command({"top"}), how);
     ASSERT_TRUE(ready());

@@ -14,15 +14,17 @@ std::string bulk_frame(const std::string& value) {
 
 std::string list_frame(const std::vector<std::optional<std::string>>& elements) {
     std::string frame = "*" + std::to_string(elements.size()) + "\r\n";
-    for (const std::optional<std::string>& element : elements)
+    for (const std::optional<std::string>& element : elements) {
         frame += element ? bulk_frame(*element) : "$-1\r\n";
+    }
     return frame;
 }
 
 std::string event_frame(const std::vector<std::string>& elements) {
     std::string frame = "!" + std::to_string(elements.size()) + "\r\n";
-    for (const std::string& element : elements)
+    for (const std::string& element : elements) {
         frame += bulk_frame(element);
+    }
     return frame;
 }
 
@@ -32,20 +34,24 @@ namespace {
    not whole. The elements of an array are added to `elements`. */
 bool read_frame(const std::string& bytes, size_t* at, std::vector<std::string>* elements) {
     size_t line_end = bytes.find("\r\n", *at);
-    if (line_end == std::string::npos)
+    if (line_end == std::string::npos) {
         return false;
+    }
     const char lead = bytes[*at];
     const long number = atol(bytes.c_str() + *at + 1);
     size_t end = line_end + 2;
     if (lead == '$' && number >= 0) {
-        if (bytes.size() < end + static_cast<size_t>(number) + 2)
+        if (bytes.size() < end + static_cast<size_t>(number) + 2) {
             return false;
+        }
         elements->push_back(bytes.substr(end, static_cast<size_t>(number)));
         end += static_cast<size_t>(number) + 2;
     } else if (lead == '*' || lead == '!') {
-        for (long i = 0; i < number; i++)
-            if (end >= bytes.size() || bytes[end] != '$' || !read_frame(bytes, &end, elements))
+        for (long i = 0; i < number; i++) {
+            if (end >= bytes.size() || bytes[end] != '$' || !read_frame(bytes, &end, elements)) {
                 return false;
+            }
+        }
     } else if (lead != '$' && lead != '+' && lead != '-' && lead != ':') {
         return false;
     }
@@ -59,8 +65,9 @@ std::vector<std::string> elements_of(const std::string& frame) {
     std::vector<std::string> elements;
     size_t at = 0;
     if (frame.empty() || (frame[0] != '*' && frame[0] != '!') ||
-        !read_frame(frame, &at, &elements) || at != frame.size())
+        !read_frame(frame, &at, &elements) || at != frame.size()) {
         return {};
+    }
     return elements;
 }
 
@@ -69,8 +76,9 @@ std::vector<std::string> split_frames(const std::string& bytes) {
     std::vector<std::string> ignored;
     for (size_t at = 0; at < bytes.size();) {
         const size_t start = at;
-        if (!read_frame(bytes, &at, &ignored))
+        if (!read_frame(bytes, &at, &ignored)) {
             at = bytes.size();
+        }
         frames.push_back(bytes.substr(start, at - start));
     }
     return frames;
@@ -79,8 +87,9 @@ std::vector<std::string> split_frames(const std::string& bytes) {
 bool is_about_a_figure(const std::string& frame) {
     static const std::set<std::string> figures = {"cpu.load", "mem.load", "host.num", "host.maxnum",
                                                   "conn"};
-    if (frame.empty() || frame[0] != '!')
+    if (frame.empty() || frame[0] != '!') {
         return false;
+    }
     const std::vector<std::string> elements = elements_of(frame);
     return elements.size() >= 2 && figures.count(elements[1]) != 0;
 }
@@ -89,16 +98,19 @@ std::string next_frame(resp_client& client, int limit_ms) {
     const long end = now_ms() + limit_ms;
     for (;;) {
         std::string frame = client.frame(static_cast<int>(end - now_ms()));
-        if (!is_about_a_figure(frame))
+        if (!is_about_a_figure(frame)) {
             return frame;
+        }
     }
 }
 
 std::string heard(resp_client& client, int ms) {
     std::string rest;
-    for (const std::string& frame : split_frames(client.during(ms)))
-        if (!is_about_a_figure(frame))
+    for (const std::string& frame : split_frames(client.during(ms))) {
+        if (!is_about_a_figure(frame)) {
             rest += frame;
+        }
+    }
     return rest;
 }
 

@@ -29,8 +29,9 @@ template <typename T> class growing_table {
      * grow earlier.
      */
     explicit growing_table(size_t others = 0) {
-        while (count < others)
+        while (count < others) {
             make_room();
+        }
     }
 
     size_t size() const {
@@ -41,10 +42,13 @@ template <typename T> class growing_table {
     }
 
     entry* find(const std::string& name) {
-        if (!buckets.empty())
-            for (entry& e : chain(name))
-                if (before_nul(e.name) == before_nul(name))
+        if (!buckets.empty()) {
+            for (entry& e : chain(name)) {
+                if (before_nul(e.name) == before_nul(name)) {
                     return &e;
+                }
+            }
+        }
         return nullptr;
     }
 
@@ -63,18 +67,21 @@ template <typename T> class growing_table {
     /* Every entry in the order of a walk. */
     std::vector<entry*> walk() {
         std::vector<entry*> entries;
-        for (std::list<entry>& bucket : buckets)
-            for (entry& e : bucket)
+        for (std::list<entry>& bucket : buckets) {
+            for (entry& e : bucket) {
                 entries.push_back(&e);
+            }
+        }
         return entries;
     }
 
   private:
     std::list<entry>& chain(const std::string& name) {
         uint32_t hash = 0;
-        for (const char c : before_nul(name))
+        for (const char c : before_nul(name)) {
             hash = hash * 31 +
                    static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(c)));
+        }
         return buckets[hash % buckets.size()];
     }
 
@@ -82,16 +89,19 @@ template <typename T> class growing_table {
     void make_room() {
         if (count >= buckets.size() / 2) {
             size_t more = 0;
-            for (const size_t prime : {99793, 25523, 6577, 1597, 397, 97, 23, 11})
-                if (prime > buckets.size())
+            for (const size_t prime : {99793, 25523, 6577, 1597, 397, 97, 23, 11}) {
+                if (prime > buckets.size()) {
                     more = prime;
+                }
+            }
             std::vector<std::list<entry>> old(more);
             old.swap(buckets);
-            for (std::list<entry>& bucket : old)
+            for (std::list<entry>& bucket : old) {
                 while (!bucket.empty()) {
                     std::list<entry>& target = chain(bucket.front().name);
                     target.splice(target.begin(), bucket, bucket.begin());
                 }
+            }
         }
         count++;
     }

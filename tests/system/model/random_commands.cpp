@@ -12,8 +12,9 @@ constexpr size_t KEYS_OF_A_KIND = 22;
  */
 texts make_names(const std::string& start, size_t count) {
     texts names;
-    for (size_t i = 0; i < count; i++)
+    for (size_t i = 0; i < count; i++) {
         names.push_back(start + std::to_string(i * 7 % 23));
+    }
     return names;
 }
 
@@ -53,11 +54,13 @@ const texts& field_names() {
     static const texts names = [] {
         texts made = make_names("f", 12);
         for (const char* name :
-             {"", "_", "\xff", "\x80\x81", "a", "l", "w", "b", "m", "field with blanks", "f\r\n"})
+             {"", "_", "\xff", "\x80\x81", "a", "l", "w", "b", "m", "field with blanks", "f\r\n"}) {
             made.push_back(name);
+        }
         made.push_back(std::string("fz\0tail", 7));
-        for (int i = 100; i < 140; i++)
+        for (int i = 100; i < 140; i++) {
             made.push_back("n" + std::to_string(i));
+        }
         return made;
     }();
     return names;
@@ -135,8 +138,9 @@ const texts& patterns() {
 const texts& random_commands::keys() {
     static const texts all = [] {
         texts made = odd_keys();
-        for (const texts* names : {&string_keys(), &list_keys(), &hash_keys()})
+        for (const texts* names : {&string_keys(), &list_keys(), &hash_keys()}) {
             made.insert(made.end(), names->begin(), names->end());
+        }
         return made;
     }();
     return all;
@@ -208,8 +212,9 @@ std::string random_commands::text() {
         return one_of(numbers());
     case 1: {
         std::string bytes;
-        for (size_t left = below(20); left > 0; left--)
+        for (size_t left = below(20); left > 0; left--) {
             bytes += static_cast<char>(below(256));
+        }
         return bytes;
     }
     case 2:
@@ -221,8 +226,9 @@ std::string random_commands::text() {
 
 std::string random_commands::word_for(part p) {
     /* Now and then a key of the wrong type, or an odd one. */
-    if ((p == part::string_key || p == part::list_key || p == part::hash_key) && one_in(20))
+    if ((p == part::string_key || p == part::list_key || p == part::hash_key) && one_in(20)) {
         p = part::any_key;
+    }
     switch (p) {
     case part::string_key:
         return one_of(string_keys());
@@ -253,19 +259,27 @@ std::string random_commands::word_for(part p) {
 
 texts random_commands::words_of(const shape& s) {
     texts words = {s.name};
-    for (const part p : s.parts)
+    for (const part p : s.parts) {
         words.push_back(word_for(p));
-    if (!s.repeated.empty())
-        for (size_t left = below(s.most + 1); left > 0; left--)
-            for (const part p : s.repeated)
+    }
+    if (!s.repeated.empty()) {
+        for (size_t left = below(s.most + 1); left > 0; left--) {
+            for (const part p : s.repeated) {
                 words.push_back(word_for(p));
-    if (one_in(16))
-        for (char& c : words[0])
-            if (c >= 'a' && c <= 'z' && one_in(2))
+            }
+        }
+    }
+    if (one_in(16)) {
+        for (char& c : words[0]) {
+            if (c >= 'a' && c <= 'z' && one_in(2)) {
                 c = static_cast<char>(c - 'a' + 'A');
+            }
+        }
+    }
     /* One argument too few, for most commands. */
-    if (one_in(40) && words.size() > 1)
+    if (one_in(40) && words.size() > 1) {
         words.pop_back();
+    }
     return words;
 }
 
@@ -283,8 +297,9 @@ texts random_commands::creation(const std::string& key) {
 texts random_commands::next(store_model& model) {
     static const unsigned total = [] {
         unsigned sum = 0;
-        for (const shape& s : shapes())
+        for (const shape& s : shapes()) {
             sum += s.weight;
+        }
         return sum;
     }();
     for (;;) {
@@ -300,8 +315,9 @@ texts random_commands::next(store_model& model) {
         texts words = words_of(*chosen);
         const bool depends_on_the_clock =
             chosen->name == std::string("ttl") && words.size() > 1 && model.expires(words[1]);
-        if (!depends_on_the_clock)
+        if (!depends_on_the_clock) {
             return words;
+        }
     }
 }
 

@@ -25,26 +25,31 @@ bool is_blank(char c) {
 
 /* 36 and above for what is no digit at all. */
 unsigned digit_value(char c) {
-    if (c >= '0' && c <= '9')
+    if (c >= '0' && c <= '9') {
         return static_cast<unsigned>(c - '0');
-    if (c >= 'a' && c <= 'z')
+    }
+    if (c >= 'a' && c <= 'z') {
         return static_cast<unsigned>(c - 'a') + 10;
-    if (c >= 'A' && c <= 'Z')
+    }
+    if (c >= 'A' && c <= 'Z') {
         return static_cast<unsigned>(c - 'A') + 10;
+    }
     return 99;
 }
 
 uint32_t big_endian(const std::string& bytes, size_t at) {
     uint32_t word = 0;
-    for (size_t i = 0; i < 4; i++)
+    for (size_t i = 0; i < 4; i++) {
         word = word << 8 | static_cast<unsigned char>(bytes[at + i]);
+    }
     return word;
 }
 
 std::string big_endian(size_t word) {
     std::string bytes;
-    for (int shift = 24; shift >= 0; shift -= 8)
+    for (int shift = 24; shift >= 0; shift -= 8) {
         bytes += static_cast<char>(word >> shift & 0xFF);
+    }
     return bytes;
 }
 
@@ -85,11 +90,13 @@ bool key_and_pairs(size_t arguments) {
 read_number parse_number(const std::string& text, int base, int bits) {
     const std::string all = before_nul(text);
     size_t at = 0;
-    while (at < all.size() && is_blank(all[at]))
+    while (at < all.size() && is_blank(all[at])) {
         at++;
+    }
     bool negative = false;
-    if (at < all.size() && (all[at] == '+' || all[at] == '-'))
+    if (at < all.size() && (all[at] == '+' || all[at] == '-')) {
         negative = all[at++] == '-';
+    }
     if (base == 0) {
         base = 10;
         if (at < all.size() && all[at] == '0') {
@@ -170,13 +177,17 @@ store_model::outcome store_model::run(const std::vector<std::string>& words, boo
     result = {};
     result.reply = ERROR;
     std::string name = before_nul(words[0]);
-    for (char& c : name)
-        if (c >= 'A' && c <= 'Z')
+    for (char& c : name) {
+        if (c >= 'A' && c <= 'Z') {
             c = static_cast<char>(c - 'A' + 'a');
+        }
+    }
     const text_list arguments(words.begin() + 1, words.end());
-    for (const command& row : commands)
-        if (row.name == name && row.accepts(arguments.size()))
+    for (const command& row : commands) {
+        if (row.name == name && row.accepts(arguments.size())) {
             result.reply = (this->*row.carry_out)(arguments);
+        }
+    }
     return result;
 }
 
@@ -194,8 +205,9 @@ store_model::key_entry* store_model::lookup(const std::string& key, kind type) {
 
 store_model::key_entry* store_model::lookup_or_create(const std::string& key, kind type) {
     key_entry* found = keys.find(key);
-    if (found == nullptr)
+    if (found == nullptr) {
         found = keys.add(key);
+    }
     if (found->item.dead || found->item.type == kind::none) {
         found->item = value();
         found->item.type = type;
@@ -210,9 +222,11 @@ bool store_model::expires(const std::string& key) {
 
 std::string store_model::list_keys(const text_list& arguments) {
     std::vector<std::optional<std::string>> found;
-    for (const key_entry* key : keys.walk())
-        if (key->item.type != kind::none && matches(arguments[0], key->name))
+    for (const key_entry* key : keys.walk()) {
+        if (key->item.type != kind::none && matches(arguments[0], key->name)) {
             found.push_back(key->name);
+        }
+    }
     return list_frame(found);
 }
 
@@ -231,18 +245,20 @@ std::string store_model::type(const text_list& arguments) {
 
 std::string store_model::del(const text_list& arguments) {
     int64_t deleted = 0;
-    for (const std::string& argument : arguments)
+    for (const std::string& argument : arguments) {
         if (key_entry* key = lookup(argument); key != nullptr) {
             key->item.dead = true;
             deleted++;
         }
+    }
     return integer(deleted);
 }
 
 std::string store_model::expire(const text_list& arguments) {
     key_entry* key = lookup(arguments[0]);
-    if (key == nullptr || !parse_number(arguments[1], 10, 64).digits)
+    if (key == nullptr || !parse_number(arguments[1], 10, 64).digits) {
         return integer(0);
+    }
     key->item.expires = true;
     return integer(1);
 }
@@ -250,8 +266,9 @@ std::string store_model::expire(const text_list& arguments) {
 std::string store_model::persist(const text_list& arguments) {
     key_entry* key = lookup(arguments[0]);
     const bool removed = key != nullptr && key->item.expires;
-    if (removed)
+    if (removed) {
         key->item.expires = false;
+    }
     return integer(removed ? 1 : 0);
 }
 
@@ -270,8 +287,9 @@ std::string store_model::ping(const text_list&) {
 /* --- Strings --- */
 
 void store_model::announce_string(const key_entry& key) {
-    if (!is_private(key.name))
+    if (!is_private(key.name)) {
         result.events.push_back(event_frame({"MSET", key.name, key.item.text.value_or("")}));
+    }
 }
 
 /* Says nothing yet. */
@@ -287,8 +305,9 @@ std::optional<int64_t> store_model::add(std::optional<std::string>* text, int64_
         return number;
     }
     const read_number old = parse_number(**text, 0, 64);
-    if (!old.digits)
+    if (!old.digits) {
         return {};
+    }
     const uint32_t sum = static_cast<uint32_t>(old.value) + static_cast<uint32_t>(number);
     *text = std::to_string(static_cast<int32_t>(sum));
     return static_cast<int32_t>(sum);
@@ -296,11 +315,13 @@ std::optional<int64_t> store_model::add(std::optional<std::string>* text, int64_
 
 std::string store_model::add_number(const std::string& key, int64_t number, bool is_number) {
     key_entry* found = lookup_or_create(key, kind::string);
-    if (found == nullptr || !is_number)
+    if (found == nullptr || !is_number) {
         return ERROR;
+    }
     const std::optional<int64_t> sum = add(&found->item.text, number);
-    if (!sum)
+    if (!sum) {
         return ERROR;
+    }
     announce_string(*found);
     return integer(*sum);
 }
@@ -326,8 +347,9 @@ std::string store_model::decrby(const text_list& arguments) {
 
 std::string store_model::append(const text_list& arguments) {
     key_entry* key = lookup_or_create(arguments[0], kind::string);
-    if (key == nullptr)
+    if (key == nullptr) {
         return ERROR;
+    }
     key->item.text = key->item.text.value_or("") + arguments[1];
     announce_string(*key);
     return integer(static_cast<int64_t>(key->item.text->size()));
@@ -335,15 +357,17 @@ std::string store_model::append(const text_list& arguments) {
 
 std::string store_model::get(const text_list& arguments) {
     const key_entry* key = lookup(arguments[0]);
-    if (key == nullptr)
+    if (key == nullptr) {
         return NIL;
+    }
     return key->item.type == kind::string ? bulk_frame(key->item.text.value_or("")) : ERROR;
 }
 
 std::string store_model::set(const text_list& arguments) {
     key_entry* key = lookup(arguments[0]);
-    if (key == nullptr)
+    if (key == nullptr) {
         key = lookup_or_create(arguments[0], kind::string);
+    }
     assign(*key, arguments[1]);
     announce_string(*key);
     return OK;
@@ -351,8 +375,9 @@ std::string store_model::set(const text_list& arguments) {
 
 std::string store_model::getset(const text_list& arguments) {
     key_entry* key = lookup(arguments[0]);
-    if (key == nullptr)
+    if (key == nullptr) {
         return NIL;
+    }
     const std::string reply =
         key->item.type == kind::string ? bulk_frame(key->item.text.value_or("")) : NIL;
     assign(*key, arguments[1]);
@@ -361,16 +386,18 @@ std::string store_model::getset(const text_list& arguments) {
 }
 
 std::string store_model::setnx(const text_list& arguments) {
-    if (lookup(arguments[0]) != nullptr)
+    if (lookup(arguments[0]) != nullptr) {
         return integer(0);
+    }
     set(arguments);
     return integer(1);
 }
 
 std::string store_model::setex(const text_list& arguments) {
     key_entry* key = lookup_or_create(arguments[0], kind::string);
-    if (key == nullptr || !parse_number(arguments[1], 10, 32).digits)
+    if (key == nullptr || !parse_number(arguments[1], 10, 32).digits) {
         return ERROR;
+    }
     assign(*key, arguments[2]);
     key->item.expires = true;
     announce_string(*key);
@@ -379,10 +406,12 @@ std::string store_model::setex(const text_list& arguments) {
 
 std::string store_model::strlen(const text_list& arguments) {
     const key_entry* key = lookup(arguments[0]);
-    if (key == nullptr)
+    if (key == nullptr) {
         return integer(0);
-    if (key->item.type != kind::string)
+    }
+    if (key->item.type != kind::string) {
         return ERROR;
+    }
     return integer(static_cast<int64_t>(key->item.text.value_or("").size()));
 }
 
@@ -400,8 +429,9 @@ size_t store_model::assign_pairs(const text_list& arguments) {
     size_t assigned = 0;
     for (size_t i = 0; i < arguments.size(); i += 2) {
         key_entry* key = lookup(arguments[i]);
-        if (key == nullptr)
+        if (key == nullptr) {
             key = lookup_or_create(arguments[i], kind::string);
+        }
         assign(*key, arguments[i + 1]);
         key->item.waits = true;
         assigned++;
@@ -427,9 +457,11 @@ std::string store_model::mset(const text_list& arguments) {
 }
 
 std::string store_model::msetnx(const text_list& arguments) {
-    for (size_t i = 0; i < arguments.size(); i += 2)
-        if (lookup(arguments[i]) != nullptr)
+    for (size_t i = 0; i < arguments.size(); i += 2) {
+        if (lookup(arguments[i]) != nullptr) {
             return integer(0);
+        }
+    }
     assign_pairs(arguments);
     announce_pairs(arguments);
     return integer(1);
@@ -450,22 +482,27 @@ void store_model::announce_hash(key_entry& key) {
         }
         f->item.modified = false;
     }
-    for (size_t i = 2; i < deletions.size(); i++)
+    for (size_t i = 2; i < deletions.size(); i++) {
         key.item.fields.remove(deletions[i]);
-    if (is_private(key.name))
+    }
+    if (is_private(key.name)) {
         return;
-    if (deletions.size() > 2)
+    }
+    if (deletions.size() > 2) {
         result.events.push_back(event_frame(deletions));
-    if (updates.size() > 2)
+    }
+    if (updates.size() > 2) {
         result.events.push_back(event_frame(updates));
+    }
 }
 
 /* Says nothing yet. True when the field is new. */
 bool store_model::set_field(key_entry& key, const std::string& name, const std::string& text) {
     growing_table<field>::entry* f = key.item.fields.find(name);
     const bool is_new = f == nullptr;
-    if (is_new)
+    if (is_new) {
         f = key.item.fields.add(name);
+    }
     f->item.value = text;
     f->item.modified = true;
     return is_new;
@@ -483,13 +520,16 @@ std::string store_model::hexists(const text_list& arguments) {
 
 std::string store_model::show_fields(const text_list& arguments, bool names, bool values) {
     std::vector<std::optional<std::string>> shown;
-    if (key_entry* key = lookup(arguments[0], kind::hash); key != nullptr)
+    if (key_entry* key = lookup(arguments[0], kind::hash); key != nullptr) {
         for (const growing_table<field>::entry* f : key->item.fields.walk()) {
-            if (names)
+            if (names) {
                 shown.push_back(f->name);
-            if (values)
+            }
+            if (values) {
                 shown.push_back(f->item.value);
+            }
         }
+    }
     return list_frame(shown);
 }
 
@@ -525,8 +565,9 @@ std::string store_model::hmget(const text_list& arguments) {
 
 std::string store_model::hset(const text_list& arguments) {
     key_entry* key = lookup_or_create(arguments[0], kind::hash);
-    if (key == nullptr)
+    if (key == nullptr) {
         return ERROR;
+    }
     const bool is_new = set_field(*key, arguments[1], arguments[2]);
     announce_hash(*key);
     return integer(is_new ? 1 : 0);
@@ -534,10 +575,12 @@ std::string store_model::hset(const text_list& arguments) {
 
 std::string store_model::hsetnx(const text_list& arguments) {
     key_entry* key = lookup_or_create(arguments[0], kind::hash);
-    if (key == nullptr)
+    if (key == nullptr) {
         return ERROR;
-    if (key->item.fields.find(arguments[1]) != nullptr)
+    }
+    if (key->item.fields.find(arguments[1]) != nullptr) {
         return integer(0);
+    }
     set_field(*key, arguments[1], arguments[2]);
     announce_hash(*key);
     return integer(1);
@@ -545,15 +588,18 @@ std::string store_model::hsetnx(const text_list& arguments) {
 
 std::string store_model::hincrby(const text_list& arguments) {
     key_entry* key = lookup_or_create(arguments[0], kind::hash);
-    if (key == nullptr)
+    if (key == nullptr) {
         return ERROR;
+    }
     const growing_table<field>::entry* f = key->item.fields.find(arguments[1]);
     std::optional<std::string> text;
-    if (f != nullptr)
+    if (f != nullptr) {
         text = f->item.value;
+    }
     const std::optional<int64_t> sum = add(&text, parse_number(arguments[2], 0, 64).value);
-    if (!sum)
+    if (!sum) {
         return ERROR;
+    }
     set_field(*key, arguments[1], *text);
     announce_hash(*key);
     return integer(*sum);
@@ -561,24 +607,28 @@ std::string store_model::hincrby(const text_list& arguments) {
 
 std::string store_model::hmset(const text_list& arguments) {
     key_entry* key = lookup_or_create(arguments[0], kind::hash);
-    if (key == nullptr)
+    if (key == nullptr) {
         return ERROR;
-    for (size_t i = 1; i < arguments.size(); i += 2)
+    }
+    for (size_t i = 1; i < arguments.size(); i += 2) {
         set_field(*key, arguments[i], arguments[i + 1]);
+    }
     announce_hash(*key);
     return OK;
 }
 
 std::string store_model::hdel(const text_list& arguments) {
     key_entry* key = lookup(arguments[0], kind::hash);
-    if (key == nullptr)
+    if (key == nullptr) {
         return integer(0);
+    }
     int64_t deleted = 0;
-    for (size_t i = 1; i < arguments.size(); i++)
+    for (size_t i = 1; i < arguments.size(); i++) {
         if (growing_table<field>::entry* f = key->item.fields.find(arguments[i]); f != nullptr) {
             f->item.doomed = true;
             deleted++;
         }
+    }
     announce_hash(*key);
     return integer(deleted);
 }
@@ -587,49 +637,58 @@ std::string store_model::hdel(const text_list& arguments) {
 
 void store_model::push(value& list, const std::string& text, bool at_head) {
     if (list.items.size() >= list.cap) {
-        if (list.items.empty())
+        if (list.items.empty()) {
             return;
-        if (at_head)
+        }
+        if (at_head) {
             list.items.pop_back();
-        else
+        } else {
             list.items.pop_front();
+        }
     }
-    if (at_head)
+    if (at_head) {
         list.items.push_front(before_nul(text));
-    else
+    } else {
         list.items.push_back(before_nul(text));
+    }
 }
 
 std::string store_model::push_all(const text_list& arguments, bool at_head) {
     const key_entry* clash = lookup(arguments[0]);
-    if (clash != nullptr && clash->item.type != kind::list && !is_observed)
+    if (clash != nullptr && clash->item.type != kind::list && !is_observed) {
         return ERROR;
+    }
     key_entry* key = lookup_or_create(arguments[0], kind::list);
-    if (key == nullptr)
+    if (key == nullptr) {
         return "";
-    for (size_t i = 1; i < arguments.size(); i++)
+    }
+    for (size_t i = 1; i < arguments.size(); i++) {
         push(key->item, arguments[i], at_head);
+    }
     return integer(static_cast<int64_t>(key->item.items.size()));
 }
 
 std::string store_model::push_first(const text_list& arguments, bool at_head) {
     key_entry* key = lookup(arguments[0], kind::list);
-    if (key == nullptr)
+    if (key == nullptr) {
         return integer(0);
+    }
     push(key->item, arguments[1], at_head);
     return integer(static_cast<int64_t>(key->item.items.size()));
 }
 
 std::string store_model::pop(const text_list& arguments, bool at_head) {
     key_entry* key = lookup(arguments[0], kind::list);
-    if (key == nullptr || key->item.items.empty())
+    if (key == nullptr || key->item.items.empty()) {
         return NIL;
+    }
     std::deque<std::string>& items = key->item.items;
     const std::string item = at_head ? items.front() : items.back();
-    if (at_head)
+    if (at_head) {
         items.pop_front();
-    else
+    } else {
         items.pop_back();
+    }
     return bulk_frame(item);
 }
 
@@ -659,70 +718,85 @@ std::string store_model::rpop(const text_list& arguments) {
 
 std::string store_model::llen(const text_list& arguments) {
     const key_entry* key = lookup(arguments[0]);
-    if (key == nullptr)
+    if (key == nullptr) {
         return integer(0);
-    if (key->item.type != kind::list)
+    }
+    if (key->item.type != kind::list) {
         return ERROR;
+    }
     return integer(static_cast<int64_t>(key->item.items.size()));
 }
 
 std::string store_model::lindex(const text_list& arguments) {
     const key_entry* key = lookup(arguments[0], kind::list);
-    if (key == nullptr)
+    if (key == nullptr) {
         return ERROR;
+    }
     const std::deque<std::string>& items = key->item.items;
     const int64_t count = static_cast<int64_t>(items.size());
     const read_number index = parse_number(arguments[1], 10, 32);
-    if (index.digits && (index.value > count - 1 || index.value < -count))
+    if (index.digits && (index.value > count - 1 || index.value < -count)) {
         return NIL;
-    if (items.empty())
+    }
+    if (items.empty()) {
         return bulk_frame("");
+    }
     return bulk_frame(
         items[static_cast<size_t>(index.value < 0 ? count + index.value : index.value)]);
 }
 
 std::string store_model::lrange(const text_list& arguments) {
     key_entry* key = lookup(arguments[0], kind::list);
-    if (key == nullptr)
+    if (key == nullptr) {
         return ERROR;
+    }
     const std::deque<std::string>& items = key->item.items;
     const int64_t count = static_cast<int64_t>(items.size());
     const read_number start = parse_number(arguments[1], 0, 32);
-    if (start.digits && start.value > key->item.cap - 1)
+    if (start.digits && start.value > key->item.cap - 1) {
         return NIL;
+    }
     const read_number given_stop = parse_number(arguments[2], 10, 32);
-    if (!given_stop.digits)
+    if (!given_stop.digits) {
         return ERROR;
+    }
     int64_t stop = given_stop.value;
-    if (stop <= key->item.cap - 1)
+    if (stop <= key->item.cap - 1) {
         stop = std::min(stop, count - 1);
-    else
+    } else {
         key->item.cap = static_cast<uint16_t>(stop);
-    if ((start.value < 0) != (stop < 0))
+    }
+    if ((start.value < 0) != (stop < 0)) {
         return NIL;
+    }
     const int64_t first = std::abs(start.value);
     const int64_t last = std::abs(stop);
-    if (last < first)
+    if (last < first) {
         return NIL;
+    }
     std::vector<std::optional<std::string>> found;
     for (int64_t i = first; i <= last && i <= count; i++) {
         const int64_t index = start.value < 0 ? count - i : i;
-        if (index >= 0 && index < count)
+        if (index >= 0 && index < count) {
             found.push_back(items[static_cast<size_t>(index)]);
+        }
     }
     return list_frame(found);
 }
 
 std::string store_model::lmaxlen(const text_list& arguments) {
     key_entry* key = lookup(arguments[0]);
-    if (key == nullptr)
+    if (key == nullptr) {
         return integer(0);
-    if (key->item.type != kind::list)
+    }
+    if (key->item.type != kind::list) {
         return ERROR;
+    }
     const read_number n = parse_number(arguments[1], 0, 32);
     if (n.digits && n.value >= 1) {
-        while (static_cast<int64_t>(key->item.items.size()) > n.value)
+        while (static_cast<int64_t>(key->item.items.size()) > n.value) {
             key->item.items.pop_back();
+        }
         key->item.cap = static_cast<uint16_t>(n.value);
     }
     return integer(key->item.cap);
@@ -731,12 +805,13 @@ std::string store_model::lmaxlen(const text_list& arguments) {
 /* --- Files: keys of histories are not part of the model --- */
 
 std::string store_model::dump(const text_list& arguments) {
-    for (const key_entry* key : keys.walk())
+    for (const key_entry* key : keys.walk()) {
         if (key->item.type == kind::string && matches(arguments[1], key->name)) {
             const std::string text = key->item.text.value_or("");
             result.dumped +=
                 big_endian(key->name.size()) + key->name + big_endian(text.size()) + text;
         }
+    }
     return integer(0);
 }
 
@@ -744,14 +819,17 @@ std::string store_model::load(const text_list&) {
     for (size_t at = 0; loaded.size() - at >= 9;) {
         const uint64_t left = loaded.size() - at;
         const uint64_t name_length = big_endian(loaded, at);
-        if (name_length + 8 > left)
+        if (name_length + 8 > left) {
             break;
+        }
         const uint64_t length = big_endian(loaded, at + 4 + name_length);
-        if (name_length + length + 8 > left)
+        if (name_length + length + 8 > left) {
             break;
+        }
         key_entry* key = lookup(loaded.substr(at + 4, name_length), kind::string);
-        if (key != nullptr)
+        if (key != nullptr) {
             key->item.text = loaded.substr(at + 8 + name_length, length);
+        }
         at += 8 + name_length + length;
     }
     return integer(0);

@@ -7,16 +7,19 @@ namespace system_test {
 
 void daemon_test::SetUp() {
     std::string missing = sandbox::enter();
-    if (!missing.empty())
+    if (!missing.empty()) {
         GTEST_SKIP() << missing;
+    }
     ASSERT_TRUE(file_exists(sandbox::tessard_path())) << "no daemon at " << TESSARD_PROGRAM;
 }
 
 void daemon_test::TearDown() {
-    if (HasFailure())
-        for (const auto& one : launched)
+    if (HasFailure()) {
+        for (const auto& one : launched) {
             std::cerr << "output of daemon " << one->pid() << ":\n"
                       << one->out() << one->err() << "\n";
+        }
+    }
     launched.clear();
     EXPECT_TRUE(end_all_children()) << "a process outlives its test";
     sandbox::leave();
@@ -45,8 +48,9 @@ static std::vector<std::string> under_emulator(const std::string& program,
                                                const std::vector<std::string>& arguments) {
     std::vector<std::string> words;
     std::istringstream emulator(sandbox::emulator());
-    for (std::string word; emulator >> word;)
+    for (std::string word; emulator >> word;) {
         words.push_back(word);
+    }
     words.push_back(program);
     words.insert(words.end(), arguments.begin(), arguments.end());
     return words;

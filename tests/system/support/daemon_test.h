@@ -58,8 +58,9 @@ class client_test : public daemon_test {
   protected:
     void SetUp() override {
         daemon_test::SetUp();
-        if (IsSkipped() || HasFatalFailure())
+        if (IsSkipped() || HasFatalFailure()) {
             return;
+        }
         daemon = &start();
         client = resp_client();
     }

@@ -14,27 +14,31 @@ namespace system_test {
 std::string read_file(const std::string& path) {
     std::string text;
     int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (fd < 0)
+    if (fd < 0) {
         return text;
+    }
     char chunk[16384];
     ssize_t got;
-    while ((got = read(fd, chunk, sizeof chunk)) > 0)
+    while ((got = read(fd, chunk, sizeof chunk)) > 0) {
         text.append(chunk, static_cast<size_t>(got));
+    }
     close(fd);
     return text;
 }
 
 void make_folders(const std::string& path) {
     for (size_t slash = path.find('/', 1); slash != std::string::npos;
-         slash = path.find('/', slash + 1))
+         slash = path.find('/', slash + 1)) {
         mkdir(path.substr(0, slash).c_str(), 0755);
+    }
     mkdir(path.c_str(), 0755);
 }
 
 void write_file(const std::string& path, const std::string& text, mode_t mode) {
     size_t slash = path.rfind('/');
-    if (slash != std::string::npos && slash > 0)
+    if (slash != std::string::npos && slash > 0) {
         make_folders(path.substr(0, slash));
+    }
 
     /* A leading dot keeps the half-written file out of sight of everything that lists the folder.
      */

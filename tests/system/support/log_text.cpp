@@ -22,10 +22,12 @@ static size_t message_end(const std::string& text, size_t from, bool coloured) {
     std::smatch parts;
     for (size_t end = text.find('\n', from); end != std::string::npos;
          end = text.find('\n', end + 1)) {
-        if (coloured && end >= from + 4 && text.compare(end - 4, 4, "\x1b[0m") == 0)
+        if (coloured && end >= from + 4 && text.compare(end - 4, 4, "\x1b[0m") == 0) {
             return end - 4;
-        if (!coloured && (end + 1 == text.size() || opening_at(text, end + 1, &parts)))
+        }
+        if (!coloured && (end + 1 == text.size() || opening_at(text, end + 1, &parts))) {
             return end;
+        }
     }
     return std::string::npos;
 }
@@ -36,8 +38,9 @@ std::vector<log_record> parse_log(const std::string& text) {
     while (at < text.size()) {
         std::smatch parts;
         size_t end = std::string::npos;
-        if (opening_at(text, at, &parts))
+        if (opening_at(text, at, &parts)) {
             end = message_end(text, at + static_cast<size_t>(parts.length(0)), parts.length(1) > 0);
+        }
         if (end == std::string::npos) {
             records.push_back({"", "", "", text.substr(at), ""});
             break;
@@ -56,10 +59,12 @@ std::vector<std::string> log_messages(const std::string& text,
     std::vector<std::string> messages;
     for (const log_record& record : parse_log(text)) {
         bool wanted = words.empty();
-        for (const std::string& word : words)
+        for (const std::string& word : words) {
             wanted = wanted || record.text.find(word) != std::string::npos;
-        if (wanted)
+        }
+        if (wanted) {
             messages.push_back(record.text);
+        }
     }
     return messages;
 }

@@ -41,8 +41,9 @@ static void become(const std::vector<std::string>& argv, const process_options& 
     redirect(0, "/dev/null", O_RDONLY);
     redirect(1, out.c_str(), O_WRONLY | O_CREAT | O_APPEND);
     redirect(2, err.c_str(), O_WRONLY | O_CREAT | O_APPEND);
-    for (int fd = 3; fd < 1024; fd++)
+    for (int fd = 3; fd < 1024; fd++) {
         close(fd);
+    }
     const char* path = getenv("PATH");
     setenv(
         "PATH",
@@ -51,16 +52,20 @@ static void become(const std::vector<std::string>& argv, const process_options& 
         1);
     setenv("TZ", "UTC", 1);
     setenv("LC_ALL", "C", 1);
-    for (const std::string& entry : options.environment)
+    for (const std::string& entry : options.environment) {
         putenv(strdup(entry.c_str()));
+    }
     umask(0);
-    if (chdir(sandbox::workspace("work").c_str()) != 0 || !sandbox::enter_proc())
+    if (chdir(sandbox::workspace("work").c_str()) != 0 || !sandbox::enter_proc()) {
         _exit(126);
-    if (options.before_exec)
+    }
+    if (options.before_exec) {
         options.before_exec();
+    }
     std::vector<char*> words;
-    for (const std::string& word : argv)
+    for (const std::string& word : argv) {
         words.push_back(const_cast<char*>(word.c_str()));
+    }
     words.push_back(nullptr);
     execvp(words[0], words.data());
     _exit(127);
@@ -73,8 +78,9 @@ process::process(const std::vector<std::string>& argv, const process_options& op
     err_path = base + ".err";
     fflush(nullptr);
     child = fork();
-    if (child == 0)
+    if (child == 0) {
         become(argv, options, out_path, err_path);
+    }
 }
 
 process::~process() {
@@ -82,14 +88,16 @@ process::~process() {
 }
 
 int process::wait_exit(int limit_ms) {
-    if (status == STILL_RUNNING)
+    if (status == STILL_RUNNING) {
         status = reap(child, limit_ms);
+    }
     return status;
 }
 
 void process::signal(int number) const {
-    if (status == STILL_RUNNING && child > 0)
+    if (status == STILL_RUNNING && child > 0) {
         kill(child, number);
+    }
 }
 
 bool process::halt() {
@@ -127,8 +135,9 @@ named_process::named_process(const std::string& name) {
     if (child == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0);
         prctl(PR_SET_NAME, name.c_str(), 0, 0, 0);
-        for (;;)
+        for (;;) {
             pause();
+        }
     }
     eventually(
         [&] { return read_file("/proc/" + std::to_string(child) + "/comm") == name + "\n"; });
@@ -142,8 +151,9 @@ named_process::~named_process() {
 }
 
 int named_process::wait_exit(int limit_ms) {
-    if (status == STILL_RUNNING)
+    if (status == STILL_RUNNING) {
         status = reap(child, limit_ms);
+    }
     return status;
 }
 
@@ -163,8 +173,9 @@ bool end_all_children() {
     return eventually([] {
         reap_all();
         std::vector<pid_t> left = sandbox::inhabitants();
-        for (pid_t pid : left)
+        for (pid_t pid : left) {
             kill(pid, SIGKILL);
+        }
         return left.empty();
     });
 }

@@ -15,21 +15,24 @@ namespace system_test {
 
 std::string request_frame(const std::vector<std::string>& words) {
     std::string frame = "*" + std::to_string(words.size()) + "\r\n";
-    for (const std::string& word : words)
+    for (const std::string& word : words) {
         frame += "$" + std::to_string(word.size()) + "\r\n" + word + "\r\n";
+    }
     return frame;
 }
 
 static int connect_to(const sockaddr* address, socklen_t length) {
     int fd = socket(address->sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
+    if (fd < 0) {
         return -1;
+    }
     /* The limit also holds for connect(), which waits while the daemon's queue of new connections
      * is full. */
     timeval limit = {LIMIT_MS / 1000, 0};
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-    if (connect(fd, address, length) == 0)
+    if (connect(fd, address, length) == 0) {
         return fd;
+    }
     int reason = errno;
     close(fd);
     errno = reason;
@@ -74,25 +77,29 @@ resp_client& resp_client::operator=(resp_client&& other) noexcept {
 
 bool resp_client::send(const std::string& bytes) {
     ssize_t sent;
-    do
+    do {
         sent = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-    while (sent < 0 && errno == EINTR);
+    } while (sent < 0 && errno == EINTR);
     return sent == static_cast<ssize_t>(bytes.size());
 }
 
 /* Waits for one more piece and puts it behind the unread bytes. */
 resp_client::more resp_client::receive(int limit_ms) {
-    if (fd < 0)
+    if (fd < 0) {
         return more::closed;
+    }
     pollfd wait = {fd, POLLIN, 0};
-    if (poll(&wait, 1, limit_ms < 0 ? 0 : limit_ms) <= 0)
+    if (poll(&wait, 1, limit_ms < 0 ? 0 : limit_ms) <= 0) {
         return more::nothing;
+    }
     char chunk[65536];
     ssize_t got = recv(fd, chunk, sizeof chunk, MSG_DONTWAIT);
-    if (got < 0 && (errno == EINTR || errno == EAGAIN))
+    if (got < 0 && (errno == EINTR || errno == EAGAIN)) {
         return more::nothing;
-    if (got <= 0)
+    }
+    if (got <= 0) {
         return more::closed;
+    }
     unread.append(chunk, static_cast<size_t>(got));
     return more::bytes;
 }
@@ -107,8 +114,9 @@ std::string resp_client::take(size_t count) {
  * all. */
 long resp_client::whole_frame(size_t start) const {
     size_t line_end = unread.find("\r\n", start);
-    if (line_end == std::string::npos)
+    if (line_end == std::string::npos) {
         return 0;
+    }
     long length = static_cast<long>(line_end + 2 - start);
     long number = atol(unread.c_str() + start + 1);
     switch (unread[start]) {
@@ -117,16 +125,18 @@ long resp_client::whole_frame(size_t start) const {
     case ':':
         return length;
     case '$':
-        if (number >= 0)
+        if (number >= 0) {
             length += number + 2;
+        }
         return unread.size() - start >= static_cast<size_t>(length) ? length : 0;
     case '*':
     case '!':
         for (long element = 0; element < number; element++) {
             size_t at = start + static_cast<size_t>(length);
             long part = at < unread.size() ? whole_frame(at) : 0;
-            if (part <= 0)
+            if (part <= 0) {
                 return part;
+            }
             length += part;
         }
         return length;
@@ -139,21 +149,26 @@ std::string resp_client::frame(int limit_ms) {
     long end = now_ms() + limit_ms;
     for (;;) {
         long length = unread.empty() ? 0 : whole_frame(0);
-        if (length > 0)
+        if (length > 0) {
             return take(static_cast<size_t>(length));
-        if (length < 0)
+        }
+        if (length < 0) {
             return take(unread.size()) + "<no frame>";
+        }
         more result = receive(static_cast<int>(end - now_ms()));
-        if (result == more::closed)
+        if (result == more::closed) {
             return take(unread.size()) + "<closed>";
-        if (result == more::nothing && now_ms() >= end)
+        }
+        if (result == more::nothing && now_ms() >= end) {
             return take(unread.size()) + "<nothing came>";
+        }
     }
 }
 
 std::string resp_client::call(const std::vector<std::string>& words, int limit_ms) {
-    if (!send(request_frame(words)))
+    if (!send(request_frame(words))) {
         return take(unread.size()) + "<closed>";
+    }
     return frame(limit_ms);
 }
 
@@ -161,10 +176,12 @@ std::string resp_client::bytes(size_t count, int limit_ms) {
     long end = now_ms() + limit_ms;
     while (unread.size() < count) {
         more result = receive(static_cast<int>(end - now_ms()));
-        if (result == more::closed)
+        if (result == more::closed) {
             return take(unread.size()) + "<closed>";
-        if (result == more::nothing && now_ms() >= end)
+        }
+        if (result == more::nothing && now_ms() >= end) {
             return take(unread.size()) + "<nothing came>";
+        }
     }
     return take(count);
 }
@@ -173,10 +190,12 @@ std::string resp_client::until_closed(int limit_ms) {
     long end = now_ms() + limit_ms;
     for (;;) {
         more result = receive(static_cast<int>(end - now_ms()));
-        if (result == more::closed)
+        if (result == more::closed) {
             return take(unread.size());
-        if (result == more::nothing && now_ms() >= end)
+        }
+        if (result == more::nothing && now_ms() >= end) {
             return take(unread.size()) + "<still open>";
+        }
     }
 }
 
@@ -184,10 +203,12 @@ std::string resp_client::during(int ms) {
     long end = now_ms() + ms;
     for (;;) {
         more result = receive(static_cast<int>(end - now_ms()));
-        if (result == more::closed)
+        if (result == more::closed) {
             return take(unread.size()) + "<closed>";
-        if (now_ms() >= end)
+        }
+        if (now_ms() >= end) {
             return take(unread.size());
+        }
     }
 }
 
@@ -202,8 +223,9 @@ void resp_client::end_sending() {
 }
 
 void resp_client::close() {
-    if (fd >= 0)
+    if (fd >= 0) {
         ::close(fd);
+    }
     fd = -1;
 }
 

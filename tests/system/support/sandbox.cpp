@@ -50,8 +50,9 @@ static std::string network_of(const std::string& pid) {
 
 /* Covers a folder with an empty one that lives in memory. */
 static bool cover(const std::string& path, const char* mode) {
-    if (mount("tessard-test", path.c_str(), "tmpfs", MS_NOSUID, mode) != 0)
+    if (mount("tessard-test", path.c_str(), "tmpfs", MS_NOSUID, mode) != 0) {
         return false;
+    }
     state.mounts.push_back(path);
     return true;
 }
@@ -60,18 +61,20 @@ static bool cover(const std::string& path, const char* mode) {
  * or folder. */
 static bool show(const std::string& source, const std::string& target) {
     struct stat info;
-    if (lstat(source.c_str(), &info) != 0)
+    if (lstat(source.c_str(), &info) != 0) {
         return false;
+    }
     if (S_ISLNK(info.st_mode)) {
         char text[4096];
         ssize_t length = readlink(source.c_str(), text, sizeof text - 1);
         return length >= 0 &&
                symlink(std::string(text, static_cast<size_t>(length)).c_str(), target.c_str()) == 0;
     }
-    if (S_ISDIR(info.st_mode))
+    if (S_ISDIR(info.st_mode)) {
         mkdir(target.c_str(), 0755);
-    else
+    } else {
         close(open(target.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+    }
     return mount(source.c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0;
 }
 
@@ -79,21 +82,27 @@ static bool show(const std::string& source, const std::string& target) {
  * names none. */
 static bool cover_but_keep(const std::string& path, std::vector<std::string> keep) {
     int covered = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (covered < 0)
+    if (covered < 0) {
         return false;
+    }
     if (keep.empty()) {
         DIR* folder = fdopendir(dup(covered));
-        for (dirent* entry; folder != nullptr && (entry = readdir(folder)) != nullptr;)
-            if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0)
+        for (dirent* entry; folder != nullptr && (entry = readdir(folder)) != nullptr;) {
+            if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) {
                 keep.push_back(entry->d_name);
-        if (folder != nullptr)
+            }
+        }
+        if (folder != nullptr) {
             closedir(folder);
+        }
     }
     /* What was covered can still be reached through the open descriptor. */
     bool done = cover(path, "mode=755");
-    for (const std::string& name : keep)
-        if (done)
+    for (const std::string& name : keep) {
+        if (done) {
             show("/proc/self/fd/" + std::to_string(covered) + "/" + name, path + "/" + name);
+        }
+    }
     close(covered);
     return done;
 }
@@ -118,15 +127,18 @@ static std::string enter_first_time() {
     uid_t uid = getuid();
     gid_t gid = getgid();
     if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0) {
-        if (unshare(CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWNET) != 0)
+        if (unshare(CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWNET) != 0) {
             return reason("no namespaces here (unshare)");
+        }
         map_own_user(uid, gid);
     }
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
         return reason("mounts cannot be made private here");
+    }
     if (!file_exists("/usr/lib/lua")) {
-        if (!cover_but_keep("/usr/lib", {}))
+        if (!cover_but_keep("/usr/lib", {})) {
             return reason("/usr/lib cannot be covered here");
+        }
         mkdir("/usr/lib/lua", 0755);
         state.mounts.clear();
     }
@@ -151,8 +163,9 @@ static void bring_up(const char* interface) {
 std::string enter() {
     if (!state.entered_before) {
         std::string missing = enter_first_time();
-        if (!missing.empty())
+        if (!missing.empty()) {
             return missing;
+        }
     } else if (unshare(CLONE_NEWNET) != 0) {
         return reason("no network namespace here (unshare)");
     }
@@ -177,43 +190,52 @@ std::string enter() {
         make_folders(workspace("work"));
     }
     for (auto [program, path] :
-         {std::pair(tessard, tessard_path()), std::pair(tessctl, tessctl_path())})
+         {std::pair(tessard, tessard_path()), std::pair(tessctl, tessctl_path())}) {
         if (program >= 0) {
             close(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0755));
             std::string source = "/proc/self/fd/" + std::to_string(program);
             if (missing.empty() &&
-                mount(source.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) != 0)
+                mount(source.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) != 0) {
                 missing = reason("programs cannot be shown in the workspace");
+            }
             close(program);
         }
+    }
     state.inside = missing.empty();
-    if (!missing.empty())
+    if (!missing.empty()) {
         leave();
+    }
     return missing;
 }
 
 std::vector<pid_t> inhabitants() {
     std::vector<pid_t> found;
     std::string ours = network_of("self");
-    if (!state.inside || ours.empty() || state.outer_network.empty() || ours == state.outer_network)
+    if (!state.inside || ours.empty() || state.outer_network.empty() ||
+        ours == state.outer_network) {
         return found;
+    }
     DIR* folder = opendir("/proc");
     for (dirent* entry; folder != nullptr && (entry = readdir(folder)) != nullptr;) {
         pid_t pid = atoi(entry->d_name);
-        if (pid > 0 && pid != getpid() && network_of(entry->d_name) == ours)
+        if (pid > 0 && pid != getpid() && network_of(entry->d_name) == ours) {
             found.push_back(pid);
+        }
     }
-    if (folder != nullptr)
+    if (folder != nullptr) {
         closedir(folder);
+    }
     return found;
 }
 
 void leave() {
-    for (int fd : state.terminals)
+    for (int fd : state.terminals) {
         close(fd);
+    }
     state.terminals.clear();
-    for (size_t i = state.mounts.size(); i > 0; i--)
+    for (size_t i = state.mounts.size(); i > 0; i--) {
         umount2(state.mounts[i - 1].c_str(), MNT_DETACH);
+    }
     state.mounts.clear();
     state.proc_made_up = false;
     state.inside = false;
@@ -242,9 +264,10 @@ void add_plugin(const std::string& name, const std::string& body, mode_t mode) {
 std::string add_veth(const std::string& name, const std::string& peer) {
     process ip({"ip", "link", "add", name, "type", "veth", "peer", "name", peer});
     int status = ip.wait_exit();
-    if (status != 0)
+    if (status != 0) {
         return "no veth interfaces here (ip ended with " + std::to_string(status) +
                "): " + ip.err();
+    }
     bring_up(name.c_str());
     bring_up(peer.c_str());
     return "";
@@ -256,13 +279,15 @@ void remove_interface(const std::string& name) {
 }
 
 static void make_up_proc() {
-    if (state.proc_made_up)
+    if (state.proc_made_up) {
         return;
+    }
     state.proc_made_up = true;
     make_folders(workspace("proc/.real"));
     mount("/proc", workspace("proc/.real").c_str(), nullptr, MS_BIND | MS_REC, nullptr);
-    for (const char* name : {"self", "thread-self", "sys"})
+    for (const char* name : {"self", "thread-self", "sys"}) {
         symlink((std::string(".real/") + name).c_str(), (workspace("proc/") + name).c_str());
+    }
 }
 
 void set_proc_file(const std::string& name, const std::string& text) {
@@ -285,17 +310,20 @@ int add_terminal(const std::string& device) {
     int side = posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     char name[64];
     if (side < 0 || grantpt(side) != 0 || unlockpt(side) != 0 ||
-        ptsname_r(side, name, sizeof name) != 0)
+        ptsname_r(side, name, sizeof name) != 0) {
         return -1;
+    }
     int terminal = open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
     termios settings;
-    if (terminal < 0 || tcgetattr(terminal, &settings) != 0)
+    if (terminal < 0 || tcgetattr(terminal, &settings) != 0) {
         return -1;
+    }
     cfmakeraw(&settings);
     tcsetattr(terminal, TCSANOW, &settings);
     unlink(device.c_str());
-    if (symlink(name, device.c_str()) != 0)
+    if (symlink(name, device.c_str()) != 0) {
         return -1;
+    }
     state.terminals.push_back(side);
     state.terminals.push_back(terminal);
     return side;

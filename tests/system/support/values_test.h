@@ -20,8 +20,9 @@ class values_test : public client_test {
   protected:
     void SetUp() override {
         client_test::SetUp();
-        if (IsSkipped() || HasFatalFailure())
+        if (IsSkipped() || HasFatalFailure()) {
             return;
+        }
         EXPECT_EQ(call({"set", "s", "text"}), "+OK\r\n");
         EXPECT_EQ(call({"hset", "h", "f", "v"}), ":1\r\n");
         EXPECT_EQ(call({"rpush", "l", "a", "b", "c"}), ":3\r\n");
@@ -51,8 +52,9 @@ class values_test : public client_test {
     /* The same for so many times the request, which is always answered so. */
     long cost_of(int times, const std::vector<std::string>& request, const std::string& reply) {
         const long before = used_ms();
-        for (int i = 0; i < times && !HasFailure(); i++)
+        for (int i = 0; i < times && !HasFailure(); i++) {
             EXPECT_EQ(call(request), reply);
+        }
         return used_ms() - before;
     }
 };

@@ -13,10 +13,12 @@ long now_ms() {
 bool eventually(const std::function<bool()>& condition, int limit_ms) {
     long start = now_ms();
     for (;;) {
-        if (condition())
+        if (condition()) {
             return true;
-        if (now_ms() - start >= limit_ms)
+        }
+        if (now_ms() - start >= limit_ms) {
             return false;
+        }
         timespec pause = {0, 3000000};
         nanosleep(&pause, nullptr);
     }

@@ -23,8 +23,9 @@ class tessctl_board : public ::testing::Test {
                    const std::vector<uint32_t>& samples) {
         ctl_gauge* gauge = &board->gauges[board->count++];
         ctl_gauge_init(gauge, text_of(name), suffix, unit);
-        for (uint32_t sample : samples)
+        for (uint32_t sample : samples) {
             ctl_gauge_push(gauge, sample);
+        }
         gauge->known = !samples.empty();
         gauge->value = samples.empty() ? 0 : samples.back();
         return gauge;
@@ -83,8 +84,9 @@ TEST_F(tessctl_board, gives_each_figure_fewer_lines_where_there_is_less_room) {
 }
 
 TEST_F(tessctl_board, counts_what_it_leaves_out) {
-    for (const char* name : {"a", "b", "c", "d"})
+    for (const char* name : {"a", "b", "c", "d"}) {
         add(name, "", CTL_UNIT_COUNT, {});
+    }
     EXPECT_EQ(draw(20, 4), (lines{"tessard at /tmp/tess", "a", "b", "and 2 more"}));
     board->left_out = 6;
     EXPECT_EQ(draw(20, 6), (lines{"tessard at /tmp/tess", "a", "b", "c", "d", "and 6 more"}));
@@ -121,8 +123,9 @@ TEST_F(tessctl_board, lets_no_name_touch_the_terminal) {
 
 TEST_F(tessctl_board, shows_the_last_samples_at_the_right) {
     std::vector<uint32_t> samples;
-    for (uint32_t i = 0; i < 300; i++)
+    for (uint32_t i = 0; i < 300; i++) {
         samples.push_back(i < 292 ? 1000000 : i == 299 ? 0 : 2);
+    }
     ctl_gauge* gauge = add("Hosts", "", CTL_UNIT_COUNT, samples);
     EXPECT_EQ(gauge->count, 256U);
     /* The peak is that of the samples which are seen, and the scale ends at 4. */
@@ -153,10 +156,13 @@ TEST_F(tessctl_board, never_breaks_a_line) {
         add(name, " tx", CTL_UNIT_PERCENT, std::vector<uint32_t>(1, 255));
     }
     board->left_out = 3;
-    for (unsigned width = 1; width < 300; width += width < 90 ? 1 : 37)
-        for (unsigned height : {1U, 2U, 3U, 9U, 18U, 24U, 59U})
-            for (bool utf8 : {false, true})
+    for (unsigned width = 1; width < 300; width += width < 90 ? 1 : 37) {
+        for (unsigned height : {1U, 2U, 3U, 9U, 18U, 24U, 59U}) {
+            for (bool utf8 : {false, true}) {
                 ASSERT_EQ(draw(width, height, utf8).size(), height) << width << " columns";
+            }
+        }
+    }
 }
 
 TEST_F(tessctl_board, takes_the_last_samples_of_a_series) {
@@ -171,8 +177,9 @@ TEST_F(tessctl_board, takes_the_last_samples_of_a_series) {
               (std::vector<uint32_t>{10, 20, 30}));
 
     std::string long_ring;
-    for (int i = 0; i < 600; i++)
+    for (int i = 0; i < 600; i++) {
         long_ring += static_cast<char>(i % 101);
+    }
     const std::string cpu = ring_of_bytes({1, 1, 600, 600, 0}, long_ring);
     const std::string cpu_key = "cpu.10m";
     ASSERT_EQ(ctl_series_decode(text_of(cpu_key), text_of(cpu), &series), nullptr);

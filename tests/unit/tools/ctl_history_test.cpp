@@ -54,8 +54,9 @@ class tessctl_history : public ::testing::Test {
         ctl_history_plot(out, text_of(key), &s, width, utf8);
         std::vector<std::string> lines;
         std::istringstream text(out.text());
-        for (std::string line; std::getline(text, line);)
+        for (std::string line; std::getline(text, line);) {
             lines.push_back(line);
+        }
         return lines;
     }
 
@@ -222,8 +223,9 @@ TEST_F(tessctl_history, condenses_600_samples_to_the_width) {
     EXPECT_EQ(lines[17], "     0 +" + std::string(36, '-') + "+" + std::string(34, '-') + "+");
     EXPECT_EQ(lines[18], "        00:03:21" + std::string(24, ' ') + "00:08:21" +
                              std::string(24, ' ') + "00:13:20");
-    for (const std::string& line : lines)
+    for (const std::string& line : lines) {
         EXPECT_LE(line.size(), 80U);
+    }
     EXPECT_EQ(plot(83)[0], "cpu.10m: percent, 600 samples, maximum of 8 in each column");
 }
 
@@ -249,8 +251,9 @@ TEST_F(tessctl_history, plots_reports_by_their_numbers) {
 
 TEST_F(tessctl_history, is_plotted_at_any_width) {
     decode("cpu.10m", ring_of_bytes({1700000000, 1, 600, 600, 0}, std::string(600, '\1')));
-    for (unsigned width : {0U, 1U, 8U, 9U, 18U, 500U, 508U, 509U, 65535U, 0xffffffffU})
+    for (unsigned width : {0U, 1U, 8U, 9U, 18U, 500U, 508U, 509U, 65535U, 0xffffffffU}) {
         EXPECT_EQ(plot(width).size(), 19U) << width;
+    }
 }
 
 } // namespace

@@ -19,8 +19,9 @@ namespace {
 
 std::string composed(std::vector<std::string> words) {
     std::vector<char*> list;
-    for (std::string& word : words)
+    for (std::string& word : words) {
         list.push_back(word.data());
+    }
     size_t length = 0;
     char* bytes = ctl_net_compose(static_cast<int>(list.size()), list.data(), &length);
     std::string request(bytes, length);
@@ -54,8 +55,9 @@ TEST(tessctl_address, of_each_family_is_read) {
 TEST(tessctl_address, that_is_none_is_refused) {
     endpoint_address address;
     for (const char* text :
-         {"", "tessard.sock", "example.org", "1.2.3", "1.2.3.4.5", ":", "::1::", "localhost."})
+         {"", "tessard.sock", "example.org", "1.2.3", "1.2.3.4.5", ":", "::1::", "localhost."}) {
         EXPECT_FALSE(ctl_net_address(text, 7000, &address)) << text;
+    }
 }
 
 class tessctl_wire : public ::testing::Test {
@@ -72,15 +74,18 @@ class tessctl_wire : public ::testing::Test {
 
 TEST_F(tessctl_wire, a_request_larger_than_the_kernel_takes_is_continued) {
     std::string bytes;
-    for (int i = 0; bytes.size() < 3000000; i++)
+    for (int i = 0; bytes.size() < 3000000; i++) {
         bytes += std::to_string(i);
+    }
     std::string got;
     std::thread reader([&] {
         char chunk[65536];
         ssize_t size;
-        while (got.size() < bytes.size() && (size = ctl_net_read(ends[1], chunk, sizeof chunk,
-                                                                 ctl_net_now() + 20000, false)) > 0)
+        while (got.size() < bytes.size() &&
+               (size = ctl_net_read(ends[1], chunk, sizeof chunk, ctl_net_now() + 20000, false)) >
+                   0) {
             got.append(chunk, static_cast<size_t>(size));
+        }
     });
     EXPECT_EQ(ctl_net_send(ends[0], bytes.data(), bytes.size(), ctl_net_now() + 20000), 0);
     reader.join();

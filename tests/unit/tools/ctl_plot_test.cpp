@@ -26,8 +26,9 @@ std::string shortened(uint32_t number) {
 /* A bar from its lowest character to its highest. */
 std::string bar(uint32_t value, uint64_t top, unsigned height, bool utf8) {
     std::string cells;
-    for (unsigned row = 0; row < height; row++)
+    for (unsigned row = 0; row < height; row++) {
         cells += ctl_plot_cell(value, top, height, row, utf8);
+    }
     return cells;
 }
 
@@ -73,8 +74,9 @@ TEST(tessctl_plot_scale, ends_at_four_round_steps) {
                  {100001, 200000},
                  {4000000000, 4000000000},
                  {4294967295, 8000000000}};
-    for (const auto& one : cases)
+    for (const auto& one : cases) {
         EXPECT_EQ(ctl_plot_top(one.most), one.top) << one.most;
+    }
 }
 
 TEST(tessctl_plot_scale, has_labels_in_one_unit) {
@@ -120,8 +122,9 @@ TEST(tessctl_plot_bars, have_three_heights_a_character_in_ascii) {
 
 TEST(tessctl_plot_bars, have_eight_heights_a_character_in_utf8) {
     const std::string parts[] = {" ", "▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
-    for (uint32_t value = 0; value <= 8; value++)
+    for (uint32_t value = 0; value <= 8; value++) {
         EXPECT_EQ(bar(value, 8, 1, true), parts[value]);
+    }
     EXPECT_EQ(bar(50, 100, 2, true), "█ ");
     EXPECT_EQ(bar(51, 100, 2, true), "█▁");
 }
@@ -196,10 +199,11 @@ TEST(tessctl_plot, asks_the_environment_about_utf8) {
     for (const auto& one : cases) {
         for (auto [name, value] : {std::pair("LC_ALL", one.all), std::pair("LC_CTYPE", one.ctype),
                                    std::pair("LANG", one.lang)}) {
-            if (value == nullptr)
+            if (value == nullptr) {
                 unsetenv(name);
-            else
+            } else {
                 setenv(name, value, 1);
+            }
         }
         EXPECT_EQ(ctl_plot_utf8(), one.utf8) << (&one - cases);
     }

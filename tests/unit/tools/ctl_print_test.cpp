@@ -154,8 +154,9 @@ TEST_F(tessctl_printing, a_nil_in_an_event_differs_from_the_text) {
 
 TEST(tessctl_quoting, plain_words_stay_as_they_are) {
     for (const char* word :
-         {"a", "cpu.load", "-1", "00:1a:2b", "/tmp/x_y", "a@b", "50%", "a,b", "a=b", "+1"})
+         {"a", "cpu.load", "-1", "00:1a:2b", "/tmp/x_y", "a@b", "50%", "a,b", "a=b", "+1"}) {
         EXPECT_EQ(in_quotes(word), word);
+    }
 }
 
 TEST(tessctl_quoting, what_a_shell_would_touch_is_quoted) {
@@ -197,8 +198,9 @@ TEST(tessctl_quoting, utf8_stays_and_other_bytes_are_escaped) {
 
 /* Every single byte and every pair with a neighbour of another kind, read back by a real shell. */
 TEST(tessctl_quoting, a_shell_reads_back_what_was_quoted) {
-    if (access("/bin/bash", X_OK) != 0)
+    if (access("/bin/bash", X_OK) != 0) {
         GTEST_SKIP() << "no /bin/bash, and not every sh knows $'...'";
+    }
     std::string expected;
     std::string script = "LC_ALL=C; printf '%s\\n'";
     for (int c = 1; c < 256; c++) {
@@ -218,8 +220,9 @@ TEST(tessctl_quoting, a_shell_reads_back_what_was_quoted) {
     std::string got;
     char chunk[4096];
     size_t size;
-    while ((size = fread(chunk, 1, sizeof chunk, shell)) > 0)
+    while ((size = fread(chunk, 1, sizeof chunk, shell)) > 0) {
         got.append(chunk, size);
+    }
     pclose(shell);
     unlink(path);
     EXPECT_EQ(got, expected);

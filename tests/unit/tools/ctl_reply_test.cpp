@@ -117,8 +117,9 @@ TEST_F(tessctl_replies, a_frame_cut_at_any_byte_waits_for_the_rest) {
 TEST_F(tessctl_replies, frames_may_come_byte_by_byte) {
     for (const frame& f : FRAMES) {
         SCOPED_TRACE(f.bytes);
-        for (size_t i = 0; i + 1 < f.bytes.size(); i++)
+        for (size_t i = 0; i + 1 < f.bytes.size(); i++) {
             ASSERT_EQ(parse(f.bytes.substr(i, 1)), CTL_MORE) << i;
+        }
         EXPECT_EQ(parse(f.bytes.substr(f.bytes.size() - 1)), CTL_WHOLE);
         EXPECT_EQ(items(), f.items);
         start_afresh();
@@ -127,8 +128,9 @@ TEST_F(tessctl_replies, frames_may_come_byte_by_byte) {
 
 TEST_F(tessctl_replies, frames_that_come_together_are_read_one_after_the_other) {
     std::string all;
-    for (const frame& f : FRAMES)
+    for (const frame& f : FRAMES) {
         all += f.bytes;
+    }
     add(all);
     for (const frame& f : FRAMES) {
         SCOPED_TRACE(f.bytes);
@@ -265,8 +267,9 @@ TEST_F(tessctl_replies, a_frame_that_outgrows_the_limit_is_broken) {
         ASSERT_EQ(ctl_reply_parse(&r), CTL_MORE);
         size_t size = 0;
         char* room = ctl_reply_room(&r, &size);
-        if (room == nullptr)
+        if (room == nullptr) {
             break;
+        }
         size = std::min(size, chunk.size());
         memcpy(room, chunk.data(), size);
         ctl_reply_added(&r, size);
@@ -287,8 +290,9 @@ TEST_F(tessctl_replies, no_changed_byte_leads_outside) {
                 std::string changed = f.bytes;
                 changed[at] = mark;
                 if (parse(changed) == CTL_WHOLE) {
-                    for (const item& one : items())
+                    for (const item& one : items()) {
                         EXPECT_LE(one ? one->size() : 0, changed.size());
+                    }
                     EXPECT_EQ(bytes(), changed.substr(0, bytes().size()));
                 }
                 start_afresh();

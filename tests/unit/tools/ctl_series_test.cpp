@@ -25,8 +25,9 @@ class tessctl_series : public ::testing::Test {
 
     std::vector<uint32_t> figures(unsigned figure) const {
         std::vector<uint32_t> all;
-        for (uint32_t i = 0; i < s.filled; i++)
+        for (uint32_t i = 0; i < s.filled; i++) {
             all.push_back(ctl_series_value(&s, i, figure));
+        }
         return all;
     }
 
@@ -113,8 +114,9 @@ TEST_F(tessctl_series, has_five_figures_for_a_ping_target) {
             << key;
         const char* names[] = {"max", "min", "avg", "total", "loss"};
         ASSERT_EQ(s.kind->count, 5U);
-        for (unsigned i = 0; i < 5; i++)
+        for (unsigned i = 0; i < 5; i++) {
             EXPECT_STREQ(s.kind->figures[i].name, names[i]);
+        }
         EXPECT_EQ(figures(0), (numbers{50}));
         EXPECT_EQ(figures(4), (numbers{2}));
         EXPECT_TRUE(s.kind->reports);
@@ -124,14 +126,16 @@ TEST_F(tessctl_series, has_five_figures_for_a_ping_target) {
 TEST_F(tessctl_series, takes_an_interfaces_name_up_to_the_last_dot) {
     const std::string value = ring_of_numbers({1, 1, 1, 1, 0}, {1, 2, 3, 4});
     for (const char* key : {"eth0.10m", "eth0.100.10m", "ping.10m", "ping0.10m", "ping21.10m",
-                            "ping01.10m", "ping1x.10m", "ping100.10m", "cpu0.10m", "p-.x", "a."})
+                            "ping01.10m", "ping1x.10m", "ping100.10m", "cpu0.10m", "p-.x", "a."}) {
         EXPECT_EQ(decode(key, value), nullptr) << key;
+    }
 }
 
 TEST_F(tessctl_series, refuses_a_name_that_tells_nothing) {
     const std::string value = ring_of_numbers({1, 1, 1, 1, 0}, {1, 2, 3, 4});
-    for (const char* key : {"", "eth0", ".", ".10m"})
+    for (const char* key : {"", "eth0", ".", ".10m"}) {
         EXPECT_NE(decode(key, value), nullptr) << key;
+    }
 }
 
 TEST_F(tessctl_series, refuses_samples_that_the_name_does_not_promise) {
@@ -141,11 +145,14 @@ TEST_F(tessctl_series, refuses_samples_that_the_name_does_not_promise) {
                                    ring_of_bytes({1, 1, 1, 1, 0}, std::string(20, 'x'))};
     const std::vector<std::vector<std::string>> keys = {
         {"cpu.10m"}, {"host.10m", "conn.10m"}, {"eth0.10m"}, {"ping3.day"}};
-    for (size_t size = 0; size < 4; size++)
-        for (size_t kind = 0; kind < 4; kind++)
-            for (const std::string& key : keys[kind])
+    for (size_t size = 0; size < 4; size++) {
+        for (size_t kind = 0; kind < 4; kind++) {
+            for (const std::string& key : keys[kind]) {
                 EXPECT_EQ(decode(key, by_size[size]) == nullptr, size == kind)
                     << key << " size " << size;
+            }
+        }
+    }
     EXPECT_NE(decode("cpu.10m", ring_of_bytes({1, 1, 1, 1, 0}, "xx")), nullptr);
     EXPECT_NE(decode("eth0.10m", ring_of_bytes({1, 1, 1, 1, 0}, std::string(200, 'x'))), nullptr);
 }
@@ -165,19 +172,21 @@ TEST_F(tessctl_series, refuses_headers_that_do_not_fit) {
                  "its header says that the next slot is none of its own");
     EXPECT_STREQ(decode("cpu.10m", ring_of_bytes({1, 1, 4, 0, 0xffffffff}, four)),
                  "its header says that the next slot is none of its own");
-    for (uint32_t slots : {3U, 5U, 0x7fffffffU, 0x80000000U, 0x80000004U, 0xffffffffU})
+    for (uint32_t slots : {3U, 5U, 0x7fffffffU, 0x80000000U, 0x80000004U, 0xffffffffU}) {
         EXPECT_STREQ(decode("cpu.10m", ring_of_bytes({1, 1, slots, 0, 0}, four)),
                      "its length does not fit the number of its slots")
             << slots;
+    }
     EXPECT_STREQ(decode("cpu.10m", ring_of_bytes({1, 1, 4, 0, 0}, "")),
                  "its length does not fit the number of its slots");
 }
 
 TEST_F(tessctl_series, refuses_a_value_without_a_whole_header) {
     const std::string header = header_bytes({1, 1, 1, 1, 0});
-    for (size_t length = 0; length < header.size(); length++)
+    for (size_t length = 0; length < header.size(); length++) {
         EXPECT_STREQ(decode("cpu.10m", header.substr(0, length)),
                      "it is too short for the header of a history");
+    }
 }
 
 /* Every byte of the header replaced by every mark: what is accepted must be readable from end to
@@ -185,17 +194,20 @@ TEST_F(tessctl_series, refuses_a_value_without_a_whole_header) {
 TEST_F(tessctl_series, never_reads_outside_the_value_whatever_the_header_says) {
     const std::string good = ring_of_numbers({1700000000, 1, 3, 3, 1}, numbers(12, 7));
     const std::string marks("\0\1\2\3\4\x7f\x80\xff", 8);
-    for (size_t a = 0; a < 20; a++)
-        for (size_t b = 0; b < 20; b++)
+    for (size_t a = 0; a < 20; a++) {
+        for (size_t b = 0; b < 20; b++) {
             for (char mark : marks) {
                 std::string value = good;
                 value[a] = value[b] = mark;
                 if (decode("eth0.10m", value) == nullptr) {
                     EXPECT_EQ(figures(3), numbers(s.filled, 7));
-                    for (unsigned width : {1U, 2U, 3U, 4U, 80U})
+                    for (unsigned width : {1U, 2U, 3U, 4U, 80U}) {
                         EXPECT_LE(spread(width).size(), width);
+                    }
                 }
             }
+        }
+    }
 }
 
 TEST_F(tessctl_series, counts_its_times_back_from_the_last) {

@@ -25,8 +25,9 @@ inline std::string header_bytes(const ring_header& h) {
 /* A ring whose figures are of 4 bytes, given slot after slot. */
 inline std::string ring_of_numbers(const ring_header& h, const std::vector<uint32_t>& figures) {
     std::string bytes = header_bytes(h);
-    for (uint32_t figure : figures)
+    for (uint32_t figure : figures) {
         bytes += be32(figure);
+    }
     return bytes;
 }
 

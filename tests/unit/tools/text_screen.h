@@ -18,8 +18,9 @@ class text_screen {
         size_t at = 0;
         while (at < pending.size()) {
             const size_t used = take(at);
-            if (used == 0)
+            if (used == 0) {
                 break;
+            }
             at += used;
         }
         pending.erase(0, at);
@@ -30,8 +31,9 @@ class text_screen {
         std::vector<std::string> all;
         for (const auto& row : cells) {
             std::string line;
-            for (const std::string& cell : row)
+            for (const std::string& cell : row) {
                 line += cell;
+            }
             line.erase(line.find_last_not_of(' ') + 1);
             all.push_back(line);
         }
@@ -40,8 +42,9 @@ class text_screen {
 
     std::string text() const {
         std::string all;
-        for (const std::string& line : lines())
+        for (const std::string& line : lines()) {
             all += line + "\n";
+        }
         return all;
     }
 
@@ -63,35 +66,41 @@ class text_screen {
     /* Takes one character or sequence and returns its bytes; 0 when it is not whole yet. */
     size_t take(size_t at) {
         const unsigned char first = static_cast<unsigned char>(pending[at]);
-        if (first == '\x1b')
+        if (first == '\x1b') {
             return take_sequence(at);
+        }
         if (first == '\r') {
             column = 0;
             return 1;
         }
         if (first == '\n') {
-            if (row + 1 < cells.size())
+            if (row + 1 < cells.size()) {
                 row++;
+            }
             return 1;
         }
         const size_t length = first < 0x80 ? 1 : first < 0xe0 ? 2 : first < 0xf0 ? 3 : 4;
-        if (pending.size() - at < length)
+        if (pending.size() - at < length) {
             return 0;
-        if (first < 0x20 || first == 0x7f)
+        }
+        if (first < 0x20 || first == 0x7f) {
             found += "a control character\n";
-        else if (column >= width)
+        } else if (column >= width) {
             found += "a line is too long\n";
-        else
+        } else {
             cells[row][column++] = pending.substr(at, length);
+        }
         return length;
     }
 
     size_t take_sequence(size_t at) {
         size_t end = at + 2;
-        while (end < pending.size() && (pending[end] < '@' || pending[end] > '~'))
+        while (end < pending.size() && (pending[end] < '@' || pending[end] > '~')) {
             end++;
-        if (end >= pending.size())
+        }
+        if (end >= pending.size()) {
             return 0;
+        }
         obey(pending.substr(at, end + 1 - at));
         return end + 1 - at;
     }
@@ -100,10 +109,12 @@ class text_screen {
         if (sequence == "\x1b[2J") {
             wipe();
         } else if (sequence == "\x1b[K") {
-            if (column >= width)
+            if (column >= width) {
                 found += "erased behind a full line\n";
-            for (size_t i = column; i < width; i++)
+            }
+            for (size_t i = column; i < width; i++) {
                 cells[row][i] = " ";
+            }
         } else if (sequence == "\x1b[?25h" || sequence == "\x1b[?25l") {
             cursor_shown = sequence.back() == 'h';
         } else if (sequence == "\x1b[?7h" || sequence == "\x1b[?7l") {
@@ -122,8 +133,9 @@ class text_screen {
     }
 
     void wipe() {
-        for (auto& line : cells)
+        for (auto& line : cells) {
             line.assign(width, " ");
+        }
     }
 
     void move(const std::string& sequence) {
@@ -131,8 +143,9 @@ class text_screen {
         row = static_cast<size_t>(atoi(sequence.c_str() + 2)) - 1;
         column = static_cast<size_t>(atoi(sequence.c_str() + semicolon + 1)) - 1;
         /* 999 is the way to say "the last line". */
-        if (row == 998)
+        if (row == 998) {
             row = cells.size() - 1;
+        }
         if (row >= cells.size() || column >= width) {
             found += "outside: ESC" + sequence.substr(1) + "\n";
             row = column = 0;
