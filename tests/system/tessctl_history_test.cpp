@@ -11,7 +11,7 @@
 #include <algorithm>
 
 #include "tests/system/support/daemon_test.h"
-#include "tests/unit/tools/ring_value.h"
+#include "tests/unit/ctl/ring_value.h"
 
 using namespace system_test;
 

@@ -14,8 +14,8 @@
 #include <unistd.h>
 
 #include "tests/system/support/daemon_test.h"
-#include "tests/unit/tools/ring_value.h"
-#include "tests/unit/tools/text_screen.h"
+#include "tests/unit/ctl/ring_value.h"
+#include "tests/unit/ctl/text_screen.h"
 
 using namespace system_test;
 

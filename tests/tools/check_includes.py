@@ -14,7 +14,7 @@ import re
 import sys
 import tempfile
 
-FOLDERS = ["core", "loop", "proto", "store", "stats", "tools"]
+FOLDERS = ["core", "loop", "proto", "store", "stats", "ctl"]
 
 # From the ground. A name may be a pattern.
 FLOORS = [
@@ -33,7 +33,7 @@ FLOORS = [
     ["proto/command"],
     ["stats/*"],
     ["core/options", "core/main"],
-    ["tools/*"],
+    ["ctl/*"],
 ]
 
 INCLUDE = re.compile(r'^\s*#\s*include\s*"([^"]+)"')

@@ -16,7 +16,7 @@ import tempfile
 
 COMMANDS = "proto/command.cpp"
 OPTIONS = "core/options.cpp"
-CLIENT = "tools/tessctl.cpp"
+CLIENT = "ctl/tessctl.cpp"
 
 # The page, what its entries are, where the names stand, and the expression whose group holds them.
 TABLES = [

@@ -254,7 +254,7 @@ std::string emulator() {
 }
 
 void add_tool(const std::string& name, const std::string& body) {
-    write_file(workspace("tools/") + name, "#!/bin/sh\n" + body, 0755);
+    write_file(workspace("ctl/") + name, "#!/bin/sh\n" + body, 0755);
 }
 
 void add_plugin(const std::string& name, const std::string& body, mode_t mode) {

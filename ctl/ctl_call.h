@@ -1,0 +1,26 @@
+#pragma once
+
+#include "ctl/ctl_link.h"
+#include "ctl/ctl_status.h"
+
+/* What a subcommand of tessctl's own is handed. It prints to standard output and standard error,
+ * and what it returns is the exit status. The link is closed by whoever made it. */
+struct ctl_call {
+    ctl_link* link;
+    bool raw;      /* print the bytes of the frames as they come */
+    bool terminal; /* standard output is a terminal */
+    int count;     /* words, the subcommand's name included */
+    char** words;
+};
+
+/* Says on standard error what is wrong with a key, and returns `status`. */
+ctl_status ctl_call_complain(ctl_text key, const char* why, ctl_status status);
+
+/* Sends the words as one request. True when the reply stands in the link, to be shown. Otherwise
+ * `*status` is the subcommand's: no reply came, or it was printed as it came, since that is wanted.
+ */
+bool ctl_call_ask(const ctl_call* call, int count, char* const* words, ctl_status* status);
+
+/* The same for the string under a key. True when there is one: `*value` then stands in the link's
+ * reply. */
+bool ctl_call_get(const ctl_call* call, char* name, ctl_text* value, ctl_status* status);

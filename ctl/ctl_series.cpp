@@ -1,0 +1,166 @@
+#include "ctl/ctl_series.h"
+
+#include <string.h>
+
+#include "core/text.h"
+#include "stats/history.h"
+#include "stats/ping.h"
+
+namespace {
+
+enum header_offset : size_t {
+    AT_TIME = 0,
+    AT_PERIOD = 4,
+    AT_SLOTS = 8,
+    AT_FILLED = 12,
+    AT_HEAD = 16
+};
+
+constexpr ctl_kind CPU = {1, 1, 1, 100, false, {{"percent", "percent"}}};
+constexpr ctl_kind HOSTS = {4, 4, 1, 0, false, {{"hosts", "hosts"}}};
+constexpr ctl_kind CONNECTIONS = {4, 4, 1, 0, false, {{"connections", "connections"}}};
+constexpr ctl_kind PING = {
+    20,
+    4,
+    5,
+    0,
+    true,
+    {{"max", nullptr}, {"min", nullptr}, {"avg", "avg"}, {"total", nullptr}, {"loss", "loss"}}};
+constexpr ctl_kind INTERFACE = {16,
+                                4,
+                                4,
+                                0,
+                                false,
+                                {{"rxb", "rxb, bytes per second"},
+                                 {"rxp", nullptr},
+                                 {"txb", "txb, bytes per second"},
+                                 {"txp", nullptr}}};
+
+bool base_is(ctl_text base, const char* name) {
+    return base.length == strlen(name) && memcmp(base.bytes, name, base.length) == 0;
+}
+
+/* "ping" and a number from 1 to 20 as the daemon writes it. */
+bool is_ping(ctl_text base) {
+    if (base.length < 5 || base.length > 6 || memcmp(base.bytes, "ping", 4) != 0 ||
+        base.bytes[4] == '0') {
+        return false;
+    }
+    uint32_t number = 0;
+    for (size_t i = 4; i < base.length; i++) {
+        if (base.bytes[i] < '0' || base.bytes[i] > '9') {
+            return false;
+        }
+        number = number * 10 + static_cast<uint32_t>(base.bytes[i] - '0');
+    }
+    return number <= PING_TARGETS;
+}
+
+/* The kind that the key's name promises; null for a name without a "." or with nothing before it.
+ */
+const ctl_kind* kind_of(ctl_text key) {
+    size_t length = key.length;
+    while (length > 0 && key.bytes[length - 1] != '.') {
+        length--;
+    }
+    if (length < 2) {
+        return nullptr;
+    }
+    const ctl_text base = {key.bytes, length - 1};
+    if (base_is(base, "cpu")) {
+        return &CPU;
+    }
+    if (base_is(base, "host")) {
+        return &HOSTS;
+    }
+    if (base_is(base, "conn")) {
+        return &CONNECTIONS;
+    }
+    return is_ping(base) ? &PING : &INTERFACE;
+}
+
+/* The slot of a sample. */
+uint32_t slot_of(const ctl_series* series, uint32_t sample) {
+    if (series->filled < series->slots) {
+        return sample;
+    }
+    const uint32_t behind = series->slots - series->head;
+    return sample < behind ? series->head + sample : sample - behind;
+}
+
+} // namespace
+
+const char* ctl_series_decode(ctl_text key, ctl_text value, ctl_series* series) {
+    if (value.length < HISTORY_HEADER) {
+        return "it is too short for the header of a history";
+    }
+    series->kind = kind_of(key);
+    series->last = text_get_be32(value.bytes + AT_TIME);
+    series->period = text_get_be32(value.bytes + AT_PERIOD);
+    series->slots = text_get_be32(value.bytes + AT_SLOTS);
+    series->filled = text_get_be32(value.bytes + AT_FILLED);
+    series->head = text_get_be32(value.bytes + AT_HEAD);
+    series->ring = value.bytes + HISTORY_HEADER;
+    const size_t room = value.length - HISTORY_HEADER;
+    if (series->slots == 0) {
+        return "its header says that it has no slots";
+    }
+    if (series->slots > room || room % series->slots != 0) {
+        return "its length does not fit the number of its slots";
+    }
+    if (series->filled > series->slots) {
+        return "its header says that more slots are filled than there are";
+    }
+    if (series->head >= series->slots) {
+        return "its header says that the next slot is none of its own";
+    }
+    if (series->kind == nullptr) {
+        return "its name does not tell what its samples are";
+    }
+    if (series->kind->sample_size != room / series->slots) {
+        return "its samples have another size than those of a history of that name";
+    }
+    return nullptr;
+}
+
+uint32_t ctl_series_value(const ctl_series* series, uint32_t sample, unsigned figure) {
+    const ctl_kind* kind = series->kind;
+    const char* at = series->ring + size_t{slot_of(series, sample)} * kind->sample_size +
+                     size_t{figure} * kind->figure_size;
+    return kind->figure_size == 1 ? static_cast<unsigned char>(*at) : text_get_be32(at);
+}
+
+bool ctl_series_time(const ctl_series* series, uint32_t sample, int64_t* seconds) {
+    if (series->kind->reports || series->last == 0) {
+        return false;
+    }
+    const int64_t periods = int64_t{series->filled} - 1 - sample;
+    *seconds = series->last - periods * series->period;
+    return true;
+}
+
+unsigned ctl_series_spread(const ctl_series* series, unsigned figure, uint32_t* columns,
+                           unsigned width) {
+    const uint32_t filled = series->filled;
+    if (filled == 0) {
+        return 0;
+    }
+    const unsigned used = filled >= width ? width : width / filled * filled;
+    uint32_t sample = 0;
+    for (unsigned i = 0; i < used; i++) {
+        sample = ctl_series_at(series, i, used);
+        columns[i] = ctl_series_value(series, sample, figure);
+        const uint32_t next = ctl_series_at(series, i + 1, used);
+        for (sample++; sample < next; sample++) {
+            const uint32_t value = ctl_series_value(series, sample, figure);
+            if (value > columns[i]) {
+                columns[i] = value;
+            }
+        }
+    }
+    return used;
+}
+
+uint32_t ctl_series_at(const ctl_series* series, unsigned column, unsigned used) {
+    return static_cast<uint32_t>(uint64_t{column} * series->filled / used);
+}

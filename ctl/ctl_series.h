@@ -1,0 +1,68 @@
+#pragma once
+
+#include <stdint.h>
+
+#include "ctl/ctl_reply.h"
+
+/* Histories as they come from the daemon: the value of a key such as "cpu.10m", a header of five
+ * numbers and a ring of samples (drawn byte by byte in stats/history.h), all numbers unsigned and
+ * big-endian.
+ *
+ * A client may have written anything under such a key, so the value is checked before it is
+ * believed. Nothing is copied: a series points into the value and lives no longer. */
+
+/* The most figures that a sample has. */
+constexpr unsigned CTL_FIGURES_MAX = 5;
+
+struct ctl_figure {
+    const char* name;
+    const char* caption; /* what a plot of it is called; null for a figure that is not plotted */
+};
+
+/* What the samples are. The size of a sample and the key's name before its last "." tell:
+ *
+ *     "cpu"             1 byte      percent
+ *     "host"            4 bytes     hosts
+ *     "conn"            4 bytes     connections
+ *     "ping1".."ping20" 20 bytes    max, min, avg, total, loss; a period is in reports, not in
+ * seconds any other         16 bytes    rxb, rxp, txb, txp of the interface of that name, per
+ * second */
+struct ctl_kind {
+    uint32_t sample_size; /* bytes */
+    uint32_t figure_size; /* bytes */
+    unsigned count;       /* figures in a sample */
+    uint32_t most;        /* the most that a figure is meant to be, 0 when there is no such thing */
+    bool reports;         /* a period is in reports, so the times of the samples are not known */
+    ctl_figure figures[CTL_FIGURES_MAX];
+};
+
+struct ctl_series {
+    const ctl_kind* kind;
+    uint32_t last;   /* time of the last sample, seconds; 0 when not known */
+    uint32_t period; /* seconds or reports for each sample */
+    uint32_t slots;
+    uint32_t filled; /* samples that are there */
+    uint32_t head;   /* the slot of the oldest sample once all slots are filled */
+    const char* ring;
+};
+
+/* Understands the value of a key. Returns null, or a literal that says in plain words why it is no
+ * history.
+ */
+const char* ctl_series_decode(ctl_text key, ctl_text value, ctl_series* series);
+
+/* A figure of a sample; sample 0 is the oldest, filled - 1 the last. */
+uint32_t ctl_series_value(const ctl_series* series, uint32_t sample, unsigned figure);
+
+/* When the sample was taken, seconds, as far as the last sample's time tells: one period lies
+ * between two. False when that is not known. */
+bool ctl_series_time(const ctl_series* series, uint32_t sample, int64_t* seconds);
+
+/* Spreads the samples over at most `width` columns, oldest first, and returns how many are used.
+ * With more samples than columns each column is the largest of its samples, and every sample is in
+ * one; with fewer, each sample takes the same number of columns. */
+unsigned ctl_series_spread(const ctl_series* series, unsigned figure, uint32_t* columns,
+                           unsigned width);
+
+/* The first sample that a column shows, of a spread that uses `used` columns. */
+uint32_t ctl_series_at(const ctl_series* series, unsigned column, unsigned used);

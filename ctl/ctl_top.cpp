@@ -1,0 +1,286 @@
+#include "ctl/ctl_top.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "ctl/ctl_board.h"
+#include "ctl/ctl_net.h"
+#include "ctl/ctl_plot.h"
+#include "ctl/ctl_screen.h"
+#include "ctl/ctl_series.h"
+
+namespace {
+
+constexpr int64_t PERIOD_MS = 1000;
+
+/* Interfaces come seldom, and looking for them makes the daemon look at every key. */
+constexpr unsigned ROUNDS_PER_SEARCH = 5;
+
+constexpr char HISTORY_SUFFIX[] = ".10m";
+
+/* The machine's own gauges. The key's text is the value, the history its samples. */
+struct source {
+    const char* name;
+    ctl_unit unit;
+    const char* key;
+    const char* history; /* null: the values seen are the samples */
+};
+
+constexpr source SOURCES[] = {
+    {"CPU", CTL_UNIT_PERCENT, "cpu.load", "cpu.10m"},
+    {"Memory", CTL_UNIT_PERCENT, "mem.load", nullptr},
+    {"Hosts", CTL_UNIT_COUNT, "host.num", "host.10m"},
+    {"Connections", CTL_UNIT_COUNT, "conn", "conn.10m"},
+};
+constexpr unsigned SOURCE_COUNT = sizeof SOURCES / sizeof SOURCES[0];
+constexpr unsigned INTERFACES_MAX = (CTL_BOARD_GAUGES - SOURCE_COUNT) / 2;
+
+/* Interfaces' names end before 32 bytes. */
+constexpr size_t HISTORY_KEY_SIZE = 32 + sizeof HISTORY_SUFFIX;
+
+struct top_state {
+    ctl_link* link;
+    bool utf8;
+    unsigned rounds;
+    unsigned interfaces; /* keys of histories that may be those of interfaces, in order */
+    unsigned unknown;    /* and how many more there are */
+    char histories[INTERFACES_MAX][HISTORY_KEY_SIZE];
+    char clock[24];
+    ctl_board board;
+};
+
+/* A static record: too large for the stack of a small device. */
+top_state state;
+
+ctl_status ask(const char* const* words, int count) {
+    char* copies[1 + SOURCE_COUNT];
+    for (int i = 0; i < count; i++) {
+        copies[i] = const_cast<char*>(words[i]);
+    }
+    return ctl_link_ask(state.link, count, copies);
+}
+
+/* All of the text as a number of 32 bits; false for anything else. */
+bool read_number(ctl_text text, uint32_t* number) {
+    uint64_t sum = 0;
+    if (text.bytes == nullptr || text.length == 0 || text.length > 10) {
+        return false;
+    }
+    for (size_t i = 0; i < text.length; i++) {
+        if (text.bytes[i] < '0' || text.bytes[i] > '9') {
+            return false;
+        }
+        sum = sum * 10 + static_cast<uint64_t>(text.bytes[i] - '0');
+    }
+    *number = static_cast<uint32_t>(sum);
+    return sum <= UINT32_MAX;
+}
+
+ctl_text text_of(const char* text) {
+    return {text, strlen(text)};
+}
+
+/* The history under a key, when there is one: valid until the next request. */
+ctl_status fetch_series(const char* key, ctl_series* series, bool* found) {
+    const char* const words[] = {"get", key};
+    const ctl_status status = ask(words, 2);
+    *found = false;
+    if (status == CTL_DONE && state.link->reply.kind == '$') {
+        const ctl_text value = ctl_reply_item(&state.link->reply, 0);
+        *found =
+            value.bytes != nullptr && ctl_series_decode(text_of(key), value, series) == nullptr;
+    }
+    return status;
+}
+
+ctl_status collect_values() {
+    const char* words[1 + SOURCE_COUNT] = {"mget"};
+    for (unsigned i = 0; i < SOURCE_COUNT; i++) {
+        words[1 + i] = SOURCES[i].key;
+    }
+    const ctl_status status = ask(words, 1 + SOURCE_COUNT);
+    const ctl_reply* reply = &state.link->reply;
+    const bool whole = status == CTL_DONE && reply->kind == '*' && reply->count == SOURCE_COUNT;
+    for (unsigned i = 0; i < SOURCE_COUNT; i++) {
+        ctl_gauge* gauge = &state.board.gauges[i];
+        gauge->known = whole && read_number(ctl_reply_item(reply, i), &gauge->value);
+        if (gauge->known && SOURCES[i].history == nullptr) {
+            ctl_gauge_push(gauge, gauge->value);
+        }
+    }
+    return status;
+}
+
+ctl_status collect_samples() {
+    ctl_status status = CTL_DONE;
+    for (unsigned i = 0; i < SOURCE_COUNT && status == CTL_DONE; i++) {
+        if (SOURCES[i].history == nullptr) {
+            continue;
+        }
+        ctl_series series;
+        bool found;
+        status = fetch_series(SOURCES[i].history, &series, &found);
+        state.board.gauges[i].count = 0;
+        if (found) {
+            ctl_gauge_take(&state.board.gauges[i], &series, 0);
+        }
+    }
+    return status;
+}
+
+bool is_own_history(const char* key) {
+    for (const source& s : SOURCES) {
+        if (s.history != nullptr && strcmp(s.history, key) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+int compare_keys(const void* a, const void* b) {
+    return strcmp(static_cast<const char*>(a), static_cast<const char*>(b));
+}
+
+ctl_status search_interfaces() {
+    const char* const words[] = {"keys", "*.10m"};
+    const ctl_status status = ask(words, 2);
+    const ctl_reply* reply = &state.link->reply;
+    state.interfaces = 0;
+    state.unknown = 0;
+    for (uint32_t i = 0; status == CTL_DONE && reply->kind == '*' && i < reply->count; i++) {
+        const ctl_text key = ctl_reply_item(reply, i);
+        char* entry = state.histories[state.interfaces < INTERFACES_MAX ? state.interfaces : 0];
+        char name[HISTORY_KEY_SIZE];
+        if (key.bytes == nullptr || key.length >= sizeof name ||
+            memchr(key.bytes, '\0', key.length) != nullptr) {
+            continue;
+        }
+        memcpy(name, key.bytes, key.length);
+        name[key.length] = '\0';
+        if (is_own_history(name)) {
+            continue;
+        }
+        if (state.interfaces == INTERFACES_MAX) {
+            state.unknown++;
+            continue;
+        }
+        memcpy(entry, name, sizeof name);
+        state.interfaces++;
+    }
+    qsort(state.histories, state.interfaces, sizeof state.histories[0], compare_keys);
+    return status;
+}
+
+/* Adds the gauge of one figure; its value is the last sample, which is a second old at most. */
+void add_gauge(ctl_text name, const char* suffix, const ctl_series* series, unsigned figure) {
+    ctl_gauge* gauge = &state.board.gauges[state.board.count++];
+    ctl_gauge_init(gauge, name, suffix, CTL_UNIT_RATE);
+    ctl_gauge_take(gauge, series, figure);
+    gauge->known = gauge->count > 0;
+    gauge->value = gauge->known ? gauge->samples[gauge->count - 1] : 0;
+}
+
+ctl_status collect_interfaces() {
+    ctl_status status = state.rounds % ROUNDS_PER_SEARCH == 0 ? search_interfaces() : CTL_DONE;
+    state.rounds++;
+    state.board.count = SOURCE_COUNT;
+    state.board.left_out = 2 * state.unknown;
+    for (unsigned i = 0; i < state.interfaces && status == CTL_DONE; i++) {
+        ctl_series series;
+        bool found;
+        status = fetch_series(state.histories[i], &series, &found);
+        /* Anybody may have made a key of such a name. */
+        if (found && series.kind->count == 4) {
+            const ctl_text name = {state.histories[i],
+                                   strlen(state.histories[i]) - strlen(HISTORY_SUFFIX)};
+            add_gauge(name, " rx", &series, 0);
+            add_gauge(name, " tx", &series, 2);
+        }
+    }
+    return status;
+}
+
+ctl_status collect() {
+    const time_t now = time(nullptr);
+    tm parts;
+    if (localtime_r(&now, &parts) == nullptr ||
+        strftime(state.clock, sizeof state.clock, "%H:%M:%S", &parts) == 0) {
+        state.clock[0] = '\0';
+    }
+    ctl_status status = collect_values();
+    status = status == CTL_DONE ? collect_samples() : status;
+    return status == CTL_DONE ? collect_interfaces() : status;
+}
+
+void start(ctl_link* link) {
+    state = {};
+    state.link = link;
+    state.utf8 = ctl_plot_utf8();
+    state.board.address = link->text;
+    state.board.port = link->port;
+    state.board.clock = state.clock;
+    state.board.count = SOURCE_COUNT;
+    for (unsigned i = 0; i < SOURCE_COUNT; i++) {
+        ctl_gauge_init(&state.board.gauges[i], text_of(SOURCES[i].name), "", SOURCES[i].unit);
+    }
+}
+
+ctl_status draw() {
+    unsigned width;
+    unsigned height;
+    if (ctl_screen_is_new()) {
+        fputs("\x1b[2J", stdout);
+    }
+    ctl_screen_size(&width, &height);
+    ctl_board_draw(stdout, &state.board, width, height, state.utf8);
+    return fflush(stdout) == 0 ? CTL_DONE : CTL_OUTPUT;
+}
+
+ctl_status run() {
+    int64_t next = ctl_net_now() + PERIOD_MS;
+    ctl_status status = draw();
+    while (status == CTL_DONE) {
+        switch (ctl_screen_wait(next)) {
+        case CTL_SCREEN_QUIT:
+            return CTL_DONE;
+        case CTL_SCREEN_DRAW:
+            break;
+        case CTL_SCREEN_TIME:
+            status = collect();
+            /* Rounds that were missed are not made up for. */
+            next += PERIOD_MS;
+            if (next < ctl_net_now()) {
+                next = ctl_net_now() + PERIOD_MS;
+            }
+            break;
+        }
+        if (status == CTL_DONE) {
+            status = draw();
+        }
+    }
+    return status;
+}
+
+} // namespace
+
+ctl_status ctl_top(ctl_call* call) {
+    if (call->count != 1 || call->raw) {
+        fputs("tessctl: top takes no arguments and has no raw form\nTry tessctl -h.\n", stderr);
+        return CTL_USAGE;
+    }
+    if (isatty(STDIN_FILENO) != 1 || isatty(STDOUT_FILENO) != 1) {
+        fputs("tessctl: top needs a terminal as standard input and output\n", stderr);
+        return CTL_USAGE;
+    }
+    tzset();
+    start(call->link);
+    ctl_status status = collect();
+    if (status == CTL_DONE && ctl_screen_open()) {
+        status = run();
+        ctl_screen_close();
+    }
+    return status;
+}
