@@ -11,9 +11,9 @@
 
 namespace {
 
-class Buffer : public testing::Test {
+class buffer_test : public testing::Test {
   protected:
-    ~Buffer() override {
+    ~buffer_test() override {
         buffer_free(&b);
     }
 
@@ -61,11 +61,11 @@ class Buffer : public testing::Test {
     buffer b = {};
 };
 
-typedef Buffer BufferDeathTest;
+typedef buffer_test buffer_death_test;
 
 } // namespace
 
-TEST_F(Buffer, FieldsStandInTheirOrder) {
+TEST_F(buffer_test, fields_stand_in_their_order) {
     const size_t offsets[] = {offsetof(buffer, base),     offsetof(buffer, mark),
                               offsetof(buffer, capacity), offsetof(buffer, data),
                               offsetof(buffer, length),   offsetof(buffer, initial),
@@ -81,7 +81,7 @@ TEST_F(Buffer, FieldsStandInTheirOrder) {
     }
 }
 
-TEST_F(Buffer, InitAllocatesNothing) {
+TEST_F(buffer_test, init_allocates_nothing) {
     memset(&b, 0x5a, sizeof b);
     init(100, 1000);
     EXPECT_EQ(b.base, nullptr);
@@ -93,7 +93,7 @@ TEST_F(Buffer, InitAllocatesNothing) {
     EXPECT_EQ(b.limit, 1000u);
 }
 
-TEST_F(Buffer, ZeroPicksTheDefaultSizes) {
+TEST_F(buffer_test, zero_picks_the_default_sizes) {
     init(0, 0);
     EXPECT_EQ(b.initial, 1024u);
     EXPECT_EQ(b.limit, 4194304u);
@@ -101,7 +101,7 @@ TEST_F(Buffer, ZeroPicksTheDefaultSizes) {
 
 /* Growth */
 
-TEST_F(Buffer, TheFirstAppendAllocatesTheInitialCapacity) {
+TEST_F(buffer_test, the_first_append_allocates_the_initial_capacity) {
     init(0, 0);
     EXPECT_EQ(append("hello"), 5u);
     EXPECT_EQ(b.capacity, 1024u);
@@ -110,14 +110,14 @@ TEST_F(Buffer, TheFirstAppendAllocatesTheInitialCapacity) {
     EXPECT_EQ(b.base, b.mark);
 }
 
-TEST_F(Buffer, AppendsFollowEachOther) {
+TEST_F(buffer_test, appends_follow_each_other) {
     init(16, 1024);
     EXPECT_EQ(append("abc"), 3u);
     EXPECT_EQ(append(std::string("\0d", 2)), 2u);
     EXPECT_EQ(content(), std::string("abc\0d", 5));
 }
 
-TEST_F(Buffer, ReserveCountsTheBytesAtOnceAndLeavesThemToTheCaller) {
+TEST_F(buffer_test, reserve_counts_the_bytes_at_once_and_leaves_them_to_the_caller) {
     init(16, 64);
     append("ab");
     char* added = buffer_reserve(&b, 3);
@@ -127,7 +127,7 @@ TEST_F(Buffer, ReserveCountsTheBytesAtOnceAndLeavesThemToTheCaller) {
     EXPECT_EQ(content(), "abcde");
 }
 
-TEST_F(Buffer, IsNeverFilledToItsLastByte) {
+TEST_F(buffer_test, is_never_filled_to_its_last_byte) {
     init(16, 64);
     append(pattern(15));
     EXPECT_EQ(b.capacity, 16u);
@@ -136,13 +136,13 @@ TEST_F(Buffer, IsNeverFilledToItsLastByte) {
     EXPECT_EQ(content(), pattern(15) + "x");
 }
 
-TEST_F(Buffer, AnAppendOfTheWholeInitialCapacityDoublesIt) {
+TEST_F(buffer_test, an_append_of_the_whole_initial_capacity_doubles_it) {
     init(16, 64);
     EXPECT_EQ(append(pattern(16)), 16u);
     EXPECT_EQ(b.capacity, 32u);
 }
 
-TEST_F(Buffer, GrowthDoublesUntilThereIsStrictRoom) {
+TEST_F(buffer_test, growth_doubles_until_there_is_strict_room) {
     init(16, 65536);
     append(pattern(127));
     EXPECT_EQ(b.capacity, 128u);
@@ -152,7 +152,7 @@ TEST_F(Buffer, GrowthDoublesUntilThereIsStrictRoom) {
     EXPECT_EQ(b.capacity, 512u) << "256 bytes do not strictly fit into 256";
 }
 
-TEST_F(Buffer, OneAppendUpToTheLimitFailsAndOneByteLessSucceeds) {
+TEST_F(buffer_test, one_append_up_to_the_limit_fails_and_one_byte_less_succeeds) {
     init(4096, 65536);
     EXPECT_EQ(append(std::string(65536, 'x')), 0u);
     EXPECT_EQ(b.capacity, 0u);
@@ -162,7 +162,7 @@ TEST_F(Buffer, OneAppendUpToTheLimitFailsAndOneByteLessSucceeds) {
     EXPECT_EQ(b.capacity, 65536u);
 }
 
-TEST_F(Buffer, TheDefaultLimitIsFourMebibytes) {
+TEST_F(buffer_test, the_default_limit_is_four_mebibytes) {
     init(0, 0);
     EXPECT_EQ(append(std::string(4194304, 'x')), 0u);
     EXPECT_EQ(append(std::string(4194303, 'x')), 4194303u);
@@ -170,20 +170,20 @@ TEST_F(Buffer, TheDefaultLimitIsFourMebibytes) {
     EXPECT_EQ(b.length, 4194303u);
 }
 
-TEST_F(Buffer, TheCapacityIsAPowerOfTwoTimesTheInitialAlsoBelowAnOddLimit) {
+TEST_F(buffer_test, the_capacity_is_a_power_of_two_times_the_initial_also_below_an_odd_limit) {
     init(16, 100);
     EXPECT_EQ(append(pattern(64)), 0u) << "128 would exceed the limit";
     EXPECT_EQ(append(pattern(63)), 63u);
     EXPECT_EQ(b.capacity, 64u);
 }
 
-TEST_F(Buffer, ALimitBelowTheInitialCapacityForbidsEverything) {
+TEST_F(buffer_test, a_limit_below_the_initial_capacity_forbids_everything) {
     init(1024, 1023);
     EXPECT_EQ(append("x"), 0u);
     EXPECT_EQ(b.base, nullptr);
 }
 
-TEST_F(Buffer, AFailedAppendChangesNothing) {
+TEST_F(buffer_test, a_failed_append_changes_nothing) {
     init(16, 64);
     append(pattern(40));
     buffer_consume(&b, 5);
@@ -197,7 +197,7 @@ TEST_F(Buffer, AFailedAppendChangesNothing) {
     EXPECT_EQ(append(pattern(23)), 23u) << "there is room for one byte less";
 }
 
-TEST_F(Buffer, ConsumedBytesThatAreNotCompactedCountAsUsed) {
+TEST_F(buffer_test, consumed_bytes_that_are_not_compacted_count_as_used) {
     init(16, 64);
     append(pattern(40));
     buffer_consume(&b, 40);
@@ -206,7 +206,7 @@ TEST_F(Buffer, ConsumedBytesThatAreNotCompactedCountAsUsed) {
     EXPECT_EQ(append(pattern(23)), 23u);
 }
 
-TEST_F(Buffer, HugeRequestsFailWithoutWrapping) {
+TEST_F(buffer_test, huge_requests_fail_without_wrapping) {
     for (const uint32_t limit : {uint32_t{65536}, BUFFER_UNBOUNDED}) {
         init(16, limit);
         append(pattern(100));
@@ -219,7 +219,7 @@ TEST_F(Buffer, HugeRequestsFailWithoutWrapping) {
     }
 }
 
-TEST_F(Buffer, AnAppendOfNothingReturns0AndAddsNothing) {
+TEST_F(buffer_test, an_append_of_nothing_returns_0_and_adds_nothing) {
     init(16, 64);
     append("ab");
     EXPECT_EQ(buffer_append(&b, nullptr, 0), 0u);
@@ -228,7 +228,7 @@ TEST_F(Buffer, AnAppendOfNothingReturns0AndAddsNothing) {
     EXPECT_EQ(b.length, 2u);
 }
 
-TEST_F(Buffer, GrowthKeepsWhatIsConsumedSinceTheMark) {
+TEST_F(buffer_test, growth_keeps_what_is_consumed_since_the_mark) {
     init(16, 1024);
     append(pattern(15));
     buffer_consume(&b, 4);
@@ -241,7 +241,7 @@ TEST_F(Buffer, GrowthKeepsWhatIsConsumedSinceTheMark) {
     EXPECT_EQ(buffer_compact(&b), 4u);
 }
 
-TEST_F(Buffer, GrowthDropsTheSpaceBeforeTheMark) {
+TEST_F(buffer_test, growth_drops_the_space_before_the_mark) {
     init(64, 1024);
     with_space_before_mark(20, 30);
     buffer_consume(&b, 7);
@@ -256,7 +256,7 @@ TEST_F(Buffer, GrowthDropsTheSpaceBeforeTheMark) {
     EXPECT_EQ(buffer_compact(&b), 7u);
 }
 
-TEST_F(Buffer, GrowthDoublesEvenWhenTheUsedBytesWouldFitIntoThePresentCapacity) {
+TEST_F(buffer_test, growth_doubles_even_when_the_used_bytes_would_fit_into_the_present_capacity) {
     init(64, 1024);
     with_space_before_mark(20, 30);
     /* 14 bytes are free at the end and 20 before the mark: 20 fit nowhere in one piece. */
@@ -267,7 +267,7 @@ TEST_F(Buffer, GrowthDoublesEvenWhenTheUsedBytesWouldFitIntoThePresentCapacity) 
 
 /* Reclaiming the space before the mark */
 
-TEST_F(Buffer, ARequestSmallerThanTheSpaceBeforeTheMarkMovesTheContentThere) {
+TEST_F(buffer_test, a_request_smaller_than_the_space_before_the_mark_moves_the_content_there) {
     init(1024, 4096);
     with_space_before_mark(40, 60);
 
@@ -281,7 +281,7 @@ TEST_F(Buffer, ARequestSmallerThanTheSpaceBeforeTheMarkMovesTheContentThere) {
     EXPECT_EQ(b.capacity, 1024u);
 }
 
-TEST_F(Buffer, ARequestAsLargeAsTheSpaceBeforeTheMarkGoesToTheEnd) {
+TEST_F(buffer_test, a_request_as_large_as_the_space_before_the_mark_goes_to_the_end) {
     init(1024, 4096);
     with_space_before_mark(40, 60);
     EXPECT_EQ(buffer_reserve(&b, 40), b.base + 100);
@@ -289,7 +289,7 @@ TEST_F(Buffer, ARequestAsLargeAsTheSpaceBeforeTheMarkGoesToTheEnd) {
     EXPECT_EQ(b.data, b.base + 40);
 }
 
-TEST_F(Buffer, MovingKeepsWhatIsConsumedSinceTheMark) {
+TEST_F(buffer_test, moving_keeps_what_is_consumed_since_the_mark) {
     init(1024, 4096);
     with_space_before_mark(40, 60);
     buffer_consume(&b, 10);
@@ -303,7 +303,7 @@ TEST_F(Buffer, MovingKeepsWhatIsConsumedSinceTheMark) {
     EXPECT_EQ(buffer_compact(&b), 10u);
 }
 
-TEST_F(Buffer, TheFreeSpaceAtTheEndDoesNotCountTheSpaceBeforeTheMark) {
+TEST_F(buffer_test, the_free_space_at_the_end_does_not_count_the_space_before_the_mark) {
     init(128, 128);
     with_space_before_mark(30, 60);
     EXPECT_EQ(append(pattern(38)), 0u)
@@ -313,7 +313,7 @@ TEST_F(Buffer, TheFreeSpaceAtTheEndDoesNotCountTheSpaceBeforeTheMark) {
 
 /* Formatting */
 
-TEST_F(Buffer, FormattedTextBelow512BytesIsAppendedWithoutANul) {
+TEST_F(buffer_test, formatted_text_below_512_bytes_is_appended_without_a_nul) {
     init(0, 0);
     EXPECT_EQ(buffer_printf(&b, "%s-%d", "a", -5), 4u);
     EXPECT_EQ(content(), "a--5");
@@ -323,21 +323,21 @@ TEST_F(Buffer, FormattedTextBelow512BytesIsAppendedWithoutANul) {
     EXPECT_EQ(content(), "a--5" + text);
 }
 
-TEST_F(Buffer, FormattedTextOf511BytesHasNoCountedNul) {
+TEST_F(buffer_test, formatted_text_of_511_bytes_has_no_counted_nul) {
     init(0, 0);
     EXPECT_EQ(buffer_printf(&b, "%0511d", 7), 511u);
     EXPECT_EQ(b.length, 511u);
     EXPECT_EQ(content(), std::string(510, '0') + "7");
 }
 
-TEST_F(Buffer, FormattedTextOf512BytesKeepsItsCountedNul) {
+TEST_F(buffer_test, formatted_text_of_512_bytes_keeps_its_counted_nul) {
     init(0, 0);
     EXPECT_EQ(buffer_printf(&b, "%0512d", 7), 512u);
     EXPECT_EQ(b.length, 513u);
     EXPECT_EQ(content(), std::string(511, '0') + "7" + std::string(1, '\0'));
 }
 
-TEST_F(Buffer, FormattedTextOf600BytesAdds601) {
+TEST_F(buffer_test, formatted_text_of_600_bytes_adds_601) {
     init(0, 0);
     const std::string text(600, 'y');
     append("before");
@@ -347,14 +347,14 @@ TEST_F(Buffer, FormattedTextOf600BytesAdds601) {
     EXPECT_EQ(content(), "before" + text + std::string("\0!", 2));
 }
 
-TEST_F(Buffer, AnEmptyFormattedTextAddsNothing) {
+TEST_F(buffer_test, an_empty_formatted_text_adds_nothing) {
     init(0, 0);
     append("ab");
     EXPECT_EQ(buffer_printf(&b, "%s", ""), 0u);
     EXPECT_EQ(content(), "ab");
 }
 
-TEST_F(Buffer, FormattedTextThatDoesNotFitReturns0AndAddsNothing) {
+TEST_F(buffer_test, formatted_text_that_does_not_fit_returns_0_and_adds_nothing) {
     init(16, 64);
     append("ab");
     EXPECT_EQ(buffer_printf(&b, "%062d", 1), 0u);
@@ -362,7 +362,7 @@ TEST_F(Buffer, FormattedTextThatDoesNotFitReturns0AndAddsNothing) {
     EXPECT_EQ(buffer_printf(&b, "%061d", 1), 61u);
 }
 
-TEST_F(Buffer, LongFormattedTextNeedsRoomForItsNulToo) {
+TEST_F(buffer_test, long_formatted_text_needs_room_for_its_nul_too) {
     init(16, 1024);
     EXPECT_EQ(buffer_printf(&b, "%01023d", 1), 0u);
     EXPECT_EQ(b.length, 0u);
@@ -371,7 +371,7 @@ TEST_F(Buffer, LongFormattedTextNeedsRoomForItsNulToo) {
     EXPECT_EQ(b.length, 1023u);
 }
 
-TEST_F(BufferDeathTest, AFormatThatCannotBePrintedBreaksAnAssertion) {
+TEST_F(buffer_death_test, a_format_that_cannot_be_printed_breaks_an_assertion) {
     init(0, 0);
     EXPECT_EXIT(buffer_printf(&b, "%lc", static_cast<wint_t>(0x4e00)),
                 testing::KilledBySignal(SIGABRT),
@@ -380,7 +380,7 @@ TEST_F(BufferDeathTest, AFormatThatCannotBePrintedBreaksAnAssertion) {
 
 /* Taking away */
 
-TEST_F(Buffer, ConsumeDropsFromTheFrontAndReturnsWhereTheDataBegan) {
+TEST_F(buffer_test, consume_drops_from_the_front_and_returns_where_the_data_began) {
     init(16, 64);
     append("abcdef");
     char* start = b.data;
@@ -391,7 +391,7 @@ TEST_F(Buffer, ConsumeDropsFromTheFrontAndReturnsWhereTheDataBegan) {
     expect_invariants();
 }
 
-TEST_F(Buffer, ConsumingMoreThanTheLengthEmptiesTheBuffer) {
+TEST_F(buffer_test, consuming_more_than_the_length_empties_the_buffer) {
     init(16, 64);
     append("abcdef");
     char* start = b.data;
@@ -403,7 +403,7 @@ TEST_F(Buffer, ConsumingMoreThanTheLengthEmptiesTheBuffer) {
     expect_invariants();
 }
 
-TEST_F(Buffer, AFreshBufferCanBeConsumedTruncatedAndCompacted) {
+TEST_F(buffer_test, a_fresh_buffer_can_be_consumed_truncated_and_compacted) {
     init(16, 64);
     EXPECT_EQ(buffer_consume(&b, 5), nullptr);
     EXPECT_EQ(buffer_truncate(&b, 5), 0u);
@@ -414,7 +414,7 @@ TEST_F(Buffer, AFreshBufferCanBeConsumedTruncatedAndCompacted) {
     EXPECT_EQ(b.length, 0u);
 }
 
-TEST_F(Buffer, TruncateDropsFromTheEndAndReturnsTheNewLength) {
+TEST_F(buffer_test, truncate_drops_from_the_end_and_returns_the_new_length) {
     init(16, 64);
     append("abcdef");
     EXPECT_EQ(buffer_truncate(&b, 2), 4u);
@@ -427,7 +427,7 @@ TEST_F(Buffer, TruncateDropsFromTheEndAndReturnsTheNewLength) {
     EXPECT_EQ(b.data, b.base);
 }
 
-TEST_F(Buffer, CompactReturnsWhatWasConsumedSinceTheLastMark) {
+TEST_F(buffer_test, compact_returns_what_was_consumed_since_the_last_mark) {
     init(64, 64);
     append(pattern(50));
     EXPECT_EQ(buffer_compact(&b), 0u);
@@ -440,7 +440,7 @@ TEST_F(Buffer, CompactReturnsWhatWasConsumedSinceTheLastMark) {
     EXPECT_EQ(content(), pattern(50).substr(9));
 }
 
-TEST_F(Buffer, CompactMovesTheRestOnlyWhenItIsShorterThanTheSpaceBeforeIt) {
+TEST_F(buffer_test, compact_moves_the_rest_only_when_it_is_shorter_than_the_space_before_it) {
     init(64, 64);
     append(pattern(40));
     buffer_consume(&b, 20);
@@ -454,7 +454,7 @@ TEST_F(Buffer, CompactMovesTheRestOnlyWhenItIsShorterThanTheSpaceBeforeIt) {
     EXPECT_EQ(content(), pattern(40).substr(21));
 }
 
-TEST_F(Buffer, CompactMovesToTheFrontWhenEverythingIsConsumed) {
+TEST_F(buffer_test, compact_moves_to_the_front_when_everything_is_consumed) {
     init(64, 64);
     append(pattern(40));
     buffer_consume(&b, 40);
@@ -466,7 +466,7 @@ TEST_F(Buffer, CompactMovesToTheFrontWhenEverythingIsConsumed) {
 
 /* Emptying */
 
-TEST_F(Buffer, ResetEmptiesAndKeepsTheAllocation) {
+TEST_F(buffer_test, reset_empties_and_keeps_the_allocation) {
     init(16, 64);
     append(pattern(40));
     buffer_consume(&b, 5);
@@ -480,7 +480,7 @@ TEST_F(Buffer, ResetEmptiesAndKeepsTheAllocation) {
     EXPECT_EQ(buffer_compact(&b), 0u) << "what was consumed before the reset is forgotten";
 }
 
-TEST_F(Buffer, ResetForgetsTheSpaceThatCompactingHasLeftBehind) {
+TEST_F(buffer_test, reset_forgets_the_space_that_compacting_has_left_behind) {
     init(64, 64);
     with_space_before_mark(5, 35);
     buffer_reset(&b);
@@ -491,7 +491,7 @@ TEST_F(Buffer, ResetForgetsTheSpaceThatCompactingHasLeftBehind) {
     EXPECT_EQ(b.data, b.base);
 }
 
-TEST_F(Buffer, ShrinkResetGivesBackWhatGrewBeyondTheInitialCapacity) {
+TEST_F(buffer_test, shrink_reset_gives_back_what_grew_beyond_the_initial_capacity) {
     init(16, 1024);
     append(pattern(600));
     buffer_consume(&b, 100);
@@ -505,7 +505,7 @@ TEST_F(Buffer, ShrinkResetGivesBackWhatGrewBeyondTheInitialCapacity) {
     EXPECT_EQ(content(), pattern(15));
 }
 
-TEST_F(Buffer, ShrinkResetForgetsTheSpaceThatCompactingHasLeftBehind) {
+TEST_F(buffer_test, shrink_reset_forgets_the_space_that_compacting_has_left_behind) {
     for (const uint32_t length : {7u, 597u}) {
         init(16, 1024);
         with_space_before_mark(3, length);
@@ -519,7 +519,7 @@ TEST_F(Buffer, ShrinkResetForgetsTheSpaceThatCompactingHasLeftBehind) {
     }
 }
 
-TEST_F(Buffer, ShrinkResetKeepsAnAllocationOfTheInitialCapacity) {
+TEST_F(buffer_test, shrink_reset_keeps_an_allocation_of_the_initial_capacity) {
     init(16, 1024);
     append(pattern(10));
     char* base = b.base;
@@ -529,7 +529,7 @@ TEST_F(Buffer, ShrinkResetKeepsAnAllocationOfTheInitialCapacity) {
     EXPECT_EQ(b.length, 0u);
 }
 
-TEST_F(Buffer, AFreedBufferCanBeUsedAgainWithTheSameSizes) {
+TEST_F(buffer_test, a_freed_buffer_can_be_used_again_with_the_same_sizes) {
     init(16, 64);
     append(pattern(40));
     buffer_free(&b);
@@ -545,7 +545,7 @@ TEST_F(Buffer, AFreedBufferCanBeUsedAgainWithTheSameSizes) {
     EXPECT_EQ(content(), "again");
 }
 
-TEST_F(Buffer, AQueueOfManyAppendsAndConsumesKeepsItsOrder) {
+TEST_F(buffer_test, a_queue_of_many_appends_and_consumes_keeps_its_order) {
     init(16, 4096);
     std::string expected;
     unsigned random = 12345;

@@ -215,7 +215,7 @@ int descriptor_of(const std::string& path) {
     return -1;
 }
 
-class Log : public testing::Test {
+class log_test : public testing::Test {
   protected:
     void SetUp() override {
         std::string pattern = fs::temp_directory_path() / "log_test.XXXXXX";
@@ -276,7 +276,7 @@ class Log : public testing::Test {
     int64_t now_us_ = 0;
 };
 
-typedef Log LogDeathTest;
+typedef log_test log_death_test;
 
 const char info_line[] = "\033[32minfo  *** hello\033[0m\n";
 
@@ -284,11 +284,11 @@ const char info_line[] = "\033[32minfo  *** hello\033[0m\n";
 
 /* Levels */
 
-TEST(LogLevel, IsDebugBeforeTheLogIsOpened) {
+TEST(log_level_test, is_debug_before_the_log_is_opened) {
     EXPECT_EQ(level_at_start, 0u);
 }
 
-TEST(LogLevel, NumbersAreTheOnesOfTheTable) {
+TEST(log_level_test, numbers_are_the_ones_of_the_table) {
     EXPECT_EQ(LOG_DEBUG, 0u);
     EXPECT_EQ(LOG_INFO, 1u);
     EXPECT_EQ(LOG_WARN, 2u);
@@ -296,7 +296,7 @@ TEST(LogLevel, NumbersAreTheOnesOfTheTable) {
     EXPECT_EQ(LOG_FATAL, 4u);
 }
 
-TEST(LogLevel, EveryNameIsParsedInAnyCase) {
+TEST(log_level_test, every_name_is_parsed_in_any_case) {
     EXPECT_EQ(log_parse_level("debug"), 0u);
     EXPECT_EQ(log_parse_level("info"), 1u);
     EXPECT_EQ(log_parse_level("warn"), 2u);
@@ -309,7 +309,7 @@ TEST(LogLevel, EveryNameIsParsedInAnyCase) {
     EXPECT_EQ(log_parse_level("fATAL"), 4u);
 }
 
-TEST(LogLevel, ATextThatBeginsWithANameIsThatLevel) {
+TEST(log_level_test, a_text_that_begins_with_a_name_is_that_level) {
     EXPECT_EQ(log_parse_level("debugging"), 0u);
     EXPECT_EQ(log_parse_level("Warning"), 2u);
     EXPECT_EQ(log_parse_level("errors only"), 3u);
@@ -317,13 +317,13 @@ TEST(LogLevel, ATextThatBeginsWithANameIsThatLevel) {
     EXPECT_EQ(log_parse_level("fatal error"), 4u);
 }
 
-TEST(LogLevel, ATextThatBeginsWithNoNameIsInfo) {
+TEST(log_level_test, a_text_that_begins_with_no_name_is_info) {
     for (const char* word : {"", "ERR", "warm", "debu", " debug", "verbose", "0", "4", "xerror"}) {
         EXPECT_EQ(log_parse_level(word), 1u) << word;
     }
 }
 
-TEST_F(Log, StoresLevelsBelow5AndIgnoresOthers) {
+TEST_F(log_test, stores_levels_below_5_and_ignores_others) {
     for (uint32_t level = 0; level < 5; level++) {
         log_set_level(level);
         EXPECT_EQ(log_configured_level(), level);
@@ -334,7 +334,7 @@ TEST_F(Log, StoresLevelsBelow5AndIgnoresOthers) {
     EXPECT_EQ(log_configured_level(), 4u);
 }
 
-TEST_F(Log, AMessageIsWantedWhenTheConfiguredLevelIsNotAboveIts) {
+TEST_F(log_test, a_message_is_wanted_when_the_configured_level_is_not_above_its) {
     for (uint32_t configured = 0; configured < 5; configured++) {
         log_set_level(configured);
         for (uint32_t level = 0; level < 5; level++) {
@@ -343,13 +343,13 @@ TEST_F(Log, AMessageIsWantedWhenTheConfiguredLevelIsNotAboveIts) {
     }
 }
 
-TEST_F(Log, TheWriterItselfDoesNotAskForTheLevel) {
+TEST_F(log_test, the_writer_itself_does_not_ask_for_the_level) {
     open(path("a.log"), LOG_FATAL);
     log_write(LOG_DEBUG, "written all the same");
     EXPECT_EQ(read_file(path("a.log")), "debug *** written all the same\n");
 }
 
-TEST_F(Log, MessagesOfLevel5AndAboveWriteNothing) {
+TEST_F(log_test, messages_of_level_5_and_above_write_nothing) {
     open(path("a.log"));
     log_write(5, "nothing");
     log_write(UINT32_MAX, "nothing");
@@ -359,7 +359,7 @@ TEST_F(Log, MessagesOfLevel5AndAboveWriteNothing) {
 
 /* Configuration */
 
-TEST_F(Log, OpeningTakesLevelColourAndTimestampsOver) {
+TEST_F(log_test, opening_takes_level_colour_and_timestamps_over) {
     open("stdout", LOG_ERROR, 0, 0);
     EXPECT_EQ(log_configured_level(), 3u);
     EXPECT_EQ(shown_on_stdout("hello"), "info  *** hello\n");
@@ -368,7 +368,7 @@ TEST_F(Log, OpeningTakesLevelColourAndTimestampsOver) {
     EXPECT_EQ(shown_on_stdout("hello"), info_line);
 }
 
-TEST_F(Log, ALevelOf5AndNegativeFlagsKeepWhatIsSet) {
+TEST_F(log_test, a_level_of_5_and_negative_flags_keep_what_is_set) {
     open("stdout", LOG_ERROR, 0, 0);
     open("stdout", KEEP_LEVEL, KEEP, KEEP);
     EXPECT_EQ(log_configured_level(), 3u);
@@ -378,7 +378,7 @@ TEST_F(Log, ALevelOf5AndNegativeFlagsKeepWhatIsSet) {
     EXPECT_EQ(shown_on_stdout("hello"), info_line);
 }
 
-TEST_F(Log, NoConfigurationOnlyReopens) {
+TEST_F(log_test, no_configuration_only_reopens) {
     open(path("a.log"), LOG_WARN);
     log_write(LOG_INFO, "before");
     log_open(nullptr);
@@ -388,7 +388,7 @@ TEST_F(Log, NoConfigurationOnlyReopens) {
     EXPECT_EQ(log_configured_level(), 2u);
 }
 
-TEST_F(Log, AConfigurationWithoutTargetKeepsTheTarget) {
+TEST_F(log_test, a_configuration_without_target_keeps_the_target) {
     open(path("a.log"));
     open(static_cast<const char*>(nullptr), LOG_ERROR);
     log_write(LOG_INFO, "hello");
@@ -396,7 +396,7 @@ TEST_F(Log, AConfigurationWithoutTargetKeepsTheTarget) {
     EXPECT_EQ(log_configured_level(), 3u);
 }
 
-TEST_F(Log, KeepsACopyOfTheTarget) {
+TEST_F(log_test, keeps_a_copy_of_the_target) {
     std::string target = path("a.log");
     open(target);
     target.back() = 'X';
@@ -406,7 +406,7 @@ TEST_F(Log, KeepsACopyOfTheTarget) {
     EXPECT_FALSE(fs::exists(target));
 }
 
-TEST_F(Log, SettingATargetReplacesItAndOpensIt) {
+TEST_F(log_test, setting_a_target_replaces_it_and_opens_it) {
     open(path("a.log"));
     log_write(LOG_INFO, "one");
     log_set_target(path("b.log").c_str());
@@ -415,7 +415,7 @@ TEST_F(Log, SettingATargetReplacesItAndOpensIt) {
     EXPECT_EQ(read_file(path("b.log")), "info  *** two\n");
 }
 
-TEST_F(Log, SettingNoTargetDoesNothing) {
+TEST_F(log_test, setting_no_target_does_nothing) {
     open(path("a.log"));
     log_write(LOG_INFO, "one");
     log_set_target(nullptr);
@@ -424,7 +424,7 @@ TEST_F(Log, SettingNoTargetDoesNothing) {
         << "the file was opened again";
 }
 
-TEST_F(Log, ClosesWhatWasOpenBeforeItOpensTheNext) {
+TEST_F(log_test, closes_what_was_open_before_it_opens_the_next) {
     open("stdout");
     const size_t before = count_open_descriptors();
     server s(path("log.sock"));
@@ -437,7 +437,7 @@ TEST_F(Log, ClosesWhatWasOpenBeforeItOpensTheNext) {
     EXPECT_EQ(count_open_descriptors(), before);
 }
 
-TEST_F(Log, ItsDescriptorsAreCloseOnExec) {
+TEST_F(log_test, its_descriptors_are_close_on_exec) {
     open(path("a.log"));
     const int fd = descriptor_of(path("a.log"));
     ASSERT_GE(fd, 0);
@@ -458,7 +458,7 @@ TEST_F(Log, ItsDescriptorsAreCloseOnExec) {
     }
 }
 
-TEST_F(Log, TheFirstMessageOpensALogThatNobodyHasOpened) {
+TEST_F(log_test, the_first_message_opens_a_log_that_nobody_has_opened) {
     if (sigpipe_is_ignored()) {
         GTEST_SKIP() << "another case of this process has opened the log already";
     }
@@ -469,7 +469,7 @@ TEST_F(Log, TheFirstMessageOpensALogThatNobodyHasOpened) {
     EXPECT_TRUE(sigpipe_is_ignored());
 }
 
-TEST_F(Log, OnlyTheFirstOpeningIgnoresSigpipe) {
+TEST_F(log_test, only_the_first_opening_ignores_sigpipe) {
     open("stdout");
     ASSERT_TRUE(sigpipe_is_ignored());
     signal(SIGPIPE, SIG_DFL);
@@ -480,7 +480,7 @@ TEST_F(Log, OnlyTheFirstOpeningIgnoresSigpipe) {
 
 /* Lines */
 
-TEST_F(Log, EachLevelHasItsPrefix) {
+TEST_F(log_test, each_level_has_its_prefix) {
     open(path("a.log"));
     log_write(LOG_DEBUG, "%d", 0);
     log_write(LOG_INFO, "%d", 1);
@@ -489,7 +489,7 @@ TEST_F(Log, EachLevelHasItsPrefix) {
     EXPECT_EQ(read_file(path("a.log")), "debug *** 0\ninfo  *** 1\nwarn  *** 2\nerror *** 3\n");
 }
 
-TEST_F(Log, EachLevelHasItsColourOnStandardOutput) {
+TEST_F(log_test, each_level_has_its_colour_on_standard_output) {
     open("stdout");
     captured out(STDOUT_FILENO);
     log_write(LOG_DEBUG, "%d", 0);
@@ -502,13 +502,13 @@ TEST_F(Log, EachLevelHasItsColourOnStandardOutput) {
                           "\033[31merror *** 3\033[0m\n");
 }
 
-TEST_F(Log, FilesNeverGetColour) {
+TEST_F(log_test, files_never_get_colour) {
     open(path("a.log"), LOG_DEBUG, 1);
     log_write(LOG_ERROR, "plain");
     EXPECT_EQ(read_file(path("a.log")), "error *** plain\n");
 }
 
-TEST_F(Log, SocketsGetColourWhenItIsOn) {
+TEST_F(log_test, sockets_get_colour_when_it_is_on) {
     server s(path("log.sock"));
     open(path("log.sock"), LOG_DEBUG, 1);
     log_write(LOG_INFO, "hello");
@@ -518,25 +518,25 @@ TEST_F(Log, SocketsGetColourWhenItIsOn) {
     EXPECT_EQ(receive(s.accept_one(), 16), "info  *** hello\n");
 }
 
-TEST_F(Log, AnEmptyMessageIsALineAllTheSame) {
+TEST_F(log_test, an_empty_message_is_a_line_all_the_same) {
     open(path("a.log"));
     log_write(LOG_INFO, "%s", "");
     EXPECT_EQ(read_file(path("a.log")), "info  *** \n");
 }
 
-TEST_F(Log, ArgumentsAreNeverTakenForTheFormat) {
+TEST_F(log_test, arguments_are_never_taken_for_the_format) {
     open(path("a.log"));
     log_write(LOG_INFO, "%s", "100%s%n");
     EXPECT_EQ(read_file(path("a.log")), "info  *** 100%s%n\n");
 }
 
-TEST_F(Log, AMessageOf511BytesHasNoNul) {
+TEST_F(log_test, a_message_of_511_bytes_has_no_nul) {
     open(path("a.log"));
     log_write(LOG_INFO, "%0511d", 1);
     EXPECT_EQ(read_file(path("a.log")), "info  *** " + std::string(510, '0') + "1\n");
 }
 
-TEST_F(Log, AMessageOf512BytesEndsInANulBeforeTheLineFeed) {
+TEST_F(log_test, a_message_of_512_bytes_ends_in_a_nul_before_the_line_feed) {
     open(path("a.log"));
     log_write(LOG_INFO, "%0512d", 1);
     log_write(LOG_INFO, "next");
@@ -544,7 +544,7 @@ TEST_F(Log, AMessageOf512BytesEndsInANulBeforeTheLineFeed) {
                                             std::string(1, '\0') + "\ninfo  *** next\n");
 }
 
-TEST_F(Log, TheNulOfALongMessageStandsBeforeTheEndOfTheColour) {
+TEST_F(log_test, the_nul_of_a_long_message_stands_before_the_end_of_the_colour) {
     open("stdout");
     captured out(STDOUT_FILENO);
     log_write(LOG_INFO, "%0600d", 1);
@@ -552,7 +552,7 @@ TEST_F(Log, TheNulOfALongMessageStandsBeforeTheEndOfTheColour) {
                               std::string(1, '\0') + "\033[0m\n");
 }
 
-TEST_F(Log, AMessageBeyondTheLineBufferLeavesAnEmptyLineAndTheNextIsWhole) {
+TEST_F(log_test, a_message_beyond_the_line_buffer_leaves_an_empty_line_and_the_next_is_whole) {
     const std::string huge(4194304, 'x');
     open(path("a.log"));
     log_write(LOG_INFO, "%s", huge.c_str());
@@ -562,7 +562,7 @@ TEST_F(Log, AMessageBeyondTheLineBufferLeavesAnEmptyLineAndTheNextIsWhole) {
     EXPECT_EQ(read_file(path("a.log")), "info  *** next\n");
 }
 
-TEST_F(Log, TheTimestampIsLocalTimeBetweenColourAndPrefix) {
+TEST_F(log_test, the_timestamp_is_local_time_between_colour_and_prefix) {
     setenv("TZ", "XYZ-05:30", 1);
     tzset();
     test_clock::set(1700000000); /* 2023-11-14 22:13:20 UTC */
@@ -572,7 +572,7 @@ TEST_F(Log, TheTimestampIsLocalTimeBetweenColourAndPrefix) {
     tzset();
 }
 
-TEST_F(Log, FilesGetTimestampsToo) {
+TEST_F(log_test, files_get_timestamps_too) {
     setenv("TZ", "UTC", 1);
     tzset();
     test_clock::set(951782400); /* a leap day */
@@ -583,7 +583,7 @@ TEST_F(Log, FilesGetTimestampsToo) {
     tzset();
 }
 
-TEST_F(Log, TimestampsGoBeyond2038) {
+TEST_F(log_test, timestamps_go_beyond_2038) {
     setenv("TZ", "UTC", 1);
     tzset();
     test_clock::set(4102444799);
@@ -596,7 +596,7 @@ TEST_F(Log, TimestampsGoBeyond2038) {
 
 /* Targets that are no files */
 
-TEST_F(Log, StdoutAndStderrInAnyCaseWriteToStandardOutput) {
+TEST_F(log_test, stdout_and_stderr_in_any_case_write_to_standard_output) {
     for (const char* target : {"stdout", "STDOUT", "stderr", "StdErr"}) {
         captured error(STDERR_FILENO);
         open(target);
@@ -606,7 +606,7 @@ TEST_F(Log, StdoutAndStderrInAnyCaseWriteToStandardOutput) {
     }
 }
 
-TEST_F(Log, SyslogInAnyCaseDiscards) {
+TEST_F(log_test, syslog_in_any_case_discards) {
     for (const char* target : {"syslog", "SYSLOG", "SysLog"}) {
         captured error(STDERR_FILENO);
         open(target);
@@ -616,7 +616,7 @@ TEST_F(Log, SyslogInAnyCaseDiscards) {
     }
 }
 
-TEST_F(Log, AListeningSocketAtAPathIsConnected) {
+TEST_F(log_test, a_listening_socket_at_a_path_is_connected) {
     server s(path("log.sock"));
     open(path("log.sock"));
     log_write(LOG_INFO, "hello");
@@ -624,7 +624,7 @@ TEST_F(Log, AListeningSocketAtAPathIsConnected) {
     EXPECT_TRUE(fs::is_socket(path("log.sock")));
 }
 
-TEST_F(Log, APathMayLeadToASocketThroughALink) {
+TEST_F(log_test, a_path_may_lead_to_a_socket_through_a_link) {
     server s(path("log.sock"));
     fs::create_symlink("log.sock", path("link"));
     open(path("link"));
@@ -634,7 +634,7 @@ TEST_F(Log, APathMayLeadToASocketThroughALink) {
     EXPECT_TRUE(fs::is_socket(path("log.sock")));
 }
 
-TEST_F(Log, UnixTargetsInAnyCaseConnectToThePathBehindThePrefix) {
+TEST_F(log_test, unix_targets_in_any_case_connect_to_the_path_behind_the_prefix) {
     server s(path("log.sock"));
     for (const char* prefix : {"unix://", "UNIX://", "Unix://"}) {
         open(prefix + path("log.sock"));
@@ -643,27 +643,27 @@ TEST_F(Log, UnixTargetsInAnyCaseConnectToThePathBehindThePrefix) {
     }
 }
 
-TEST_F(Log, AUnixTargetMayBeARelativePath) {
+TEST_F(log_test, a_unix_target_may_be_a_relative_path) {
     server s(path("log.sock"));
     open("unix://log.sock");
     log_write(LOG_INFO, "hello");
     EXPECT_EQ(receive(s.accept_one(), sizeof info_line - 1), info_line);
 }
 
-TEST_F(Log, AUnixTargetWithoutListenerStaysASocketAndLosesItsLines) {
+TEST_F(log_test, a_unix_target_without_listener_stays_a_socket_and_loses_its_lines) {
     open("unix://" + path("nobody.sock"));
     EXPECT_EQ(shown_on_stdout("lost"), "");
     EXPECT_FALSE(fs::exists(path("nobody.sock")));
 }
 
-TEST_F(Log, AUnixTargetThatIsARegularFileIsNotTouched) {
+TEST_F(log_test, a_unix_target_that_is_a_regular_file_is_not_touched) {
     std::ofstream(path("plain")) << "content";
     open("unix://" + path("plain"));
     EXPECT_EQ(shown_on_stdout("lost"), "");
     EXPECT_EQ(read_file(path("plain")), "content");
 }
 
-TEST_F(Log, TcpTargetsInAnyCaseConnect) {
+TEST_F(log_test, tcp_targets_in_any_case_connect) {
     server s(SOCK_STREAM);
     for (const char* host :
          {"tcp://127.0.0.1", "TCP://127.0.0.1", "tcp://localhost", "Tcp://LocalHost"}) {
@@ -673,7 +673,7 @@ TEST_F(Log, TcpTargetsInAnyCaseConnect) {
     }
 }
 
-TEST_F(Log, UdpTargetsSendADatagramForEachLine) {
+TEST_F(log_test, udp_targets_send_a_datagram_for_each_line) {
     server s(SOCK_DGRAM);
     for (const char* host : {"udp://127.0.0.1", "UDP://localhost"}) {
         open(host + s.colon_port());
@@ -690,14 +690,14 @@ TEST_F(Log, UdpTargetsSendADatagramForEachLine) {
     }
 }
 
-TEST_F(Log, ANetworkTargetsHostIsNotResolvedAndTheLinesAreLost) {
+TEST_F(log_test, a_network_targets_host_is_not_resolved_and_the_lines_are_lost) {
     server s(SOCK_STREAM);
     open("tcp://myhost" + s.colon_port());
     EXPECT_EQ(shown_on_stdout("lost"), "");
     EXPECT_FALSE(s.has_waiting_connection());
 }
 
-TEST_F(Log, HostAndPortConnectToThisMachineWhateverTheHost) {
+TEST_F(log_test, host_and_port_connect_to_this_machine_whatever_the_host) {
     server s(SOCK_STREAM);
     for (const char* host : {"myhost", "localhost", "192.0.2.7", ""}) {
         open(host + s.colon_port());
@@ -707,7 +707,7 @@ TEST_F(Log, HostAndPortConnectToThisMachineWhateverTheHost) {
     }
 }
 
-TEST_F(Log, APortEndsAtTheFirstByteThatIsNoDigit) {
+TEST_F(log_test, a_port_ends_at_the_first_byte_that_is_no_digit) {
     server s(SOCK_STREAM);
     for (const char* tail : {"x", " ", ":1", "/log", ".5"}) {
         for (const char* host : {"myhost", "tcp://127.0.0.1"}) {
@@ -719,7 +719,7 @@ TEST_F(Log, APortEndsAtTheFirstByteThatIsNoDigit) {
     EXPECT_TRUE(fs::is_empty(folder));
 }
 
-TEST_F(Log, APortThatRefusesStaysASocketAndMakesNoFile) {
+TEST_F(log_test, a_port_that_refuses_stays_a_socket_and_makes_no_file) {
     /* Bound, so that nobody else listens there, but not listening. */
     server holder(SOCK_DGRAM);
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -740,7 +740,7 @@ TEST_F(Log, APortThatRefusesStaysASocketAndMakesNoFile) {
     close(fd);
 }
 
-TEST_F(Log, PortsFrom1To65535AreSockets) {
+TEST_F(log_test, ports_from_1_to_65535_are_sockets) {
     fs::create_directory("udp:");
     for (const char* target : {"udp://127.0.0.1:1", "udp://127.0.0.1:65535"}) {
         open(target);
@@ -751,7 +751,7 @@ TEST_F(Log, PortsFrom1To65535AreSockets) {
 
 /* The file rule */
 
-TEST_F(Log, ARegularFileIsEmptiedAndWrittenInPlainText) {
+TEST_F(log_test, a_regular_file_is_emptied_and_written_in_plain_text) {
     std::ofstream(path("a.log")) << std::string(1000, 'x');
     open(path("a.log"));
     EXPECT_EQ(read_file(path("a.log")), "");
@@ -759,7 +759,7 @@ TEST_F(Log, ARegularFileIsEmptiedAndWrittenInPlainText) {
     EXPECT_EQ(read_file(path("a.log")), "info  *** hello\n");
 }
 
-TEST_F(Log, AFileIsMadeWithMode664) {
+TEST_F(log_test, a_file_is_made_with_mode_664) {
     const mode_t mask = umask(0);
     open(path("a.log"));
     umask(mask);
@@ -768,7 +768,7 @@ TEST_F(Log, AFileIsMadeWithMode664) {
     EXPECT_EQ(status.st_mode & 07777, 0664u);
 }
 
-TEST_F(Log, APathWithAPortIsAFile) {
+TEST_F(log_test, a_path_with_a_port_is_a_file) {
     server s(SOCK_STREAM);
     const std::string target = path("a" + s.colon_port());
     open(target);
@@ -777,7 +777,7 @@ TEST_F(Log, APathWithAPortIsAFile) {
     EXPECT_FALSE(s.has_waiting_connection());
 }
 
-TEST_F(Log, ATargetWithoutUsablePortIsTheNameOfAFile) {
+TEST_F(log_test, a_target_without_usable_port_is_the_name_of_a_file) {
     for (const char* target :
          {"name.log", "myhost:", "myhost:0", "myhost:65536", "myhost:-1", "myhost:abc",
           "myhost:4294967297", "stdout2", "syslog ", "unix:/x"}) {
@@ -790,7 +790,7 @@ TEST_F(Log, ATargetWithoutUsablePortIsTheNameOfAFile) {
     }
 }
 
-TEST_F(Log, ANetworkTargetWithoutUsablePortIsTheNameOfAFile) {
+TEST_F(log_test, a_network_target_without_usable_port_is_the_name_of_a_file) {
     fs::create_directory("tcp:");
     fs::create_directory("udp:");
     for (const char* target :
@@ -802,7 +802,7 @@ TEST_F(Log, ANetworkTargetWithoutUsablePortIsTheNameOfAFile) {
     }
 }
 
-TEST_F(Log, AFileThatCannotBeMadeFallsBackToStandardOutput) {
+TEST_F(log_test, a_file_that_cannot_be_made_falls_back_to_standard_output) {
     for (const std::string& target :
          {std::string("tcp://127.0.0.1"), path("missing/a.log"), folder, std::string("")}) {
         open(target);
@@ -814,10 +814,10 @@ TEST_F(Log, AFileThatCannotBeMadeFallsBackToStandardOutput) {
 
 namespace {
 
-class LogRing : public Log {
+class log_ring_test : public log_test {
   protected:
     void SetUp() override {
-        Log::SetUp();
+        log_test::SetUp();
         open(path("ring.log"));
     }
     /* Writes lines that are `length` bytes long in the file, prefix and line feed included. */
@@ -841,7 +841,7 @@ class LogRing : public Log {
 
 } // namespace
 
-TEST_F(LogRing, TheLineAfter31744BytesGoesToTheStart) {
+TEST_F(log_ring_test, the_line_after_31744_bytes_goes_to_the_start) {
     write_lines(317, 100, 'a');
     write_lines(1, 44, 'b');
     EXPECT_EQ(file().size(), 31744u);
@@ -853,7 +853,7 @@ TEST_F(LogRing, TheLineAfter31744BytesGoesToTheStart) {
         << "the old text stays until it is overwritten";
 }
 
-TEST_F(LogRing, TheLineAfter31743BytesIsStillAppended) {
+TEST_F(log_ring_test, the_line_after_31743_bytes_is_still_appended) {
     write_lines(317, 100, 'a');
     write_lines(1, 43, 'b');
     write_lines(1, 50, 'c');
@@ -863,7 +863,7 @@ TEST_F(LogRing, TheLineAfter31743BytesIsStillAppended) {
     EXPECT_EQ(file().size(), 31743u + 50);
 }
 
-TEST_F(LogRing, ALineThatCrossesTheEndIsWrittenWhole) {
+TEST_F(log_ring_test, a_line_that_crosses_the_end_is_written_whole) {
     write_lines(1, 40000, 'a');
     EXPECT_EQ(file().size(), 40001u) << "with the NUL of a long message";
     write_lines(1, 50, 'b');
@@ -871,7 +871,7 @@ TEST_F(LogRing, ALineThatCrossesTheEndIsWrittenWhole) {
     EXPECT_EQ(file().size(), 40001u);
 }
 
-TEST_F(LogRing, TheCountStartsAgainWhenTheFileHasWrapped) {
+TEST_F(log_ring_test, the_count_starts_again_when_the_file_has_wrapped) {
     write_lines(256, 124, 'a');
     write_lines(255, 124, 'b');
     EXPECT_EQ(file(), lines(255, 124, 'b') + lines(1, 124, 'a'));
@@ -880,7 +880,7 @@ TEST_F(LogRing, TheCountStartsAgainWhenTheFileHasWrapped) {
     EXPECT_EQ(file(), lines(1, 124, 'd') + lines(254, 124, 'b') + lines(1, 124, 'c'));
 }
 
-TEST_F(LogRing, ReopeningEmptiesTheFileAndStartsTheCount) {
+TEST_F(log_ring_test, reopening_empties_the_file_and_starts_the_count) {
     write_lines(255, 124, 'a');
     log_open(nullptr);
     write_lines(255, 124, 'b');
@@ -888,7 +888,7 @@ TEST_F(LogRing, ReopeningEmptiesTheFileAndStartsTheCount) {
     EXPECT_EQ(file(), lines(255, 124, 'b') + lines(1, 124, 'c'));
 }
 
-TEST_F(LogRing, TheCountedNulOfLongMessagesCounts) {
+TEST_F(log_ring_test, the_counted_nul_of_long_messages_counts) {
     /* 10 + 789 + NUL + line feed = 801 bytes each, 39 of them are 31239; then 505 to the byte. */
     for (int i = 0; i < 39; i++) {
         log_write(LOG_INFO, "%0789d", i);
@@ -902,7 +902,7 @@ TEST_F(LogRing, TheCountedNulOfLongMessagesCounts) {
 
 /* Sockets that fail */
 
-TEST_F(Log, ALostConnectionIsTriedAgainAfterMoreThanASecond) {
+TEST_F(log_test, a_lost_connection_is_tried_again_after_more_than_a_second) {
     server s(path("log.sock"));
     open(path("log.sock"));
     lose_connection(&s);
@@ -917,7 +917,7 @@ TEST_F(Log, ALostConnectionIsTriedAgainAfterMoreThanASecond) {
     EXPECT_EQ(receive(s.accept_one(), sizeof info_line - 1), info_line) << "1001 ms";
 }
 
-TEST_F(Log, TheLineThatFailsIsLostAndThoseWithinTheSecondToo) {
+TEST_F(log_test, the_line_that_fails_is_lost_and_those_within_the_second_too) {
     server s(path("log.sock"));
     open(path("log.sock"));
     lose_connection(&s);
@@ -929,7 +929,7 @@ TEST_F(Log, TheLineThatFailsIsLostAndThoseWithinTheSecondToo) {
               std::string(info_line) + info_line);
 }
 
-TEST_F(Log, AnAttemptThatFailsCountsAsTheLastOne) {
+TEST_F(log_test, an_attempt_that_fails_counts_as_the_last_one) {
     open("unix://" + path("log.sock"));
     stop_clock();
     /* Whatever was attempted before, two attempts more than a second apart make one of them count.
@@ -947,7 +947,7 @@ TEST_F(Log, AnAttemptThatFailsCountsAsTheLastOne) {
     EXPECT_EQ(receive(s.accept_one(), sizeof info_line - 1), info_line);
 }
 
-TEST_F(Log, OpeningItselfIsNoAttemptThatCounts) {
+TEST_F(log_test, opening_itself_is_no_attempt_that_counts) {
     server first(path("first.sock"));
     open(path("first.sock"));
     lose_connection(&first);
@@ -960,7 +960,7 @@ TEST_F(Log, OpeningItselfIsNoAttemptThatCounts) {
     EXPECT_EQ(receive(second.accept_one(), sizeof info_line - 1), info_line);
 }
 
-TEST_F(Log, AClockThatIsSetBackResetsTheTimeOfTheLastAttempt) {
+TEST_F(log_test, a_clock_that_is_set_back_resets_the_time_of_the_last_attempt) {
     server s(path("log.sock"));
     open(path("log.sock"));
     lose_connection(&s);
@@ -976,7 +976,7 @@ TEST_F(Log, AClockThatIsSetBackResetsTheTimeOfTheLastAttempt) {
     EXPECT_EQ(receive(s.accept_one(), sizeof info_line - 1), info_line);
 }
 
-TEST_F(Log, AReaderThatDoesNotReadLosesLinesAndKeepsItsConnection) {
+TEST_F(log_test, a_reader_that_does_not_read_loses_lines_and_keeps_its_connection) {
     server s(path("log.sock"));
     open(path("log.sock"));
     const int reader = s.accept_one();
@@ -998,7 +998,7 @@ TEST_F(Log, AReaderThatDoesNotReadLosesLinesAndKeepsItsConnection) {
     EXPECT_FALSE(s.has_waiting_connection());
 }
 
-TEST_F(Log, AnInterruptedWriteIsTriedAgain) {
+TEST_F(log_test, an_interrupted_write_is_tried_again) {
     server s(path("log.sock"));
     open(path("log.sock"));
     const int reader = s.accept_one();
@@ -1010,7 +1010,7 @@ TEST_F(Log, AnInterruptedWriteIsTriedAgain) {
     EXPECT_EQ(receive(reader, sizeof info_line - 1), info_line) << "the socket was not kept";
 }
 
-TEST_F(Log, AnyOtherFailureOfAWriteClosesTheSocketUntilTheNextAttempt) {
+TEST_F(log_test, any_other_failure_of_a_write_closes_the_socket_until_the_next_attempt) {
     server s(path("log.sock"));
     stop_clock();
     for (const int error : {EMSGSIZE, ENOBUFS, EPIPE, ECONNRESET, ENOMEM, EIO}) {
@@ -1032,7 +1032,7 @@ TEST_F(Log, AnyOtherFailureOfAWriteClosesTheSocketUntilTheNextAttempt) {
     }
 }
 
-TEST_F(Log, AShortWriteIsNotCompleted) {
+TEST_F(log_test, a_short_write_is_not_completed) {
     server s(SOCK_STREAM);
     open("tcp://127.0.0.1" + s.colon_port());
     const int reader = s.accept_one();
@@ -1059,7 +1059,7 @@ TEST_F(Log, AShortWriteIsNotCompleted) {
         << "the rest of an earlier line came late";
 }
 
-TEST_F(Log, ARefusedDatagramClosesTheSocketUntilTheNextAttempt) {
+TEST_F(log_test, a_refused_datagram_closes_the_socket_until_the_next_attempt) {
     server first(SOCK_DGRAM);
     const int port = first.port();
     stop_clock();
@@ -1078,7 +1078,7 @@ TEST_F(Log, ARefusedDatagramClosesTheSocketUntilTheNextAttempt) {
     EXPECT_EQ(receive(second.fd(), sizeof info_line - 1), info_line);
 }
 
-TEST_F(Log, ALostTcpConnectionIsMadeAgain) {
+TEST_F(log_test, a_lost_tcp_connection_is_made_again) {
     server s(SOCK_STREAM);
     open("myhost" + s.colon_port());
     stop_clock();
@@ -1096,7 +1096,7 @@ TEST_F(Log, ALostTcpConnectionIsMadeAgain) {
     EXPECT_EQ(receive(s.accept_one(), sizeof info_line - 1), info_line);
 }
 
-TEST_F(Log, ASocketPathThatHasBecomeFreeTurnsIntoAFileInPlainText) {
+TEST_F(log_test, a_socket_path_that_has_become_free_turns_into_a_file_in_plain_text) {
     server s(path("log.sock"));
     open(path("log.sock"));
     lose_connection(&s);
@@ -1111,7 +1111,8 @@ TEST_F(Log, ASocketPathThatHasBecomeFreeTurnsIntoAFileInPlainText) {
         << "files never get colour";
 }
 
-TEST_F(Log, ASocketPathThatIsGoneAltogetherLosesTheLineAndFallsBackToStandardOutput) {
+TEST_F(log_test,
+       a_socket_path_that_is_gone_altogether_loses_the_line_and_falls_back_to_standard_output) {
     fs::create_directory("deep");
     server s(path("deep/log.sock"));
     open(path("deep/log.sock"));
@@ -1124,7 +1125,7 @@ TEST_F(Log, ASocketPathThatIsGoneAltogetherLosesTheLineAndFallsBackToStandardOut
     EXPECT_EQ(shown_on_stdout("hello"), info_line);
 }
 
-TEST_F(Log, WritingToASocketThatHasEndedRaisesNoSignal) {
+TEST_F(log_test, writing_to_a_socket_that_has_ended_raises_no_signal) {
     server s(path("log.sock"));
     open(path("log.sock"));
     signal(SIGPIPE, SIG_DFL);
@@ -1162,7 +1163,7 @@ class full_server : public server {
 
 } // namespace
 
-TEST_F(LogDeathTest, ASocketWhoseQueueIsFullIsNotWaitedFor) {
+TEST_F(log_death_test, a_socket_whose_queue_is_full_is_not_waited_for) {
     full_server s(path("log.sock"));
     for (const std::string& target : {path("log.sock"), "unix://" + path("log.sock")}) {
         EXPECT_EXIT(
@@ -1182,7 +1183,7 @@ TEST_F(LogDeathTest, ASocketWhoseQueueIsFullIsNotWaitedFor) {
     EXPECT_FALSE(s.has_waiting_connection());
 }
 
-TEST_F(LogDeathTest, ASocketWhoseQueueWasFullIsTriedAgainAfterMoreThanASecond) {
+TEST_F(log_death_test, a_socket_whose_queue_was_full_is_tried_again_after_more_than_a_second) {
     full_server s(path("log.sock"));
     EXPECT_EXIT(
         {
@@ -1206,7 +1207,7 @@ TEST_F(LogDeathTest, ASocketWhoseQueueWasFullIsTriedAgainAfterMoreThanASecond) {
         ExitedWithCode(0), "");
 }
 
-TEST_F(Log, AConnectedUnixSocketBlocksAsUsual) {
+TEST_F(log_test, a_connected_unix_socket_blocks_as_usual) {
     server s(path("log.sock"));
     open("stdout");
     const int next = dup(STDOUT_FILENO);
@@ -1221,15 +1222,15 @@ TEST_F(Log, AConnectedUnixSocketBlocksAsUsual) {
 
 namespace {
 
-class LogBuffer : public Log {
+class log_buffer_test : public log_test {
   protected:
     void SetUp() override {
-        Log::SetUp();
+        log_test::SetUp();
         open(path("a.log"));
     }
     void TearDown() override {
         buffer_free(&message);
-        Log::TearDown();
+        log_test::TearDown();
     }
     void compose(const std::string& bytes, uint32_t initial = 16, uint32_t limit = 64) {
         buffer_init(&message, initial, limit);
@@ -1248,45 +1249,45 @@ class LogBuffer : public Log {
 
 } // namespace
 
-TEST_F(LogBuffer, IsWrittenAsALine) {
+TEST_F(log_buffer_test, is_written_as_a_line) {
     compose("hello");
     log_write_buffer(LOG_WARN, &message);
     EXPECT_EQ(file(), "warn  *** hello\n");
 }
 
-TEST_F(LogBuffer, GetsANulThatStays) {
+TEST_F(log_buffer_test, gets_a_nul_that_stays) {
     compose("hello");
     log_write_buffer(LOG_INFO, &message);
     EXPECT_EQ(content(), std::string("hello\0", 6));
 }
 
-TEST_F(LogBuffer, IsWrittenUpToItsFirstNul) {
+TEST_F(log_buffer_test, is_written_up_to_its_first_nul) {
     compose(std::string("hello\0behind", 12));
     log_write_buffer(LOG_INFO, &message);
     EXPECT_EQ(file(), "info  *** hello\n");
     EXPECT_EQ(content(), std::string("hello\0behind\0", 13));
 }
 
-TEST_F(LogBuffer, IsWrittenFromItsFirstUnconsumedByte) {
+TEST_F(log_buffer_test, is_written_from_its_first_unconsumed_byte) {
     compose("gone hello");
     buffer_consume(&message, 5);
     log_write_buffer(LOG_INFO, &message);
     EXPECT_EQ(file(), "info  *** hello\n");
 }
 
-TEST_F(LogBuffer, IsNeverTakenForAFormat) {
+TEST_F(log_buffer_test, is_never_taken_for_a_format) {
     compose("100%s%n");
     log_write_buffer(LOG_INFO, &message);
     EXPECT_EQ(file(), "info  *** 100%s%n\n");
 }
 
-TEST_F(LogBuffer, MayBeEmpty) {
+TEST_F(log_buffer_test, may_be_empty) {
     compose("");
     log_write_buffer(LOG_INFO, &message);
     EXPECT_EQ(file(), "info  *** \n");
 }
 
-TEST_F(LogBuffer, GrowsForItsNul) {
+TEST_F(log_buffer_test, grows_for_its_nul) {
     compose("123456789012345");
     ASSERT_EQ(message.capacity, 16u);
     log_write_buffer(LOG_INFO, &message);
@@ -1294,14 +1295,14 @@ TEST_F(LogBuffer, GrowsForItsNul) {
     EXPECT_EQ(message.capacity, 32u);
 }
 
-TEST_F(LogBuffer, WithoutRoomForItsNulIsNotWrittenAndStaysAsItWas) {
+TEST_F(log_buffer_test, without_room_for_its_nul_is_not_written_and_stays_as_it_was) {
     compose("123456789012345", 16, 16);
     log_write_buffer(LOG_INFO, &message);
     EXPECT_EQ(file(), "");
     EXPECT_EQ(content(), "123456789012345");
 }
 
-TEST_F(LogBuffer, IsWrittenWhenItsNulIsTheLastThatFits) {
+TEST_F(log_buffer_test, is_written_when_its_nul_is_the_last_that_fits) {
     compose("12345678901234", 16, 16);
     log_write_buffer(LOG_INFO, &message);
     EXPECT_EQ(file(), "info  *** 12345678901234\n");
@@ -1309,7 +1310,7 @@ TEST_F(LogBuffer, IsWrittenWhenItsNulIsTheLastThatFits) {
 
 /* Fatal messages */
 
-TEST_F(LogDeathTest, AFatalMessageIsWrittenAndEndsTheProcessWith255) {
+TEST_F(log_death_test, a_fatal_message_is_written_and_ends_the_process_with_255) {
     open("stdout");
     EXPECT_EXIT(
         {
@@ -1319,13 +1320,13 @@ TEST_F(LogDeathTest, AFatalMessageIsWrittenAndEndsTheProcessWith255) {
         ExitedWithCode(255), text(Eq("\033[41;37;1mfatal *** the end\033[0m\n")));
 }
 
-TEST_F(LogDeathTest, AFatalMessageIsInTheFileWhenTheProcessHasEnded) {
+TEST_F(log_death_test, a_fatal_message_is_in_the_file_when_the_process_has_ended) {
     open(path("a.log"));
     EXPECT_EXIT(log_write(LOG_FATAL, "the end"), ExitedWithCode(255), text(Eq("")));
     EXPECT_EQ(read_file(path("a.log")), "fatal *** the end\n");
 }
 
-TEST_F(LogDeathTest, AFatalMessageIsSentWhenTheProcessHasEnded) {
+TEST_F(log_death_test, a_fatal_message_is_sent_when_the_process_has_ended) {
     server s(path("log.sock"));
     open(path("log.sock"));
     EXPECT_EXIT(log_write(LOG_FATAL, "the end"), ExitedWithCode(255), text(Eq("")));
@@ -1333,7 +1334,7 @@ TEST_F(LogDeathTest, AFatalMessageIsSentWhenTheProcessHasEnded) {
     EXPECT_EQ(receive(s.accept_one(), expected.size()), expected);
 }
 
-TEST_F(LogDeathTest, ADiscardedFatalMessageEndsTheProcessToo) {
+TEST_F(log_death_test, a_discarded_fatal_message_ends_the_process_too) {
     open("syslog");
     EXPECT_EXIT(
         {
@@ -1343,7 +1344,7 @@ TEST_F(LogDeathTest, ADiscardedFatalMessageEndsTheProcessToo) {
         ExitedWithCode(255), text(Eq("")));
 }
 
-TEST_F(LogDeathTest, AFatalMessageThatFindsNoSocketEndsTheProcessToo) {
+TEST_F(log_death_test, a_fatal_message_that_finds_no_socket_ends_the_process_too) {
     server s(path("log.sock"));
     open(path("log.sock"));
     lose_connection(&s);
@@ -1354,7 +1355,7 @@ TEST_F(LogDeathTest, AFatalMessageThatFindsNoSocketEndsTheProcessToo) {
                 text(Eq("")));
 }
 
-TEST_F(LogDeathTest, AFatalMessageThatCannotBeSentEndsTheProcessToo) {
+TEST_F(log_death_test, a_fatal_message_that_cannot_be_sent_ends_the_process_too) {
     server s(path("log.sock"));
     open(path("log.sock"));
     for (const int error : {EAGAIN, EMSGSIZE}) {
@@ -1367,7 +1368,7 @@ TEST_F(LogDeathTest, AFatalMessageThatCannotBeSentEndsTheProcessToo) {
     }
 }
 
-TEST_F(LogDeathTest, ABrokenInvariantIsAFatalLineWithExpressionUnitAndLine) {
+TEST_F(log_death_test, a_broken_invariant_is_a_fatal_line_with_expression_unit_and_line) {
     open("stdout");
     EXPECT_EXIT(
         {

@@ -46,7 +46,7 @@ std::string usage(const std::string& program) {
            "   -h   --help                               打印帮助信息\n";
 }
 
-class Options : public testing::Test {
+class options_test : public testing::Test {
   protected:
     void SetUp() override {
         options_init(&o);
@@ -89,13 +89,13 @@ class Options : public testing::Test {
     std::deque<std::string> words_; /* the options point into them */
 };
 
-typedef Options OptionsDeathTest;
+typedef options_test options_death_test;
 
 } // namespace
 
 /* Defaults */
 
-TEST_F(Options, DefaultsLogToTheFileInTmpAndListenOnTheSocketInTmp) {
+TEST_F(options_test, defaults_log_to_the_file_in_tmp_and_listen_on_the_socket_in_tmp) {
     parse({});
     EXPECT_STREQ(o.log.target, "/tmp/tessard.log");
     EXPECT_STREQ(o.log.ident, "Tessard");
@@ -107,7 +107,7 @@ TEST_F(Options, DefaultsLogToTheFileInTmpAndListenOnTheSocketInTmp) {
     EXPECT_EQ(o.port, 0);
 }
 
-TEST_F(Options, TheLogsFieldsStandInTheirOrder) {
+TEST_F(options_test, the_logs_fields_stand_in_their_order) {
     EXPECT_EQ(offsetof(log_config, target), 0u);
     EXPECT_EQ(offsetof(log_config, ident), sizeof(void*));
     EXPECT_EQ(offsetof(log_config, level), 2 * sizeof(void*));
@@ -115,7 +115,7 @@ TEST_F(Options, TheLogsFieldsStandInTheirOrder) {
     EXPECT_EQ(offsetof(log_config, timestamps), 2 * sizeof(void*) + 8);
 }
 
-TEST_F(Options, WordsThatAreNoOptionsAreIgnored) {
+TEST_F(options_test, words_that_are_no_options_are_ignored) {
     parse({"start", "-p", "7000", "now"});
     EXPECT_EQ(o.port, 7000);
     EXPECT_STREQ(o.address, "/tmp/tessard.sock");
@@ -123,7 +123,7 @@ TEST_F(Options, WordsThatAreNoOptionsAreIgnored) {
 
 /* Port */
 
-TEST_F(Options, ThePortIsTaken) {
+TEST_F(options_test, the_port_is_taken) {
     parse({"-p", "7000"});
     EXPECT_EQ(o.port, 7000);
     parse({"-p7001"});
@@ -134,12 +134,12 @@ TEST_F(Options, ThePortIsTaken) {
     EXPECT_EQ(o.port, 1);
 }
 
-TEST_F(Options, ThePortIsReadUpToTheFirstOtherCharacter) {
+TEST_F(options_test, the_port_is_read_up_to_the_first_other_character) {
     parse({"-p", " 80http"});
     EXPECT_EQ(o.port, 80);
 }
 
-TEST_F(Options, APortBelow1OrNoNumberIsIgnored) {
+TEST_F(options_test, a_port_below_1_or_no_number_is_ignored) {
     for (const char* port : {"0", "-1", "abc", "", "-7000"}) {
         parse({"-p", port});
         EXPECT_EQ(o.port, 0) << port;
@@ -148,40 +148,40 @@ TEST_F(Options, APortBelow1OrNoNumberIsIgnored) {
     EXPECT_EQ(o.port, 7000);
 }
 
-TEST_F(Options, ThePortHas32Bits) {
+TEST_F(options_test, the_port_has_32_bits) {
     parse({"-p", "70000"});
     EXPECT_EQ(o.port, 70000);
     parse({"-p", "2147483647"});
     EXPECT_EQ(o.port, 2147483647);
 }
 
-TEST_F(Options, APortAloneLeavesTheUnixSocket) {
+TEST_F(options_test, a_port_alone_leaves_the_unix_socket) {
     parse({"-p", "7000"});
     EXPECT_STREQ(o.address, "/tmp/tessard.sock");
 }
 
 /* Address */
 
-TEST_F(Options, TheAddressIsCopied) {
+TEST_F(options_test, the_address_is_copied) {
     parse({"-a", "/tmp/other.sock"});
     EXPECT_STREQ(o.address, "/tmp/other.sock");
     EXPECT_EQ(sstr_length(o.address), 15u);
 }
 
-TEST_F(Options, TheAddressCanFollowItsLetterOrAnEqualsSign) {
+TEST_F(options_test, the_address_can_follow_its_letter_or_an_equals_sign) {
     parse({"-a0.0.0.0"});
     EXPECT_STREQ(o.address, "0.0.0.0");
     parse({"--addr=::1"});
     EXPECT_STREQ(o.address, "::1");
 }
 
-TEST_F(Options, TheLastAddressCounts) {
+TEST_F(options_test, the_last_address_counts) {
     parse({"-a", "/tmp/first.sock", "-a", "127.0.0.1"});
     EXPECT_STREQ(o.address, "127.0.0.1");
     EXPECT_EQ(sstr_length(o.address), 9u);
 }
 
-TEST_F(Options, AnEmptyAddressIsTaken) {
+TEST_F(options_test, an_empty_address_is_taken) {
     parse({"-a", ""});
     EXPECT_STREQ(o.address, "");
     EXPECT_EQ(sstr_length(o.address), 0u);
@@ -189,7 +189,7 @@ TEST_F(Options, AnEmptyAddressIsTaken) {
 
 /* Log level */
 
-TEST_F(Options, TheLogLevelIsTakenByTheBeginningOfItsName) {
+TEST_F(options_test, the_log_level_is_taken_by_the_beginning_of_its_name) {
     parse({"-l", "debug"});
     EXPECT_EQ(o.log.level, 0u);
     parse({"-l", "Warning"});
@@ -200,14 +200,14 @@ TEST_F(Options, TheLogLevelIsTakenByTheBeginningOfItsName) {
     EXPECT_EQ(o.log.level, 4u);
 }
 
-TEST_F(Options, AnUnknownLogLevelIsInfo) {
+TEST_F(options_test, an_unknown_log_level_is_info) {
     parse({"-l", "error", "-l", "ERR"});
     EXPECT_EQ(o.log.level, 1u);
 }
 
 /* Log file */
 
-TEST_F(Options, OnlyStdoutAndSyslogChooseWhereTheLogGoes) {
+TEST_F(options_test, only_stdout_and_syslog_choose_where_the_log_goes) {
     parse({"-f", "stdout"});
     EXPECT_STREQ(o.log.target, "stdout");
     EXPECT_STREQ(o.log.ident, "Tessard");
@@ -216,7 +216,7 @@ TEST_F(Options, OnlyStdoutAndSyslogChooseWhereTheLogGoes) {
     EXPECT_STREQ(o.log.ident, "Tessard");
 }
 
-TEST_F(Options, AnyOtherLogFileLeavesTheLogOnItsDefaultAndIsKeptAsIdent) {
+TEST_F(options_test, any_other_log_file_leaves_the_log_on_its_default_and_is_kept_as_ident) {
     for (const char* target : {"/var/log/x.log", "STDOUT", "Syslog", "stderr", "stdout ", "stdou",
                                "localhost:9000", "tcp://127.0.0.1:9000", ""}) {
         parse({"-f", target});
@@ -225,7 +225,7 @@ TEST_F(Options, AnyOtherLogFileLeavesTheLogOnItsDefaultAndIsKeptAsIdent) {
     }
 }
 
-TEST_F(Options, AFileBehindStdoutDoesNotTakeStdoutBack) {
+TEST_F(options_test, a_file_behind_stdout_does_not_take_stdout_back) {
     parse({"-f", "stdout", "-f", "/var/log/x.log"});
     EXPECT_STREQ(o.log.target, "stdout");
     EXPECT_STREQ(o.log.ident, "/var/log/x.log");
@@ -233,7 +233,7 @@ TEST_F(Options, AFileBehindStdoutDoesNotTakeStdoutBack) {
 
 /* Long forms */
 
-TEST_F(Options, ALongFormWithItsValueInAWordOfItsOwnIsIgnored) {
+TEST_F(options_test, a_long_form_with_its_value_in_a_word_of_its_own_is_ignored) {
     parse({"--addr", "/tmp/other.sock"});
     EXPECT_STREQ(o.address, "/tmp/tessard.sock");
     parse({"--port", "7000", "--loglevel", "debug", "--logfile", "stdout"});
@@ -243,7 +243,7 @@ TEST_F(Options, ALongFormWithItsValueInAWordOfItsOwnIsIgnored) {
     EXPECT_STREQ(o.log.ident, "Tessard");
 }
 
-TEST_F(Options, ManyOptionsAreTakenTogether) {
+TEST_F(options_test, many_options_are_taken_together) {
     parse({"-p", "7000", "-a", "127.0.0.1", "--loglevel=error", "-f", "syslog"});
     EXPECT_EQ(o.port, 7000);
     EXPECT_STREQ(o.address, "127.0.0.1");
@@ -253,7 +253,7 @@ TEST_F(Options, ManyOptionsAreTakenTogether) {
 
 /* Version */
 
-TEST_F(OptionsDeathTest, VersionIsOneLineOnStandardOutputAndStatus0) {
+TEST_F(options_death_test, version_is_one_line_on_standard_output_and_status_0) {
     EXPECT_EXIT(parse_and_show_output({"-v"}), ExitedWithCode(0),
                 text(MatchesRegex("Tessard 2\\.1\\.0 .+\n")));
     EXPECT_EXIT(parse_and_show_output({"--version"}), ExitedWithCode(0),
@@ -261,35 +261,35 @@ TEST_F(OptionsDeathTest, VersionIsOneLineOnStandardOutputAndStatus0) {
     EXPECT_EXIT(parse_and_hide_output({"-v"}), ExitedWithCode(0), text(Eq("")));
 }
 
-TEST_F(OptionsDeathTest, VersionComesBeforeWhatFollowsIt) {
+TEST_F(options_death_test, version_comes_before_what_follows_it) {
     EXPECT_EXIT(parse_and_show_output({"-v", "-h"}), ExitedWithCode(0), "^Tessard 2\\.1\\.0 .+\n$");
     EXPECT_EXIT(parse_and_show_output({"-vd"}), ExitedWithCode(0), "^Tessard 2\\.1\\.0 .+\n$");
 }
 
 /* Usage */
 
-TEST_F(OptionsDeathTest, HelpPrintsTheUsageByteForByteAndEndsWith255) {
+TEST_F(options_death_test, help_prints_the_usage_byte_for_byte_and_ends_with_255) {
     EXPECT_EXIT(parse_and_show_output({"-h"}), ExitedWithCode(255), text(Eq(usage("tessard"))));
     EXPECT_EXIT(parse_and_show_output({"--help"}), ExitedWithCode(255), text(Eq(usage("tessard"))));
 }
 
-TEST_F(OptionsDeathTest, TheUsageNamesTheProgramAsItWasCalled) {
+TEST_F(options_death_test, the_usage_names_the_program_as_it_was_called) {
     EXPECT_EXIT(parse_and_show_output({"-h"}, "/usr/sbin/cache %s"), ExitedWithCode(255),
                 text(Eq(usage("/usr/sbin/cache %s"))));
 }
 
-TEST_F(OptionsDeathTest, TheUsageGoesToStandardOutput) {
+TEST_F(options_death_test, the_usage_goes_to_standard_output) {
     EXPECT_EXIT(parse_and_hide_output({"-h"}), ExitedWithCode(255), text(Eq("")));
 }
 
-TEST_F(OptionsDeathTest, TheContinuationOfTheLogFilesLineIsIndentedBy45Blanks) {
+TEST_F(options_death_test, the_continuation_of_the_log_files_line_is_indented_by_45_blanks) {
     const std::string indent(45, ' ');
     EXPECT_EXIT(parse_and_show_output({"-h"}), ExitedWithCode(255),
                 text(HasSubstr("stdout, syslog,\n" + indent +
                                "/tmp/xxx.sock, /path/to/regular/file\n" + indent + "以及")));
 }
 
-TEST_F(OptionsDeathTest, UnknownOptionsPrintTheUsageAndEndWith255) {
+TEST_F(options_death_test, unknown_options_print_the_usage_and_end_with_255) {
     for (const char* option : {"-x", "-?", "--verbose", "-1", "--version=2", "--algor=max"}) {
         EXPECT_EXIT(parse_and_show_output({option}), ExitedWithCode(255),
                     text(EndsWith(usage("tessard"))))
@@ -297,7 +297,7 @@ TEST_F(OptionsDeathTest, UnknownOptionsPrintTheUsageAndEndWith255) {
     }
 }
 
-TEST_F(OptionsDeathTest, AShortOptionWithoutItsValuePrintsTheUsageAndEndsWith255) {
+TEST_F(options_death_test, a_short_option_without_its_value_prints_the_usage_and_ends_with_255) {
     for (const char* option : {"-p", "-a", "-l", "-f", "-g"}) {
         EXPECT_EXIT(parse_and_show_output({option}), ExitedWithCode(255),
                     text(EndsWith(usage("tessard"))))
@@ -313,7 +313,7 @@ void tell_algor() {
 
 } // namespace
 
-TEST_F(OptionsDeathTest, TheHistoryAlgorithmIsSetAndTheUsagePrintedAllTheSame) {
+TEST_F(options_death_test, the_history_algorithm_is_set_and_the_usage_printed_all_the_same) {
     struct {
         int before;
         const char* word;
@@ -336,7 +336,7 @@ TEST_F(OptionsDeathTest, TheHistoryAlgorithmIsSetAndTheUsagePrintedAllTheSame) {
     }
 }
 
-TEST_F(Options, TheHistoryAlgorithmIsMaxByDefault) {
+TEST_F(options_test, the_history_algorithm_is_max_by_default) {
     EXPECT_EQ(history_iface_algor, 1);
 }
 
@@ -360,15 +360,15 @@ std::string read_to_end(int fd) {
     return all;
 }
 
-class OptionsDaemonDeathTest : public Options {
+class options_daemon_death_test : public options_test {
   protected:
     void SetUp() override {
-        Options::SetUp();
+        options_test::SetUp();
         ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
     }
     void TearDown() override {
         close(ends[0]);
-        Options::TearDown();
+        options_test::TearDown();
     }
     void say(const std::string& what) const {
         (void)!write(ends[1], what.data(), what.size());
@@ -383,7 +383,7 @@ class OptionsDaemonDeathTest : public Options {
 
 } // namespace
 
-TEST_F(OptionsDaemonDeathTest, TheCallerEndsAndTheDaemonGoesOnWithTheOptionsBehind) {
+TEST_F(options_daemon_death_test, the_caller_ends_and_the_daemon_goes_on_with_the_options_behind) {
     const std::string caller_session = std::to_string(getsid(0));
     for (const char* option : {"-d", "--daemon"}) {
         ASSERT_EXIT(
@@ -403,13 +403,13 @@ TEST_F(OptionsDaemonDeathTest, TheCallerEndsAndTheDaemonGoesOnWithTheOptionsBehi
     EXPECT_EQ(heard(), daemon_said + daemon_said);
 }
 
-TEST_F(OptionsDaemonDeathTest, WhatFollowsIsParsedInTheDaemonWhoseOutputGoesNowhere) {
+TEST_F(options_daemon_death_test, what_follows_is_parsed_in_the_daemon_whose_output_goes_nowhere) {
     EXPECT_EXIT(parse_and_show_output({"-dv"}), ExitedWithCode(0), text(Eq("")));
     EXPECT_EXIT(parse_and_show_output({"-dh"}), ExitedWithCode(0), text(Eq("")));
     EXPECT_EQ(heard(), "");
 }
 
-TEST_F(OptionsDeathTest, ADaemonThatCannotBeMadeEndsWithStatus0) {
+TEST_F(options_death_test, a_daemon_that_cannot_be_made_ends_with_status_0) {
     EXPECT_EXIT(
         {
             test_kernel::daemon_failures = {EAGAIN};

@@ -86,21 +86,21 @@ std::string bytes_of(const std::string& text) {
 
 } // namespace
 
-TEST(Pattern, PlainTextMatchesItselfAlone) {
+TEST(pattern_test, plain_text_matches_itself_alone) {
     EXPECT_EQ(matching("abc", {"", "ab", "abc", "abcd", "xabc", "ABC"}), (texts{"abc"}));
 }
 
-TEST(Pattern, TheEmptyPatternMatchesTheEmptyTextAlone) {
+TEST(pattern_test, the_empty_pattern_matches_the_empty_text_alone) {
     EXPECT_EQ(matching("", {"", "a"}), (texts{""}));
 }
 
-TEST(Pattern, AStarMatchesAnyTextTheEmptyOneIncluded) {
+TEST(pattern_test, a_star_matches_any_text_the_empty_one_included) {
     EXPECT_EQ(matching("*", {"", "a", ".a", "a/b", "\xFF"}), (texts{"", "a", ".a", "a/b", "\xFF"}));
     EXPECT_EQ(matching("a*c", {"ac", "abc", "abbc", "abcd", "bc"}), (texts{"ac", "abc", "abbc"}));
     EXPECT_EQ(matching("a**", {"a", "ab", "b"}), (texts{"a", "ab"}));
 }
 
-TEST(Pattern, AQuestionMarkTakesExactlyOneByte) {
+TEST(pattern_test, a_question_mark_takes_exactly_one_byte) {
     EXPECT_EQ(matching("a?c", {"ac", "abc", "abbc", "a?c",
                                "a\xC3\xA4"
                                "c"}),
@@ -109,19 +109,19 @@ TEST(Pattern, AQuestionMarkTakesExactlyOneByte) {
     EXPECT_EQ(matching("?*?", {"", "a", "ab", "abc"}), (texts{"ab", "abc"}));
 }
 
-TEST(Pattern, WhatStandsBeforeTheFirstAndBehindTheLastStarMayNotShareBytes) {
+TEST(pattern_test, what_stands_before_the_first_and_behind_the_last_star_may_not_share_bytes) {
     EXPECT_EQ(matching("ab*ba", {"aba", "abba", "abxba"}), (texts{"abba", "abxba"}));
     EXPECT_EQ(matching("ab*b*ba", {"abba", "abbba"}), (texts{"abbba"}));
 }
 
-TEST(Pattern, TextBetweenStarsIsFoundInOrder) {
+TEST(pattern_test, text_between_stars_is_found_in_order) {
     EXPECT_EQ(matching("*one*two*", {"onetwo", "twoone", "one two one", "ontwo"}),
               (texts{"onetwo", "one two one"}));
     EXPECT_TRUE(matches("*aab*b", "aaabxb"));
     EXPECT_FALSE(matches("*aab*b", "aaab"));
 }
 
-TEST(Pattern, BracketsTakeOneOfTheirBytes) {
+TEST(pattern_test, brackets_take_one_of_their_bytes) {
     EXPECT_EQ(bytes_of("[ab]"), "ab");
     EXPECT_EQ(bytes_of("[a-c]"), "abc");
     EXPECT_EQ(bytes_of("[a-cx-z]"), "abcxyz");
@@ -129,33 +129,33 @@ TEST(Pattern, BracketsTakeOneOfTheirBytes) {
     EXPECT_EQ(bytes_of("[*?]"), "*?");
 }
 
-TEST(Pattern, AnExclamationMarkOrACircumflexNegatesABracket) {
+TEST(pattern_test, an_exclamation_mark_or_a_circumflex_negates_a_bracket) {
     EXPECT_EQ(bytes_of("[!\x02-\xFE]"), "\x01\xFF");
     EXPECT_EQ(bytes_of("[^\x02-\xFE]"), "\x01\xFF");
     EXPECT_EQ(bytes_of("[a!^]"), "!^a");
     EXPECT_FALSE(matches("[!a]", ""));
 }
 
-TEST(Pattern, AClosingBracketThatComesFirstIsAMember) {
+TEST(pattern_test, a_closing_bracket_that_comes_first_is_a_member) {
     EXPECT_EQ(bytes_of("[]]"), "]");
     EXPECT_EQ(bytes_of("[]a]"), "]a");
     EXPECT_EQ(bytes_of("[]-a]"), "]^_`a");
     EXPECT_EQ(bytes_of("[!]\x02-\\\\^-\xFF]"), "\x01");
 }
 
-TEST(Pattern, AHyphenAtEitherEndOfABracketIsAMember) {
+TEST(pattern_test, a_hyphen_at_either_end_of_a_bracket_is_a_member) {
     EXPECT_EQ(bytes_of("[-a]"), "-a");
     EXPECT_EQ(bytes_of("[a-]"), "-a");
     EXPECT_EQ(bytes_of("[--/]"), "-./");
     EXPECT_EQ(bytes_of("[a-c-e]"), "-abce");
 }
 
-TEST(Pattern, RangesCompareUnsignedBytes) {
+TEST(pattern_test, ranges_compare_unsigned_bytes) {
     EXPECT_EQ(bytes_of("[\x7E-\x81]"), "\x7E\x7F\x80\x81");
     EXPECT_EQ(bytes_of("[\xFD-\xFF]"), "\xFD\xFE\xFF");
 }
 
-TEST(Pattern, ABackslashTakesAwayAMeaning) {
+TEST(pattern_test, a_backslash_takes_away_a_meaning) {
     EXPECT_EQ(matching("\\*", {"*", "a", "\\*"}), (texts{"*"}));
     EXPECT_EQ(matching("\\a\\\\", {"a\\", "\\a\\\\"}), (texts{"a\\"}));
     EXPECT_EQ(matching("\\[a]", {"[a]", "a"}), (texts{"[a]"}));
@@ -165,13 +165,13 @@ TEST(Pattern, ABackslashTakesAwayAMeaning) {
     EXPECT_EQ(bytes_of("[[-\\]]"), "[\\]");
 }
 
-TEST(Pattern, ATrailingBackslashMatchesNothing) {
+TEST(pattern_test, a_trailing_backslash_matches_nothing) {
     EXPECT_EQ(matching("a\\", {"a", "a\\", "a\\\\"}), (texts{}));
     EXPECT_EQ(matching("*\\", {"", "a", "\\"}), (texts{}));
     EXPECT_EQ(matching("[a\\", {"a", "[a", "[a\\"}), (texts{}));
 }
 
-TEST(Pattern, TheTwelveClassesAreThoseOfAscii) {
+TEST(pattern_test, the_twelve_classes_are_those_of_ascii) {
     EXPECT_EQ(bytes_of("[[:digit:]]"), "0123456789");
     EXPECT_EQ(bytes_of("[[:xdigit:]]"), "0123456789ABCDEFabcdef");
     EXPECT_EQ(bytes_of("[[:upper:]]"), "ABCDEFGHIJKLMNOPQRSTUVWXYZ");
@@ -188,7 +188,7 @@ TEST(Pattern, TheTwelveClassesAreThoseOfAscii) {
     EXPECT_EQ(bytes_of("[![:print:][:cntrl:]\x80-\xFE]"), "\xFF");
 }
 
-TEST(Pattern, AClassThatDoesNotExistTakesNoByteNeitherDoesItsOpposite) {
+TEST(pattern_test, a_class_that_does_not_exist_takes_no_byte_neither_does_its_opposite) {
     EXPECT_EQ(bytes_of("[[:word:]]"), "");
     EXPECT_EQ(bytes_of("[![:word:]]"), "");
     EXPECT_EQ(bytes_of("[[:digits:]a]"), "");
@@ -197,14 +197,14 @@ TEST(Pattern, AClassThatDoesNotExistTakesNoByteNeitherDoesItsOpposite) {
     EXPECT_EQ(bytes_of("[[:" + repeated("a", 300) + ":]]"), "");
 }
 
-TEST(Pattern, WhatOnlyLooksLikeAClassIsMadeOfOrdinaryMembers) {
+TEST(pattern_test, what_only_looks_like_a_class_is_made_of_ordinary_members) {
     EXPECT_EQ(bytes_of("[[:]"), ":[");
     EXPECT_EQ(bytes_of("[[:a]"), ":[a");
     EXPECT_EQ(bytes_of("[:digit:]"), ":dgit");
     EXPECT_EQ(matching("[[:DIGIT:]]", {":]", "D]", "1"}), (texts{":]", "D]"}));
 }
 
-TEST(Pattern, EquivalencesAndCollatingSymbolsAreSingleBytes) {
+TEST(pattern_test, equivalences_and_collating_symbols_are_single_bytes) {
     EXPECT_EQ(bytes_of("[[=a=]]"), "a");
     EXPECT_EQ(bytes_of("[[=]=]x]"), "]x");
     EXPECT_EQ(bytes_of("[[.a.]]"), "a");
@@ -212,7 +212,7 @@ TEST(Pattern, EquivalencesAndCollatingSymbolsAreSingleBytes) {
     EXPECT_EQ(bytes_of("[[.a.]-[.c.]]"), "abc");
 }
 
-TEST(Pattern, ABracketWithoutEndIsAnOrdinaryOne) {
+TEST(pattern_test, a_bracket_without_end_is_an_ordinary_one) {
     EXPECT_EQ(matching("[", {"[", "a"}), (texts{"["}));
     EXPECT_EQ(matching("[ab", {"[ab", "a", "b"}), (texts{"[ab"}));
     EXPECT_EQ(matching("[]", {"[]", "]", ""}), (texts{"[]"}));
@@ -221,12 +221,12 @@ TEST(Pattern, ABracketWithoutEndIsAnOrdinaryOne) {
     EXPECT_EQ(matching("[*", {"[", "[abc", "a"}), (texts{"[", "[abc"}));
 }
 
-TEST(Pattern, ARangeWithoutEndMatchesNothing) {
+TEST(pattern_test, a_range_without_end_matches_nothing) {
     EXPECT_EQ(matching("[a-", {"a", "[a-", "-"}), (texts{}));
     EXPECT_EQ(matching("[a-\\", {"a", "[a-", "[a-\\"}), (texts{}));
 }
 
-TEST(Pattern, WhatOnlyLooksLikeASymbolOrAnEquivalenceIsMadeOfOrdinaryMembers) {
+TEST(pattern_test, what_only_looks_like_a_symbol_or_an_equivalence_is_made_of_ordinary_members) {
     EXPECT_EQ(matching("[[.hyphen.]]", {"h]", ".]", "-", "a]"}), (texts{"h]", ".]"}));
     EXPECT_EQ(bytes_of("[[.]"), ".[");
     EXPECT_EQ(bytes_of("[x[=a]"), "=[ax");
@@ -234,7 +234,7 @@ TEST(Pattern, WhatOnlyLooksLikeASymbolOrAnEquivalenceIsMadeOfOrdinaryMembers) {
 }
 
 /* Runs of many elements are searched in pieces where they may begin in many places. */
-TEST(Pattern, RunsOfAnyLengthAreFoundBetweenStars) {
+TEST(pattern_test, runs_of_any_length_are_found_between_stars) {
     for (const int length : {1, 2, 63, 64, 65, 127, 128, 129, 200, 1000}) {
         const std::string run = repeated("a", length - 1) + "b";
         for (const int room : {0, 1, 254, 255, 256, 257, 700, 16383, 16384, 16385, 40000}) {
@@ -259,7 +259,7 @@ TEST(Pattern, RunsOfAnyLengthAreFoundBetweenStars) {
     }
 }
 
-TEST(Pattern, OneMatchLeavesNothingBehindForTheNext) {
+TEST(pattern_test, one_match_leaves_nothing_behind_for_the_next) {
     const std::string run = repeated("a", 99) + "b";
     compiled p("*" + run + "*" + run + "*");
     for (int i = 0; i < 3; i++) {
@@ -268,7 +268,7 @@ TEST(Pattern, OneMatchLeavesNothingBehindForTheNext) {
     }
 }
 
-TEST(Pattern, TheFirstPlaceOfALongRunLeavesMostToTheRest) {
+TEST(pattern_test, the_first_place_of_a_long_run_leaves_most_to_the_rest) {
     const std::string run = repeated("ab", 50);
     EXPECT_TRUE(matches("*" + run + "*b" + run, run + "b" + run));
     EXPECT_TRUE(matches("*" + run + "*b" + run, repeated("x", 300) + run + "b" + run));
@@ -276,7 +276,7 @@ TEST(Pattern, TheFirstPlaceOfALongRunLeavesMostToTheRest) {
 }
 
 /* Patterns from a fixed seed, made of pieces that are all well formed. */
-TEST(Pattern, AnswersLikeTheLibraryForRandomPatterns) {
+TEST(pattern_test, answers_like_the_library_for_random_patterns) {
     const texts pieces = {"a",
                           "b",
                           "c",
@@ -323,7 +323,7 @@ TEST(Pattern, AnswersLikeTheLibraryForRandomPatterns) {
 }
 
 /* Any text is a pattern. What has no end inside a bracket is left to the tests above. */
-TEST(Pattern, AnswersLikeTheLibraryForRandomBytes) {
+TEST(pattern_test, answers_like_the_library_for_random_bytes) {
     const std::string bytes = "aab**?[[]]!^\\-";
     std::mt19937 random(30);
     size_t matched = 0;
@@ -341,7 +341,7 @@ TEST(Pattern, AnswersLikeTheLibraryForRandomBytes) {
     EXPECT_GT(matched, 4000u);
 }
 
-TEST(Pattern, AnswersLikeTheLibraryForRandomLongRuns) {
+TEST(pattern_test, answers_like_the_library_for_random_long_runs) {
     std::mt19937 random(40);
     size_t matched = 0;
     for (int i = 0; i < 2000; i++) {
@@ -367,12 +367,12 @@ TEST(Pattern, AnswersLikeTheLibraryForRandomLongRuns) {
 }
 
 /* The library misses it. */
-TEST(Pattern, ASymbolBeforeALastHyphenIsAMember) {
+TEST(pattern_test, a_symbol_before_a_last_hyphen_is_a_member) {
     EXPECT_EQ(bytes_of("[[.a.]-]"), "-a");
 }
 
 /* What was read for a bracket that has no end is not what a later one is made of. */
-TEST(Pattern, BracketsMayBeginWithinOneThatHasNoEnd) {
+TEST(pattern_test, brackets_may_begin_within_one_that_has_no_end) {
     EXPECT_EQ(matching("[[:alpha:]", {"[:", "[a", "[h", "[z", "a"}), (texts{"[:", "[a", "[h"}));
     EXPECT_EQ(matching("[[=a=]", {"[=", "[a", "[b"}), (texts{"[=", "[a"}));
     EXPECT_EQ(matching("[[[[", {"[[[[", "["}), (texts{"[[[["}));

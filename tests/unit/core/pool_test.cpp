@@ -87,16 +87,16 @@ class taken_blocks {
 
 } // namespace
 
-TEST(Pool, SizeZeroGivesNoBlock) {
+TEST(pool_test, size_zero_gives_no_block) {
     EXPECT_EQ(pool_alloc(0), nullptr);
     EXPECT_EQ(pool_alloc_zeroed(0), nullptr);
 }
 
-TEST(Pool, TheLargestPooledSizeIs204) {
+TEST(pool_test, the_largest_pooled_size_is_204) {
     EXPECT_EQ(POOL_MAX_SIZE, 204u);
 }
 
-TEST(Pool, EveryBlockHasTheBytesItWasAskedFor) {
+TEST(pool_test, every_block_has_the_bytes_it_was_asked_for) {
     struct taken {
         unsigned char* block;
         size_t size;
@@ -120,7 +120,7 @@ TEST(Pool, EveryBlockHasTheBytesItWasAskedFor) {
     }
 }
 
-TEST(Pool, BlocksAreAlignedToAPointer) {
+TEST(pool_test, blocks_are_aligned_to_a_pointer) {
     for (size_t size = 1; size <= 210; size++) {
         void* first = pool_alloc(size);
         void* second = pool_alloc(size);
@@ -131,7 +131,7 @@ TEST(Pool, BlocksAreAlignedToAPointer) {
     }
 }
 
-TEST(Pool, AZeroedBlockHoldsZeroBytesAlsoAfterReuse) {
+TEST(pool_test, a_zeroed_block_holds_zero_bytes_also_after_reuse) {
     const unsigned char zeroes[40] = {};
     void* block = pool_alloc_zeroed(40);
     EXPECT_EQ(memcmp(block, zeroes, 40), 0);
@@ -144,14 +144,14 @@ TEST(Pool, AZeroedBlockHoldsZeroBytesAlsoAfterReuse) {
     pool_free(again, 40);
 }
 
-TEST(Pool, AZeroedBlockBeyondThePooledSizesHoldsZeroBytes) {
+TEST(pool_test, a_zeroed_block_beyond_the_pooled_sizes_holds_zero_bytes) {
     const std::vector<unsigned char> zeroes(1000);
     void* block = pool_alloc_zeroed(1000);
     EXPECT_EQ(memcmp(block, zeroes.data(), 1000), 0);
     pool_free(block, 1000);
 }
 
-TEST(Pool, ANewRecordIsZeroedAlsoAfterReuse) {
+TEST(pool_test, a_new_record_is_zeroed_also_after_reuse) {
     struct record {
         void* pointer;
         uint32_t words[9];
@@ -174,7 +174,7 @@ TEST(Pool, ANewRecordIsZeroedAlsoAfterReuse) {
     pool_delete(second);
 }
 
-TEST(Pool, TheBlockFreedLastIsHandedOutFirst) {
+TEST(pool_test, the_block_freed_last_is_handed_out_first) {
     SKIP_WITHOUT_SLABS();
     void* a = pool_alloc(24);
     void* b = pool_alloc(24);
@@ -192,7 +192,7 @@ TEST(Pool, TheBlockFreedLastIsHandedOutFirst) {
     pool_free(c, 24);
 }
 
-TEST(Pool, AFreeBlockLinksToTheNextInItsFirstWord) {
+TEST(pool_test, a_free_block_links_to_the_next_in_its_first_word) {
     SKIP_WITHOUT_SLABS();
     void* a = pool_alloc(24);
     void* b = pool_alloc(24);
@@ -201,7 +201,7 @@ TEST(Pool, AFreeBlockLinksToTheNextInItsFirstWord) {
     EXPECT_EQ(first_word(b), a);
 }
 
-TEST(Pool, ReuseTakesNothingFromTheHeap) {
+TEST(pool_test, reuse_takes_nothing_from_the_heap) {
     SKIP_WITHOUT_SLABS();
     void* warm = pool_alloc(60);
     pool_free(warm, 60);
@@ -214,7 +214,7 @@ TEST(Pool, ReuseTakesNothingFromTheHeap) {
     EXPECT_EQ(heap_in_use(), before);
 }
 
-TEST(Pool, Sizes1And4ShareAClassAnd5IsInTheNext) {
+TEST(pool_test, sizes_1_and_4_share_a_class_and_5_is_in_the_next) {
     SKIP_WITHOUT_SLABS();
     void* block = pool_alloc(1);
     pool_free(block, 1);
@@ -229,7 +229,7 @@ TEST(Pool, Sizes1And4ShareAClassAnd5IsInTheNext) {
     pool_free(block, 1);
 }
 
-TEST(Pool, EachStepOf4BytesIsAClassOfItsOwn) {
+TEST(pool_test, each_step_of_4_bytes_is_a_class_of_its_own) {
     SKIP_WITHOUT_SLABS();
     for (size_t largest = 4; largest <= 204; largest += 4) {
         void* block = pool_alloc(largest);
@@ -246,7 +246,7 @@ TEST(Pool, EachStepOf4BytesIsAClassOfItsOwn) {
     }
 }
 
-TEST(Pool, AWrongSizeFilesTheBlockUnderTheWrongClass) {
+TEST(pool_test, a_wrong_size_files_the_block_under_the_wrong_class) {
     SKIP_WITHOUT_SLABS();
     void* block = pool_alloc(64);
     pool_free(block, 32);
@@ -260,9 +260,9 @@ struct slab_figures {
     size_t blocks;
 };
 
-class PoolSlab : public testing::TestWithParam<slab_figures> {};
+class pool_slab_test : public testing::TestWithParam<slab_figures> {};
 
-TEST_P(PoolSlab, IsCutIntoAsManyBlocksAsFitEndToEnd) {
+TEST_P(pool_slab_test, is_cut_into_as_many_blocks_as_fit_end_to_end) {
     SKIP_WITHOUT_SLABS();
     const slab_figures& expected = GetParam();
     taken_blocks blocks(expected.size);
@@ -277,7 +277,7 @@ TEST_P(PoolSlab, IsCutIntoAsManyBlocksAsFitEndToEnd) {
     EXPECT_TRUE(blocks.took_slab()) << "the slab holds more blocks than expected";
 }
 
-TEST_P(PoolSlab, ChainsItsBlocksInAddressOrderUpToANullLink) {
+TEST_P(pool_slab_test, chains_its_blocks_in_address_order_up_to_a_null_link) {
     SKIP_WITHOUT_SLABS();
     const slab_figures& expected = GetParam();
     taken_blocks blocks(expected.size);
@@ -290,7 +290,7 @@ TEST_P(PoolSlab, ChainsItsBlocksInAddressOrderUpToANullLink) {
     EXPECT_EQ(first_word(first + (expected.blocks - 1) * expected.objsize), nullptr);
 }
 
-TEST_P(PoolSlab, IsOneAllocationOf2048BytesThatBeginsWithALink) {
+TEST_P(pool_slab_test, is_one_allocation_of_2048_bytes_that_begins_with_a_link) {
     SKIP_WITHOUT_SLABS();
     taken_blocks blocks(GetParam().size);
     char* first = blocks.take_from_new_slab();
@@ -301,7 +301,7 @@ TEST_P(PoolSlab, IsOneAllocationOf2048BytesThatBeginsWithALink) {
     EXPECT_LT(malloc_usable_size(slab), 2048u + 32);
 }
 
-INSTANTIATE_TEST_SUITE_P(OfSize, PoolSlab,
+INSTANTIATE_TEST_SUITE_P(of_size, pool_slab_test,
                          testing::Values(slab_figures{1, on_target(4, 8), on_target(511, 255)},
                                          slab_figures{4, on_target(4, 8), on_target(511, 255)},
                                          slab_figures{5, 8, 255}, slab_figures{8, 8, 255},
@@ -316,12 +316,12 @@ INSTANTIATE_TEST_SUITE_P(OfSize, PoolSlab,
                                          slab_figures{204, on_target(204, 208), on_target(10, 9)}),
                          [](const auto& row) { return std::to_string(row.param.size); });
 
-TEST(Pool, AClassHasThreeWordsAndThereAre52) {
+TEST(pool_test, a_class_has_three_words_and_there_are_52) {
     EXPECT_EQ(sizeof pool_classes / sizeof *pool_classes, 52u);
     EXPECT_EQ(sizeof(pool_class), 3 * sizeof(void*));
 }
 
-TEST(Pool, TheBlockSizeOfAClassIsFourTimesItsIndexRoundedUpToAPointer) {
+TEST(pool_test, the_block_size_of_a_class_is_four_times_its_index_rounded_up_to_a_pointer) {
     SKIP_WITHOUT_SLABS();
     for (size_t index = 1; index <= 51; index++) {
         pool_free(pool_alloc(4 * index), 4 * index);
@@ -332,7 +332,7 @@ TEST(Pool, TheBlockSizeOfAClassIsFourTimesItsIndexRoundedUpToAPointer) {
     EXPECT_EQ(pool_classes[0].slabs, nullptr);
 }
 
-TEST(Pool, AnEmptyFreeListIsNullAfterTheLastBlockOfASlab) {
+TEST(pool_test, an_empty_free_list_is_null_after_the_last_block_of_a_slab) {
     SKIP_WITHOUT_SLABS();
     taken_blocks blocks(188);
     blocks.take_from_new_slab();
@@ -343,7 +343,7 @@ TEST(Pool, AnEmptyFreeListIsNullAfterTheLastBlockOfASlab) {
     EXPECT_EQ(pool_classes[47].free, nullptr);
 }
 
-TEST(Pool, TheTwoNewestSlabsPointAtEachOther) {
+TEST(pool_test, the_two_newest_slabs_point_at_each_other) {
     SKIP_WITHOUT_SLABS();
     taken_blocks blocks(180);
     char* first = blocks.take_from_new_slab() - sizeof(void*);
@@ -358,7 +358,7 @@ TEST(Pool, TheTwoNewestSlabsPointAtEachOther) {
     EXPECT_EQ(first_word(third), second);
 }
 
-TEST(Pool, SlabsAreNeverGivenBackToTheSystem) {
+TEST(pool_test, slabs_are_never_given_back_to_the_system) {
     SKIP_WITHOUT_SLABS();
     std::vector<void*> blocks;
     blocks.reserve(100);
@@ -382,7 +382,7 @@ TEST(Pool, SlabsAreNeverGivenBackToTheSystem) {
     }
 }
 
-TEST(Pool, BlocksOf205BytesComeFromMalloc) {
+TEST(pool_test, blocks_of_205_bytes_come_from_malloc) {
     if (POOL_OWN_BLOCKS) {
         GTEST_SKIP() << "in this build the sanitizer compares sizes, which malloc does not know";
     }
@@ -391,7 +391,7 @@ TEST(Pool, BlocksOf205BytesComeFromMalloc) {
     free(block);
 }
 
-TEST(Pool, BlocksOf205BytesGoBackToFree) {
+TEST(pool_test, blocks_of_205_bytes_go_back_to_free) {
     if (POOL_OWN_BLOCKS) {
         GTEST_SKIP() << "in this build the sanitizer compares sizes, which malloc does not know";
     }
@@ -401,7 +401,7 @@ TEST(Pool, BlocksOf205BytesGoBackToFree) {
     pool_free(block, 100000);
 }
 
-TEST(Pool, ASizeThatIsNotTheBlocksIsCaughtBySanitizers) {
+TEST(pool_test, a_size_that_is_not_the_blocks_is_caught_by_sanitizers) {
     if (!POOL_OWN_BLOCKS) {
         GTEST_SKIP() << "blocks bear no size in this build";
     }
@@ -409,14 +409,14 @@ TEST(Pool, ASizeThatIsNotTheBlocksIsCaughtBySanitizers) {
     EXPECT_DEATH(pool_free(pool_alloc(300), 304), "new-delete-type-mismatch");
 }
 
-TEST(Pool, ANullPointerMayBeFreedWithASizeAboveThePooledOnes) {
+TEST(pool_test, a_null_pointer_may_be_freed_with_a_size_above_the_pooled_ones) {
     pool_free(nullptr, 205);
     void* block = pool_alloc(205);
     EXPECT_NE(block, nullptr);
     pool_free(block, 205);
 }
 
-TEST(Pool, AnIntegerOf64BitsInARecordNeedsOnlyAlignmentTo4Bytes) {
+TEST(pool_test, an_integer_of_64_bits_in_a_record_needs_only_alignment_to_4_bytes) {
     struct record {
         uint32_t before;
         pool_int64 value;
@@ -425,7 +425,7 @@ TEST(Pool, AnIntegerOf64BitsInARecordNeedsOnlyAlignmentTo4Bytes) {
     EXPECT_EQ(alignof(record), 4u);
 }
 
-TEST(PoolDeathTest, ExhaustedMemoryEndsTheProcess) {
+TEST(pool_death_test, exhausted_memory_ends_the_process) {
     if (POOL_OWN_BLOCKS) {
         GTEST_SKIP() << "the sanitizer reports a failed allocation itself";
     }

@@ -99,7 +99,7 @@ constexpr size_t ROUNDING = 32;
 
 /* str_format */
 
-TEST(TextFormat, FormatsIntoASharedBufferThatTheNextCallOverwrites) {
+TEST(text_format_test, formats_into_a_shared_buffer_that_the_next_call_overwrites) {
     const char* first = str_format("%d apples", 12);
     EXPECT_STREQ(first, "12 apples");
     const char* second = str_format("%s", "pears");
@@ -107,34 +107,34 @@ TEST(TextFormat, FormatsIntoASharedBufferThatTheNextCallOverwrites) {
     EXPECT_EQ(second, first);
 }
 
-TEST(TextFormat, AnEmptyResultIsNull) {
+TEST(text_format_test, an_empty_result_is_null) {
     EXPECT_EQ(str_format("%s", ""), nullptr);
     EXPECT_STREQ(str_format("%s", "x"), "x");
 }
 
-TEST(TextFormat, AFormatThatCannotBePrintedGivesNull) {
+TEST(text_format_test, a_format_that_cannot_be_printed_gives_null) {
     EXPECT_EQ(str_format("%lc", static_cast<wint_t>(0x4e00)), nullptr)
         << "not a character of the C locale";
 }
 
-TEST(TextFormat, TextsAroundTheFirstCapacityComeOutWhole) {
+TEST(text_format_test, texts_around_the_first_capacity_come_out_whole) {
     for (size_t length = 250; length <= 260; length++) {
         const std::string text(length, 'y');
         EXPECT_EQ(str_format("%s", text.c_str()), text);
     }
 }
 
-TEST(TextFormat, TheBufferHas256BytesAtFirst) {
+TEST(text_format_test, the_buffer_has_256_bytes_at_first) {
     EXPECT_GE(at_start.first, 256u);
     EXPECT_LT(at_start.first, 256u + ROUNDING);
 }
 
-TEST(TextFormat, ATextOf300CharactersGrowsTheBufferTo512Bytes) {
+TEST(text_format_test, a_text_of_300_characters_grows_the_buffer_to_512_bytes) {
     EXPECT_GE(at_start.second, 512u);
     EXPECT_LT(at_start.second, 512u + ROUNDING);
 }
 
-TEST(TextFormat, TheBufferGrowsToTheNeedRoundedUpTo256) {
+TEST(text_format_test, the_buffer_grows_to_the_need_rounded_up_to_256) {
     const std::string text(70299, 'a');
     const char* scratch = str_format("%s%d", text.c_str(), 7);
     ASSERT_NE(scratch, nullptr);
@@ -143,7 +143,7 @@ TEST(TextFormat, TheBufferGrowsToTheNeedRoundedUpTo256) {
     EXPECT_LT(malloc_usable_size(const_cast<char*>(scratch)), 70400u + ROUNDING);
 }
 
-TEST(TextFormat, TheBufferOnlyGrows) {
+TEST(text_format_test, the_buffer_only_grows) {
     const std::string text(3000, 'a');
     const char* large = str_format("%s", text.c_str());
     const size_t capacity = malloc_usable_size(const_cast<char*>(large));
@@ -154,7 +154,7 @@ TEST(TextFormat, TheBufferOnlyGrows) {
 
 /* Numbers to text */
 
-TEST(TextNumber, WritesZeroAndSmallNumbers) {
+TEST(text_number_test, writes_zero_and_small_numbers) {
     EXPECT_STREQ(text_number(0), "0");
     EXPECT_STREQ(text_number(7), "7");
     EXPECT_STREQ(text_number(10), "10");
@@ -162,7 +162,7 @@ TEST(TextNumber, WritesZeroAndSmallNumbers) {
     EXPECT_STREQ(text_number(-42), "-42");
 }
 
-TEST(TextNumber, WritesNumbersAroundThe32BitLimits) {
+TEST(text_number_test, writes_numbers_around_the_32_bit_limits) {
     EXPECT_STREQ(text_number(2147483647), "2147483647");
     EXPECT_STREQ(text_number(2147483648), "2147483648");
     EXPECT_STREQ(text_number(-2147483648), "-2147483648");
@@ -174,13 +174,13 @@ TEST(TextNumber, WritesNumbersAroundThe32BitLimits) {
     EXPECT_STREQ(text_number(10000000000), "10000000000");
 }
 
-TEST(TextNumber, WritesThe64BitLimitsInFull) {
+TEST(text_number_test, writes_the_64_bit_limits_in_full) {
     EXPECT_STREQ(text_number(INT64_MAX), "9223372036854775807");
     EXPECT_STREQ(text_number(-INT64_MAX), "-9223372036854775807");
     EXPECT_STREQ(text_number(INT64_MIN), "-9223372036854775808");
 }
 
-TEST(TextNumber, TellsTheLengthWithoutTheNul) {
+TEST(text_number_test, tells_the_length_without_the_nul) {
     uint32_t length = 0;
     text_number(0, &length);
     EXPECT_EQ(length, 1u);
@@ -190,7 +190,7 @@ TEST(TextNumber, TellsTheLengthWithoutTheNul) {
     EXPECT_EQ(length, 20u);
 }
 
-TEST(TextNumber, EndsAlwaysAtTheSameNul) {
+TEST(text_number_test, ends_always_at_the_same_nul) {
     uint32_t length = 0;
     const char* first = text_number(123456, &length);
     const char* end = first + length;
@@ -199,7 +199,7 @@ TEST(TextNumber, EndsAlwaysAtTheSameNul) {
     EXPECT_EQ(*end, '\0');
 }
 
-TEST(TextNumber, IsTheSameAsPrintfForNumbersOfEveryLength) {
+TEST(text_number_test, is_the_same_as_printf_for_numbers_of_every_length) {
     int64_t value = 1;
     for (int digits = 1; digits <= 18; digits++, value = value * 10 + digits % 10) {
         EXPECT_EQ(text_number(value), std::to_string(value));
@@ -207,7 +207,7 @@ TEST(TextNumber, IsTheSameAsPrintfForNumbersOfEveryLength) {
     }
 }
 
-TEST(TextUnsigned, WritesTheWholeUnsignedRange) {
+TEST(text_unsigned_test, writes_the_whole_unsigned_range) {
     uint32_t length = 0;
     EXPECT_STREQ(text_unsigned(0, &length), "0");
     EXPECT_EQ(length, 1u);
@@ -217,7 +217,7 @@ TEST(TextUnsigned, WritesTheWholeUnsignedRange) {
     EXPECT_EQ(length, 20u);
 }
 
-TEST(TextDigits, AreCountedUpToTheLargestNumber) {
+TEST(text_digits_test, are_counted_up_to_the_largest_number) {
     EXPECT_EQ(text_digit_count(0), 1u);
     EXPECT_EQ(text_digit_count(UINT64_MAX), 20u);
     uint64_t power = 10;
@@ -227,7 +227,7 @@ TEST(TextDigits, AreCountedUpToTheLargestNumber) {
     }
 }
 
-TEST(TextDigits, AreWrittenJustBeforeTheEndAndNothingElseIs) {
+TEST(text_digits_test, are_written_just_before_the_end_and_nothing_else_is) {
     char bytes[24];
     memset(bytes, '#', sizeof bytes);
     text_put_digits(bytes + 10, 4294967296);
@@ -240,7 +240,7 @@ TEST(TextDigits, AreWrittenJustBeforeTheEndAndNothingElseIs) {
     EXPECT_EQ(std::string(bytes, 4), "#0##");
 }
 
-TEST(TextDigits, LeaveTheNumberOfAnEarlierCallAlone) {
+TEST(text_digits_test, leave_the_number_of_an_earlier_call_alone) {
     const char* number = text_number(-77);
     char bytes[4];
     text_put_digits(bytes + 4, 1234);
@@ -249,7 +249,7 @@ TEST(TextDigits, LeaveTheNumberOfAnEarlierCallAlone) {
 
 /* Numbers from text */
 
-TEST(TextParseInt32, ReadsSignsBlanksAndStopsBehindTheDigits) {
+TEST(text_parse_int32_test, reads_signs_blanks_and_stops_behind_the_digits) {
     char* end;
     const char* text = " \t-17x";
     EXPECT_EQ(text_parse_int32(text, &end, 10), -17);
@@ -257,7 +257,7 @@ TEST(TextParseInt32, ReadsSignsBlanksAndStopsBehindTheDigits) {
     EXPECT_EQ(text_parse_int32("+5", nullptr, 10), 5);
 }
 
-TEST(TextParseInt32, LeavesTheEndAtTheTextWhenThereAreNoDigits) {
+TEST(text_parse_int32_test, leaves_the_end_at_the_text_when_there_are_no_digits) {
     char* end;
     const char* text = "  abc";
     EXPECT_EQ(text_parse_int32(text, &end, 10), 0);
@@ -267,7 +267,7 @@ TEST(TextParseInt32, LeavesTheEndAtTheTextWhenThereAreNoDigits) {
     EXPECT_EQ(end, text);
 }
 
-TEST(TextParseInt32, SaturatesAt32BitsOnEveryTarget) {
+TEST(text_parse_int32_test, saturates_at_32_bits_on_every_target) {
     EXPECT_EQ(text_parse_int32("2147483647", nullptr, 10), 2147483647);
     EXPECT_EQ(text_parse_int32("2147483648", nullptr, 10), 2147483647);
     EXPECT_EQ(text_parse_int32("4294967297", nullptr, 10), 2147483647);
@@ -277,21 +277,21 @@ TEST(TextParseInt32, SaturatesAt32BitsOnEveryTarget) {
     EXPECT_EQ(text_parse_int32("-99999999999999999999", nullptr, 10), INT32_MIN);
 }
 
-TEST(TextParseInt32, BaseZeroTakesHexadecimalAndOctal) {
+TEST(text_parse_int32_test, base_zero_takes_hexadecimal_and_octal) {
     EXPECT_EQ(text_parse_int32("0x1f", nullptr, 0), 31);
     EXPECT_EQ(text_parse_int32("-0X10", nullptr, 0), -16);
     EXPECT_EQ(text_parse_int32("017", nullptr, 0), 15);
     EXPECT_EQ(text_parse_int32("17", nullptr, 0), 17);
 }
 
-TEST(TextParseInt32, BaseZeroKnowsNoBinaryPrefix) {
+TEST(text_parse_int32_test, base_zero_knows_no_binary_prefix) {
     char* end;
     const char* text = "0b11";
     EXPECT_EQ(text_parse_int32(text, &end, 0), 0);
     EXPECT_EQ(end, text + 1);
 }
 
-TEST(TextParseInt32, BaseTenTakesALeadingZeroAsADigit) {
+TEST(text_parse_int32_test, base_ten_takes_a_leading_zero_as_a_digit) {
     char* end;
     const char* text = "0x1f";
     EXPECT_EQ(text_parse_int32("017", nullptr, 10), 17);
@@ -299,7 +299,7 @@ TEST(TextParseInt32, BaseTenTakesALeadingZeroAsADigit) {
     EXPECT_EQ(end, text + 1);
 }
 
-TEST(TextParseUint32, ReadsTheUnsignedRange) {
+TEST(text_parse_uint32_test, reads_the_unsigned_range) {
     char* end;
     const char* text = "4294967295\r";
     EXPECT_EQ(text_parse_uint32(text, &end, 10), 4294967295u);
@@ -308,13 +308,13 @@ TEST(TextParseUint32, ReadsTheUnsignedRange) {
     EXPECT_EQ(text_parse_uint32(" +7", nullptr, 10), 7u);
 }
 
-TEST(TextParseUint32, SaturatesAboveTheRange) {
+TEST(text_parse_uint32_test, saturates_above_the_range) {
     EXPECT_EQ(text_parse_uint32("4294967296", nullptr, 10), 4294967295u);
     EXPECT_EQ(text_parse_uint32("18446744073709551617", nullptr, 10), 4294967295u);
     EXPECT_EQ(text_parse_uint32("99999999999999999999999", nullptr, 10), 4294967295u);
 }
 
-TEST(TextParseUint32, ANegativeNumberWrapsUntilItsMagnitudeLeavesTheRange) {
+TEST(text_parse_uint32_test, a_negative_number_wraps_until_its_magnitude_leaves_the_range) {
     EXPECT_EQ(text_parse_uint32("-1", nullptr, 10), 4294967295u);
     EXPECT_EQ(text_parse_uint32(" \v\f\r\n\t-4294967295", nullptr, 10), 1u);
     EXPECT_EQ(text_parse_uint32("-4294967296", nullptr, 10), 4294967295u);
@@ -322,14 +322,14 @@ TEST(TextParseUint32, ANegativeNumberWrapsUntilItsMagnitudeLeavesTheRange) {
     EXPECT_EQ(text_parse_uint32("-99999999999999999999999", nullptr, 10), 4294967295u);
 }
 
-TEST(TextParseUint32, LeavesTheEndAtTheTextWhenThereAreNoDigits) {
+TEST(text_parse_uint32_test, leaves_the_end_at_the_text_when_there_are_no_digits) {
     char* end;
     const char* text = "-x";
     EXPECT_EQ(text_parse_uint32(text, &end, 10), 0u);
     EXPECT_EQ(end, text);
 }
 
-TEST(TextParseUint32, BaseZeroTakesHexadecimalAndOctalAndKnowsNoBinaryPrefix) {
+TEST(text_parse_uint32_test, base_zero_takes_hexadecimal_and_octal_and_knows_no_binary_prefix) {
     EXPECT_EQ(text_parse_uint32("0xffffffff", nullptr, 0), 4294967295u);
     EXPECT_EQ(text_parse_uint32("017", nullptr, 0), 15u);
     for (const char* text : {"0b11", "0B11", "+0b1", " -0b1"}) {
@@ -339,7 +339,7 @@ TEST(TextParseUint32, BaseZeroTakesHexadecimalAndOctalAndKnowsNoBinaryPrefix) {
     }
 }
 
-TEST(TextParseInt64, BaseZeroTakesHexadecimalAndOctalAndKnowsNoBinaryPrefix) {
+TEST(text_parse_int64_test, base_zero_takes_hexadecimal_and_octal_and_knows_no_binary_prefix) {
     EXPECT_EQ(text_parse_int64("0x7fffffffffffffff", nullptr, 0), INT64_MAX);
     EXPECT_EQ(text_parse_int64("-017", nullptr, 0), -15);
     for (const char* text : {"0b11", "0B11", "+0b1", " -0b1"}) {
@@ -351,24 +351,24 @@ TEST(TextParseInt64, BaseZeroTakesHexadecimalAndOctalAndKnowsNoBinaryPrefix) {
 
 /* str_split */
 
-TEST(TextSplit, SplitsAtBlanksTabsAndLineEndsByDefault) {
+TEST(text_split_test, splits_at_blanks_tabs_and_line_ends_by_default) {
     EXPECT_EQ(split("one two\tthree\r\nfour", nullptr), (words{"one", "two", "three", "four"}));
 }
 
-TEST(TextSplit, RunsOfDelimitersAreOne) {
+TEST(text_split_test, runs_of_delimiters_are_one) {
     EXPECT_EQ(split("  a   b\t\t c \r\n", nullptr), (words{"a", "b", "c"}));
 }
 
-TEST(TextSplit, TakesTheGivenDelimitersAndNoOthers) {
+TEST(text_split_test, takes_the_given_delimiters_and_no_others) {
     EXPECT_EQ(split("a b,c:d", ",:"), (words{"a b", "c", "d"}));
 }
 
-TEST(TextSplit, ATextWithoutTokensHasACountOfZero) {
+TEST(text_split_test, a_text_without_tokens_has_a_count_of_zero) {
     EXPECT_EQ(split("", nullptr), words{});
     EXPECT_EQ(split(" \t\r\n", nullptr), words{});
 }
 
-TEST(TextSplit, TheTokensStandInTheLineItself) {
+TEST(text_split_test, the_tokens_stand_in_the_line_itself) {
     line text("ab cd");
     char* argv[3];
     str_split(text, argv, nullptr);
@@ -379,25 +379,25 @@ TEST(TextSplit, TheTokensStandInTheLineItself) {
 
 /* Trimming */
 
-TEST(TextTrim, BlanksAreSpaceTabLineFeedAndCarriageReturn) {
+TEST(text_trim_test, blanks_are_space_tab_line_feed_and_carriage_return) {
     EXPECT_EQ(trimmed(" \t\r\n a b \n\r\t "), "a b");
     EXPECT_EQ(trimmed("\v a \f"), "\v a \f");
 }
 
-TEST(TextTrim, LtrimSkipsLeadingBlanksOnly) {
+TEST(text_trim_test, ltrim_skips_leading_blanks_only) {
     line text(" \tab ");
     char* result = str_ltrim(text);
     EXPECT_EQ(result, static_cast<char*>(text) + 2);
     EXPECT_STREQ(result, "ab ");
 }
 
-TEST(TextTrim, RtrimCutsTrailingBlanksInPlaceAndReturnsTheText) {
+TEST(text_trim_test, rtrim_cuts_trailing_blanks_in_place_and_returns_the_text) {
     line text(" ab\r\n ");
     EXPECT_EQ(str_rtrim(text), static_cast<char*>(text));
     EXPECT_STREQ(text, " ab");
 }
 
-TEST(TextTrim, NothingIsLeftOfBlanks) {
+TEST(text_trim_test, nothing_is_left_of_blanks) {
     EXPECT_EQ(trimmed(""), "");
     EXPECT_EQ(trimmed(" \n "), "");
     line blanks(" \t");
@@ -406,39 +406,39 @@ TEST(TextTrim, NothingIsLeftOfBlanks) {
 
 /* str_unquote */
 
-TEST(TextUnquote, CutsTheQuotesOffAQuotedText) {
+TEST(text_unquote_test, cuts_the_quotes_off_a_quoted_text) {
     EXPECT_EQ(unquoted("\"a\""), "a");
     EXPECT_EQ(unquoted("\"two words\""), "two words");
 }
 
-TEST(TextUnquote, ALoneQuoteStaysAsItIs) {
+TEST(text_unquote_test, a_lone_quote_stays_as_it_is) {
     EXPECT_EQ(unquoted("\""), "\"");
     EXPECT_EQ(unquoted(" \" "), "\"");
 }
 
-TEST(TextUnquote, TwoQuotesGiveAnEmptyText) {
+TEST(text_unquote_test, two_quotes_give_an_empty_text) {
     EXPECT_EQ(unquoted("\"\""), "");
 }
 
-TEST(TextUnquote, TrimsBeforeItLooksForQuotesAndNotBehind) {
+TEST(text_unquote_test, trims_before_it_looks_for_quotes_and_not_behind) {
     EXPECT_EQ(unquoted(" \" a \"\r\n"), " a ");
     EXPECT_EQ(unquoted("  plain\t"), "plain");
 }
 
-TEST(TextUnquote, AQuoteAtOneEndOnlyStays) {
+TEST(text_unquote_test, a_quote_at_one_end_only_stays) {
     EXPECT_EQ(unquoted("\"a"), "\"a");
     EXPECT_EQ(unquoted("a\""), "a\"");
     EXPECT_EQ(unquoted(""), "");
 }
 
-TEST(TextUnquote, OnlyTheOuterPairIsCut) {
+TEST(text_unquote_test, only_the_outer_pair_is_cut) {
     EXPECT_EQ(unquoted("\"\"a\"\""), "\"a\"");
     EXPECT_EQ(unquoted("'a'"), "'a'");
 }
 
 /* Copies and case */
 
-TEST(TextDup, ReturnsACopyThatFreeTakes) {
+TEST(text_dup_test, returns_a_copy_that_free_takes) {
     line text("copy me");
     char* copy = str_dup(text);
     EXPECT_NE(copy, static_cast<char*>(text));
@@ -449,7 +449,7 @@ TEST(TextDup, ReturnsACopyThatFreeTakes) {
     free(copy);
 }
 
-TEST(TextCase, ChangesAsciiLettersInPlaceAndNothingElse) {
+TEST(text_case_test, changes_ascii_letters_in_place_and_nothing_else) {
     line text("aZ@[`{09 \xc3\xa4\xc3\x84");
     str_toupper(text);
     EXPECT_EQ(text.bytes(), "AZ@[`{09 \xc3\xa4\xc3\x84");
@@ -457,7 +457,7 @@ TEST(TextCase, ChangesAsciiLettersInPlaceAndNothingElse) {
     EXPECT_EQ(text.bytes(), "az@[`{09 \xc3\xa4\xc3\x84");
 }
 
-TEST(TextCase, ChangesEveryLetter) {
+TEST(text_case_test, changes_every_letter) {
     line text("abcdefghijklmnopqrstuvwxyz");
     str_toupper(text);
     EXPECT_EQ(text.bytes(), "ABCDEFGHIJKLMNOPQRSTUVWXYZ");
@@ -469,7 +469,7 @@ TEST(TextCase, ChangesEveryLetter) {
 
 namespace {
 
-class TextGetline : public testing::Test {
+class text_getline_test : public testing::Test {
   protected:
     void look_at(const std::string& bytes) {
         bytes_.assign(bytes.begin(), bytes.end());
@@ -487,7 +487,7 @@ class TextGetline : public testing::Test {
 
 } // namespace
 
-TEST_F(TextGetline, TakesOneLineAfterTheOther) {
+TEST_F(text_getline_test, takes_one_line_after_the_other) {
     look_at("ab\ncde\nf");
     EXPECT_STREQ(next(true), "ab");
     EXPECT_EQ(length_, 2u);
@@ -498,7 +498,7 @@ TEST_F(TextGetline, TakesOneLineAfterTheOther) {
     EXPECT_EQ(view_.length, 1u);
 }
 
-TEST_F(TextGetline, CutsACarriageReturnThatStandsJustBefore) {
+TEST_F(text_getline_test, cuts_a_carriage_return_that_stands_just_before) {
     look_at("*1\r\n$4\r\n");
     EXPECT_STREQ(next(true), "*1");
     EXPECT_EQ(length_, 2u);
@@ -508,13 +508,13 @@ TEST_F(TextGetline, CutsACarriageReturnThatStandsJustBefore) {
     EXPECT_EQ(std::string(bytes_.begin(), bytes_.end()), std::string("*1\0\0$4\0\0", 8));
 }
 
-TEST_F(TextGetline, KeepsACarriageReturnElsewhere) {
+TEST_F(text_getline_test, keeps_a_carriage_return_elsewhere) {
     look_at("a\rb\r\r\n");
     EXPECT_STREQ(next(true), "a\rb\r");
     EXPECT_EQ(length_, 4u);
 }
 
-TEST_F(TextGetline, EmptyLinesHaveNoLength) {
+TEST_F(text_getline_test, empty_lines_have_no_length) {
     look_at("\n\r\n\r");
     EXPECT_STREQ(next(true), "");
     EXPECT_EQ(length_, 0u);
@@ -523,7 +523,7 @@ TEST_F(TextGetline, EmptyLinesHaveNoLength) {
     EXPECT_EQ(next(true), nullptr);
 }
 
-TEST_F(TextGetline, AnIncompleteLineIsNullAndStaysWhenALineFeedIsNeeded) {
+TEST_F(text_getline_test, an_incomplete_line_is_null_and_stays_when_a_line_feed_is_needed) {
     look_at("abc\r");
     EXPECT_EQ(next(true), nullptr);
     EXPECT_EQ(view_.start, bytes_.data());
@@ -531,7 +531,7 @@ TEST_F(TextGetline, AnIncompleteLineIsNullAndStaysWhenALineFeedIsNeeded) {
     EXPECT_EQ(std::string(bytes_.begin(), bytes_.end()), "abc\r");
 }
 
-TEST_F(TextGetline, TheRestIsTheLineWhenNoLineFeedIsNeeded) {
+TEST_F(text_getline_test, the_rest_is_the_line_when_no_line_feed_is_needed) {
     look_at("ab\ncd");
     EXPECT_STREQ(next(false), "ab");
     EXPECT_EQ(next(false), bytes_.data() + 3);
@@ -540,20 +540,20 @@ TEST_F(TextGetline, TheRestIsTheLineWhenNoLineFeedIsNeeded) {
     EXPECT_EQ(view_.length, 0u);
 }
 
-TEST_F(TextGetline, AnEmptyViewIsNull) {
+TEST_F(text_getline_test, an_empty_view_is_null) {
     look_at("");
     EXPECT_EQ(next(true), nullptr);
     EXPECT_EQ(next(false), nullptr);
 }
 
-TEST_F(TextGetline, AViewThatBeginsWithANulIsNull) {
+TEST_F(text_getline_test, a_view_that_begins_with_a_nul_is_null) {
     look_at(std::string("\0abc\n", 5));
     EXPECT_EQ(next(true), nullptr);
     EXPECT_EQ(next(false), nullptr);
     EXPECT_EQ(view_.length, 5u);
 }
 
-TEST_F(TextGetline, DoesNotLookBeyondTheView) {
+TEST_F(text_getline_test, does_not_look_beyond_the_view) {
     look_at("abc\n");
     view_.length = 3;
     EXPECT_EQ(next(true), nullptr);
@@ -562,7 +562,7 @@ TEST_F(TextGetline, DoesNotLookBeyondTheView) {
 
 /* Byte order */
 
-TEST(TextBe32, WritesAndReadsNetworkOrderAtAnyAlignment) {
+TEST(text_be32_test, writes_and_reads_network_order_at_any_alignment) {
     unsigned char bytes[6] = {};
     text_put_be32(bytes + 1, 0x81020304);
     const unsigned char expected[6] = {0, 0x81, 0x02, 0x03, 0x04, 0};

@@ -84,7 +84,7 @@ events wait_on(operations backend, int timeout_ms) {
     return result;
 }
 
-struct Backend : testing::TestWithParam<operations> {
+struct backend_test : testing::TestWithParam<operations> {
     void SetUp() override {
         backend = GetParam();
         backend->fini();
@@ -108,19 +108,19 @@ std::string backend_name(const testing::TestParamInfo<operations>& backend) {
     return backend.param == &loop_epoll_backend ? "epoll" : "select";
 }
 
-INSTANTIATE_TEST_SUITE_P(Backends, Backend,
+INSTANTIATE_TEST_SUITE_P(backends, backend_test,
                          testing::Values(&loop_select_backend, &loop_epoll_backend), backend_name);
 
-TEST_P(Backend, ReportsNothingWhenNothingIsWatched) {
+TEST_P(backend_test, reports_nothing_when_nothing_is_watched) {
     EXPECT_EQ(wait(), events{});
 }
 
-TEST_P(Backend, ReportsNothingAtTheTimeOut) {
+TEST_P(backend_test, reports_nothing_at_the_time_out) {
     backend->add(open.quiet(), LOOP_READABLE);
     EXPECT_EQ(wait(1), events{});
 }
 
-TEST_P(Backend, ReportsOnlyWhatIsWatched) {
+TEST_P(backend_test, reports_only_what_is_watched) {
     const int fd = open.ready();
     backend->add(fd, LOOP_READABLE);
     EXPECT_EQ(wait(), (events{{fd, 1}}));
@@ -129,7 +129,7 @@ TEST_P(Backend, ReportsOnlyWhatIsWatched) {
     EXPECT_EQ(wait(), (events{{fd, 2}}));
 }
 
-TEST_P(Backend, AddingMergesWithWhatIsWatched) {
+TEST_P(backend_test, adding_merges_with_what_is_watched) {
     const int fd = open.ready();
     backend->add(fd, LOOP_READABLE);
     backend->add(fd, LOOP_WRITABLE);
@@ -138,13 +138,13 @@ TEST_P(Backend, AddingMergesWithWhatIsWatched) {
     EXPECT_EQ(wait(), (events{{fd, 3}}));
 }
 
-TEST_P(Backend, ReportsOnlyWhatIsReady) {
+TEST_P(backend_test, reports_only_what_is_ready) {
     const int fd = open.writable();
     backend->add(fd, LOOP_READABLE | LOOP_WRITABLE);
     EXPECT_EQ(wait(), (events{{fd, 2}}));
 }
 
-TEST_P(Backend, DeletingLeavesTheRest) {
+TEST_P(backend_test, deleting_leaves_the_rest) {
     const int fd = open.ready();
     backend->add(fd, LOOP_READABLE | LOOP_WRITABLE);
     backend->del(fd, LOOP_READABLE);
@@ -153,14 +153,14 @@ TEST_P(Backend, DeletingLeavesTheRest) {
     EXPECT_EQ(wait(), events{});
 }
 
-TEST_P(Backend, DeletingWithAllBitsStopsEverything) {
+TEST_P(backend_test, deleting_with_all_bits_stops_everything) {
     const int fd = open.ready();
     backend->add(fd, LOOP_READABLE | LOOP_WRITABLE);
     backend->del(fd, 7);
     EXPECT_EQ(wait(), events{});
 }
 
-TEST_P(Backend, DeletingWhatIsNotWatchedDoesNothing) {
+TEST_P(backend_test, deleting_what_is_not_watched_does_nothing) {
     const int fd = open.ready();
     const int other = open.ready();
     backend->add(fd, LOOP_READABLE);
@@ -169,7 +169,7 @@ TEST_P(Backend, DeletingWhatIsNotWatchedDoesNothing) {
     EXPECT_EQ(wait(), (events{{fd, 1}}));
 }
 
-TEST_P(Backend, ADescriptorMayBeAddedAgainAfterItWasDeleted) {
+TEST_P(backend_test, a_descriptor_may_be_added_again_after_it_was_deleted) {
     const int fd = open.ready();
     backend->add(fd, LOOP_READABLE);
     backend->del(fd, 7);
@@ -177,7 +177,7 @@ TEST_P(Backend, ADescriptorMayBeAddedAgainAfterItWasDeleted) {
     EXPECT_EQ(wait(), (events{{fd, 1}}));
 }
 
-TEST_P(Backend, AHangUpIsReadable) {
+TEST_P(backend_test, a_hang_up_is_readable) {
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
     open.keep(ends[0]);
@@ -186,7 +186,7 @@ TEST_P(Backend, AHangUpIsReadable) {
     EXPECT_EQ(wait(), (events{{ends[0], 1}}));
 }
 
-TEST_P(Backend, ASignalEndsTheWaitWithoutEvents) {
+TEST_P(backend_test, a_signal_ends_the_wait_without_events) {
     struct sigaction action = {};
     struct sigaction before = {};
     action.sa_handler = [](int) {};
@@ -205,14 +205,14 @@ TEST_P(Backend, ASignalEndsTheWaitWithoutEvents) {
     sigaction(SIGALRM, &before, nullptr);
 }
 
-TEST_P(Backend, ReportsAtMostABatch) {
+TEST_P(backend_test, reports_at_most_a_batch) {
     for (int i = 0; i < LOOP_MAX_EVENTS + 20; i++) {
         backend->add(open.ready(), LOOP_READABLE);
     }
     EXPECT_EQ(wait().size(), size_t{LOOP_MAX_EVENTS});
 }
 
-TEST_P(Backend, ServesDescriptorsOnBothSidesOfEveryWordOfTheSets) {
+TEST_P(backend_test, serves_descriptors_on_both_sides_of_every_word_of_the_sets) {
     const int source = open.ready();
     events expected;
     for (const int number : {31, 32, 33, 63, 64, 65, 95, 96, 127, 128, 199}) {
@@ -226,7 +226,7 @@ TEST_P(Backend, ServesDescriptorsOnBothSidesOfEveryWordOfTheSets) {
 
 /* select alone. */
 
-struct SelectBackend : testing::Test {
+struct select_backend_test : testing::Test {
     void SetUp() override {
         ASSERT_NE(backend->init(LIMIT), 0);
     }
@@ -242,23 +242,23 @@ struct SelectBackend : testing::Test {
     descriptors open;
 };
 
-TEST_F(SelectBackend, InitAlwaysSucceeds) {
+TEST_F(select_backend_test, init_always_succeeds) {
     EXPECT_EQ(backend->init(0), 1);
     EXPECT_EQ(backend->init(4096), 1);
 }
 
-TEST_F(SelectBackend, InitForgetsWhatWasWatched) {
+TEST_F(select_backend_test, init_forgets_what_was_watched) {
     backend->add(open.ready(), LOOP_READABLE | LOOP_WRITABLE);
     backend->init(LIMIT);
     EXPECT_EQ(wait_on(backend, 0), events{});
     EXPECT_EQ(highest(), -1);
 }
 
-TEST_F(SelectBackend, TheHighestDescriptorIsMinusOneAtFirst) {
+TEST_F(select_backend_test, the_highest_descriptor_is_minus_one_at_first) {
     EXPECT_EQ(highest(), -1);
 }
 
-TEST_F(SelectBackend, AddingRaisesTheHighestDescriptor) {
+TEST_F(select_backend_test, adding_raises_the_highest_descriptor) {
     const int source = open.quiet();
     backend->add(open.at(50, source), LOOP_READABLE);
     EXPECT_EQ(highest(), 50);
@@ -268,7 +268,8 @@ TEST_F(SelectBackend, AddingRaisesTheHighestDescriptor) {
     EXPECT_EQ(highest(), 70);
 }
 
-TEST_F(SelectBackend, RemovingTheHighestLowersItToTheNextThatIsWatchedForReadingOrWriting) {
+TEST_F(select_backend_test,
+       removing_the_highest_lowers_it_to_the_next_that_is_watched_for_reading_or_writing) {
     const int source = open.writable();
     backend->add(open.at(30, source), LOOP_READABLE);
     backend->add(open.at(50, source), LOOP_WRITABLE);
@@ -281,7 +282,7 @@ TEST_F(SelectBackend, RemovingTheHighestLowersItToTheNextThatIsWatchedForReading
     EXPECT_EQ(highest(), 30);
 }
 
-TEST_F(SelectBackend, RemovingAnotherThanTheHighestLeavesIt) {
+TEST_F(select_backend_test, removing_another_than_the_highest_leaves_it) {
     const int source = open.quiet();
     backend->add(open.at(30, source), LOOP_READABLE);
     backend->add(open.at(50, source), LOOP_READABLE);
@@ -291,7 +292,7 @@ TEST_F(SelectBackend, RemovingAnotherThanTheHighestLeavesIt) {
     EXPECT_EQ(highest(), 0); /* the search ends at 0 */
 }
 
-TEST_F(SelectBackend, EventsComeInAscendingOrderOfDescriptors) {
+TEST_F(select_backend_test, events_come_in_ascending_order_of_descriptors) {
     const int readable_and_writable = open.ready();
     const int writable = open.writable();
     backend->add(open.at(90, readable_and_writable), LOOP_READABLE);
@@ -301,7 +302,7 @@ TEST_F(SelectBackend, EventsComeInAscendingOrderOfDescriptors) {
     EXPECT_EQ(wait_on(backend, 0), (events{{31, 2}, {32, 3}, {64, 2}, {90, 1}}));
 }
 
-TEST_F(SelectBackend, TheTimeOutIsGivenInSecondsAndMicroseconds) {
+TEST_F(select_backend_test, the_time_out_is_given_in_seconds_and_microseconds) {
     backend->add(open.ready(), LOOP_READABLE);
     wait_on(backend, 1250);
     EXPECT_EQ(select_timeout.tv_sec, 1);
@@ -311,7 +312,7 @@ TEST_F(SelectBackend, TheTimeOutIsGivenInSecondsAndMicroseconds) {
     EXPECT_EQ(select_timeout.tv_usec, 100000);
 }
 
-TEST_F(SelectBackend, AnErrorIsReportedAsWritableAlone) {
+TEST_F(select_backend_test, an_error_is_reported_as_writable_alone) {
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
     open.keep(ends[1]);
@@ -320,7 +321,7 @@ TEST_F(SelectBackend, AnErrorIsReportedAsWritableAlone) {
     EXPECT_EQ(wait_on(backend, 0), (events{{ends[1], 2}}));
 }
 
-TEST_F(SelectBackend, AFailedWaitYieldsNoEvents) {
+TEST_F(select_backend_test, a_failed_wait_yields_no_events) {
     backend->add(open.ready(), LOOP_READABLE);
     /* A number that was open once: select() silently passes over those beyond the process's table.
      */
@@ -333,7 +334,7 @@ TEST_F(SelectBackend, AFailedWaitYieldsNoEvents) {
     EXPECT_EQ(wait_on(backend, 0).size(), 1u);
 }
 
-TEST_F(SelectBackend, ADescriptorBeyondTheSetsIsIgnored) {
+TEST_F(select_backend_test, a_descriptor_beyond_the_sets_is_ignored) {
     const int fd = open.ready();
     backend->add(fd, LOOP_READABLE);
     backend->add(FD_SETSIZE, LOOP_READABLE | LOOP_WRITABLE);
@@ -344,7 +345,7 @@ TEST_F(SelectBackend, ADescriptorBeyondTheSetsIsIgnored) {
 
 /* epoll alone. */
 
-struct EpollBackend : testing::Test {
+struct epoll_backend_test : testing::Test {
     void SetUp() override {
         backend->fini();
         ASSERT_NE(backend->init(LIMIT), 0);
@@ -361,7 +362,7 @@ struct EpollBackend : testing::Test {
 
 typedef std::vector<control_call> calls;
 
-TEST_F(EpollBackend, TellsTheKernelTheMergedMask) {
+TEST_F(epoll_backend_test, tells_the_kernel_the_merged_mask) {
     const int fd = open.ready();
     backend->add(fd, LOOP_READABLE);
     backend->add(fd, LOOP_WRITABLE);
@@ -374,13 +375,13 @@ TEST_F(EpollBackend, TellsTheKernelTheMergedMask) {
     EXPECT_EQ(control_calls[3].operation, EPOLL_CTL_DEL);
 }
 
-TEST_F(EpollBackend, AMaskWithoutReadableAndWritableIsNotAdded) {
+TEST_F(epoll_backend_test, a_mask_without_readable_and_writable_is_not_added) {
     backend->add(open.ready(), LOOP_ERROR);
     backend->add(open.ready(), 0);
     EXPECT_EQ(control_calls, calls{});
 }
 
-TEST_F(EpollBackend, DescriptorsFromTheLimitOnAreIgnored) {
+TEST_F(epoll_backend_test, descriptors_from_the_limit_on_are_ignored) {
     backend->add(LIMIT, LOOP_READABLE);
     backend->add(LIMIT + 1, LOOP_READABLE);
     backend->del(LIMIT, 7);
@@ -390,7 +391,7 @@ TEST_F(EpollBackend, DescriptorsFromTheLimitOnAreIgnored) {
     EXPECT_EQ(wait_on(backend, 0), (events{{last, 1}}));
 }
 
-TEST_F(EpollBackend, AnErrorIsReportedWithItsOwnBit) {
+TEST_F(epoll_backend_test, an_error_is_reported_with_its_own_bit) {
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
     open.keep(ends[1]);
@@ -399,7 +400,7 @@ TEST_F(EpollBackend, AnErrorIsReportedWithItsOwnBit) {
     EXPECT_EQ(wait_on(backend, 0), (events{{ends[1], 6}}));
 }
 
-TEST_F(EpollBackend, AnErrorIsReportedEvenWhenOnlyReadingIsWatched) {
+TEST_F(epoll_backend_test, an_error_is_reported_even_when_only_reading_is_watched) {
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
     open.keep(ends[1]);
@@ -408,7 +409,7 @@ TEST_F(EpollBackend, AnErrorIsReportedEvenWhenOnlyReadingIsWatched) {
     EXPECT_EQ(wait_on(backend, 0), (events{{ends[1], 4}}));
 }
 
-TEST_F(EpollBackend, AFailedRegistrationIsIgnored) {
+TEST_F(epoll_backend_test, a_failed_registration_is_ignored) {
     const int fd = open.ready();
     ASSERT_EQ(fcntl(150, F_GETFD), -1);
     backend->add(150, LOOP_READABLE);
@@ -416,7 +417,7 @@ TEST_F(EpollBackend, AFailedRegistrationIsIgnored) {
     EXPECT_EQ(wait_on(backend, 0), (events{{fd, 1}}));
 }
 
-TEST_F(EpollBackend, ASecondInitKeepsTheDescriptorAndWhatIsWatched) {
+TEST_F(epoll_backend_test, a_second_init_keeps_the_descriptor_and_what_is_watched) {
     const int fd = open.ready();
     backend->add(fd, LOOP_READABLE);
     const int before = control_descriptor;
@@ -426,12 +427,12 @@ TEST_F(EpollBackend, ASecondInitKeepsTheDescriptorAndWhatIsWatched) {
     EXPECT_EQ(control_descriptor, before);
 }
 
-TEST_F(EpollBackend, ItsDescriptorIsCloseOnExec) {
+TEST_F(epoll_backend_test, its_descriptor_is_close_on_exec) {
     backend->add(open.ready(), LOOP_READABLE);
     EXPECT_EQ(fcntl(control_descriptor, F_GETFD), FD_CLOEXEC);
 }
 
-TEST_F(EpollBackend, FiniClosesTheDescriptorAndForgetsTheLimit) {
+TEST_F(epoll_backend_test, fini_closes_the_descriptor_and_forgets_the_limit) {
     const int fd = open.ready();
     backend->add(fd, LOOP_READABLE);
     const int epoll = control_descriptor;
@@ -447,7 +448,7 @@ TEST_F(EpollBackend, FiniClosesTheDescriptorAndForgetsTheLimit) {
     EXPECT_EQ(wait_on(backend, 0), (events{{fd, 1}}));
 }
 
-TEST_F(EpollBackend, InitFailsWithoutDescriptors) {
+TEST_F(epoll_backend_test, init_fails_without_descriptors) {
     backend->fini();
     rlimit before;
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);

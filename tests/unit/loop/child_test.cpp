@@ -94,7 +94,7 @@ void kill_and_reap(pid_t pid) {
     waitpid(pid, nullptr, 0);
 }
 
-struct Children : testing::Test {
+struct children_test : testing::Test {
     void SetUp() override {
         ASSERT_NE(loop_init(1024, LOOP_SELECT), 0);
     }
@@ -152,31 +152,31 @@ std::string content(const std::string& path) {
 
 } // namespace
 
-TEST_F(Children, TheOutputComesWholeAndOnceWhenTheChildEnds) {
+TEST_F(children_test, the_output_comes_whole_and_once_when_the_child_ends) {
     const outcome o = run_command("echo one; echo two; printf three");
     EXPECT_EQ(o.output, "one\ntwo\nthree");
     EXPECT_EQ(o.reason, CONNECTION_PEER_CLOSED);
     EXPECT_EQ(o.reason, 4);
 }
 
-TEST_F(Children, ACommandThatPrintsNothingIsAnEmptyOutput) {
+TEST_F(children_test, a_command_that_prints_nothing_is_an_empty_output) {
     const outcome o = run_command(":");
     EXPECT_EQ(o.output, "");
     EXPECT_EQ(o.reason, 4);
 }
 
-TEST_F(Children, OutputThatComesInPiecesIsOneOutput) {
+TEST_F(children_test, output_that_comes_in_pieces_is_one_output) {
     const outcome o = run_command("printf a; sleep 0.2; printf b; sleep 0.2; printf c");
     EXPECT_EQ(o.output, "abc");
     EXPECT_EQ(o.reason, 4);
 }
 
-TEST_F(Children, OutputMayHoldAnyByte) {
+TEST_F(children_test, output_may_hold_any_byte) {
     const outcome o = run_command("printf 'a\\000b\\377\\r\\n'");
     EXPECT_EQ(o.output, std::string("a\0b\xff\r\n", 6));
 }
 
-TEST_F(Children, OutputFarBeyondAPipesLengthComesWhole) {
+TEST_F(children_test, output_far_beyond_a_pipes_length_comes_whole) {
     const outcome o = run_command("i=0; while [ $i -lt 40000 ]; do echo $i; i=$((i+1)); done");
     std::string expected;
     for (int i = 0; i < 40000; i++) {
@@ -187,13 +187,13 @@ TEST_F(Children, OutputFarBeyondAPipesLengthComesWhole) {
     EXPECT_EQ(o.reason, 4);
 }
 
-TEST_F(Children, OneByteLessThanTheLimitComesWhole) {
+TEST_F(children_test, one_byte_less_than_the_limit_comes_whole) {
     const outcome o = run_command("head -c 1048575 /dev/zero");
     EXPECT_EQ(o.output, std::string(ONE_MIB - 1, '\0'));
     EXPECT_EQ(o.reason, 4);
 }
 
-TEST_F(Children, OutputOfTheLimitIsCutAndClosesWithReasonOne) {
+TEST_F(children_test, output_of_the_limit_is_cut_and_closes_with_reason_one) {
     const outcome o = run_command("head -c 1048576 /dev/zero");
     EXPECT_EQ(o.reason, CONNECTION_READ_FAILED);
     EXPECT_EQ(o.reason, 1);
@@ -202,7 +202,7 @@ TEST_F(Children, OutputOfTheLimitIsCutAndClosesWithReasonOne) {
     EXPECT_GE(o.output.size(), ONE_MIB - 512);
 }
 
-TEST_F(Children, ACommandThatWritesForEverIsEndedByItsClosedPipe) {
+TEST_F(children_test, a_command_that_writes_for_ever_is_ended_by_its_closed_pipe) {
     /* The daemon ignores the signal, which its children must not inherit. */
     const auto before = signal(SIGPIPE, SIG_IGN);
     const std::string file = temporary_file();
@@ -218,7 +218,7 @@ TEST_F(Children, ACommandThatWritesForEverIsEndedByItsClosedPipe) {
     unlink(file.c_str());
 }
 
-TEST_F(Children, ACommandThatIsNotThereHasNoOutput) {
+TEST_F(children_test, a_command_that_is_not_there_has_no_output) {
     testing::internal::CaptureStderr();
     const outcome o = run_command("tessard-no-such-command --option");
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
@@ -226,7 +226,7 @@ TEST_F(Children, ACommandThatIsNotThereHasNoOutput) {
     EXPECT_EQ(o.reason, 4);
 }
 
-TEST_F(Children, ASyntaxErrorHasNoOutput) {
+TEST_F(children_test, a_syntax_error_has_no_output) {
     testing::internal::CaptureStderr();
     const outcome o = run_command("if then; (");
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
@@ -234,7 +234,7 @@ TEST_F(Children, ASyntaxErrorHasNoOutput) {
     EXPECT_EQ(o.reason, 4);
 }
 
-TEST_F(Children, AMissingShellIsAnEmptyOutputAndStatus127) {
+TEST_F(children_test, a_missing_shell_is_an_empty_output_and_status_127) {
     run_in_own_world(
         [] {
             return unshare_mounts() &&
@@ -259,20 +259,20 @@ TEST_F(Children, AMissingShellIsAnEmptyOutputAndStatus127) {
         });
 }
 
-TEST_F(Children, ErrorsOfTheChildGoToTheNullDevice) {
+TEST_F(children_test, errors_of_the_child_go_to_the_null_device) {
     testing::internal::CaptureStderr();
     const outcome o = run_command("echo complaint >&2; readlink /proc/$$/fd/2; echo output");
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
     EXPECT_EQ(o.output, "/dev/null\noutput\n");
 }
 
-TEST_F(Children, TheNullDeviceIsOpenForWritingAlone) {
+TEST_F(children_test, the_null_device_is_open_for_writing_alone) {
     const outcome o = run_command("sed -n 's/^flags:[[:space:]]*//p' /proc/self/fdinfo/2");
     ASSERT_NE(o.output, "");
     EXPECT_EQ(strtol(o.output.c_str(), nullptr, 8) & O_ACCMODE, O_WRONLY);
 }
 
-TEST_F(Children, WithoutANullDeviceErrorsGoWhereTheDaemonsGo) {
+TEST_F(children_test, without_a_null_device_errors_go_where_the_daemons_go) {
     run_in_own_world(
         [] {
             return own_devices() && umount2("/dev/null", MNT_DETACH) == 0 &&
@@ -294,7 +294,8 @@ TEST_F(Children, WithoutANullDeviceErrorsGoWhereTheDaemonsGo) {
 }
 
 /* The pipe then takes their numbers. */
-TEST_F(Children, TheOutputComesWholeAlsoWhereTheDaemonHasNoStandardInputOrOutput) {
+TEST_F(children_test,
+       the_output_comes_whole_also_where_the_daemon_has_no_standard_input_or_output) {
     const std::vector<int> cases[] = {
         {STDIN_FILENO}, {STDOUT_FILENO}, {STDIN_FILENO, STDOUT_FILENO}};
     for (const std::vector<int>& missing : cases) {
@@ -311,7 +312,7 @@ TEST_F(Children, TheOutputComesWholeAlsoWhereTheDaemonHasNoStandardInputOrOutput
     }
 }
 
-TEST_F(Children, TheCommandIsOneShellWord) {
+TEST_F(children_test, the_command_is_one_shell_word) {
     setenv("TESSARD_CHILD_WORD", "from the environment", 1);
     const outcome o =
         run_command("x='a  b'; echo \"$x\" | tr a-z A-Z; echo $TESSARD_CHILD_WORD; echo $0 $#");
@@ -319,7 +320,7 @@ TEST_F(Children, TheCommandIsOneShellWord) {
     EXPECT_EQ(o.output, "A  B\nfrom the environment\nsh 0\n");
 }
 
-TEST_F(Children, TheLoopGoesOnWhileAChildRuns) {
+TEST_F(children_test, the_loop_goes_on_while_a_child_runs) {
     const std::string fifo = temporary_file();
     unlink(fifo.c_str());
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
@@ -340,7 +341,7 @@ TEST_F(Children, TheLoopGoesOnWhileAChildRuns) {
     unlink(fifo.c_str());
 }
 
-TEST_F(Children, EachCompletionHasTheArgumentOfItsOwnChild) {
+TEST_F(children_test, each_completion_has_the_argument_of_its_own_child) {
     std::vector<outcome> all(20);
     for (size_t i = 0; i < all.size(); i++) {
         ASSERT_EQ(child_spawn(("echo " + std::to_string(i)).c_str(), take, &all[i]), 1);
@@ -360,7 +361,7 @@ TEST_F(Children, EachCompletionHasTheArgumentOfItsOwnChild) {
     }
 }
 
-TEST_F(Children, ACompletionMayStartTheNextChild) {
+TEST_F(children_test, a_completion_may_start_the_next_child) {
     static outcome second;
     second = {};
     const auto start_second = [](buffer*, void*, int) {
@@ -371,7 +372,8 @@ TEST_F(Children, ACompletionMayStartTheNextChild) {
     EXPECT_EQ(second.output, "second\n");
 }
 
-TEST_F(Children, OneThatClosesItsOutputAndLivesOnIsCompleteAtOnceAndReapedLater) {
+TEST_F(children_test,
+       one_that_closes_its_output_and_lives_on_is_complete_at_once_and_reaped_later) {
     outcome first;
     outcome second;
     pid_t living = 0;
@@ -397,7 +399,7 @@ TEST_F(Children, OneThatClosesItsOutputAndLivesOnIsCompleteAtOnceAndReapedLater)
     kill_and_reap(atoi(second.output.c_str()));
 }
 
-TEST_F(Children, EachCompletionReapsOneChildAtMost) {
+TEST_F(children_test, each_completion_reaps_one_child_at_most) {
     const pid_t one = ended_child();
     const pid_t two = ended_child();
     outcome o[2];
@@ -419,7 +421,7 @@ TEST_F(Children, EachCompletionReapsOneChildAtMost) {
     }
 }
 
-TEST_F(Children, TheCompletionIsCalledBeforeAChildIsReaped) {
+TEST_F(children_test, the_completion_is_called_before_a_child_is_reaped) {
     struct look {
         pid_t ended;
         pid_t living = 0;
@@ -437,7 +439,7 @@ TEST_F(Children, TheCompletionIsCalledBeforeAChildIsReaped) {
     kill_and_reap(seen.living);
 }
 
-TEST_F(Children, TwoThatEndTogetherAreReapedByTwoFurtherCompletions) {
+TEST_F(children_test, two_that_end_together_are_reaped_by_two_further_completions) {
     outcome pair[2];
     outcome later[2];
     bool ended = false;
@@ -466,7 +468,7 @@ TEST_F(Children, TwoThatEndTogetherAreReapedByTwoFurtherCompletions) {
     }
 }
 
-TEST_F(Children, NoEndedChildrenPileUp) {
+TEST_F(children_test, no_ended_children_pile_up) {
     constexpr size_t ROUNDS = 200;
     static size_t completed;
     completed = 0;
@@ -489,7 +491,7 @@ TEST_F(Children, NoEndedChildrenPileUp) {
     EXPECT_EQ(open_descriptors(), before - 1);
 }
 
-TEST_F(Children, NoDescriptorOfTheDaemonIsInherited) {
+TEST_F(children_test, no_descriptor_of_the_daemon_is_inherited) {
     int sockets[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets), 0);
     connection* client = loop_add_connection(sockets[0], nullptr);
@@ -529,7 +531,7 @@ TEST_F(Children, NoDescriptorOfTheDaemonIsInherited) {
     unlink(file.c_str());
 }
 
-TEST_F(Children, ThePipeIsReadWithoutBlockingAndNotInherited) {
+TEST_F(children_test, the_pipe_is_read_without_blocking_and_not_inherited) {
     const size_t before = open_descriptors();
     outcome o;
     ASSERT_EQ(child_spawn("sleep 0.3; echo x", take, &o), 1);
@@ -547,7 +549,7 @@ TEST_F(Children, ThePipeIsReadWithoutBlockingAndNotInherited) {
     EXPECT_EQ(open_descriptors(), before);
 }
 
-TEST_F(Children, WithoutAPipeNoneIsStarted) {
+TEST_F(children_test, without_a_pipe_none_is_started) {
     run_in_own_world(nothing_special, [] {
         const size_t before = open_descriptors();
         rlimit limit;
@@ -567,7 +569,7 @@ TEST_F(Children, WithoutAPipeNoneIsStarted) {
     });
 }
 
-TEST_F(Children, WhenTheForkFailsBothEndsOfThePipeAreClosed) {
+TEST_F(children_test, when_the_fork_fails_both_ends_of_the_pipe_are_closed) {
     run_in_own_world(nothing_special, [] {
         const size_t before = open_descriptors();
         const rlimit none = {0, 0};
@@ -583,7 +585,7 @@ TEST_F(Children, WhenTheForkFailsBothEndsOfThePipeAreClosed) {
     });
 }
 
-TEST_F(Children, ADescriptorThatTheLoopCannotWatchStartsNone) {
+TEST_F(children_test, a_descriptor_that_the_loop_cannot_watch_starts_none) {
     run_in_own_world(nothing_special, [] {
         ASSERT_NE(loop_init(3, LOOP_SELECT), 0);
         const size_t before = open_descriptors();

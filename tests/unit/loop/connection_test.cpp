@@ -29,7 +29,7 @@ namespace {
 
 constexpr int LIMIT = 100;
 
-struct Connection;
+struct connection_test;
 
 /* A connection of a test with its other end, and what the layer above was told. */
 struct stream {
@@ -86,14 +86,14 @@ int note_fired(void* argument) {
 /* Stands last in the line of what a pass destroys, and so sees the pass as it ended. */
 struct pass_end {
     loop_closing closing; /* first: a pointer to it is a pointer to the record */
-    Connection* test;
+    connection_test* test;
     bool behind_others;
 };
 
 void on_pass(int fd, unsigned mask, void* argument);
 void on_pass_end(loop_closing* closing);
 
-struct Connection : testing::TestWithParam<loop_backend> {
+struct connection_test : testing::TestWithParam<loop_backend> {
     /* What a test does at the end of a pass; false ends the run. */
     typedef std::function<bool()> step;
 
@@ -264,12 +264,12 @@ std::string backend_name(const testing::TestParamInfo<loop_backend>& backend) {
     return backend.param == LOOP_EPOLL ? "epoll" : "select";
 }
 
-INSTANTIATE_TEST_SUITE_P(Backends, Connection, testing::Values(LOOP_SELECT, LOOP_EPOLL),
+INSTANTIATE_TEST_SUITE_P(backends, connection_test, testing::Values(LOOP_SELECT, LOOP_EPOLL),
                          backend_name);
 
 /* A new connection. */
 
-TEST_P(Connection, IsNewWithEverythingCleared) {
+TEST_P(connection_test, is_new_with_everything_cleared) {
     int ends[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
     connection* c = loop_add_connection(ends[0], &owner);
@@ -289,7 +289,7 @@ TEST_P(Connection, IsNewWithEverythingCleared) {
     run_passes(1);
 }
 
-TEST_P(Connection, HasThreeEmptyBuffersWithTheirLimits) {
+TEST_P(connection_test, has_three_empty_buffers_with_their_limits) {
     const connection* c = open_stream().c;
     for (const buffer* b : {&c->input, &c->output, &c->pending}) {
         EXPECT_EQ(b->length, 0u);
@@ -300,7 +300,7 @@ TEST_P(Connection, HasThreeEmptyBuffersWithTheirLimits) {
     EXPECT_EQ(c->pending.limit, 1048576u);
 }
 
-TEST(ConnectionRecord, FieldsStandInTheirOrder) {
+TEST(connection_record_test, fields_stand_in_their_order) {
     const size_t offsets[] = {offsetof(connection, fd),          offsetof(connection, input),
                               offsetof(connection, output),      offsetof(connection, owner),
                               offsetof(connection, conn_ondata), offsetof(connection, on_close),
@@ -321,7 +321,7 @@ TEST(ConnectionRecord, FieldsStandInTheirOrder) {
     EXPECT_EQ(sizeof(connection::reason), 2u);
 }
 
-TEST_P(Connection, MakesItsDescriptorNonBlockingAndCloseOnExec) {
+TEST_P(connection_test, makes_its_descriptor_non_blocking_and_close_on_exec) {
     int ends[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
     ASSERT_EQ(fcntl(ends[0], F_GETFD), 0);
@@ -330,14 +330,14 @@ TEST_P(Connection, MakesItsDescriptorNonBlockingAndCloseOnExec) {
     EXPECT_NE(fcntl(ends[0], F_GETFL) & O_NONBLOCK, 0);
 }
 
-TEST_P(Connection, IsWatchedForInputAlone) {
+TEST_P(connection_test, is_watched_for_input_alone) {
     stream& s = open_stream();
     EXPECT_EQ(ready_mask(s.c->fd), 0u);
     from_peer(s, "x");
     EXPECT_EQ(ready_mask(s.c->fd), 1u);
 }
 
-TEST_P(Connection, StandsAtTheFrontOfItsServersListAndIsCounted) {
+TEST_P(connection_test, stands_at_the_front_of_its_servers_list_and_is_counted) {
     stream& first = open_stream();
     stream& second = open_stream();
     stream& third = open_stream();
@@ -351,7 +351,7 @@ TEST_P(Connection, StandsAtTheFrontOfItsServersListAndIsCounted) {
     EXPECT_EQ(third.c->prev, nullptr);
 }
 
-TEST_P(Connection, OfNoServerIsInNoList) {
+TEST_P(connection_test, of_no_server_is_in_no_list) {
     stream& s = open_stream(nullptr);
     EXPECT_EQ(s.c->owner, nullptr);
     EXPECT_EQ(s.c->prev, nullptr);
@@ -359,21 +359,21 @@ TEST_P(Connection, OfNoServerIsInNoList) {
     EXPECT_EQ(owner.references, 1u);
 }
 
-TEST_P(Connection, ADescriptorAtTheLimitAborts) {
+TEST_P(connection_test, a_descriptor_at_the_limit_aborts) {
     EXPECT_DEATH(loop_add_connection(LIMIT, &owner),
                  "loop:690: loop_add_connection: Assertion "
                  "`fd < maxfd && files\\[fd\\]\\.cb == \\(\\(void "
                  "\\*\\)0\\)' failed");
 }
 
-TEST_P(Connection, ADescriptorThatHasAHandlerAborts) {
+TEST_P(connection_test, a_descriptor_that_has_a_handler_aborts) {
     EXPECT_EXIT(loop_add_connection(ticker, &owner), testing::KilledBySignal(SIGABRT),
                 "fd < maxfd && files\\[fd\\]\\.cb == \\(\\(void \\*\\)0\\)");
 }
 
 /* Input. */
 
-TEST_P(Connection, IsReadUntilTheKernelHasNoMoreAndDeliversOnce) {
+TEST_P(connection_test, is_read_until_the_kernel_has_no_more_and_delivers_once) {
     for (server* server_of : {&owner, static_cast<server*>(nullptr)}) {
         stream& s = open_stream(server_of);
         std::string bytes;
@@ -390,7 +390,7 @@ TEST_P(Connection, IsReadUntilTheKernelHasNoMoreAndDeliversOnce) {
     }
 }
 
-TEST_P(Connection, IsReadOnAfterExactlyOneChunk) {
+TEST_P(connection_test, is_read_on_after_exactly_one_chunk) {
     stream& s = open_stream();
     from_peer(s, std::string(512, 'a'));
     run_passes(2);
@@ -399,7 +399,7 @@ TEST_P(Connection, IsReadOnAfterExactlyOneChunk) {
     EXPECT_EQ(s.closes, 0);
 }
 
-TEST_P(Connection, KeepsInputThatIsNotConsumed) {
+TEST_P(connection_test, keeps_input_that_is_not_consumed) {
     stream& s = open_stream();
     s.on_data = [] {};
     from_peer(s, "one");
@@ -410,7 +410,7 @@ TEST_P(Connection, KeepsInputThatIsNotConsumed) {
                }});
 }
 
-TEST_P(Connection, DeliversNothingWhenTheBytesAreGoneAlready) {
+TEST_P(connection_test, delivers_nothing_when_the_bytes_are_gone_already) {
     stream& one = open_stream();
     stream& other = open_stream();
     from_peer(one, "x");
@@ -424,7 +424,7 @@ TEST_P(Connection, DeliversNothingWhenTheBytesAreGoneAlready) {
     EXPECT_EQ(one.closes + other.closes, 0);
 }
 
-TEST_P(Connection, WithoutDataCallbackNothingIsDeliveredFlushedOrProduced) {
+TEST_P(connection_test, without_data_callback_nothing_is_delivered_flushed_or_produced) {
     stream& s = open_stream();
     s.c->conn_ondata = nullptr;
     int pulls = 0;
@@ -442,7 +442,7 @@ TEST_P(Connection, WithoutDataCallbackNothingIsDeliveredFlushedOrProduced) {
     EXPECT_EQ(at_peer(s), "");
 }
 
-TEST_P(Connection, APipeWithoutServerIsRead) {
+TEST_P(connection_test, a_pipe_without_server_is_read) {
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
     stream& s = add_stream(ends[0], ends[1], nullptr);
@@ -458,7 +458,7 @@ TEST_P(Connection, APipeWithoutServerIsRead) {
                }});
 }
 
-TEST_P(Connection, AnInterruptedReadIsTriedAgain) {
+TEST_P(connection_test, an_interrupted_read_is_tried_again) {
     stream& s = open_stream();
     from_peer(s, "request");
     recv_answers = {EINTR, EINTR};
@@ -468,7 +468,7 @@ TEST_P(Connection, AnInterruptedReadIsTriedAgain) {
     EXPECT_TRUE(recv_answers.empty());
 }
 
-TEST_P(Connection, AFailedReadClosesWithReason1AndItsErrorNumber) {
+TEST_P(connection_test, a_failed_read_closes_with_reason_1_and_its_error_number) {
     stream& s = open_stream();
     from_peer(s, "request");
     recv_answers = {EIO};
@@ -481,7 +481,7 @@ TEST_P(Connection, AFailedReadClosesWithReason1AndItsErrorNumber) {
 
 /* The end of the stream. */
 
-TEST_P(Connection, APeerThatClosesEndsItWithReason4) {
+TEST_P(connection_test, a_peer_that_closes_ends_it_with_reason_4) {
     stream& s = open_stream();
     close_peer(s);
     run_passes(1);
@@ -491,7 +491,7 @@ TEST_P(Connection, APeerThatClosesEndsItWithReason4) {
     EXPECT_EQ(s.error, 0);
 }
 
-TEST_P(Connection, DataIsDeliveredBeforeTheEndOfTheStreamIsSeen) {
+TEST_P(connection_test, data_is_delivered_before_the_end_of_the_stream_is_seen) {
     for (server* server_of : {&owner, static_cast<server*>(nullptr)}) {
         stream& s = open_stream(server_of);
         from_peer(s, "last words");
@@ -512,7 +512,7 @@ TEST_P(Connection, DataIsDeliveredBeforeTheEndOfTheStreamIsSeen) {
                }});
 }
 
-TEST_P(Connection, APeerThatOnlyStopsWritingStillGetsItsReply) {
+TEST_P(connection_test, a_peer_that_only_stops_writing_still_gets_its_reply) {
     stream& s = open_stream();
     s.on_data = [&] {
         buffer_reset(&s.c->input);
@@ -540,7 +540,8 @@ int pending_error_of_a_reset() {
     return error;
 }
 
-TEST_P(Connection, AResetByThePeerIsAReadFailureOrASocketErrorAsTheBackendSeesIt) {
+TEST_P(connection_test,
+       a_reset_by_the_peer_is_a_read_failure_or_a_socket_error_as_the_backend_sees_it) {
     stream& s = open_stream();
     send_text(s, "never read");
     connection_flush(s.c);
@@ -552,7 +553,7 @@ TEST_P(Connection, AResetByThePeerIsAReadFailureOrASocketErrorAsTheBackendSeesIt
     EXPECT_EQ(s.deliveries, 0);
 }
 
-TEST_P(Connection, ASocketErrorClosesBeforeInputIsRead) {
+TEST_P(connection_test, a_socket_error_closes_before_input_is_read) {
     stream& s = open_stream();
     from_peer(s, "unread");
     send_text(s, "never read");
@@ -567,7 +568,7 @@ TEST_P(Connection, ASocketErrorClosesBeforeInputIsRead) {
 
 /* The limit of the input. */
 
-TEST_P(Connection, TakesAMebibyteOfInputLessAByte) {
+TEST_P(connection_test, takes_a_mebibyte_of_input_less_a_byte) {
     stream& s = open_stream();
     s.on_data = [] {};
     size_t sent = 0;
@@ -584,7 +585,7 @@ TEST_P(Connection, TakesAMebibyteOfInputLessAByte) {
     EXPECT_EQ(s.c->input.length, 1048575u);
 }
 
-TEST_P(Connection, InputThatFillsItsBufferClosesWithReason1) {
+TEST_P(connection_test, input_that_fills_its_buffer_closes_with_reason_1) {
     stream& s = open_stream();
     s.on_data = [] {};
     size_t sent = 0;
@@ -601,7 +602,7 @@ TEST_P(Connection, InputThatFillsItsBufferClosesWithReason1) {
     EXPECT_EQ(s.input_left, 1048576u - 512u); /* the last chunk found no room */
 }
 
-TEST_P(Connection, TheBytesOfAnEventThatFillsTheBufferAreNotDelivered) {
+TEST_P(connection_test, the_bytes_of_an_event_that_fills_the_buffer_are_not_delivered) {
     stream& s = open_stream();
     buffer_reserve(&s.c->input, 1048575);
     from_peer(s, "x");
@@ -613,21 +614,21 @@ TEST_P(Connection, TheBytesOfAnEventThatFillsTheBufferAreNotDelivered) {
 
 /* Output. */
 
-TEST_P(Connection, AFrameOf1999BytesIsBatched) {
+TEST_P(connection_test, a_frame_of_1999_bytes_is_batched) {
     stream& s = open_stream();
     send_text(s, std::string(1999, 'x'));
     EXPECT_EQ(s.c->output.length, 1999u);
     EXPECT_EQ(at_peer(s), "");
 }
 
-TEST_P(Connection, AFrameOf2000BytesIsWrittenAtOnce) {
+TEST_P(connection_test, a_frame_of_2000_bytes_is_written_at_once) {
     stream& s = open_stream();
     send_text(s, std::string(2000, 'x'));
     EXPECT_EQ(s.c->output.length, 0u);
     EXPECT_EQ(at_peer(s), std::string(2000, 'x'));
 }
 
-TEST_P(Connection, ALargeFrameIsWrittenBehindWhatIsBatched) {
+TEST_P(connection_test, a_large_frame_is_written_behind_what_is_batched) {
     for (server* server_of : {&owner, static_cast<server*>(nullptr)}) {
         stream& s = open_stream(server_of);
         send_text(s, "first");
@@ -637,7 +638,7 @@ TEST_P(Connection, ALargeFrameIsWrittenBehindWhatIsBatched) {
     }
 }
 
-TEST_P(Connection, TheBatchIsWrittenAbove4000Bytes) {
+TEST_P(connection_test, the_batch_is_written_above_4000_bytes) {
     stream& s = open_stream();
     send_text(s, std::string(1999, 'a'));
     send_text(s, std::string(1999, 'b'));
@@ -649,7 +650,7 @@ TEST_P(Connection, TheBatchIsWrittenAbove4000Bytes) {
     EXPECT_EQ(at_peer(s), std::string(1999, 'a') + std::string(1999, 'b') + "ccd");
 }
 
-TEST_P(Connection, AFrameInsideTheBatchIsGivenRoomWhileItCannotFail) {
+TEST_P(connection_test, a_frame_inside_the_batch_is_given_room_while_it_cannot_fail) {
     stream& s = open_stream();
     EXPECT_EQ(connection_batch(s.c, 1999), &s.c->output);
     EXPECT_EQ(connection_batch(s.c, 2000), nullptr);
@@ -664,7 +665,7 @@ TEST_P(Connection, AFrameInsideTheBatchIsGivenRoomWhileItCannotFail) {
     EXPECT_EQ(connection_batch(s.c, 1), nullptr);
 }
 
-TEST_P(Connection, AnEmptyFrameIsHarmless) {
+TEST_P(connection_test, an_empty_frame_is_harmless) {
     stream& s = open_stream();
     connection_send(s.c, "", 0);
     connection_send(s.c, nullptr, 0);
@@ -676,7 +677,7 @@ TEST_P(Connection, AnEmptyFrameIsHarmless) {
     EXPECT_EQ(s.closes, 0);
 }
 
-TEST_P(Connection, FlushWritesTheBatch) {
+TEST_P(connection_test, flush_writes_the_batch) {
     stream& s = open_stream();
     send_text(s, "batched");
     connection_flush(s.c);
@@ -686,7 +687,7 @@ TEST_P(Connection, FlushWritesTheBatch) {
     EXPECT_EQ(at_peer(s), "");
 }
 
-TEST_P(Connection, RepliesAreWrittenOnceTheDataCallbackReturned) {
+TEST_P(connection_test, replies_are_written_once_the_data_callback_returned) {
     stream& s = open_stream();
     s.on_data = [&] {
         buffer_reset(&s.c->input);
@@ -700,7 +701,7 @@ TEST_P(Connection, RepliesAreWrittenOnceTheDataCallbackReturned) {
 
 /* What the kernel refuses. */
 
-TEST_P(Connection, WhatTheKernelRefusesWaitsForTheDescriptorToBecomeWritable) {
+TEST_P(connection_test, what_the_kernel_refuses_waits_for_the_descriptor_to_become_writable) {
     stream& s = open_stream();
     EXPECT_EQ(ready_mask(s.c->fd), 0u);
     std::string sent = fill_kernel(s);
@@ -713,7 +714,7 @@ TEST_P(Connection, WhatTheKernelRefusesWaitsForTheDescriptorToBecomeWritable) {
     EXPECT_EQ(s.c->pending.length, 0u);
 }
 
-TEST_P(Connection, InterestInWritingEndsWithThePendingBytes) {
+TEST_P(connection_test, interest_in_writing_ends_with_the_pending_bytes) {
     stream& s = open_stream();
     fill_kernel(s);
     at_peer(s);
@@ -726,7 +727,7 @@ TEST_P(Connection, InterestInWritingEndsWithThePendingBytes) {
                }});
 }
 
-TEST_P(Connection, PendingBytesGiveTheirMemoryBackOnceTheyAreWritten) {
+TEST_P(connection_test, pending_bytes_give_their_memory_back_once_they_are_written) {
     stream& s = open_stream();
     const size_t sent = fill_kernel(s).size() + 300000;
     send_text(s, std::string(300000, 'x'));
@@ -739,7 +740,7 @@ TEST_P(Connection, PendingBytesGiveTheirMemoryBackOnceTheyAreWritten) {
     EXPECT_EQ(s.c->pending.capacity, CONNECTION_BUFFER_INITIAL);
 }
 
-TEST_P(Connection, WhileBytesArePendingAllOutputGoesBehindThem) {
+TEST_P(connection_test, while_bytes_are_pending_all_output_goes_behind_them) {
     stream& s = open_stream();
     fill_kernel(s);
     const uint32_t before = s.c->pending.length;
@@ -749,7 +750,7 @@ TEST_P(Connection, WhileBytesArePendingAllOutputGoesBehindThem) {
     EXPECT_EQ(s.c->output.length, 0u);
 }
 
-TEST_P(Connection, ALargeFrameDoesNotOvertakeABatchThatTheKernelHasJustRefused) {
+TEST_P(connection_test, a_large_frame_does_not_overtake_a_batch_that_the_kernel_has_just_refused) {
     stream& s = open_stream();
     send_text(s, "batched");
     send_answers = {EAGAIN}; /* there is room again at the next call */
@@ -758,7 +759,7 @@ TEST_P(Connection, ALargeFrameDoesNotOvertakeABatchThatTheKernelHasJustRefused) 
     run_steps({[&] { EXPECT_EQ(at_peer(s), "batched" + std::string(2000, 'x')); }});
 }
 
-TEST_P(Connection, AnInterruptedWriteIsTriedAgain) {
+TEST_P(connection_test, an_interrupted_write_is_tried_again) {
     stream& s = open_stream();
     send_answers = {EINTR, EINTR};
     send_text(s, std::string(2000, 'x'));
@@ -766,7 +767,7 @@ TEST_P(Connection, AnInterruptedWriteIsTriedAgain) {
     EXPECT_EQ(s.c->pending.length, 0u);
 }
 
-TEST_P(Connection, AWriteOfNoBytesIsARefusal) {
+TEST_P(connection_test, a_write_of_no_bytes_is_a_refusal) {
     stream& s = open_stream();
     send_answers = {0};
     send_text(s, std::string(2000, 'x'));
@@ -776,7 +777,7 @@ TEST_P(Connection, AWriteOfNoBytesIsARefusal) {
                [&] { EXPECT_EQ(at_peer(s), std::string(2000, 'x')); }});
 }
 
-TEST_P(Connection, FramesOfEverySizeArriveInTheOrderOfSending) {
+TEST_P(connection_test, frames_of_every_size_arrive_in_the_order_of_sending) {
     for (server* server_of : {&owner, static_cast<server*>(nullptr)}) {
         open_stream(server_of);
     }
@@ -808,7 +809,7 @@ TEST_P(Connection, FramesOfEverySizeArriveInTheOrderOfSending) {
     EXPECT_TRUE(arrived[1] == sent[1]);
 }
 
-TEST_P(Connection, AMebibyteLessAByteMayBePending) {
+TEST_P(connection_test, a_mebibyte_less_a_byte_may_be_pending) {
     stream& s = open_stream();
     fill_kernel(s);
     send_text(s, std::string(1048575 - s.c->pending.length, 'x'));
@@ -822,7 +823,7 @@ TEST_P(Connection, AMebibyteLessAByteMayBePending) {
     EXPECT_EQ(s.error, 79);
 }
 
-TEST_P(Connection, AFrameThatCannotBePendingWholeClosesWithReason2) {
+TEST_P(connection_test, a_frame_that_cannot_be_pending_whole_closes_with_reason_2) {
     stream& s = open_stream();
     const std::string sent = fill_kernel(s);
     const uint32_t before = s.c->pending.length;
@@ -835,7 +836,7 @@ TEST_P(Connection, AFrameThatCannotBePendingWholeClosesWithReason2) {
     EXPECT_EQ(at_peer(s), sent.substr(0, sent.size() - before));
 }
 
-TEST_P(Connection, AFrameLargerThanKernelAndPendingClosesWithReason2) {
+TEST_P(connection_test, a_frame_larger_than_kernel_and_pending_closes_with_reason_2) {
     stream& s = open_stream();
     send_text(s, std::string(8u << 20, 'x'));
     EXPECT_EQ(s.c->fd, -1);
@@ -845,7 +846,7 @@ TEST_P(Connection, AFrameLargerThanKernelAndPendingClosesWithReason2) {
     EXPECT_EQ(s.error, 79);
 }
 
-TEST_P(Connection, AClientThatStopsReadingIsClosedOnceAMebibyteIsPending) {
+TEST_P(connection_test, a_client_that_stops_reading_is_closed_once_a_mebibyte_is_pending) {
     stream& s = open_stream();
     uint32_t before = 0;
     s.on_data = [&] {
@@ -865,7 +866,7 @@ TEST_P(Connection, AClientThatStopsReadingIsClosedOnceAMebibyteIsPending) {
 
 /* Write failures. */
 
-TEST_P(Connection, AFailedWriteClosesWithReason2AndItsErrorNumber) {
+TEST_P(connection_test, a_failed_write_closes_with_reason_2_and_its_error_number) {
     stream& s = open_stream();
     close_peer(s);
     send_text(s, std::string(2000, 'x')); /* no signal either: the process goes on */
@@ -877,7 +878,7 @@ TEST_P(Connection, AFailedWriteClosesWithReason2AndItsErrorNumber) {
     EXPECT_EQ(s.error, EPIPE);
 }
 
-TEST_P(Connection, AFailedFlushClosesWithReason2) {
+TEST_P(connection_test, a_failed_flush_closes_with_reason_2) {
     stream& s = open_stream();
     send_text(s, "small");
     close_peer(s);
@@ -888,7 +889,7 @@ TEST_P(Connection, AFailedFlushClosesWithReason2) {
     EXPECT_EQ(s.error, EPIPE);
 }
 
-TEST_P(Connection, AFailedFlushAfterTheDataCallbackClosesWithReason2) {
+TEST_P(connection_test, a_failed_flush_after_the_data_callback_closes_with_reason_2) {
     stream& s = open_stream();
     s.on_data = [&] { send_text(s, "small"); };
     from_peer(s, "request");
@@ -899,7 +900,7 @@ TEST_P(Connection, AFailedFlushAfterTheDataCallbackClosesWithReason2) {
     EXPECT_EQ(s.error, EPIPE);
 }
 
-TEST_P(Connection, WithoutServerAFailedWriteClosesLikewise) {
+TEST_P(connection_test, without_server_a_failed_write_closes_likewise) {
     (void)signal(SIGPIPE, SIG_IGN);
     stream& s = open_stream(nullptr);
     close_peer(s);
@@ -910,7 +911,7 @@ TEST_P(Connection, WithoutServerAFailedWriteClosesLikewise) {
     (void)signal(SIGPIPE, SIG_DFL);
 }
 
-TEST_P(Connection, AFailedWriteOfPendingBytesLeavesTheErrorNumber) {
+TEST_P(connection_test, a_failed_write_of_pending_bytes_leaves_the_error_number) {
     stream& s = open_stream();
     fill_kernel(s);
     s.c->error = 5;
@@ -925,7 +926,7 @@ TEST_P(Connection, AFailedWriteOfPendingBytesLeavesTheErrorNumber) {
 
 /* Jump targets. */
 
-TEST_P(Connection, HasAJumpTargetOnlyDuringItsOperations) {
+TEST_P(connection_test, has_a_jump_target_only_during_its_operations) {
     stream& s = open_stream();
     EXPECT_EQ(s.c->jump, nullptr);
     send_text(s, "batched");
@@ -944,7 +945,7 @@ TEST_P(Connection, HasAJumpTargetOnlyDuringItsOperations) {
     }});
 }
 
-TEST_P(Connection, ANestedOperationRestoresTheTargetAroundIt) {
+TEST_P(connection_test, a_nested_operation_restores_the_target_around_it) {
     stream& s = open_stream();
     s.on_data = [&] {
         jmp_buf* const outer = s.c->jump;
@@ -964,7 +965,7 @@ TEST_P(Connection, ANestedOperationRestoresTheTargetAroundIt) {
     EXPECT_EQ(s.reason, 0);
 }
 
-TEST_P(Connection, AFailureInANestedOperationEndsThatOperationAlone) {
+TEST_P(connection_test, a_failure_in_a_nested_operation_ends_that_operation_alone) {
     stream& s = open_stream();
     bool came_back = false;
     s.on_data = [&] {
@@ -986,7 +987,7 @@ TEST_P(Connection, AFailureInANestedOperationEndsThatOperationAlone) {
     }});
 }
 
-TEST_P(Connection, AFailureOnAnotherConnectionLeavesThisOneAlone) {
+TEST_P(connection_test, a_failure_on_another_connection_leaves_this_one_alone) {
     stream& s = open_stream();
     stream& other = open_stream();
     s.on_data = [&] {
@@ -1007,7 +1008,7 @@ TEST_P(Connection, AFailureOnAnotherConnectionLeavesThisOneAlone) {
 
 /* Closing. */
 
-TEST_P(Connection, ClosingWritesWhatIsBatched) {
+TEST_P(connection_test, closing_writes_what_is_batched) {
     stream& s = open_stream();
     const int fd = s.c->fd;
     send_text(s, "goodbye");
@@ -1022,7 +1023,7 @@ TEST_P(Connection, ClosingWritesWhatIsBatched) {
     EXPECT_EQ(s.error, 0);
 }
 
-TEST_P(Connection, AFlushThatFailsInCloseReplacesTheReason) {
+TEST_P(connection_test, a_flush_that_fails_in_close_replaces_the_reason) {
     stream& s = open_stream();
     send_text(s, "goodbye");
     close_peer(s);
@@ -1035,7 +1036,7 @@ TEST_P(Connection, AFlushThatFailsInCloseReplacesTheReason) {
     EXPECT_EQ(s.error, EPIPE);
 }
 
-TEST_P(Connection, ClosingDoesNotWaitForPendingBytes) {
+TEST_P(connection_test, closing_does_not_wait_for_pending_bytes) {
     stream& s = open_stream();
     fill_kernel(s);
     connection_close(s.c);
@@ -1045,7 +1046,7 @@ TEST_P(Connection, ClosingDoesNotWaitForPendingBytes) {
     EXPECT_EQ(s.reason, 0);
 }
 
-TEST_P(Connection, AFlushAfterItsEndWritesNothingAndKeepsTheReason) {
+TEST_P(connection_test, a_flush_after_its_end_writes_nothing_and_keeps_the_reason) {
     stream& s = open_stream();
     send_text(s, "batched");
     connection_fail_output(s.c);
@@ -1056,7 +1057,7 @@ TEST_P(Connection, AFlushAfterItsEndWritesNothingAndKeepsTheReason) {
     EXPECT_EQ(at_peer(s), "");
 }
 
-TEST_P(Connection, ClosedByTheReadableHalfOfAnEventIsNotWrittenInTheOther) {
+TEST_P(connection_test, closed_by_the_readable_half_of_an_event_is_not_written_in_the_other) {
     stream& s = open_stream();
     fill_kernel(s);
     at_peer(s);
@@ -1068,7 +1069,7 @@ TEST_P(Connection, ClosedByTheReadableHalfOfAnEventIsNotWrittenInTheOther) {
     EXPECT_EQ(s.reason, 0);
 }
 
-TEST_P(Connection, IsQueuedAndDestroyedOnceHoweverOftenItIsClosed) {
+TEST_P(connection_test, is_queued_and_destroyed_once_however_often_it_is_closed) {
     stream& s = open_stream();
     connection_close(s.c);
     connection_close(s.c);
@@ -1081,7 +1082,7 @@ TEST_P(Connection, IsQueuedAndDestroyedOnceHoweverOftenItIsClosed) {
     EXPECT_EQ(s.reason, 0);
 }
 
-TEST_P(Connection, ClosedFromItsDataCallbackDropsSendsAndTellsOnceAfterwards) {
+TEST_P(connection_test, closed_from_its_data_callback_drops_sends_and_tells_once_afterwards) {
     stream& s = open_stream();
     int pulls = 0;
     s.next_output = [&](uint32_t*) {
@@ -1109,7 +1110,7 @@ TEST_P(Connection, ClosedFromItsDataCallbackDropsSendsAndTellsOnceAfterwards) {
     EXPECT_EQ(at_peer(s), "goodbye");
 }
 
-TEST_P(Connection, IsDestroyedAfterTheTimersOfThePass) {
+TEST_P(connection_test, is_destroyed_after_the_timers_of_the_pass) {
     stream& s = open_stream();
     int closes_at_scan = -1;
     std::function<void()> at_scan = [&] { closes_at_scan = s.closes; };
@@ -1124,7 +1125,8 @@ TEST_P(Connection, IsDestroyedAfterTheTimersOfThePass) {
     EXPECT_EQ(s.closes, 1);
 }
 
-TEST_P(Connection, ClosedByAnotherInTheSameBatchItIsNotCalledAndNotYetDestroyed) {
+TEST_P(connection_test,
+       closed_by_another_in_the_same_batch_it_is_not_called_and_not_yet_destroyed) {
     stream& one = open_stream();
     stream& other = open_stream();
     const auto close_the_other = [](stream& closing, stream& closed) {
@@ -1143,7 +1145,7 @@ TEST_P(Connection, ClosedByAnotherInTheSameBatchItIsNotCalledAndNotYetDestroyed)
     EXPECT_EQ(one.closes + other.closes, 1);
 }
 
-TEST_P(Connection, ANewOneMayTakeTheDescriptorOfOneThatWasClosedInTheSamePass) {
+TEST_P(connection_test, a_new_one_may_take_the_descriptor_of_one_that_was_closed_in_the_same_pass) {
     stream& one = open_stream();
     stream& other = open_stream();
     stream* successor = nullptr;
@@ -1171,7 +1173,7 @@ TEST_P(Connection, ANewOneMayTakeTheDescriptorOfOneThatWasClosedInTheSamePass) {
                [&] { EXPECT_EQ(successor->received, "hello"); }});
 }
 
-TEST_P(Connection, TheCloseCallbackMayCloseAnother) {
+TEST_P(connection_test, the_close_callback_may_close_another) {
     stream& s = open_stream();
     stream& other = open_stream();
     s.on_destroy = [&] { connection_close(other.c); };
@@ -1181,7 +1183,7 @@ TEST_P(Connection, TheCloseCallbackMayCloseAnother) {
     EXPECT_EQ(other.closes, 1);
 }
 
-TEST_P(Connection, TheCloseCallbackMayStillCallTheOperations) {
+TEST_P(connection_test, the_close_callback_may_still_call_the_operations) {
     stream& s = open_stream();
     s.on_destroy = [&] {
         send_text(s, "dropped");
@@ -1194,7 +1196,7 @@ TEST_P(Connection, TheCloseCallbackMayStillCallTheOperations) {
     EXPECT_EQ(at_peer(s), "");
 }
 
-TEST_P(Connection, WithoutCloseCallbackIsDestroyedAllTheSame) {
+TEST_P(connection_test, without_close_callback_is_destroyed_all_the_same) {
     stream& s = open_stream();
     s.c->on_close = nullptr;
     connection_close(s.c);
@@ -1204,7 +1206,7 @@ TEST_P(Connection, WithoutCloseCallbackIsDestroyedAllTheSame) {
     EXPECT_EQ(owner.connections, nullptr);
 }
 
-TEST_P(Connection, AFrameThatCouldNotBeMadeWholeClosesWithReason2) {
+TEST_P(connection_test, a_frame_that_could_not_be_made_whole_closes_with_reason_2) {
     stream& s = open_stream();
     send_text(s, "batched");
     connection_fail_output(s.c);
@@ -1216,7 +1218,7 @@ TEST_P(Connection, AFrameThatCouldNotBeMadeWholeClosesWithReason2) {
     EXPECT_EQ(s.error, 79);
 }
 
-TEST_P(Connection, DestructionUnlinksFromTheServerWhereverItStands) {
+TEST_P(connection_test, destruction_unlinks_from_the_server_wherever_it_stands) {
     const std::vector<std::vector<size_t>> orders = {{0, 1, 2}, {1, 0, 2}, {2, 1, 0}, {1, 2, 0}};
     std::vector<std::function<void()>> steps;
     for (const std::vector<size_t>& order : orders) {
@@ -1268,7 +1270,7 @@ struct chunks {
     }
 };
 
-TEST_P(Connection, TheProducerRunsAfterTheDataCallbackBehindItsReply) {
+TEST_P(connection_test, the_producer_runs_after_the_data_callback_behind_its_reply) {
     stream& s = open_stream();
     chunks source = {3, 100};
     std::string arrived;
@@ -1294,7 +1296,7 @@ TEST_P(Connection, TheProducerRunsAfterTheDataCallbackBehindItsReply) {
     }});
 }
 
-TEST_P(Connection, TheProducerStopsAtAPendingByteAndIsResumedByTheWritableEvent) {
+TEST_P(connection_test, the_producer_stops_at_a_pending_byte_and_is_resumed_by_the_writable_event) {
     std::deque<chunks> producing;
     for (const size_t size : {700u, 3000u}) { /* batched, and written through */
         producing.push_back({static_cast<int>(2000000 / size), size});
@@ -1327,7 +1329,7 @@ TEST_P(Connection, TheProducerStopsAtAPendingByteAndIsResumedByTheWritableEvent)
     }
 }
 
-TEST_P(Connection, AWritableEventStartsTheProducerAndEndsTheInterestWithIt) {
+TEST_P(connection_test, a_writable_event_starts_the_producer_and_ends_the_interest_with_it) {
     stream& s = open_stream();
     chunks source = {2, 10};
     s.next_output = [&](uint32_t* length) { return source.next(length); };
@@ -1341,7 +1343,7 @@ TEST_P(Connection, AWritableEventStartsTheProducerAndEndsTheInterestWithIt) {
     }});
 }
 
-TEST_P(Connection, AWritableEventWithNothingToWriteEndsTheInterest) {
+TEST_P(connection_test, a_writable_event_with_nothing_to_write_ends_the_interest) {
     stream& s = open_stream();
     loop_modify_handler(s.c->fd, LOOP_WRITABLE, 0);
     EXPECT_EQ(ready_mask(s.c->fd), 2u);
@@ -1349,7 +1351,7 @@ TEST_P(Connection, AWritableEventWithNothingToWriteEndsTheInterest) {
     EXPECT_EQ(s.closes, 0);
 }
 
-TEST_P(Connection, AProducerMayCloseItsConnection) {
+TEST_P(connection_test, a_producer_may_close_its_connection) {
     stream& s = open_stream();
     int pulls = 0;
     s.next_output = [&](uint32_t* length) {
@@ -1366,7 +1368,7 @@ TEST_P(Connection, AProducerMayCloseItsConnection) {
     EXPECT_EQ(s.reason, 0);
 }
 
-TEST_P(Connection, AProducerWhoseOutputFailsIsAskedNoMore) {
+TEST_P(connection_test, a_producer_whose_output_fails_is_asked_no_more) {
     stream& s = open_stream();
     int pulls = 0;
     const std::string chunk(2000, 'x');

@@ -64,7 +64,7 @@ extern "C" ssize_t recvfrom(int fd, void* bytes, size_t size, int flags, sockadd
 
 namespace {
 
-struct Datagram : testing::TestWithParam<loop_backend> {
+struct datagram_test : testing::TestWithParam<loop_backend> {
     void SetUp() override {
         requests.clear();
         on_request = {};
@@ -131,12 +131,12 @@ struct Datagram : testing::TestWithParam<loop_backend> {
     std::vector<int> clients;
 };
 
-INSTANTIATE_TEST_SUITE_P(Backends, Datagram, testing::Values(LOOP_SELECT, LOOP_EPOLL),
+INSTANTIATE_TEST_SUITE_P(backends, datagram_test, testing::Values(LOOP_SELECT, LOOP_EPOLL),
                          [](const auto& backend) {
                              return backend.param == LOOP_EPOLL ? "epoll" : "select";
                          });
 
-TEST_P(Datagram, TheCallbacksReplyGoesBackToTheSender) {
+TEST_P(datagram_test, the_callbacks_reply_goes_back_to_the_sender) {
     on_request = [&](datagram_server* called, buffer* reply) {
         EXPECT_EQ(called, s);
         answer(reply, "reply to " + requests.back());
@@ -150,13 +150,13 @@ TEST_P(Datagram, TheCallbacksReplyGoesBackToTheSender) {
     EXPECT_EQ(receive(other), "reply to two");
 }
 
-TEST_P(Datagram, WithoutReplyNothingIsSent) {
+TEST_P(datagram_test, without_reply_nothing_is_sent) {
     send_from(client, "one");
     run_until(1);
     EXPECT_EQ(receive(client), "nothing");
 }
 
-TEST_P(Datagram, EachDatagramIsARequestOfItsOwn) {
+TEST_P(datagram_test, each_datagram_is_a_request_of_its_own) {
     send_from(client, "a longer one comes first");
     send_from(client, "b");
     send_from(client, std::string("c\0c", 3));
@@ -165,7 +165,7 @@ TEST_P(Datagram, EachDatagramIsARequestOfItsOwn) {
               (std::vector<std::string>{"a longer one comes first", "b", std::string("c\0c", 3)}));
 }
 
-TEST_P(Datagram, ALargeDatagramIsTakenAndAnsweredWhole) {
+TEST_P(datagram_test, a_large_datagram_is_taken_and_answered_whole) {
     std::string bytes;
     for (int i = 0; i < 60000; i++) {
         bytes += static_cast<char>(i % 251);
@@ -178,7 +178,7 @@ TEST_P(Datagram, ALargeDatagramIsTakenAndAnsweredWhole) {
     EXPECT_TRUE(receive(client) == bytes);
 }
 
-TEST_P(Datagram, TheScratchBuffersAreEmptiedAfterwards) {
+TEST_P(datagram_test, the_scratch_buffers_are_emptied_afterwards) {
     on_request = [](datagram_server*, buffer* reply) { answer(reply, "reply"); };
     send_from(client, "request");
     run_until(1);
@@ -187,7 +187,7 @@ TEST_P(Datagram, TheScratchBuffersAreEmptiedAfterwards) {
     EXPECT_EQ(loop_reply_scratch()->length, 0u);
 }
 
-TEST_P(Datagram, AnEmptyDatagramIsNoRequestAndHidesNoneBehindIt) {
+TEST_P(datagram_test, an_empty_datagram_is_no_request_and_hides_none_behind_it) {
     send_from(client, "");
     send_from(client, "");
     send_from(client, "behind");
@@ -196,7 +196,7 @@ TEST_P(Datagram, AnEmptyDatagramIsNoRequestAndHidesNoneBehindIt) {
     EXPECT_EQ(loop_request_scratch()->length, 0u);
 }
 
-TEST_P(Datagram, MayListenOnAPath) {
+TEST_P(datagram_test, may_listen_on_a_path) {
     std::string folder = testing::TempDir() + "tessard-datagram-XXXXXX";
     ASSERT_NE(mkdtemp(folder.data()), nullptr);
     const std::string path = folder + "/server";
@@ -222,7 +222,7 @@ TEST_P(Datagram, MayListenOnAPath) {
     rmdir(folder.c_str());
 }
 
-TEST_P(Datagram, AReplyThatNobodyCanReceiveIsLost) {
+TEST_P(datagram_test, a_reply_that_nobody_can_receive_is_lost) {
     std::string path = testing::TempDir() + "tessard-datagram-XXXXXX";
     close(mkstemp(path.data()));
     datagram_server* local = datagram_open(path.c_str(), 0, take_request);
@@ -243,19 +243,19 @@ TEST_P(Datagram, AReplyThatNobodyCanReceiveIsLost) {
     unlink(path.c_str());
 }
 
-TEST_P(Datagram, ListensWithoutBlockingAndIsCloseOnExec) {
+TEST_P(datagram_test, listens_without_blocking_and_is_close_on_exec) {
     EXPECT_TRUE(loop_has_handler(s->fd));
     EXPECT_EQ(s->callback, take_request);
     EXPECT_NE(fcntl(s->fd, F_GETFL) & O_NONBLOCK, 0);
     EXPECT_EQ(fcntl(s->fd, F_GETFD), FD_CLOEXEC);
 }
 
-TEST_P(Datagram, AnAddressThatCannotBeListenedOnGivesNull) {
+TEST_P(datagram_test, an_address_that_cannot_be_listened_on_gives_null) {
     EXPECT_EQ(datagram_open("localhost", 0, take_request), nullptr);
     EXPECT_EQ(datagram_open("/dev/null/s", 0, take_request), nullptr);
 }
 
-TEST_P(Datagram, ADescriptorAtTheLimitGivesNullAndIsClosed) {
+TEST_P(datagram_test, a_descriptor_at_the_limit_gives_null_and_is_closed) {
     std::vector<int> taken;
     do {
         taken.push_back(dup(STDOUT_FILENO));
@@ -268,7 +268,7 @@ TEST_P(Datagram, ADescriptorAtTheLimitGivesNullAndIsClosed) {
     }
 }
 
-TEST_P(Datagram, AQuestionForTheWaitingBytesThatFailsLosesNoDatagram) {
+TEST_P(datagram_test, a_question_for_the_waiting_bytes_that_fails_loses_no_datagram) {
     send_from(client, "kept");
     send_from(client, "kept too");
     test_kernel::ioctl_failures = {EIO, ENOMEM};
@@ -277,7 +277,7 @@ TEST_P(Datagram, AQuestionForTheWaitingBytesThatFailsLosesNoDatagram) {
     EXPECT_EQ(requests, (std::vector<std::string>{"kept", "kept too"}));
 }
 
-TEST_P(Datagram, OneThatIsShorterThanWhatWaitedIsNoLongerThanItself) {
+TEST_P(datagram_test, one_that_is_shorter_than_what_waited_is_no_longer_than_itself) {
     send_from(client, "a long one");
     meanwhile = [&] {
         EXPECT_EQ(receive(s->fd), "a long one");
@@ -289,14 +289,14 @@ TEST_P(Datagram, OneThatIsShorterThanWhatWaitedIsNoLongerThanItself) {
     EXPECT_EQ(loop_request_scratch()->length, 0u);
 }
 
-TEST_P(Datagram, OneThatIsGoneMeanwhileIsNoRequest) {
+TEST_P(datagram_test, one_that_is_gone_meanwhile_is_no_request) {
     send_from(client, "gone");
     meanwhile = [&] {
         EXPECT_EQ(receive(s->fd), "gone");
         loop_add_timer(
             0,
             [](void* datagram) {
-                static_cast<Datagram*>(datagram)->send_next();
+                static_cast<datagram_test*>(datagram)->send_next();
                 return 1;
             },
             this);
@@ -307,7 +307,7 @@ TEST_P(Datagram, OneThatIsGoneMeanwhileIsNoRequest) {
     EXPECT_EQ(loop_request_scratch()->length, 0u);
 }
 
-TEST_P(Datagram, AFullOneThatComesInPlaceOfAnEmptyOneIsARequest) {
+TEST_P(datagram_test, a_full_one_that_comes_in_place_of_an_empty_one_is_a_request) {
     send_from(client, "");
     meanwhile = [&] {
         EXPECT_EQ(receive(s->fd), "");
@@ -318,7 +318,7 @@ TEST_P(Datagram, AFullOneThatComesInPlaceOfAnEmptyOneIsARequest) {
     EXPECT_EQ(requests, (std::vector<std::string>{"full"}));
 }
 
-TEST_P(Datagram, ReleaseStopsListening) {
+TEST_P(datagram_test, release_stops_listening) {
     const int fd = s->fd;
     datagram_release(s);
     s = nullptr;
@@ -326,7 +326,7 @@ TEST_P(Datagram, ReleaseStopsListening) {
     EXPECT_EQ(fcntl(fd, F_GETFD), -1);
 }
 
-TEST_P(Datagram, MayBeReleasedFromItsCallback) {
+TEST_P(datagram_test, may_be_released_from_its_callback) {
     on_request = [&](datagram_server* called, buffer* reply) {
         answer(reply, "too late");
         datagram_release(called);

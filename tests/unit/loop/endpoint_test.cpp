@@ -164,7 +164,7 @@ endpoint_address filled_address() {
 
 /* The address rule. */
 
-TEST(EndpointParse, ATextWithASlashIsAUnixPathWhateverThePort) {
+TEST(endpoint_parse_test, a_text_with_a_slash_is_a_unix_path_whatever_the_port) {
     endpoint_address address = filled_address();
     EXPECT_EQ(endpoint_parse("/tmp/x.sock", 80, &address), 1);
     EXPECT_EQ(address.any.sa_family, AF_UNIX);
@@ -172,7 +172,7 @@ TEST(EndpointParse, ATextWithASlashIsAUnixPathWhateverThePort) {
     EXPECT_EQ(endpoint_length(&address), 110u);
 }
 
-TEST(EndpointParse, ASlashWinsOverAColonAndOverDigits) {
+TEST(endpoint_parse_test, a_slash_wins_over_a_colon_and_over_digits) {
     endpoint_address address;
     EXPECT_EQ(endpoint_parse("run:1/s", 1, &address), 1);
     EXPECT_EQ(address.any.sa_family, AF_UNIX);
@@ -181,7 +181,7 @@ TEST(EndpointParse, ASlashWinsOverAColonAndOverDigits) {
     EXPECT_EQ(address.any.sa_family, AF_UNIX);
 }
 
-TEST(EndpointParse, APathIsCutAt107Bytes) {
+TEST(endpoint_parse_test, a_path_is_cut_at_107_bytes) {
     for (const size_t length : {106u, 107u, 108u, 109u, 300u}) {
         const std::string path = "/" + std::string(length - 1, 'p');
         endpoint_address address = filled_address();
@@ -192,14 +192,14 @@ TEST(EndpointParse, APathIsCutAt107Bytes) {
     }
 }
 
-TEST(EndpointParse, ASlashBehindTheCutStillMakesAPath) {
+TEST(endpoint_parse_test, a_slash_behind_the_cut_still_makes_a_path) {
     const std::string path = std::string(120, 'p') + "/";
     endpoint_address address;
     EXPECT_EQ(endpoint_parse(path.c_str(), 0, &address), 1);
     EXPECT_EQ(address.any.sa_family, AF_UNIX);
 }
 
-TEST(EndpointParse, ATextWithAColonIsAnIPv6Address) {
+TEST(endpoint_parse_test, a_text_with_a_colon_is_an_i_pv_6_address) {
     endpoint_address address = filled_address();
     EXPECT_EQ(endpoint_parse("::1", 80, &address), 1);
     EXPECT_EQ(address.any.sa_family, AF_INET6);
@@ -210,7 +210,7 @@ TEST(EndpointParse, ATextWithAColonIsAnIPv6Address) {
     EXPECT_EQ(endpoint_length(&address), 28u);
 }
 
-TEST(EndpointParse, AnyOtherTextIsAnIPv4Address) {
+TEST(endpoint_parse_test, any_other_text_is_an_i_pv_4_address) {
     endpoint_address address = filled_address();
     EXPECT_EQ(endpoint_parse("127.0.0.1", 8080, &address), 1);
     EXPECT_EQ(address.any.sa_family, AF_INET);
@@ -221,7 +221,7 @@ TEST(EndpointParse, AnyOtherTextIsAnIPv4Address) {
     EXPECT_EQ(endpoint_length(&address), 16u);
 }
 
-TEST(EndpointParse, NamesAndMalformedAddressesFail) {
+TEST(endpoint_parse_test, names_and_malformed_addresses_fail) {
     endpoint_address address;
     for (const char* text :
          {"localhost", "LOCALHOST", "", " ", "256.0.0.1", "127.0.0.1 ", " 127.0.0.1", "127.1",
@@ -230,7 +230,7 @@ TEST(EndpointParse, NamesAndMalformedAddressesFail) {
     }
 }
 
-TEST(EndpointParse, APortKeepsItsLower16Bits) {
+TEST(endpoint_parse_test, a_port_keeps_its_lower_16_bits) {
     endpoint_address address;
     EXPECT_EQ(endpoint_parse("127.0.0.1", 65535, &address), 1);
     EXPECT_EQ(ntohs(address.ipv4.sin_port), 65535);
@@ -238,7 +238,7 @@ TEST(EndpointParse, APortKeepsItsLower16Bits) {
     EXPECT_EQ(ntohs(address.ipv4.sin_port), 80);
 }
 
-TEST(EndpointIsPath, LooksForASlashAnywhere) {
+TEST(endpoint_is_path_test, looks_for_a_slash_anywhere) {
     EXPECT_TRUE(endpoint_is_path("/tmp/s"));
     EXPECT_TRUE(endpoint_is_path("./s"));
     EXPECT_TRUE(endpoint_is_path("s/"));
@@ -269,20 +269,20 @@ formatted parse_and_format(const char* text, int port) {
     return format(address);
 }
 
-TEST(EndpointFormat, AUnixPathHasPortZero) {
+TEST(endpoint_format_test, a_unix_path_has_port_zero) {
     const formatted result = parse_and_format("/tmp/x.sock", 80);
     EXPECT_EQ(result.text, "/tmp/x.sock");
     EXPECT_EQ(result.port, 0);
 }
 
-TEST(EndpointFormat, AUnixPathThatFillsItsFieldIsCutAt107Bytes) {
+TEST(endpoint_format_test, a_unix_path_that_fills_its_field_is_cut_at_107_bytes) {
     endpoint_address address = {};
     address.local.sun_family = AF_UNIX;
     memset(address.local.sun_path, 'p', sizeof address.local.sun_path);
     EXPECT_EQ(format(address).text, std::string(107, 'p'));
 }
 
-TEST(EndpointFormat, InternetAddressesComeWithThePortInHostOrder) {
+TEST(endpoint_format_test, internet_addresses_come_with_the_port_in_host_order) {
     formatted result = parse_and_format("192.168.100.200", 8080);
     EXPECT_EQ(result.text, "192.168.100.200");
     EXPECT_EQ(result.port, 8080);
@@ -291,7 +291,7 @@ TEST(EndpointFormat, InternetAddressesComeWithThePortInHostOrder) {
     EXPECT_EQ(result.port, 65535);
 }
 
-TEST(EndpointFormat, TheLongestIPv6AddressFits) {
+TEST(endpoint_format_test, the_longest_i_pv_6_address_fits) {
     EXPECT_EQ(parse_and_format("1111:2222:3333:4444:5555:6666:7777:8888", 1).text,
               "1111:2222:3333:4444:5555:6666:7777:8888");
     EXPECT_EQ(parse_and_format("::ffff:255.255.255.255", 1).text, "::ffff:255.255.255.255");
@@ -299,7 +299,7 @@ TEST(EndpointFormat, TheLongestIPv6AddressFits) {
 
 /* Listening. */
 
-TEST(EndpointListen, AStreamListenerIsNonBlockingReusableCloseOnExecAndListens) {
+TEST(endpoint_listen_test, a_stream_listener_is_non_blocking_reusable_close_on_exec_and_listens) {
     const descriptor listener(endpoint_listen_stream("127.0.0.1", 0));
     ASSERT_GE(listener.fd, 0);
     EXPECT_EQ(int_option(listener.fd, SO_TYPE), SOCK_STREAM);
@@ -309,7 +309,7 @@ TEST(EndpointListen, AStreamListenerIsNonBlockingReusableCloseOnExecAndListens) 
     EXPECT_TRUE(is_close_on_exec(listener.fd));
 }
 
-TEST(EndpointListen, AnIPv6ListenerIsBoundToItsAddressAndPort) {
+TEST(endpoint_listen_test, an_i_pv_6_listener_is_bound_to_its_address_and_port) {
     const descriptor listener(endpoint_listen_stream("::1", 0));
     if (listener.fd < 0) {
         GTEST_SKIP() << "this machine has no IPv6 loopback address";
@@ -321,7 +321,7 @@ TEST(EndpointListen, AnIPv6ListenerIsBoundToItsAddressAndPort) {
     EXPECT_GT(format(address).port, 0);
 }
 
-TEST(EndpointListen, AUnixListenerRemovesAStaleSocketFileFirst) {
+TEST(endpoint_listen_test, a_unix_listener_removes_a_stale_socket_file_first) {
     folder there;
     const std::string path = there.file("s");
     const descriptor stale(endpoint_listen_local(path.c_str()));
@@ -335,7 +335,7 @@ TEST(EndpointListen, AUnixListenerRemovesAStaleSocketFileFirst) {
     EXPECT_GE(accepted.fd, 0);
 }
 
-TEST(EndpointListen, AUnixListenerRemovesAnyFileInItsPlace) {
+TEST(endpoint_listen_test, a_unix_listener_removes_any_file_in_its_place) {
     folder there;
     const std::string path = there.file("s");
     create_file(path);
@@ -346,7 +346,7 @@ TEST(EndpointListen, AUnixListenerRemovesAnyFileInItsPlace) {
     EXPECT_TRUE(S_ISSOCK(status.st_mode));
 }
 
-TEST(EndpointListen, ALongPathIsUnlinkedAndBoundWhereItIsCut) {
+TEST(endpoint_listen_test, a_long_path_is_unlinked_and_bound_where_it_is_cut) {
     folder there;
     const std::string cut = there.file("s", 107);
     const std::string whole = there.file("s", 140);
@@ -361,7 +361,7 @@ TEST(EndpointListen, ALongPathIsUnlinkedAndBoundWhereItIsCut) {
     EXPECT_TRUE(S_ISREG(status.st_mode));
 }
 
-TEST(EndpointListen, TheBacklogIs128) {
+TEST(endpoint_listen_test, the_backlog_is_128) {
     folder there;
     const std::string path = there.file("s");
     const descriptor listener(endpoint_listen_local(path.c_str()));
@@ -371,7 +371,7 @@ TEST(EndpointListen, TheBacklogIs128) {
     EXPECT_EQ(queue.waiting.size(), 129u);
 }
 
-TEST(EndpointListen, ADatagramListenerIsBoundAndNonBlocking) {
+TEST(endpoint_listen_test, a_datagram_listener_is_bound_and_non_blocking) {
     const descriptor listener(endpoint_listen_datagram("127.0.0.1", 0));
     ASSERT_GE(listener.fd, 0);
     EXPECT_EQ(int_option(listener.fd, SO_TYPE), SOCK_DGRAM);
@@ -381,7 +381,7 @@ TEST(EndpointListen, ADatagramListenerIsBoundAndNonBlocking) {
     EXPECT_TRUE(is_close_on_exec(listener.fd));
 }
 
-TEST(EndpointListen, ADatagramListenerMayHaveAPath) {
+TEST(endpoint_listen_test, a_datagram_listener_may_have_a_path) {
     folder there;
     const std::string path = there.file("s");
     const descriptor listener(endpoint_listen_datagram(path.c_str(), 0));
@@ -389,18 +389,18 @@ TEST(EndpointListen, ADatagramListenerMayHaveAPath) {
     EXPECT_TRUE(exists(path));
 }
 
-TEST(EndpointListen, AnAddressThatDoesNotParseFails) {
+TEST(endpoint_listen_test, an_address_that_does_not_parse_fails) {
     EXPECT_LT(endpoint_listen_stream("localhost", 0), 0);
     EXPECT_LT(endpoint_listen_datagram("localhost", 0), 0);
     EXPECT_LT(endpoint_listen("1.2.3", 0, SOCK_STREAM), 0);
 }
 
-TEST(EndpointListen, WithoutASocketItFails) {
+TEST(endpoint_listen_test, without_a_socket_it_fails) {
     const no_descriptors none;
     EXPECT_EQ(endpoint_listen_stream("127.0.0.1", 0), -1);
 }
 
-TEST(EndpointListen, AFailedBindLeavesNoDescriptorBehind) {
+TEST(endpoint_listen_test, a_failed_bind_leaves_no_descriptor_behind) {
     folder there;
     const descriptor listener(endpoint_listen_stream("127.0.0.1", 0));
     const int before = next_descriptor();
@@ -409,7 +409,7 @@ TEST(EndpointListen, AFailedBindLeavesNoDescriptorBehind) {
     EXPECT_EQ(next_descriptor(), before);
 }
 
-TEST(EndpointUnlink, RemovesWhatListeningWouldBind) {
+TEST(endpoint_unlink_test, removes_what_listening_would_bind) {
     folder there;
     const std::string cut = there.file("s", 107);
     create_file(cut);
@@ -420,7 +420,7 @@ TEST(EndpointUnlink, RemovesWhatListeningWouldBind) {
 
 /* Connecting. */
 
-TEST(EndpointConnectLocal, ConnectsABlockingStream) {
+TEST(endpoint_connect_local_test, connects_a_blocking_stream) {
     folder there;
     const std::string path = there.file("s");
     const descriptor listener(endpoint_listen_local(path.c_str()));
@@ -433,7 +433,7 @@ TEST(EndpointConnectLocal, ConnectsABlockingStream) {
     EXPECT_TRUE(is_close_on_exec(fd));
 }
 
-TEST(EndpointConnectLocal, AFailureIsReportedAndLeavesNoDescriptor) {
+TEST(endpoint_connect_local_test, a_failure_is_reported_and_leaves_no_descriptor) {
     folder there;
     const std::string path = there.file("s");
     const int before = next_descriptor();
@@ -448,7 +448,7 @@ TEST(EndpointConnectLocal, AFailureIsReportedAndLeavesNoDescriptor) {
 }
 
 /* Who made a socket in place of the log file and never accepts must not stop the daemon. */
-TEST(EndpointConnectLocal, AListenerWhoseQueueIsFullIsNotWaitedFor) {
+TEST(endpoint_connect_local_test, a_listener_whose_queue_is_full_is_not_waited_for) {
     folder there;
     const std::string path = there.file("s");
     const descriptor listener(endpoint_listen_local(path.c_str()));
@@ -463,7 +463,7 @@ TEST(EndpointConnectLocal, AListenerWhoseQueueIsFullIsNotWaitedFor) {
     EXPECT_EQ(next_descriptor(), before);
 }
 
-TEST(EndpointConnectLocal, APathIsCutAt108Bytes) {
+TEST(endpoint_connect_local_test, a_path_is_cut_at_108_bytes) {
     folder there;
     const std::string path = there.file("s", 108);
     endpoint_address address = {};
@@ -478,7 +478,7 @@ TEST(EndpointConnectLocal, APathIsCutAt108Bytes) {
     EXPECT_GE(fd, 0);
 }
 
-TEST(EndpointConnectTcp, LocalhostInAnyCaseMeansTheLoopbackAddress) {
+TEST(endpoint_connect_tcp_test, localhost_in_any_case_means_the_loopback_address) {
     const descriptor listener(endpoint_listen_stream("127.0.0.1", 0));
     for (const char* host : {"localhost", "LocalHost", "LOCALHOST", "127.0.0.1"}) {
         int fd = -7;
@@ -490,7 +490,7 @@ TEST(EndpointConnectTcp, LocalhostInAnyCaseMeansTheLoopbackAddress) {
     }
 }
 
-TEST(EndpointConnectTcp, AHostThatDoesNotParseGivesEINVAL) {
+TEST(endpoint_connect_tcp_test, a_host_that_does_not_parse_gives_einval) {
     for (const char* host : {"::1", "example.org", "", "/tmp/s", "localhost "}) {
         int fd = -7;
         EXPECT_EQ(endpoint_connect_tcp(host, 80, false, &fd), EINVAL) << host;
@@ -498,7 +498,7 @@ TEST(EndpointConnectTcp, AHostThatDoesNotParseGivesEINVAL) {
     }
 }
 
-TEST(EndpointConnectTcp, ARefusalIsReportedAndLeavesNoDescriptor) {
+TEST(endpoint_connect_tcp_test, a_refusal_is_reported_and_leaves_no_descriptor) {
     const closed_port port;
     const int before = next_descriptor();
     int fd = -7;
@@ -507,7 +507,7 @@ TEST(EndpointConnectTcp, ARefusalIsReportedAndLeavesNoDescriptor) {
     EXPECT_EQ(next_descriptor(), before);
 }
 
-TEST(EndpointConnectTcp, WithoutBlockingAConnectionInTheMakingKeepsItsDescriptor) {
+TEST(endpoint_connect_tcp_test, without_blocking_a_connection_in_the_making_keeps_its_descriptor) {
     const descriptor listener(endpoint_listen_stream("127.0.0.1", 0));
     int fd = -7;
     EXPECT_EQ(endpoint_connect_tcp("localhost", port_of(listener.fd), true, &fd), EINPROGRESS);
@@ -516,7 +516,7 @@ TEST(EndpointConnectTcp, WithoutBlockingAConnectionInTheMakingKeepsItsDescriptor
     EXPECT_TRUE(is_nonblocking(fd));
 }
 
-TEST(EndpointConnectUdp, ConnectsABlockingDatagramSocket) {
+TEST(endpoint_connect_udp_test, connects_a_blocking_datagram_socket) {
     const descriptor receiver(endpoint_listen_datagram("127.0.0.1", 0));
     int fd = -7;
     EXPECT_EQ(endpoint_connect_udp("LOCALHOST", port_of(receiver.fd), &fd), 0);
@@ -530,13 +530,13 @@ TEST(EndpointConnectUdp, ConnectsABlockingDatagramSocket) {
     EXPECT_EQ(recv(receiver.fd, bytes, sizeof bytes, 0), 5);
 }
 
-TEST(EndpointConnectUdp, AHostThatDoesNotParseGivesEINVAL) {
+TEST(endpoint_connect_udp_test, a_host_that_does_not_parse_gives_einval) {
     int fd = -7;
     EXPECT_EQ(endpoint_connect_udp("::1", 80, &fd), EINVAL);
     EXPECT_EQ(fd, -1);
 }
 
-TEST(EndpointConnect, WithoutASocketTheReasonIsReturned) {
+TEST(endpoint_connect_test, without_a_socket_the_reason_is_returned) {
     int local = -7;
     int tcp = -7;
     int udp = -7;
@@ -572,7 +572,7 @@ int stop_the_loop(void*) {
     return 1;
 }
 
-struct EndpointConnectAsync : testing::TestWithParam<loop_backend> {
+struct endpoint_connect_async_test : testing::TestWithParam<loop_backend> {
     void SetUp() override {
         ASSERT_NE(loop_init(LIMIT, GetParam()), 0);
     }
@@ -586,17 +586,17 @@ struct EndpointConnectAsync : testing::TestWithParam<loop_backend> {
     outcome result = {0, -7, -7};
 };
 
-INSTANTIATE_TEST_SUITE_P(Backends, EndpointConnectAsync, testing::Values(LOOP_SELECT, LOOP_EPOLL),
-                         [](const auto& backend) {
+INSTANTIATE_TEST_SUITE_P(backends, endpoint_connect_async_test,
+                         testing::Values(LOOP_SELECT, LOOP_EPOLL), [](const auto& backend) {
                              return backend.param == LOOP_EPOLL ? "epoll" : "select";
                          });
 
-TEST_P(EndpointConnectAsync, AnAddressThatDoesNotParseGivesZeroAndNoCall) {
+TEST_P(endpoint_connect_async_test, an_address_that_does_not_parse_gives_zero_and_no_call) {
     EXPECT_EQ(endpoint_connect_async("example.org", 80, on_connected, &result), 0);
     EXPECT_EQ(result.calls, 0);
 }
 
-TEST_P(EndpointConnectAsync, AnImmediateSuccessIsReportedAtOnce) {
+TEST_P(endpoint_connect_async_test, an_immediate_success_is_reported_at_once) {
     folder there;
     const std::string path = there.file("s");
     const descriptor listener(endpoint_listen_local(path.c_str()));
@@ -610,7 +610,8 @@ TEST_P(EndpointConnectAsync, AnImmediateSuccessIsReportedAtOnce) {
     EXPECT_FALSE(loop_has_handler(result.fd));
 }
 
-TEST_P(EndpointConnectAsync, AnImmediateFailureIsReportedAtOnceWithItsErrorNumber) {
+TEST_P(endpoint_connect_async_test,
+       an_immediate_failure_is_reported_at_once_with_its_error_number) {
     folder there;
     const int before = next_descriptor();
     EXPECT_EQ(endpoint_connect_async(there.file("s").c_str(), 0, on_connected, &result), 1);
@@ -620,7 +621,7 @@ TEST_P(EndpointConnectAsync, AnImmediateFailureIsReportedAtOnceWithItsErrorNumbe
     EXPECT_EQ(next_descriptor(), before);
 }
 
-TEST_P(EndpointConnectAsync, WithoutASocketTheReasonIsReportedAtOnce) {
+TEST_P(endpoint_connect_async_test, without_a_socket_the_reason_is_reported_at_once) {
     {
         const no_descriptors none;
         EXPECT_EQ(endpoint_connect_async("127.0.0.1", 80, on_connected, &result), 1);
@@ -630,7 +631,7 @@ TEST_P(EndpointConnectAsync, WithoutASocketTheReasonIsReportedAtOnce) {
     EXPECT_EQ(result.error, EMFILE);
 }
 
-TEST_P(EndpointConnectAsync, AConnectionIsReportedWhenItBecomesWritable) {
+TEST_P(endpoint_connect_async_test, a_connection_is_reported_when_it_becomes_writable) {
     const descriptor listener(endpoint_listen_stream("127.0.0.1", 0));
     EXPECT_EQ(endpoint_connect_async("127.0.0.1", port_of(listener.fd), on_connected, &result), 1);
     EXPECT_EQ(result.calls, 0);
@@ -643,7 +644,7 @@ TEST_P(EndpointConnectAsync, AConnectionIsReportedWhenItBecomesWritable) {
     EXPECT_EQ(send(result.fd, "x", 1, MSG_NOSIGNAL), 1);
 }
 
-TEST_P(EndpointConnectAsync, LocalhostInAnyCaseMeansTheLoopbackAddress) {
+TEST_P(endpoint_connect_async_test, localhost_in_any_case_means_the_loopback_address) {
     const descriptor listener(endpoint_listen_stream("127.0.0.1", 0));
     EXPECT_EQ(endpoint_connect_async("LocalHost", port_of(listener.fd), on_connected, &result), 1);
     run();
@@ -657,7 +658,7 @@ TEST_P(EndpointConnectAsync, LocalhostInAnyCaseMeansTheLoopbackAddress) {
     EXPECT_EQ(format(peer).port, port_of(listener.fd));
 }
 
-TEST_P(EndpointConnectAsync, AnIPv6AddressIsConnected) {
+TEST_P(endpoint_connect_async_test, an_i_pv_6_address_is_connected) {
     const descriptor listener(endpoint_listen_stream("::1", 0));
     if (listener.fd < 0) {
         GTEST_SKIP() << "this machine has no IPv6 loopback address";
@@ -677,7 +678,7 @@ TEST_P(EndpointConnectAsync, AnIPv6AddressIsConnected) {
     EXPECT_EQ(format(peer).port, format(bound).port);
 }
 
-TEST_P(EndpointConnectAsync, ADescriptorAtTheLimitIsClosedAndReportedAsTooMany) {
+TEST_P(endpoint_connect_async_test, a_descriptor_at_the_limit_is_closed_and_reported_as_too_many) {
     const descriptor listener(endpoint_listen_stream("127.0.0.1", 0));
     const int port = port_of(listener.fd);
     std::vector<int> taken;
@@ -695,7 +696,7 @@ TEST_P(EndpointConnectAsync, ADescriptorAtTheLimitIsClosedAndReportedAsTooMany) 
     EXPECT_EQ(result.error, EMFILE);
 }
 
-TEST_P(EndpointConnectAsync, AClosedLocalPortIsReportedAsUnreachable) {
+TEST_P(endpoint_connect_async_test, a_closed_local_port_is_reported_as_unreachable) {
     const closed_port port;
     const int fd = next_descriptor();
     EXPECT_EQ(endpoint_connect_async("127.0.0.1", port.number, on_connected, &result), 1);
@@ -708,7 +709,7 @@ TEST_P(EndpointConnectAsync, AClosedLocalPortIsReportedAsUnreachable) {
     EXPECT_EQ(fcntl(fd, F_GETFD), -1);
 }
 
-TEST_P(EndpointConnectAsync, TheCallbackMayMakeAConnectionOfTheDescriptor) {
+TEST_P(endpoint_connect_async_test, the_callback_may_make_a_connection_of_the_descriptor) {
     const descriptor listener(endpoint_listen_stream("127.0.0.1", 0));
     static connection* made;
     made = nullptr;
@@ -728,7 +729,7 @@ TEST_P(EndpointConnectAsync, TheCallbackMayMakeAConnectionOfTheDescriptor) {
 }
 
 /* The next attempt has the number of the descriptor that failed. */
-TEST_P(EndpointConnectAsync, TheCallbackOfAFailureMayTryAgainAtOnce) {
+TEST_P(endpoint_connect_async_test, the_callback_of_a_failure_may_try_again_at_once) {
     const closed_port port;
     const descriptor listener(endpoint_listen_stream("127.0.0.1", 0));
     struct attempts {
@@ -747,7 +748,8 @@ TEST_P(EndpointConnectAsync, TheCallbackOfAFailureMayTryAgainAtOnce) {
     EXPECT_EQ(all.second.error, 0);
 }
 
-TEST_P(EndpointConnectAsync, AReadableEventIsTakenForAFailureEvenWhenThePeerOnlySpokeFirst) {
+TEST_P(endpoint_connect_async_test,
+       a_readable_event_is_taken_for_a_failure_even_when_the_peer_only_spoke_first) {
     const descriptor listener(endpoint_listen_stream("127.0.0.1", 0));
     const int fd = next_descriptor();
     EXPECT_EQ(endpoint_connect_async("127.0.0.1", port_of(listener.fd), on_connected, &result), 1);
@@ -770,7 +772,7 @@ TEST_P(EndpointConnectAsync, AReadableEventIsTakenForAFailureEvenWhenThePeerOnly
 }
 
 /* Only epoll reports errors. */
-TEST(EndpointConnectAsyncByEpoll, AnErrorEventAloneIsAFailureToo) {
+TEST(endpoint_connect_async_by_epoll_test, an_error_event_alone_is_a_failure_too) {
     ASSERT_NE(loop_init(LIMIT, LOOP_EPOLL), 0);
     outcome result = {0, -7, -7};
     const descriptor listener(endpoint_listen_stream("127.0.0.1", 0));
@@ -789,7 +791,7 @@ TEST(EndpointConnectAsyncByEpoll, AnErrorEventAloneIsAFailureToo) {
 
 /* Flags, counts and the rest. */
 
-TEST(EndpointFlags, AreAddedToThoseThatAreThere) {
+TEST(endpoint_flags_test, are_added_to_those_that_are_there) {
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
     const descriptor in(ends[0]);
@@ -803,13 +805,13 @@ TEST(EndpointFlags, AreAddedToThoseThatAreThere) {
     EXPECT_TRUE(is_close_on_exec(ends[1]));
 }
 
-TEST(EndpointFlags, FailOnADescriptorThatIsNotOpen) {
+TEST(endpoint_flags_test, fail_on_a_descriptor_that_is_not_open) {
     const int fd = next_descriptor();
     EXPECT_LT(endpoint_set_nonblocking(fd), 0);
     EXPECT_LT(endpoint_set_cloexec(fd), 0);
 }
 
-TEST(EndpointBytesReadable, CountsWhatWaits) {
+TEST(endpoint_bytes_readable_test, counts_what_waits) {
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
     const descriptor in(ends[0]);
@@ -820,7 +822,7 @@ TEST(EndpointBytesReadable, CountsWhatWaits) {
     EXPECT_EQ(endpoint_bytes_readable(next_descriptor()), -1);
 }
 
-TEST(EndpointIsLocalHost, EveryHostIsThisMachine) {
+TEST(endpoint_is_local_host_test, every_host_is_this_machine) {
     EXPECT_TRUE(endpoint_is_local_host("localhost"));
     EXPECT_TRUE(endpoint_is_local_host("192.0.2.1"));
     EXPECT_TRUE(endpoint_is_local_host(""));

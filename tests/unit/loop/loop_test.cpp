@@ -26,11 +26,11 @@ constexpr int64_t START_SECONDS = 1000000000;
 
 typedef std::vector<std::string> names;
 
-struct Loop;
+struct loop_test;
 
 /* A timer of a test: tells the fixture that it fired. */
 struct timer_probe {
-    Loop* test;
+    loop_test* test;
     std::string name;
     int result;
     std::function<void()> on_fire;
@@ -47,7 +47,7 @@ int fire(void* argument);
 void on_ready(int fd, unsigned mask, void* argument);
 void on_pass(int fd, unsigned mask, void* argument);
 
-struct Loop : testing::TestWithParam<loop_backend> {
+struct loop_test : testing::TestWithParam<loop_backend> {
     void SetUp() override {
         advance(0);
         ASSERT_NE(loop_init(LIMIT, GetParam()), 0);
@@ -139,7 +139,7 @@ void on_ready(int, unsigned mask, void* argument) {
 }
 
 void on_pass(int, unsigned, void* argument) {
-    Loop* test = static_cast<Loop*>(argument);
+    loop_test* test = static_cast<loop_test*>(argument);
     if (test->pass == test->elapsed.size()) {
         loop_stop();
         return;
@@ -152,47 +152,49 @@ std::string backend_name(const testing::TestParamInfo<loop_backend>& backend) {
     return backend.param == LOOP_EPOLL ? "epoll" : "select";
 }
 
-INSTANTIATE_TEST_SUITE_P(Backends, Loop, testing::Values(LOOP_SELECT, LOOP_EPOLL), backend_name);
+INSTANTIATE_TEST_SUITE_P(backends, loop_test, testing::Values(LOOP_SELECT, LOOP_EPOLL),
+                         backend_name);
 
 /* Timers. */
 
-TEST_P(Loop, ATimerFiresAtTheFirstScanAtWhichItsIntervalHasPassedAndCountsOnFromThere) {
+TEST_P(loop_test,
+       a_timer_fires_at_the_first_scan_at_which_its_interval_has_passed_and_counts_on_from_there) {
     add("a", 250);
     run_passes({100, 100, 100, 100, 100, 100, 100});
     EXPECT_EQ(fired, (names{"a@3", "a@6"}));
 }
 
-TEST_P(Loop, ATimerIsDueAtExactlyItsInterval) {
+TEST_P(loop_test, a_timer_is_due_at_exactly_its_interval) {
     add("a", 100);
     run_passes({99, 1, 99, 1});
     EXPECT_EQ(fired, (names{"a@2", "a@4"}));
 }
 
-TEST_P(Loop, ATimerIsNotDueAMillisecondBeforeItsInterval) {
+TEST_P(loop_test, a_timer_is_not_due_a_millisecond_before_its_interval) {
     add("a", 201);
     run_passes({100, 100, 100});
     EXPECT_EQ(fired, (names{"a@3"}));
 }
 
-TEST_P(Loop, TimersAreScannedAtMostEvery100Milliseconds) {
+TEST_P(loop_test, timers_are_scanned_at_most_every_100_milliseconds) {
     add("a", 0);
     run_passes({50, 50, 50, 50, 99, 1});
     EXPECT_EQ(fired, (names{"a@2", "a@4", "a@6"}));
 }
 
-TEST_P(Loop, AnIntervalOfZeroFiresAtEveryScan) {
+TEST_P(loop_test, an_interval_of_zero_fires_at_every_scan) {
     add("a", 0);
     run_passes({100, 100, 100});
     EXPECT_EQ(fired, (names{"a@1", "a@2", "a@3"}));
 }
 
-TEST_P(Loop, MissedIntervalsAreNotMadeUpFor) {
+TEST_P(loop_test, missed_intervals_are_not_made_up_for) {
     add("a", 100);
     run_passes({1000, 99, 1});
     EXPECT_EQ(fired, (names{"a@1", "a@3"}));
 }
 
-TEST_P(Loop, TimersAreScannedNewestFirst) {
+TEST_P(loop_test, timers_are_scanned_newest_first) {
     add("a", 100);
     add("b", 100);
     add("c", 100);
@@ -200,19 +202,19 @@ TEST_P(Loop, TimersAreScannedNewestFirst) {
     EXPECT_EQ(fired, (names{"c@1", "b@1", "a@1"}));
 }
 
-TEST_P(Loop, ATimerAddedDuringTheScanIsFirstVisitedAtTheNextScan) {
+TEST_P(loop_test, a_timer_added_during_the_scan_is_first_visited_at_the_next_scan) {
     add("a", 100, 1, [this] { add("b", 0); });
     run_passes({100, 100});
     EXPECT_EQ(fired, (names{"a@1", "b@2"}));
 }
 
-TEST_P(Loop, ATimerAddedDuringTheScanCountsFromThatScan) {
+TEST_P(loop_test, a_timer_added_during_the_scan_counts_from_that_scan) {
     add("a", 100, 1, [this] { add("b", 100); });
     run_passes({150, 99, 1});
     EXPECT_EQ(fired, (names{"a@1", "b@3"}));
 }
 
-TEST_P(Loop, ANewTimerCountsFromTheLoopsTimeNotFromTheClock) {
+TEST_P(loop_test, a_new_timer_counts_from_the_loops_time_not_from_the_clock) {
     advance(5000);
     const loop_timer* timer = add("a", 100);
     EXPECT_EQ(timer->last_sec, START_SECONDS);
@@ -220,7 +222,7 @@ TEST_P(Loop, ANewTimerCountsFromTheLoopsTimeNotFromTheClock) {
     EXPECT_EQ(timer->interval_ms, 100u);
 }
 
-TEST_P(Loop, ATimerThatReturnsNonZeroIsRemoved) {
+TEST_P(loop_test, a_timer_that_returns_non_zero_is_removed) {
     add("a", 0, 1);
     add("b", 0, -1);
     add("c", 0, 0);
@@ -228,7 +230,7 @@ TEST_P(Loop, ATimerThatReturnsNonZeroIsRemoved) {
     EXPECT_EQ(fired, (names{"c@1", "b@1", "a@1", "c@2"}));
 }
 
-TEST_P(Loop, ATimerThatDeletesItselfIsFreedOnlyAfterItsCallbackReturned) {
+TEST_P(loop_test, a_timer_that_deletes_itself_is_freed_only_after_its_callback_returned) {
     loop_timer* timer = nullptr;
     timer = add("a", 0, 0, [&] {
         loop_del_timer(timer);
@@ -240,7 +242,7 @@ TEST_P(Loop, ATimerThatDeletesItselfIsFreedOnlyAfterItsCallbackReturned) {
     EXPECT_EQ(fired, (names{"b@1", "a@1", "b@2"}));
 }
 
-TEST_P(Loop, ATimerThatDeletesItselfAndReturnsNonZeroIsRemovedOnce) {
+TEST_P(loop_test, a_timer_that_deletes_itself_and_returns_non_zero_is_removed_once) {
     add("a", 0);
     loop_timer* timer = nullptr;
     timer = add("b", 0, 1, [&] {
@@ -251,13 +253,13 @@ TEST_P(Loop, ATimerThatDeletesItselfAndReturnsNonZeroIsRemovedOnce) {
     EXPECT_EQ(fired, (names{"b@1", "a@1", "a@2"}));
 }
 
-TEST_P(Loop, ATimerMayDeleteItselfByMatch) {
+TEST_P(loop_test, a_timer_may_delete_itself_by_match) {
     add("a", 0, 0, [this] { loop_del_timer_match(fire, probe("a")); });
     run_passes({100, 100});
     EXPECT_EQ(fired, (names{"a@1"}));
 }
 
-TEST_P(Loop, ATimerThatDeletedItselfMayAddItsSuccessor) {
+TEST_P(loop_test, a_timer_that_deleted_itself_may_add_its_successor) {
     loop_timer* timer = nullptr;
     timer = add("a", 0, 0, [&] {
         loop_del_timer(timer);
@@ -267,7 +269,7 @@ TEST_P(Loop, ATimerThatDeletedItselfMayAddItsSuccessor) {
     EXPECT_EQ(fired, (names{"a@1", "b@2", "b@3"}));
 }
 
-TEST_P(Loop, ATimerMayDeleteTheOneThatComesNext) {
+TEST_P(loop_test, a_timer_may_delete_the_one_that_comes_next) {
     add("a", 0);
     loop_timer* next = add("b", 0);
     add("c", 0, 0, [&] {
@@ -278,7 +280,7 @@ TEST_P(Loop, ATimerMayDeleteTheOneThatComesNext) {
     EXPECT_EQ(fired, (names{"c@1", "a@1", "c@2", "a@2"}));
 }
 
-TEST_P(Loop, ATimerMayDeleteTheOneThatCameBefore) {
+TEST_P(loop_test, a_timer_may_delete_the_one_that_came_before) {
     loop_timer* before = nullptr;
     add("a", 0, 0, [&] {
         loop_del_timer(before);
@@ -289,7 +291,7 @@ TEST_P(Loop, ATimerMayDeleteTheOneThatCameBefore) {
     EXPECT_EQ(fired, (names{"b@1", "a@1", "a@2"}));
 }
 
-TEST_P(Loop, ATimerMayDeleteEveryOtherAndItself) {
+TEST_P(loop_test, a_timer_may_delete_every_other_and_itself) {
     std::vector<loop_timer*> all;
     all.push_back(add("a", 0));
     all.push_back(add("b", 0, 0, [&] {
@@ -302,7 +304,7 @@ TEST_P(Loop, ATimerMayDeleteEveryOtherAndItself) {
     EXPECT_EQ(fired, (names{"c@1", "b@1"}));
 }
 
-TEST_P(Loop, ATimerThatFiredLastMayBeDeletedOutsideOfTheScan) {
+TEST_P(loop_test, a_timer_that_fired_last_may_be_deleted_outside_of_the_scan) {
     loop_timer* const last = add("a", 0);
     ready_descriptor* r = nullptr;
     r = &add_ready([&](unsigned) {
@@ -315,14 +317,14 @@ TEST_P(Loop, ATimerThatFiredLastMayBeDeletedOutsideOfTheScan) {
     EXPECT_EQ(fired, (names{"a@1"}));
 }
 
-TEST_P(Loop, DeletingANullTimerDoesNothing) {
+TEST_P(loop_test, deleting_a_null_timer_does_nothing) {
     add("a", 0);
     loop_del_timer(nullptr);
     run_passes({100});
     EXPECT_EQ(fired, (names{"a@1"}));
 }
 
-TEST_P(Loop, DeletionByMatchTakesTheNewestTimerWithBothCallbackAndArgument) {
+TEST_P(loop_test, deletion_by_match_takes_the_newest_timer_with_both_callback_and_argument) {
     add("a", 0);
     loop_add_timer(0, fire, probe("a"));
     add("b", 0);
@@ -333,7 +335,7 @@ TEST_P(Loop, DeletionByMatchTakesTheNewestTimerWithBothCallbackAndArgument) {
     EXPECT_EQ(fired, (names{"b@1", "a@1"})); /* the older of the two is behind "b" */
 }
 
-TEST_P(Loop, DeletionByMatchWithoutAMatchDoesNothing) {
+TEST_P(loop_test, deletion_by_match_without_a_match_does_nothing) {
     add("a", 0);
     loop_del_timer_match(fire, nullptr);
     loop_del_timer_match(fire_otherwise, probe("a"));
@@ -341,20 +343,20 @@ TEST_P(Loop, DeletionByMatchWithoutAMatchDoesNothing) {
     EXPECT_EQ(fired, (names{"a@1"}));
 }
 
-TEST_P(Loop, AClockThatIsSetBackResetsEachStoredTimeWithoutFiring) {
+TEST_P(loop_test, a_clock_that_is_set_back_resets_each_stored_time_without_firing) {
     add("a", 0);
     /* After the jump the scan's own time is reset first, a scan later the timer's. */
     run_passes({100, -3600000, 100, 100});
     EXPECT_EQ(fired, (names{"a@1", "a@4"}));
 }
 
-TEST_P(Loop, AClockThatIsSetForwardFiresOnce) {
+TEST_P(loop_test, a_clock_that_is_set_forward_fires_once) {
     add("a", 1000);
     run_passes({3600000, 100, 900});
     EXPECT_EQ(fired, (names{"a@1", "a@3"}));
 }
 
-TEST_P(Loop, AnIntervalAbove24DaysIsKept) {
+TEST_P(loop_test, an_interval_above_24_days_is_kept) {
     const int64_t thirty_days = 2592000000;
     add("a", 2592000000u);
     add("b", 4294967295u);
@@ -362,7 +364,7 @@ TEST_P(Loop, AnIntervalAbove24DaysIsKept) {
     EXPECT_EQ(fired, (names{"a@2", "b@4"}));
 }
 
-TEST_P(Loop, ATimersBlockGoesBackToThePoolWhenItIsRemoved) {
+TEST_P(loop_test, a_timers_block_goes_back_to_the_pool_when_it_is_removed) {
 #ifdef __SANITIZE_ADDRESS__
     GTEST_SKIP() << "every block is an allocation of its own here, and is not handed out again";
 #endif
@@ -380,7 +382,7 @@ TEST_P(Loop, ATimersBlockGoesBackToThePoolWhenItIsRemoved) {
     pool_free(block, sizeof(loop_timer));
 }
 
-TEST_P(Loop, ATimerThatReturnsNonZeroGivesItsBlockBack) {
+TEST_P(loop_test, a_timer_that_returns_non_zero_gives_its_block_back) {
 #ifdef __SANITIZE_ADDRESS__
     GTEST_SKIP() << "every block is an allocation of its own here, and is not handed out again";
 #endif
@@ -391,7 +393,7 @@ TEST_P(Loop, ATimerThatReturnsNonZeroGivesItsBlockBack) {
     pool_free(block, sizeof(loop_timer));
 }
 
-TEST(LoopTimer, FieldsStandInTheirOrder) {
+TEST(loop_timer_test, fields_stand_in_their_order) {
     const size_t offsets[] = {offsetof(loop_timer, last_sec),    offsetof(loop_timer, last_usec),
                               offsetof(loop_timer, interval_ms), offsetof(loop_timer, callback),
                               offsetof(loop_timer, argument),    offsetof(loop_timer, prev),
@@ -408,7 +410,7 @@ TEST(LoopTimer, FieldsStandInTheirOrder) {
     }
 }
 
-TEST_P(Loop, AStopFromATimerLetsTheScanEnd) {
+TEST_P(loop_test, a_stop_from_a_timer_lets_the_scan_end) {
     add("a", 0);
     add("b", 0, 0, loop_stop);
     run_passes({100, 100});
@@ -417,7 +419,7 @@ TEST_P(Loop, AStopFromATimerLetsTheScanEnd) {
 
 /* Elapsed time. */
 
-TEST(LoopElapsed, TheShareOfTheMicrosecondsIsTruncatedTowardZero) {
+TEST(loop_elapsed_test, the_share_of_the_microseconds_is_truncated_toward_zero) {
     uint32_t sec = 10;
     uint32_t usec = 900;
     const timeval now = {11, 0};
@@ -428,7 +430,7 @@ TEST(LoopElapsed, TheShareOfTheMicrosecondsIsTruncatedTowardZero) {
     EXPECT_EQ(loop_elapsed_ms(&sec, &usec, &later), 1000);
 }
 
-TEST(LoopElapsed, ALessThanAMillisecondStepBackIsNoStepBack) {
+TEST(loop_elapsed_test, a_less_than_a_millisecond_step_back_is_no_step_back) {
     uint32_t sec = 10;
     uint32_t usec = 500999;
     const timeval now = {10, 500000};
@@ -436,7 +438,7 @@ TEST(LoopElapsed, ALessThanAMillisecondStepBackIsNoStepBack) {
     EXPECT_EQ(usec, 500999u);
 }
 
-TEST(LoopElapsed, ANegativeResultResetsTheStoredTimeAndIsReturned) {
+TEST(loop_elapsed_test, a_negative_result_resets_the_stored_time_and_is_returned) {
     uint32_t sec = 10;
     uint32_t usec = 0;
     const timeval now = {9, 999999};
@@ -446,7 +448,7 @@ TEST(LoopElapsed, ANegativeResultResetsTheStoredTimeAndIsReturned) {
     EXPECT_EQ(loop_elapsed_ms(&sec, &usec, &now), 0);
 }
 
-TEST(LoopElapsed, APositiveResultLeavesTheStoredTime) {
+TEST(loop_elapsed_test, a_positive_result_leaves_the_stored_time) {
     uint32_t sec = 10;
     uint32_t usec = 5;
     const timeval now = {20, 5};
@@ -455,7 +457,7 @@ TEST(LoopElapsed, APositiveResultLeavesTheStoredTime) {
     EXPECT_EQ(usec, 5u);
 }
 
-TEST(LoopElapsed, IsWideEnoughForTheTimeSince1970) {
+TEST(loop_elapsed_test, is_wide_enough_for_the_time_since_1970) {
     uint32_t sec = 0;
     uint32_t usec = 0;
     const timeval now = {2000000000, 0};
@@ -464,7 +466,7 @@ TEST(LoopElapsed, IsWideEnoughForTheTimeSince1970) {
 
 /* Time as the loop shows it. */
 
-TEST_P(Loop, TheTimeIsReadAtTheTopOfThePassAndAgainBeforeTheScan) {
+TEST_P(loop_test, the_time_is_read_at_the_top_of_the_pass_and_again_before_the_scan) {
     int64_t seen_by_handler = 0;
     int64_t seen_by_timer = 0;
     add_ready([&](unsigned) {
@@ -479,11 +481,11 @@ TEST_P(Loop, TheTimeIsReadAtTheTopOfThePassAndAgainBeforeTheScan) {
     EXPECT_EQ(seen_by_timer, 7);
 }
 
-TEST_P(Loop, InitReadsTheClock) {
+TEST_P(loop_test, init_reads_the_clock) {
     EXPECT_EQ(loop_now()->tv_sec, START_SECONDS);
 }
 
-TEST_P(Loop, EachPassWaitsAtMost100Milliseconds) {
+TEST_P(loop_test, each_pass_waits_at_most_100_milliseconds) {
     const bool epoll = GetParam() == LOOP_EPOLL;
     test_kernel::epoll_timeout = -1;
     test_kernel::select_timeout = {-1, -1};
@@ -494,7 +496,7 @@ TEST_P(Loop, EachPassWaitsAtMost100Milliseconds) {
     EXPECT_EQ(test_kernel::select_timeout.tv_usec, epoll ? -1 : 100000);
 }
 
-TEST_P(Loop, WithoutAnyEventAPassEndsAfter100Milliseconds) {
+TEST_P(loop_test, without_any_event_a_pass_ends_after_100_milliseconds) {
     test_clock::release();
     loop_init(LIMIT, GetParam());
     timespec before;
@@ -511,7 +513,7 @@ TEST_P(Loop, WithoutAnyEventAPassEndsAfter100Milliseconds) {
 
 /* Handlers. */
 
-TEST_P(Loop, AHandlerIsCalledWithItsDescriptorMaskAndArgument) {
+TEST_P(loop_test, a_handler_is_called_with_its_descriptor_mask_and_argument) {
     struct call {
         int fd;
         unsigned mask;
@@ -531,7 +533,7 @@ TEST_P(Loop, AHandlerIsCalledWithItsDescriptorMaskAndArgument) {
     close(fd);
 }
 
-TEST_P(Loop, RegisteringAgainReplacesHandlerAndArgument) {
+TEST_P(loop_test, registering_again_replaces_handler_and_argument) {
     ready_descriptor& first = add_ready();
     ready_descriptor second = {first.fd, {}, 0};
     loop_add_handler(first.fd, LOOP_READABLE, on_ready, &second);
@@ -540,7 +542,7 @@ TEST_P(Loop, RegisteringAgainReplacesHandlerAndArgument) {
     EXPECT_GE(second.calls, 1);
 }
 
-TEST_P(Loop, AnEventOfAHandlerThatWasRemovedEarlierInTheBatchIsSkipped) {
+TEST_P(loop_test, an_event_of_a_handler_that_was_removed_earlier_in_the_batch_is_skipped) {
     ready_descriptor* one = nullptr;
     ready_descriptor* other = nullptr;
     one = &add_ready([&](unsigned) { loop_remove_handler(other->fd); });
@@ -550,7 +552,7 @@ TEST_P(Loop, AnEventOfAHandlerThatWasRemovedEarlierInTheBatchIsSkipped) {
     EXPECT_GE(std::max(one->calls, other->calls), 1);
 }
 
-TEST_P(Loop, EventsAreDispatchedInTheOrderInWhichTheBackendGivesThem) {
+TEST_P(loop_test, events_are_dispatched_in_the_order_in_which_the_backend_gives_them) {
     names order;
     remove_pass_handler();
     ready_descriptor& lower = add_ready([&](unsigned) { order.push_back("lower"); });
@@ -578,7 +580,7 @@ TEST_P(Loop, EventsAreDispatchedInTheOrderInWhichTheBackendGivesThem) {
     }
 }
 
-TEST_P(Loop, AHandlerMayRemoveItself) {
+TEST_P(loop_test, a_handler_may_remove_itself) {
     ready_descriptor* self = nullptr;
     self = &add_ready([&](unsigned) { loop_remove_handler(self->fd); });
     run_passes({0, 0, 0});
@@ -586,7 +588,7 @@ TEST_P(Loop, AHandlerMayRemoveItself) {
     EXPECT_FALSE(loop_has_handler(self->fd));
 }
 
-TEST_P(Loop, AHandlerMayAddAnother) {
+TEST_P(loop_test, a_handler_may_add_another) {
     ready_descriptor* added = nullptr;
     ready_descriptor* self = nullptr;
     self = &add_ready([&](unsigned) {
@@ -598,7 +600,7 @@ TEST_P(Loop, AHandlerMayAddAnother) {
     EXPECT_GE(added->calls, 1);
 }
 
-TEST_P(Loop, ARemovedHandlerMayBeAddedAgain) {
+TEST_P(loop_test, a_removed_handler_may_be_added_again) {
     ready_descriptor& r = add_ready();
     loop_remove_handler(r.fd);
     EXPECT_FALSE(loop_has_handler(r.fd));
@@ -608,7 +610,7 @@ TEST_P(Loop, ARemovedHandlerMayBeAddedAgain) {
     EXPECT_GE(r.calls, 1);
 }
 
-TEST_P(Loop, ModifyAddsAndThenRemovesInterest) {
+TEST_P(loop_test, modify_adds_and_then_removes_interest) {
     std::vector<unsigned> masks;
     ready_descriptor* r = nullptr;
     r = &add_ready([&](unsigned mask) {
@@ -629,14 +631,14 @@ TEST_P(Loop, ModifyAddsAndThenRemovesInterest) {
     EXPECT_TRUE(loop_has_handler(r->fd));
 }
 
-TEST_P(Loop, ModifyWithEmptyMasksChangesNothing) {
+TEST_P(loop_test, modify_with_empty_masks_changes_nothing) {
     ready_descriptor& r = add_ready();
     loop_modify_handler(r.fd, 0, 0);
     run_passes({0, 0});
     EXPECT_GE(r.calls, 1);
 }
 
-TEST_P(Loop, ModifyAndRemoveIgnoreDescriptorsFromTheLimitOn) {
+TEST_P(loop_test, modify_and_remove_ignore_descriptors_from_the_limit_on) {
     ready_descriptor& r = add_ready();
     ASSERT_EQ(fcntl(LIMIT, F_GETFD), -1);
     loop_modify_handler(LIMIT, LOOP_READABLE | LOOP_WRITABLE, 0);
@@ -650,7 +652,7 @@ TEST_P(Loop, ModifyAndRemoveIgnoreDescriptorsFromTheLimitOn) {
     EXPECT_TRUE(loop_has_handler(r.fd));
 }
 
-TEST_P(Loop, ModifyAndRemoveIgnoreTheDescriptorOfWhatIsClosed) {
+TEST_P(loop_test, modify_and_remove_ignore_the_descriptor_of_what_is_closed) {
     ready_descriptor& r = add_ready();
     const bool epoll = GetParam() == LOOP_EPOLL;
     test_kernel::control_calls.clear();
@@ -664,7 +666,7 @@ TEST_P(Loop, ModifyAndRemoveIgnoreTheDescriptorOfWhatIsClosed) {
     EXPECT_TRUE(loop_has_handler(r.fd));
 }
 
-TEST_P(Loop, TheHighestDescriptorBelowTheLimitIsServed) {
+TEST_P(loop_test, the_highest_descriptor_below_the_limit_is_served) {
     ready_descriptor& r = add_ready();
     const int highest = dup2(r.fd, LIMIT - 1);
     ASSERT_EQ(highest, LIMIT - 1);
@@ -675,17 +677,17 @@ TEST_P(Loop, TheHighestDescriptorBelowTheLimitIsServed) {
     close(highest);
 }
 
-TEST_P(Loop, ADescriptorAtTheLimitAborts) {
+TEST_P(loop_test, a_descriptor_at_the_limit_aborts) {
     EXPECT_DEATH(loop_add_handler(LIMIT, LOOP_READABLE, on_ready, nullptr),
                  "loop:515: loop_add_handler: Assertion `fd < maxfd' failed");
 }
 
-TEST_P(Loop, ADescriptorAboveTheLimitAborts) {
+TEST_P(loop_test, a_descriptor_above_the_limit_aborts) {
     EXPECT_EXIT(loop_add_handler(LIMIT + 1, LOOP_READABLE, on_ready, nullptr),
                 testing::KilledBySignal(SIGABRT), "fd < maxfd");
 }
 
-TEST_P(Loop, MoreReadyDescriptorsThanABatchHoldsAreServedInLaterPasses) {
+TEST_P(loop_test, more_ready_descriptors_than_a_batch_holds_are_served_in_later_passes) {
     constexpr int COUNT = 150;
     test_clock::release();
     loop_init(300, GetParam());
@@ -707,7 +709,7 @@ TEST_P(Loop, MoreReadyDescriptorsThanABatchHoldsAreServedInLaterPasses) {
 
 /* Stopping. */
 
-TEST_P(Loop, AStopIsHonouredBetweenTwoEventsOfABatch) {
+TEST_P(loop_test, a_stop_is_honoured_between_two_events_of_a_batch) {
     remove_pass_handler();
     ready_descriptor& one = add_ready([](unsigned) { loop_stop(); });
     ready_descriptor& other = add_ready([](unsigned) { loop_stop(); });
@@ -715,7 +717,7 @@ TEST_P(Loop, AStopIsHonouredBetweenTwoEventsOfABatch) {
     EXPECT_EQ(one.calls + other.calls, 1);
 }
 
-TEST_P(Loop, AfterAStopFromAHandlerTimersAreNotScanned) {
+TEST_P(loop_test, after_a_stop_from_a_handler_timers_are_not_scanned) {
     remove_pass_handler();
     add("a", 0);
     add_ready([this](unsigned) {
@@ -726,7 +728,7 @@ TEST_P(Loop, AfterAStopFromAHandlerTimersAreNotScanned) {
     EXPECT_EQ(fired, names{});
 }
 
-TEST_P(Loop, ALoopThatIsStoppedBeforeItRunsMakesNoPass) {
+TEST_P(loop_test, a_loop_that_is_stopped_before_it_runs_makes_no_pass) {
     ready_descriptor& r = add_ready();
     loop_stop();
     EXPECT_NE(loop_run(), 0);
@@ -755,7 +757,7 @@ closed_record make_record() {
     return record;
 }
 
-TEST_P(Loop, AClosedRecordIsDestroyedAtTheEndOfThePassAndOnce) {
+TEST_P(loop_test, a_closed_record_is_destroyed_at_the_end_of_the_pass_and_once) {
     closed_record record = make_record();
     add_ready([&](unsigned) {
         loop_destroy_later(&record.closing);
@@ -771,7 +773,7 @@ TEST_P(Loop, AClosedRecordIsDestroyedAtTheEndOfThePassAndOnce) {
     EXPECT_EQ(record.destroyed, 1);
 }
 
-TEST_P(Loop, ARecordClosedByATimerIsDestroyedInTheSamePass) {
+TEST_P(loop_test, a_record_closed_by_a_timer_is_destroyed_in_the_same_pass) {
     closed_record record = make_record();
     add("a", 0, 1, [&] {
         loop_destroy_later(&record.closing);
@@ -782,7 +784,7 @@ TEST_P(Loop, ARecordClosedByATimerIsDestroyedInTheSamePass) {
     EXPECT_EQ(record.destroyed, 1);
 }
 
-TEST_P(Loop, ARecordIsDestroyedInThePassThatStopsTheLoop) {
+TEST_P(loop_test, a_record_is_destroyed_in_the_pass_that_stops_the_loop) {
     closed_record record = make_record();
     add_ready([&](unsigned) {
         loop_destroy_later(&record.closing);
@@ -793,7 +795,7 @@ TEST_P(Loop, ARecordIsDestroyedInThePassThatStopsTheLoop) {
     EXPECT_EQ(record.destroyed, 1);
 }
 
-TEST_P(Loop, ARecordClosedByADestructionGoesWithTheSamePass) {
+TEST_P(loop_test, a_record_closed_by_a_destruction_goes_with_the_same_pass) {
     closed_record first = make_record();
     closed_record second = make_record();
     first.on_destroy = [&] { loop_destroy_later(&second.closing); };
@@ -829,19 +831,19 @@ unsigned mask_of_broken_pipe() {
     return seen;
 }
 
-TEST(LoopInit, SelectorOneChoosesEpoll) {
+TEST(loop_init_test, selector_one_chooses_epoll) {
     ASSERT_NE(loop_init(LIMIT, 1), 0);
     EXPECT_NE(mask_of_broken_pipe() & LOOP_ERROR, 0u);
 }
 
-TEST(LoopInit, EveryOtherSelectorChoosesSelect) {
+TEST(loop_init_test, every_other_selector_chooses_select) {
     for (const int selector : {-1, 0, 2, 7, -100}) {
         ASSERT_NE(loop_init(LIMIT, selector), 0);
         EXPECT_EQ(mask_of_broken_pipe(), 2u) << selector;
     }
 }
 
-TEST_P(Loop, InitMakesTheLoopFresh) {
+TEST_P(loop_test, init_makes_the_loop_fresh) {
     add("a", 0);
     ready_descriptor& r = add_ready();
     loop_stop();
@@ -855,7 +857,7 @@ TEST_P(Loop, InitMakesTheLoopFresh) {
     EXPECT_EQ(r.calls, 0);
 }
 
-TEST_P(Loop, TheScratchBuffersAreTwoEmptyAndUnbounded) {
+TEST_P(loop_test, the_scratch_buffers_are_two_empty_and_unbounded) {
     buffer* request = loop_request_scratch();
     buffer* reply = loop_reply_scratch();
     ASSERT_NE(request, reply);

@@ -58,7 +58,7 @@ void stop_at_pass_end(loop_closing*) {
     loop_stop();
 }
 
-struct Server : testing::TestWithParam<loop_backend> {
+struct server_test : testing::TestWithParam<loop_backend> {
     void SetUp() override {
         closes = 0;
         closed_with = -1;
@@ -131,14 +131,14 @@ bool is_at_end_of_stream(int client) {
     return poll(&ready, 1, 2000) == 1 && recv(client, &byte, 1, MSG_DONTWAIT) == 0;
 }
 
-INSTANTIATE_TEST_SUITE_P(Backends, Server, testing::Values(LOOP_SELECT, LOOP_EPOLL),
+INSTANTIATE_TEST_SUITE_P(backends, server_test, testing::Values(LOOP_SELECT, LOOP_EPOLL),
                          [](const auto& backend) {
                              return backend.param == LOOP_EPOLL ? "epoll" : "select";
                          });
 
 /* Opening. */
 
-TEST_P(Server, IsNewWithItsAddressAndOneReference) {
+TEST_P(server_test, is_new_with_its_address_and_one_reference) {
     server* s = server_open(path.c_str(), 7);
     ASSERT_NE(s, nullptr);
     EXPECT_STREQ(s->address, path.substr(0, 47).c_str());
@@ -153,7 +153,7 @@ TEST_P(Server, IsNewWithItsAddressAndOneReference) {
     server_release(s);
 }
 
-TEST_P(Server, ListensWithoutBlockingAndIsCloseOnExec) {
+TEST_P(server_test, listens_without_blocking_and_is_close_on_exec) {
     server* s = open_server();
     int listening = 0;
     socklen_t size = sizeof listening;
@@ -164,7 +164,7 @@ TEST_P(Server, ListensWithoutBlockingAndIsCloseOnExec) {
     server_release(s);
 }
 
-TEST_P(Server, ListensOnAllAddressesWhenNoneIsGiven) {
+TEST_P(server_test, listens_on_all_addresses_when_none_is_given) {
     server* s = server_open(nullptr, 0);
     ASSERT_NE(s, nullptr);
     EXPECT_STREQ(s->address, "0.0.0.0");
@@ -176,7 +176,7 @@ TEST_P(Server, ListensOnAllAddressesWhenNoneIsGiven) {
     server_release(s);
 }
 
-TEST_P(Server, KeepsAtMost47BytesOfItsAddressAndListensOnAllOfIt) {
+TEST_P(server_test, keeps_at_most_47_bytes_of_its_address_and_listens_on_all_of_it) {
     std::string folder = testing::TempDir() + "tessard-a-folder-with-a-name-of-some-length-XXXXXX";
     ASSERT_NE(mkdtemp(folder.data()), nullptr);
     const std::string full = folder + "/s";
@@ -192,12 +192,12 @@ TEST_P(Server, KeepsAtMost47BytesOfItsAddressAndListensOnAllOfIt) {
     rmdir(folder.c_str());
 }
 
-TEST_P(Server, AnAddressThatCannotBeListenedOnGivesNull) {
+TEST_P(server_test, an_address_that_cannot_be_listened_on_gives_null) {
     EXPECT_EQ(server_open("localhost", 0), nullptr);
     EXPECT_EQ(server_open((path + "/below-a-file").c_str(), 0), nullptr);
 }
 
-TEST_P(Server, ADescriptorAtTheLimitGivesNullAndIsClosed) {
+TEST_P(server_test, a_descriptor_at_the_limit_gives_null_and_is_closed) {
     std::vector<int> taken;
     do {
         taken.push_back(dup(STDOUT_FILENO));
@@ -210,7 +210,7 @@ TEST_P(Server, ADescriptorAtTheLimitGivesNullAndIsClosed) {
     }
 }
 
-TEST(ServerRecord, FieldsStandInTheirOrder) {
+TEST(server_record_test, fields_stand_in_their_order) {
     const size_t offsets[] = {offsetof(server, fd),          offsetof(server, address),
                               offsetof(server, port),        offsetof(server, connections),
                               offsetof(server, conn_ondata), offsetof(server, on_close),
@@ -229,7 +229,7 @@ TEST(ServerRecord, FieldsStandInTheirOrder) {
 
 /* Accepting. */
 
-TEST_P(Server, AnAcceptedConnectionGetsItsCallbacksAndIsCounted) {
+TEST_P(server_test, an_accepted_connection_gets_its_callbacks_and_is_counted) {
     server* s = open_server();
     s->on_accept = note_accept;
     const connection* first = accept_client(s);
@@ -247,7 +247,7 @@ TEST_P(Server, AnAcceptedConnectionGetsItsCallbacksAndIsCounted) {
     finish(s);
 }
 
-TEST_P(Server, TheAcceptCallbackIsOptional) {
+TEST_P(server_test, the_accept_callback_is_optional) {
     server* s = open_server();
     const connection* c = accept_client(s);
     ASSERT_NE(c, nullptr);
@@ -256,7 +256,7 @@ TEST_P(Server, TheAcceptCallbackIsOptional) {
     finish(s);
 }
 
-TEST_P(Server, CallbacksAreThoseOfTheTimeOfAcceptance) {
+TEST_P(server_test, callbacks_are_those_of_the_time_of_acceptance) {
     server* s = open_server();
     const connection* c = accept_client(s);
     s->conn_ondata = take_other_input;
@@ -269,7 +269,7 @@ TEST_P(Server, CallbacksAreThoseOfTheTimeOfAcceptance) {
     finish(s);
 }
 
-TEST_P(Server, OneConnectionIsAcceptedForEachReadiness) {
+TEST_P(server_test, one_connection_is_accepted_for_each_readiness) {
     server* s = open_server();
     connect_client();
     connect_client();
@@ -283,7 +283,7 @@ TEST_P(Server, OneConnectionIsAcceptedForEachReadiness) {
     finish(s);
 }
 
-TEST_P(Server, ActsOnReadabilityAlone) {
+TEST_P(server_test, acts_on_readability_alone) {
     server* s = open_server();
     s->accept_override = note_override;
     connect_client();
@@ -298,7 +298,7 @@ TEST_P(Server, ActsOnReadabilityAlone) {
     server_release(s);
 }
 
-TEST_P(Server, AReadinessThatNobodyIsBehindIsIgnored) {
+TEST_P(server_test, a_readiness_that_nobody_is_behind_is_ignored) {
     server* s = open_server();
     s->on_accept = note_accept;
     cb_sserver(s->fd, LOOP_READABLE, s);
@@ -308,7 +308,7 @@ TEST_P(Server, AReadinessThatNobodyIsBehindIsIgnored) {
     server_release(s);
 }
 
-TEST_P(Server, AClientThatFindsNoDescriptorLeftWaitsForOne) {
+TEST_P(server_test, a_client_that_finds_no_descriptor_left_waits_for_one) {
     server* s = open_server();
     s->on_accept = note_accept;
     connect_client();
@@ -328,7 +328,7 @@ TEST_P(Server, AClientThatFindsNoDescriptorLeftWaitsForOne) {
     finish(s);
 }
 
-TEST_P(Server, AcceptingWithoutDataCallbackAborts) {
+TEST_P(server_test, accepting_without_data_callback_aborts) {
     server* s = server_open(path.c_str(), 0);
     ASSERT_NE(s, nullptr);
     connect_client();
@@ -337,7 +337,7 @@ TEST_P(Server, AcceptingWithoutDataCallbackAborts) {
     server_release(s);
 }
 
-TEST_P(Server, TheOverrideIsCalledInsteadOfAccepting) {
+TEST_P(server_test, the_override_is_called_instead_of_accepting) {
     server* s = server_open(path.c_str(), 0); /* without data callback, which is not looked at */
     ASSERT_NE(s, nullptr);
     s->accept_override = note_override;
@@ -352,7 +352,7 @@ TEST_P(Server, TheOverrideIsCalledInsteadOfAccepting) {
     server_release(s);
 }
 
-TEST_P(Server, AClientWhoseDescriptorIsNotBelowTheLimitIsClosed) {
+TEST_P(server_test, a_client_whose_descriptor_is_not_below_the_limit_is_closed) {
     server* s = open_server();
     s->on_accept = note_accept;
     const int client = connect_client();
@@ -372,7 +372,7 @@ TEST_P(Server, AClientWhoseDescriptorIsNotBelowTheLimitIsClosed) {
     server_release(s);
 }
 
-TEST_P(Server, AClientWhoseDescriptorIsTheLastBelowTheLimitIsServed) {
+TEST_P(server_test, a_client_whose_descriptor_is_the_last_below_the_limit_is_served) {
     server* s = open_server();
     connect_client();
     std::vector<int> taken;
@@ -391,7 +391,7 @@ TEST_P(Server, AClientWhoseDescriptorIsTheLastBelowTheLimitIsServed) {
 
 /* Releasing. */
 
-TEST_P(Server, ReleaseStopsListening) {
+TEST_P(server_test, release_stops_listening) {
     server* s = open_server();
     const int fd = s->fd;
     server_release(s);
@@ -401,7 +401,7 @@ TEST_P(Server, ReleaseStopsListening) {
     EXPECT_EQ(endpoint_connect_local(path.c_str(), &client), ECONNREFUSED);
 }
 
-TEST_P(Server, ReleaseWithoutConnectionsFreesTheRecord) {
+TEST_P(server_test, release_without_connections_frees_the_record) {
 #ifdef __SANITIZE_ADDRESS__
     GTEST_SKIP() << "every block is an allocation of its own here, and is not handed out again";
 #endif
@@ -412,7 +412,7 @@ TEST_P(Server, ReleaseWithoutConnectionsFreesTheRecord) {
     pool_free(block, sizeof(server));
 }
 
-TEST_P(Server, OutlivesItsReleaseUntilItsLastConnectionIsDestroyed) {
+TEST_P(server_test, outlives_its_release_until_its_last_connection_is_destroyed) {
     server* s = open_server();
     connection* first = accept_client(s);
     connection* second = accept_client(s);
@@ -432,7 +432,7 @@ TEST_P(Server, OutlivesItsReleaseUntilItsLastConnectionIsDestroyed) {
     EXPECT_EQ(closed_with, 0);
 }
 
-TEST_P(Server, IsFreedByTheLastConnection) {
+TEST_P(server_test, is_freed_by_the_last_connection) {
 #ifdef __SANITIZE_ADDRESS__
     GTEST_SKIP() << "every block is an allocation of its own here, and is not handed out again";
 #endif
@@ -450,7 +450,7 @@ TEST_P(Server, IsFreedByTheLastConnection) {
     }
 }
 
-TEST_P(Server, MayBeReleasedFromACloseCallback) {
+TEST_P(server_test, may_be_released_from_a_close_callback) {
     static server* released;
     released = open_server();
     released->on_close = [](connection*, int) {

@@ -15,7 +15,7 @@ using namespace unit_test;
 
 namespace {
 
-class ClientRecords : public store_test {
+class client_records_test : public store_test {
   protected:
     /* The number in a client's first name, -1 when it has another. */
     static long number_of(const client* c) {
@@ -32,7 +32,7 @@ class ClientRecords : public store_test {
 
 } // namespace
 
-TEST_F(ClientRecords, AreNamedByTheOrderInWhichConnectionsFirstSendData) {
+TEST_F(client_records_test, are_named_by_the_order_in_which_connections_first_send_data) {
     test_client first;
     test_client second;
     test_client third;
@@ -42,7 +42,7 @@ TEST_F(ClientRecords, AreNamedByTheOrderInWhichConnectionsFirstSendData) {
     EXPECT_EQ(number_of(third.record()), number + 2);
 }
 
-TEST_F(ClientRecords, TheFirstOfAProcessIsNumberZero) {
+TEST_F(client_records_test, the_first_of_a_process_is_number_zero) {
     test_client probe;
     if (::testing::UnitTest::GetInstance()->test_to_run_count() > 1) {
         GTEST_SKIP() << "other tests of this process have made clients";
@@ -54,7 +54,7 @@ TEST_F(ClientRecords, TheFirstOfAProcessIsNumberZero) {
     EXPECT_EQ(bytes_of(third.record()->name), "anynomous2");
 }
 
-TEST_F(ClientRecords, AreMadeOnceForEachConnection) {
+TEST_F(client_records_test, are_made_once_for_each_connection) {
     test_client peer;
     EXPECT_EQ(peer.conn->user_data, nullptr);
     client* c = client_of(peer.conn);
@@ -67,7 +67,7 @@ TEST_F(ClientRecords, AreMadeOnceForEachConnection) {
     EXPECT_EQ(c->observe_next, nullptr);
 }
 
-TEST_F(ClientRecords, AConnectionThatNeverSendsTakesNoNumber) {
+TEST_F(client_records_test, a_connection_that_never_sends_takes_no_number) {
     test_client first;
     const long number = number_of(first.record());
     { test_client silent; }
@@ -75,7 +75,7 @@ TEST_F(ClientRecords, AConnectionThatNeverSendsTakesNoNumber) {
     EXPECT_EQ(number_of(second.record()), number + 1);
 }
 
-TEST_F(ClientRecords, DataThatIsNoRequestTakesANumber) {
+TEST_F(client_records_test, data_that_is_no_request_takes_a_number) {
     test_client first;
     const long number = number_of(first.record());
     test_client broken;
@@ -84,7 +84,7 @@ TEST_F(ClientRecords, DataThatIsNoRequestTakesANumber) {
     EXPECT_EQ(number_of(second.record()), number + 2);
 }
 
-TEST_F(ClientRecords, NumbersAreNotUsedAgain) {
+TEST_F(client_records_test, numbers_are_not_used_again) {
     long number;
     {
         test_client first;
@@ -94,7 +94,7 @@ TEST_F(ClientRecords, NumbersAreNotUsedAgain) {
     EXPECT_EQ(number_of(second.record()), number + 1);
 }
 
-TEST_F(ClientRecords, ANewNameReplacesTheOldOne) {
+TEST_F(client_records_test, a_new_name_replaces_the_old_one) {
     test_client peer;
     client* c = peer.record();
     client_rename(c, "panel, left", 5);
@@ -105,7 +105,7 @@ TEST_F(ClientRecords, ANewNameReplacesTheOldOne) {
     EXPECT_EQ(bytes_of(c->name), std::string_view("a\0b", 3));
 }
 
-TEST_F(ClientRecords, EndingARequestFreesWhatThereIs) {
+TEST_F(client_records_test, ending_a_request_frees_what_there_is) {
     test_client peer;
     client* c = peer.record();
     client_end_request(c);
@@ -120,7 +120,7 @@ TEST_F(ClientRecords, EndingARequestFreesWhatThereIs) {
     EXPECT_EQ(c->request, nullptr);
 }
 
-TEST_F(ClientRecords, TheEndOfAClientIsTracedUnderItsName) {
+TEST_F(client_records_test, the_end_of_a_client_is_traced_under_its_name) {
     test_client peer;
     client_rename(peer.record(), "panel", 5);
     log.start();
@@ -129,7 +129,7 @@ TEST_F(ClientRecords, TheEndOfAClientIsTracedUnderItsName) {
                           "debug *** client destroyed\n");
 }
 
-TEST_F(ClientRecords, TheEndOfAClientIsSilentAboveDebugLevel) {
+TEST_F(client_records_test, the_end_of_a_client_is_silent_above_debug_level) {
     test_client peer;
     peer.record();
     log.start(LOG_INFO);
@@ -137,14 +137,14 @@ TEST_F(ClientRecords, TheEndOfAClientIsSilentAboveDebugLevel) {
     EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(ClientRecords, TheEndOfAConnectionWithoutAClientIsSilent) {
+TEST_F(client_records_test, the_end_of_a_connection_without_a_client_is_silent) {
     test_client peer;
     log.start();
     peer.disconnect();
     EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(ClientRecords, APendingRequestAndReplyGoWithTheClient) {
+TEST_F(client_records_test, a_pending_request_and_reply_go_with_the_client) {
     test_client peer;
     client* c = peer.record();
     buffer_append(&peer.conn->input, "*2\r\n$3\r\nGET\r\n$1\r\nk\r\n", 20);
@@ -155,7 +155,7 @@ TEST_F(ClientRecords, APendingRequestAndReplyGoWithTheClient) {
     EXPECT_EQ(peer.conn->user_data, nullptr);
 }
 
-TEST_F(ClientRecords, AClientThatEndsNoLongerObserves) {
+TEST_F(client_records_test, a_client_that_ends_no_longer_observes) {
     test_client stays;
     observers_add(stays.record());
     test_client goes;
@@ -166,7 +166,7 @@ TEST_F(ClientRecords, AClientThatEndsNoLongerObserves) {
     EXPECT_EQ(stays.record()->observe_next, nullptr);
 }
 
-TEST_F(ClientRecords, ASecondCloseCallbackFindsNothingToDo) {
+TEST_F(client_records_test, a_second_close_callback_finds_nothing_to_do) {
     test_client peer;
     peer.record();
     client_onclose(peer.conn, 0);

@@ -17,14 +17,14 @@ using namespace unit_test;
 
 namespace {
 
-class Dispatch : public store_test {
+class dispatch_test : public store_test {
   protected:
     /* A client with a name that is known, and nothing logged of that. */
-    Dispatch() {
+    dispatch_test() {
         peer.call({"hello", "me"});
     }
 
-    ~Dispatch() override {
+    ~dispatch_test() override {
         peer.disconnect();
     }
 
@@ -87,7 +87,7 @@ int look_at_client(object*) {
 
 /* --- The table --- */
 
-TEST(CommandTable, HasEveryCommandInOrderWithItsRuleAndHandler) {
+TEST(command_table_test, has_every_command_in_order_with_its_rule_and_handler) {
     const command expected[] = {
         {"hello", cmd_hello, 1},       {"ping", cmd_ping, 0},       {"dump", cmd_dump, 2},
         {"load", cmd_load, 1},         {"keys", cmd_keys, 1},       {"exists", cmd_exists, 1},
@@ -116,7 +116,7 @@ TEST(CommandTable, HasEveryCommandInOrderWithItsRuleAndHandler) {
     }
 }
 
-TEST(CommandTable, RulesDecideByTheNumberOfArguments) {
+TEST(command_table_test, rules_decide_by_the_number_of_arguments) {
     const struct {
         uint32_t rule;
         const char* accepted; /* one digit for each argc from 0 to 9 */
@@ -138,13 +138,13 @@ TEST(CommandTable, RulesDecideByTheNumberOfArguments) {
 
 /* --- Names --- */
 
-TEST_F(Dispatch, NamesMatchInAnyCase) {
+TEST_F(dispatch_test, names_match_in_any_case) {
     EXPECT_EQ(peer.call({"ping"}), "+OK\r\n");
     EXPECT_EQ(peer.call({"PING"}), "+OK\r\n");
     EXPECT_EQ(peer.call({"PiNg"}), "+OK\r\n");
 }
 
-TEST_F(Dispatch, EveryCommandIsFoundByItsNameInUpperAndLowerCase) {
+TEST_F(dispatch_test, every_command_is_found_by_its_name_in_upper_and_lower_case) {
     for (const command& row : command_table) {
         std::string upper = row.name;
         for (char& c : upper) {
@@ -161,36 +161,36 @@ TEST_F(Dispatch, EveryCommandIsFoundByItsNameInUpperAndLowerCase) {
     peer.disconnect();
 }
 
-TEST_F(Dispatch, AnUnknownNameIsAnErrorAndTheConnectionStays) {
+TEST_F(dispatch_test, an_unknown_name_is_an_error_and_the_connection_stays) {
     EXPECT_EQ(peer.call({"PONG"}), "-ERR\r\n");
     EXPECT_FALSE(peer.is_closed());
     EXPECT_EQ(peer.call({"ping"}), "+OK\r\n");
 }
 
-TEST_F(Dispatch, NamesMustMatchWhole) {
+TEST_F(dispatch_test, names_must_match_whole) {
     for (const char* name : {"", "PIN", "PINGS", " PING", "PING ", "*1", "GET SET"}) {
         EXPECT_EQ(peer.call({name}), "-ERR\r\n") << name;
     }
 }
 
-TEST_F(Dispatch, ANameEndsAtItsFirstNul) {
+TEST_F(dispatch_test, a_name_ends_at_its_first_nul) {
     EXPECT_EQ(peer.call({std::string_view("ping\0more", 9)}), "+OK\r\n");
     EXPECT_EQ(peer.call({std::string_view("\0ping", 5)}), "-ERR\r\n");
 }
 
-TEST_F(Dispatch, OnlyAsciiLettersAreFolded) {
+TEST_F(dispatch_test, only_ascii_letters_are_folded) {
     log.start();
     EXPECT_EQ(peer.call({"\xe4\xf6z{`@["}), "-ERR\r\n");
     EXPECT_EQ(log.text(), "debug *** Unknown command \"\xe4\xf6Z{`@[\", replying error.\n");
 }
 
-TEST_F(Dispatch, AnUnknownNameIsTracedInUpperCaseAndNothingElseIs) {
+TEST_F(dispatch_test, an_unknown_name_is_traced_in_upper_case_and_nothing_else_is) {
     log.start();
     peer.call({"pong%s", "argument"});
     EXPECT_EQ(log.text(), "debug *** Unknown command \"PONG%S\", replying error.\n");
 }
 
-TEST_F(Dispatch, NothingIsTracedAboveDebugLevel) {
+TEST_F(dispatch_test, nothing_is_traced_above_debug_level) {
     log.start(LOG_INFO);
     peer.call({"pong"});
     peer.call({"set", "k", "v"});
@@ -203,7 +203,7 @@ TEST_F(Dispatch, NothingIsTracedAboveDebugLevel) {
 
 /* --- Arguments --- */
 
-TEST_F(Dispatch, TooFewArgumentsAreAnErrorThatNeitherRunsNorTraces) {
+TEST_F(dispatch_test, too_few_arguments_are_an_error_that_neither_runs_nor_traces) {
     log.start();
     for (const command& row : command_table) {
         for (uint32_t argc = 0; argc < 8; argc++) {
@@ -218,14 +218,14 @@ TEST_F(Dispatch, TooFewArgumentsAreAnErrorThatNeitherRunsNorTraces) {
     EXPECT_EQ(bytes_of(peer.record()->name), "me");
 }
 
-TEST_F(Dispatch, MsetTakesPairsAndNone) {
+TEST_F(dispatch_test, mset_takes_pairs_and_none) {
     EXPECT_EQ(peer.deliver(request_of("mset", 0)), "+OK\r\n");
     EXPECT_EQ(peer.deliver(request_of("mset", 1)), "-ERR\r\n");
     EXPECT_EQ(peer.deliver(request_of("mset", 2)), "+OK\r\n");
     EXPECT_EQ(peer.deliver(request_of("mset", 3)), "-ERR\r\n");
 }
 
-TEST_F(Dispatch, HmsetTakesAKeyAndPairs) {
+TEST_F(dispatch_test, hmset_takes_a_key_and_pairs) {
     for (uint32_t argc = 0; argc < 8; argc++) {
         const bool accepted = argc == 3 || argc == 5 || argc == 7;
         EXPECT_EQ(peer.deliver(request_of("hmset", argc)), accepted ? "+OK\r\n" : "-ERR\r\n")
@@ -233,7 +233,7 @@ TEST_F(Dispatch, HmsetTakesAKeyAndPairs) {
     }
 }
 
-TEST_F(Dispatch, MoreArgumentsThanNeededAreAccepted) {
+TEST_F(dispatch_test, more_arguments_than_needed_are_accepted) {
     EXPECT_EQ(peer.call({"set", "k", "v", "more", "and more"}), "+OK\r\n");
     EXPECT_EQ(peer.call({"get", "k", "more"}), "$1\r\nv\r\n");
     EXPECT_EQ(peer.call({"ping", "more"}), "+OK\r\n");
@@ -241,7 +241,7 @@ TEST_F(Dispatch, MoreArgumentsThanNeededAreAccepted) {
 
 /* --- Deliveries --- */
 
-TEST_F(Dispatch, ASecondRequestInOneDeliveryIsDropped) {
+TEST_F(dispatch_test, a_second_request_in_one_delivery_is_dropped) {
     EXPECT_EQ(peer.deliver(frame('*', {"set", "a", "1"}) + frame('*', {"set", "b", "2"})),
               "+OK\r\n");
     EXPECT_EQ(get("a"), "1");
@@ -250,7 +250,7 @@ TEST_F(Dispatch, ASecondRequestInOneDeliveryIsDropped) {
     EXPECT_EQ(peer.call({"ping"}), "+OK\r\n");
 }
 
-TEST_F(Dispatch, ARequestInTwoDeliveriesClosesTheConnection) {
+TEST_F(dispatch_test, a_request_in_two_deliveries_closes_the_connection) {
     const std::string whole = frame('*', {"set", "k", "v"});
     for (size_t cut = 1; cut < whole.size(); cut++) {
         test_client other;
@@ -262,7 +262,7 @@ TEST_F(Dispatch, ARequestInTwoDeliveriesClosesTheConnection) {
     EXPECT_EQ(object_keyspace(), nullptr);
 }
 
-TEST_F(Dispatch, WhatIsNoRequestClosesTheConnectionWithoutAWord) {
+TEST_F(dispatch_test, what_is_no_request_closes_the_connection_without_a_word) {
     for (const char* bytes : {"PING\r\n", "*0\r\n", "*x\r\n", "*\r\n", "\r\n", "x"}) {
         test_client other;
         log.start();
@@ -273,7 +273,7 @@ TEST_F(Dispatch, WhatIsNoRequestClosesTheConnectionWithoutAWord) {
     }
 }
 
-TEST_F(Dispatch, RepliesThatAreStillBatchedGoOutBeforeTheConnectionCloses) {
+TEST_F(dispatch_test, replies_that_are_still_batched_go_out_before_the_connection_closes) {
     const std::string ping = frame('*', {"ping"});
     buffer_append(&peer.conn->input, ping.data(), static_cast<uint32_t>(ping.size()));
     client_ondata(peer.conn);
@@ -281,7 +281,7 @@ TEST_F(Dispatch, RepliesThatAreStillBatchedGoOutBeforeTheConnectionCloses) {
     EXPECT_TRUE(peer.is_closed());
 }
 
-TEST_F(Dispatch, TheInputIsEmptiedAndShrinksToItsInitialSize) {
+TEST_F(dispatch_test, the_input_is_emptied_and_shrinks_to_its_initial_size) {
     const std::string value(100000, 'x');
     EXPECT_EQ(peer.call({"set", "k", value}), "+OK\r\n");
     EXPECT_EQ(get("k"), value);
@@ -289,7 +289,7 @@ TEST_F(Dispatch, TheInputIsEmptiedAndShrinksToItsInitialSize) {
     EXPECT_EQ(peer.conn->input.capacity, CONNECTION_BUFFER_INITIAL);
 }
 
-TEST_F(Dispatch, TheClientIsCurrentWhileItsCommandRunsAndNotAfterwards) {
+TEST_F(dispatch_test, the_client_is_current_while_its_command_runs_and_not_afterwards) {
     object_register_string_hook(look_at_client);
     client_in_hook = nullptr;
     EXPECT_EQ(current_client, nullptr);
@@ -298,7 +298,7 @@ TEST_F(Dispatch, TheClientIsCurrentWhileItsCommandRunsAndNotAfterwards) {
     EXPECT_EQ(current_client, nullptr);
 }
 
-TEST_F(Dispatch, TheClientIsStillCurrentInThePostReplyHooks) {
+TEST_F(dispatch_test, the_client_is_still_current_in_the_post_reply_hooks) {
     set("k", "v");
     object_register_string_hook(look_at_client);
     client_in_hook = nullptr;
@@ -306,7 +306,7 @@ TEST_F(Dispatch, TheClientIsStillCurrentInThePostReplyHooks) {
     EXPECT_EQ(client_in_hook, peer.record());
 }
 
-TEST_F(Dispatch, RequestAndReplyAreGoneAfterwards) {
+TEST_F(dispatch_test, request_and_reply_are_gone_afterwards) {
     for (const char* name : {"ping", "get", "nonsense"}) {
         peer.call({name});
         EXPECT_EQ(peer.record()->request, nullptr) << name;
@@ -316,7 +316,7 @@ TEST_F(Dispatch, RequestAndReplyAreGoneAfterwards) {
 
 /* --- Replies --- */
 
-TEST_F(Dispatch, RepliesStandInTheOrderOfTheirRequests) {
+TEST_F(dispatch_test, replies_stand_in_the_order_of_their_requests) {
     set("big", std::string(3000, 'b'));
     const std::string ping = frame('*', {"ping"});
     buffer_append(&peer.conn->input, ping.data(), static_cast<uint32_t>(ping.size()));
@@ -325,7 +325,7 @@ TEST_F(Dispatch, RepliesStandInTheOrderOfTheirRequests) {
     EXPECT_EQ(peer.call({"get", "big"}), "+OK\r\n$3000\r\n" + std::string(3000, 'b') + "\r\n");
 }
 
-TEST_F(Dispatch, RepliesOfAnySizeArriveWhole) {
+TEST_F(dispatch_test, replies_of_any_size_arrive_whole) {
     for (const size_t size : {1u, 1900u, 1960u, 1973u, 1980u, 1988u, 1989u, 1990u, 1991u, 2000u,
                               3990u, 4000u, 5000u, 50000u, 100000u}) {
         const std::string value(size, 'v');
@@ -334,7 +334,7 @@ TEST_F(Dispatch, RepliesOfAnySizeArriveWhole) {
     }
 }
 
-TEST_F(Dispatch, AReplyThatCannotBeComposedClosesTheConnection) {
+TEST_F(dispatch_test, a_reply_that_cannot_be_composed_closes_the_connection) {
     set("k", std::string(1 << 20, 'v'));
     EXPECT_EQ(peer.call({"mget", "k", "k", "k", "k", "k"}), "");
     EXPECT_TRUE(peer.is_closed());
@@ -343,7 +343,7 @@ TEST_F(Dispatch, AReplyThatCannotBeComposedClosesTheConnection) {
     EXPECT_EQ(current_client, nullptr);
 }
 
-TEST_F(Dispatch, ASmallReplyThatFindsNoMemoryClosesTheConnection) {
+TEST_F(dispatch_test, a_small_reply_that_finds_no_memory_closes_the_connection) {
     set("k", "v");
     for (const auto& request :
          {frame('*', {"ping"}), frame('*', {"get", "k"}), frame('*', {"nonsense"})}) {
@@ -357,7 +357,7 @@ TEST_F(Dispatch, ASmallReplyThatFindsNoMemoryClosesTheConnection) {
     }
 }
 
-TEST_F(Dispatch, TheNextReplyAfterOneThatWasTooLargeIsWhole) {
+TEST_F(dispatch_test, the_next_reply_after_one_that_was_too_large_is_whole) {
     set("k", std::string(1 << 20, 'v'));
     set("middle", std::string(3000, 'm'));
     {
@@ -367,7 +367,7 @@ TEST_F(Dispatch, TheNextReplyAfterOneThatWasTooLargeIsWhole) {
     EXPECT_EQ(peer.call({"get", "middle"}), "$3000\r\n" + std::string(3000, 'm') + "\r\n");
 }
 
-TEST_F(Dispatch, AHandlerMayLeaveItsReplyEmpty) {
+TEST_F(dispatch_test, a_handler_may_leave_its_reply_empty) {
     test_client observer;
     observers_add(observer.record());
     set("k", "v");
@@ -382,14 +382,14 @@ TEST_F(Dispatch, AHandlerMayLeaveItsReplyEmpty) {
 
 /* --- Traces --- */
 
-TEST_F(Dispatch, RequestAndReplyAreTraced) {
+TEST_F(dispatch_test, request_and_reply_are_traced) {
     log.start();
     peer.call({"ping"});
     EXPECT_EQ(log.text(), "debug *** Received from client(\"me\"):\n PING()\n"
                           "debug *** Replied to client(\"me\"): \n+OK\r\n\n");
 }
 
-TEST_F(Dispatch, ArgumentsAreTracedInOrderAroundWhatTheHandlerTraces) {
+TEST_F(dispatch_test, arguments_are_traced_in_order_around_what_the_handler_traces) {
     log.start();
     peer.call({"Set", "k", "", "%s"});
     EXPECT_EQ(log.text(), "debug *** Received from client(\"me\"):\n SET(k, , %s)\n"
@@ -397,14 +397,14 @@ TEST_F(Dispatch, ArgumentsAreTracedInOrderAroundWhatTheHandlerTraces) {
                           "debug *** Replied to client(\"me\"): \n+OK\r\n\n");
 }
 
-TEST_F(Dispatch, ATraceEndsAtTheFirstNul) {
+TEST_F(dispatch_test, a_trace_ends_at_the_first_nul) {
     log.start();
     peer.call({"get", std::string_view("a\0b", 3), "c"});
     EXPECT_EQ(log.text(), "debug *** Received from client(\"me\"):\n GET(a\n"
                           "debug *** Replied to client(\"me\"): \n$-1\r\n\n");
 }
 
-TEST_F(Dispatch, LongTracesKeepTheirCountedNul) {
+TEST_F(dispatch_test, long_traces_keep_their_counted_nul) {
     const std::string key(600, 'k');
     log.start();
     peer.call({"exists", key});
@@ -414,7 +414,7 @@ TEST_F(Dispatch, LongTracesKeepTheirCountedNul) {
 
 /* --- hello and ping --- */
 
-TEST_F(Dispatch, HelloNamesTheClientAndTracesItsCount) {
+TEST_F(dispatch_test, hello_names_the_client_and_traces_its_count) {
     log.start();
     EXPECT_EQ(peer.call({"hello", "panel", "two", "three"}), "+OK\r\n");
     EXPECT_EQ(bytes_of(peer.record()->name), "panel");
@@ -424,18 +424,18 @@ TEST_F(Dispatch, HelloNamesTheClientAndTracesItsCount) {
                           "debug *** Replied to client(\"panel\"): \n+OK\r\n\n");
 }
 
-TEST_F(Dispatch, HelloTakesAnEmptyName) {
+TEST_F(dispatch_test, hello_takes_an_empty_name) {
     EXPECT_EQ(peer.call({"hello", ""}), "+OK\r\n");
     EXPECT_EQ(bytes_of(peer.record()->name), "");
 }
 
-TEST_F(Dispatch, PingAnswersAStatus) {
+TEST_F(dispatch_test, ping_answers_a_status) {
     EXPECT_EQ(peer.call({"ping", "echo?"}), "+OK\r\n");
 }
 
 /* --- What runs after the reply --- */
 
-TEST_F(Dispatch, GetsetRepliesTheOldValueAndAssignsTheNewOneAfterwards) {
+TEST_F(dispatch_test, getset_replies_the_old_value_and_assigns_the_new_one_afterwards) {
     set("k", "old");
     log.start();
     EXPECT_EQ(peer.call({"getset", "k", "new"}), "$3\r\nold\r\n");
@@ -445,14 +445,14 @@ TEST_F(Dispatch, GetsetRepliesTheOldValueAndAssignsTheNewOneAfterwards) {
                           "debug *** \"k\"(string): updated to \"new\"\n");
 }
 
-TEST_F(Dispatch, GetsetRepliesALargeOldValueWhole) {
+TEST_F(dispatch_test, getset_replies_a_large_old_value_whole) {
     const std::string old(5000, 'o');
     set("k", old);
     EXPECT_EQ(peer.call({"getset", "k", std::string(5000, 'n')}), "$5000\r\n" + old + "\r\n");
     EXPECT_EQ(get("k"), std::string(5000, 'n'));
 }
 
-TEST_F(Dispatch, GetsetIsAnnouncedWithItsNewValue) {
+TEST_F(dispatch_test, getset_is_announced_with_its_new_value) {
     test_client observer;
     observers_add(observer.record());
     set("k", "old");
@@ -460,12 +460,12 @@ TEST_F(Dispatch, GetsetIsAnnouncedWithItsNewValue) {
     EXPECT_EQ(observer.received(), event({"MSET", "k", "new"}));
 }
 
-TEST_F(Dispatch, GetsetOfAMissingKeyMakesNone) {
+TEST_F(dispatch_test, getset_of_a_missing_key_makes_none) {
     EXPECT_EQ(peer.call({"getset", "k", "new"}), "$-1\r\n");
     EXPECT_EQ(object_lookup("k"), nullptr);
 }
 
-TEST_F(Dispatch, GetsetOfAHashOrListRepliesNilAndMakesItAString) {
+TEST_F(dispatch_test, getset_of_a_hash_or_list_replies_nil_and_makes_it_a_string) {
     peer.call({"hset", "h", "f", "v"});
     peer.call({"rpush", "l", "v"});
     EXPECT_EQ(peer.call({"getset", "h", "new"}), "$-1\r\n");
@@ -474,20 +474,20 @@ TEST_F(Dispatch, GetsetOfAHashOrListRepliesNilAndMakesItAString) {
     EXPECT_EQ(get("l"), "new");
 }
 
-TEST_F(Dispatch, GetsetWithOneArgumentIsAnErrorAndChangesNothing) {
+TEST_F(dispatch_test, getset_with_one_argument_is_an_error_and_changes_nothing) {
     set("k", "old");
     EXPECT_EQ(peer.call({"getset", "k"}), "-ERR\r\n");
     EXPECT_EQ(get("k"), "old");
 }
 
-TEST_F(Dispatch, GetsetRemovesTheExpiry) {
+TEST_F(dispatch_test, getset_removes_the_expiry) {
     set("k", "old");
     object_expire(object_lookup("k"), 60);
     peer.call({"getset", "k", "new"});
     EXPECT_EQ(object_lookup("k")->flags, OBJ_TSTRING);
 }
 
-TEST_F(Dispatch, APoppedItemIsFreedAfterTheReply) {
+TEST_F(dispatch_test, a_popped_item_is_freed_after_the_reply) {
     peer.call({"rpush", "l", "a", "b"});
     log.start();
     EXPECT_EQ(peer.call({"lpop", "l"}), "$1\r\na\r\n");
@@ -503,7 +503,7 @@ TEST_F(Dispatch, APoppedItemIsFreedAfterTheReply) {
                           "debug *** [POP]  destrog (b)\n");
 }
 
-TEST_F(Dispatch, APopThatFindsNothingFreesNothing) {
+TEST_F(dispatch_test, a_pop_that_finds_nothing_frees_nothing) {
     peer.call({"rpush", "l", "a"});
     peer.call({"lpop", "l"});
     set("s", "v");
@@ -516,18 +516,18 @@ TEST_F(Dispatch, APopThatFindsNothingFreesNothing) {
     }
 }
 
-TEST_F(Dispatch, APopWithoutAKeyIsAnErrorAndFreesNothing) {
+TEST_F(dispatch_test, a_pop_without_a_key_is_an_error_and_frees_nothing) {
     EXPECT_EQ(peer.call({"lpop"}), "-ERR\r\n");
     EXPECT_EQ(peer.call({"rpop"}), "-ERR\r\n");
 }
 
-TEST_F(Dispatch, ALargeItemIsRepliedWholeBeforeItIsFreed) {
+TEST_F(dispatch_test, a_large_item_is_replied_whole_before_it_is_freed) {
     const std::string item(5000, 'i');
     peer.call({"rpush", "l", item});
     EXPECT_EQ(peer.call({"rpop", "l"}), "$5000\r\n" + item + "\r\n");
 }
 
-TEST_F(Dispatch, APoppedItemIsFreedAlsoWhenTheReplyFindsNobody) {
+TEST_F(dispatch_test, a_popped_item_is_freed_also_when_the_reply_finds_nobody) {
     peer.call({"rpush", "l", "a"});
     ASSERT_EQ(shutdown(peer.conn->fd, SHUT_WR), 0);
     EXPECT_EQ(peer.call({"rpop", "l"}), "");
@@ -536,7 +536,7 @@ TEST_F(Dispatch, APoppedItemIsFreedAlsoWhenTheReplyFindsNobody) {
 
 /* --- What long requests cost and keep --- */
 
-TEST_F(Dispatch, ManyFieldsOfALongKeyCostOneLookupOfTheKey) {
+TEST_F(dispatch_test, many_fields_of_a_long_key_cost_one_lookup_of_the_key) {
     constexpr size_t FIELDS = 2000;
     const std::string key(500000, 'k');
     for (const char* command : {"hmget", "hdel", "hmset"}) {
@@ -549,25 +549,25 @@ TEST_F(Dispatch, ManyFieldsOfALongKeyCostOneLookupOfTheKey) {
     }
 }
 
-TEST_F(Dispatch, HdelCountsBeyond16Bits) {
+TEST_F(dispatch_test, hdel_counts_beyond_16_bits) {
     peer.call({"hset", "h", "f", "v"});
     EXPECT_EQ(peer.deliver(fields_request("hdel", "h", 70000)), ":70000\r\n");
 }
 
-TEST_F(Dispatch, MsetKeepsAllBytesOfItsKeys) {
+TEST_F(dispatch_test, mset_keeps_all_bytes_of_its_keys) {
     const std::string key("a\0b", 3);
     peer.call({"mset", key, "v"});
     EXPECT_EQ(peer.call({"keys", "a"}), frame('*', {key}));
 }
 
-TEST_F(Dispatch, AKeyWithoutATypeIsThereForNobody) {
+TEST_F(dispatch_test, a_key_without_a_type_is_there_for_nobody) {
     (void)object_get_or_create("typeless", SSTR_CSTRING, OBJ_TNONE);
     EXPECT_EQ(peer.call({"keys", "typeless"}), "*0\r\n");
     EXPECT_EQ(peer.call({"del", "typeless"}), ":0\r\n");
     EXPECT_EQ(peer.call({"get", "typeless"}), "$-1\r\n");
 }
 
-TEST_F(Dispatch, ASilentCommandBehindANearlyFullBatchKeepsTheConnection) {
+TEST_F(dispatch_test, a_silent_command_behind_a_nearly_full_batch_keeps_the_connection) {
     set("k", "v");
     test_client watcher;
     watcher.call({"observe"});

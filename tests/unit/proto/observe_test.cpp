@@ -54,9 +54,9 @@ size_t heap_in_use() {
     return info.uordblks + info.hblkhd;
 }
 
-class Observers : public store_test {
+class observers_test : public store_test {
   protected:
-    ~Observers() override {
+    ~observers_test() override {
         current_client = nullptr;
     }
 
@@ -77,7 +77,7 @@ class Observers : public store_test {
 
 /* --- The list --- */
 
-TEST_F(Observers, TheFirstIsHeadAndEnd) {
+TEST_F(observers_test, the_first_is_head_and_end) {
     test_client a;
     EXPECT_EQ(observers, nullptr);
     EXPECT_TRUE(observers_add(a.record()));
@@ -85,7 +85,7 @@ TEST_F(Observers, TheFirstIsHeadAndEnd) {
     EXPECT_EQ(a.record()->observe_next, nullptr);
 }
 
-TEST_F(Observers, TheMostRecentIsTheHead) {
+TEST_F(observers_test, the_most_recent_is_the_head) {
     test_client a;
     test_client b;
     test_client c;
@@ -95,7 +95,7 @@ TEST_F(Observers, TheMostRecentIsTheHead) {
     EXPECT_EQ(members(), (clients{c.record(), b.record(), a.record()}));
 }
 
-TEST_F(Observers, NobodyObservesTwice) {
+TEST_F(observers_test, nobody_observes_twice) {
     test_client a;
     test_client b;
     test_client c;
@@ -109,7 +109,7 @@ TEST_F(Observers, NobodyObservesTwice) {
     EXPECT_EQ(members(), (clients{c.record(), b.record(), a.record()}));
 }
 
-TEST_F(Observers, AnyOneOfThemCanBeTakenOff) {
+TEST_F(observers_test, any_one_of_them_can_be_taken_off) {
     for (int victim = 0; victim < 3; victim++) {
         test_client peers[3];
         clients expected;
@@ -130,7 +130,7 @@ TEST_F(Observers, AnyOneOfThemCanBeTakenOff) {
     EXPECT_EQ(observers, nullptr);
 }
 
-TEST_F(Observers, WhoWasTakenOffCanObserveAgain) {
+TEST_F(observers_test, who_was_taken_off_can_observe_again) {
     test_client a;
     test_client b;
     observers_add(a.record());
@@ -140,7 +140,7 @@ TEST_F(Observers, WhoWasTakenOffCanObserveAgain) {
     EXPECT_EQ(members(), (clients{a.record(), b.record()}));
 }
 
-TEST_F(Observers, WhoDoesNotObserveIsLeftAlone) {
+TEST_F(observers_test, who_does_not_observe_is_left_alone) {
     test_client a;
     test_client b;
     observers_add(a.record());
@@ -153,7 +153,7 @@ TEST_F(Observers, WhoDoesNotObserveIsLeftAlone) {
 
 /* --- Frames --- */
 
-TEST_F(Observers, AnEventReachesEveryObserver) {
+TEST_F(observers_test, an_event_reaches_every_observer) {
     test_client a;
     test_client b;
     test_client idle;
@@ -166,7 +166,7 @@ TEST_F(Observers, AnEventReachesEveryObserver) {
     EXPECT_EQ(idle.received(), "");
 }
 
-TEST_F(Observers, TheIssuerIsNotToldOfItsOwnChange) {
+TEST_F(observers_test, the_issuer_is_not_told_of_its_own_change) {
     test_client issuer;
     test_client other;
     observers_add(issuer.record());
@@ -178,7 +178,7 @@ TEST_F(Observers, TheIssuerIsNotToldOfItsOwnChange) {
     EXPECT_EQ(other.received(), event({"MSET", "k", "v"}));
 }
 
-TEST_F(Observers, EachEventIsAFrameOfItsOwn) {
+TEST_F(observers_test, each_event_is_a_frame_of_its_own) {
     test_client a;
     observers_add(a.record());
     notify_observers(made_event({"MSET", "a long key", "a long value"}));
@@ -186,7 +186,7 @@ TEST_F(Observers, EachEventIsAFrameOfItsOwn) {
     EXPECT_EQ(a.received(), event({"MSET", "a long key", "a long value"}) + event({"HDEL", "h"}));
 }
 
-TEST_F(Observers, NilAndEmptyElementsAreWrittenAsInReplies) {
+TEST_F(observers_test, nil_and_empty_elements_are_written_as_in_replies) {
     test_client a;
     observers_add(a.record());
     made_event frame_with_both({""});
@@ -195,7 +195,7 @@ TEST_F(Observers, NilAndEmptyElementsAreWrittenAsInReplies) {
     EXPECT_EQ(a.received(), "!2\r\n$0\r\n\r\n$-1\r\n");
 }
 
-TEST_F(Observers, TheEventStaysTheCallers) {
+TEST_F(observers_test, the_event_stays_the_callers) {
     test_client a;
     observers_add(a.record());
     made_event e({"MSET", "k", "v"});
@@ -204,7 +204,7 @@ TEST_F(Observers, TheEventStaysTheCallers) {
     EXPECT_EQ(a.received(), event({"MSET", "k", "v"}) + event({"MSET", "k", "v"}));
 }
 
-TEST_F(Observers, AFrameGoesBehindOutputThatIsBatchedAlready) {
+TEST_F(observers_test, a_frame_goes_behind_output_that_is_batched_already) {
     test_client a;
     observers_add(a.record());
     connection_send(a.conn, "+OK\r\n", 5);
@@ -213,7 +213,7 @@ TEST_F(Observers, AFrameGoesBehindOutputThatIsBatchedAlready) {
     EXPECT_EQ(a.received(), "+OK\r\n" + event({"MSET", "k", "v"}));
 }
 
-TEST_F(Observers, LargeFramesArriveWhole) {
+TEST_F(observers_test, large_frames_arrive_whole) {
     test_client a;
     observers_add(a.record());
     const std::string value(100000, 'x');
@@ -221,7 +221,7 @@ TEST_F(Observers, LargeFramesArriveWhole) {
     EXPECT_EQ(a.received(), event({"MSET", "k", value}));
 }
 
-TEST_F(Observers, ALargeFrameHoldsNoMemoryAfterwards) {
+TEST_F(observers_test, a_large_frame_holds_no_memory_afterwards) {
     if (POOL_OWN_BLOCKS) {
         GTEST_SKIP() << "this build's allocator does not say what it has handed out";
     }
@@ -236,7 +236,7 @@ TEST_F(Observers, ALargeFrameHoldsNoMemoryAfterwards) {
     EXPECT_LT(heap_in_use(), before + 5000);
 }
 
-TEST_F(Observers, AreToldFromTheHeadToTheEnd) {
+TEST_F(observers_test, are_told_from_the_head_to_the_end) {
     /* All three write to the same peer, each with a letter of its own before its frame. */
     test_client peers[3];
     for (int i = 0; i < 3; i++) {
@@ -251,7 +251,7 @@ TEST_F(Observers, AreToldFromTheHeadToTheEnd) {
     EXPECT_EQ(peers[0].received(), "c" + e + "b" + e + "a" + e);
 }
 
-TEST_F(Observers, OneThatIsGoneDoesNotKeepTheOthersFromBeingTold) {
+TEST_F(observers_test, one_that_is_gone_does_not_keep_the_others_from_being_told) {
     test_client a;
     test_client gone;
     test_client b;
@@ -273,7 +273,7 @@ TEST_F(Observers, OneThatIsGoneDoesNotKeepTheOthersFromBeingTold) {
     EXPECT_EQ(members(), (clients{b.record(), a.record()}));
 }
 
-TEST_F(Observers, WhoDoesNotReadIsClosedWhenTooMuchWaits) {
+TEST_F(observers_test, who_does_not_read_is_closed_when_too_much_waits) {
     test_client slow;
     test_client quick;
     observers_add(slow.record());
@@ -290,7 +290,7 @@ TEST_F(Observers, WhoDoesNotReadIsClosedWhenTooMuchWaits) {
     EXPECT_EQ(slow.conn->error, CONNECTION_BUFFER_FULL);
 }
 
-TEST_F(Observers, AnEventThatCannotBeComposedWholeIsSentToNobody) {
+TEST_F(observers_test, an_event_that_cannot_be_composed_whole_is_sent_to_nobody) {
     test_client a;
     observers_add(a.record());
     log.start();
@@ -303,7 +303,7 @@ TEST_F(Observers, AnEventThatCannotBeComposedWholeIsSentToNobody) {
 
 /* --- Traces --- */
 
-TEST_F(Observers, EachEventIsTraced) {
+TEST_F(observers_test, each_event_is_traced) {
     test_client a;
     observers_add(a.record());
     log.start();
@@ -312,7 +312,7 @@ TEST_F(Observers, EachEventIsTraced) {
                           "debug *** !3\r\n$4\r\nMSET\r\n$1\r\nk\r\n$1\r\nv\r\n\n");
 }
 
-TEST_F(Observers, NothingIsTracedAboveDebugLevel) {
+TEST_F(observers_test, nothing_is_traced_above_debug_level) {
     test_client a;
     observers_add(a.record());
     log.start(LOG_INFO);
@@ -320,13 +320,13 @@ TEST_F(Observers, NothingIsTracedAboveDebugLevel) {
     EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(Observers, WithoutObserversNothingIsTraced) {
+TEST_F(observers_test, without_observers_nothing_is_traced) {
     log.start();
     notify_observers(made_event({"MSET", "k", "v"}));
     EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(Observers, TheTraceEndsAtANulButTheFrameDoesNot) {
+TEST_F(observers_test, the_trace_ends_at_a_nul_but_the_frame_does_not) {
     test_client a;
     observers_add(a.record());
     log.start();
@@ -336,7 +336,7 @@ TEST_F(Observers, TheTraceEndsAtANulButTheFrameDoesNot) {
                           "debug *** !3\r\n$4\r\nMSET\r\n$1\r\nk\r\n$3\r\na\n");
 }
 
-TEST_F(Observers, NoTextOfAnEventIsAFormat) {
+TEST_F(observers_test, no_text_of_an_event_is_a_format) {
     test_client a;
     observers_add(a.record());
     log.start();
@@ -345,7 +345,7 @@ TEST_F(Observers, NoTextOfAnEventIsAFormat) {
                           "debug *** !3\r\n$4\r\nMSET\r\n$4\r\n%s%n\r\n$2\r\n%d\r\n\n");
 }
 
-TEST_F(Observers, TheTraceComesAfterTheFramesAreOut) {
+TEST_F(observers_test, the_trace_comes_after_the_frames_are_out) {
     test_client a;
     observers_add(a.record());
     log.start();
@@ -362,7 +362,7 @@ TEST_F(Observers, TheTraceComesAfterTheFramesAreOut) {
     EXPECT_EQ(a.received(), e + "debug *** notified clients with: \ndebug *** " + e + "\n");
 }
 
-TEST_F(Observers, AnEventOfWhichNobodyIsToldIsTracedAllTheSame) {
+TEST_F(observers_test, an_event_of_which_nobody_is_told_is_traced_all_the_same) {
     test_client issuer;
     observers_add(issuer.record());
     current_client = issuer.record();
@@ -375,19 +375,19 @@ TEST_F(Observers, AnEventOfWhichNobodyIsToldIsTracedAllTheSame) {
 
 /* --- The command --- */
 
-TEST_F(Observers, TheCommandMakesAClientAnObserver) {
+TEST_F(observers_test, the_command_makes_a_client_an_observer) {
     test_client a;
     EXPECT_EQ(a.call({"observe"}), "+OK\r\n");
     EXPECT_EQ(members(), clients{a.record()});
 }
 
-TEST_F(Observers, TheCommandIgnoresItsArguments) {
+TEST_F(observers_test, the_command_ignores_its_arguments) {
     test_client a;
     EXPECT_EQ(a.call({"OBSERVE", "nothing", "at", "all"}), "+OK\r\n");
     EXPECT_EQ(members(), clients{a.record()});
 }
 
-TEST_F(Observers, ObservingAgainIsAnsweredAndWarnedOfOnce) {
+TEST_F(observers_test, observing_again_is_answered_and_warned_of_once) {
     test_client a;
     a.call({"hello", "panel"});
     log.start(LOG_WARN);
@@ -399,7 +399,7 @@ TEST_F(Observers, ObservingAgainIsAnsweredAndWarnedOfOnce) {
     EXPECT_EQ(a.received(), event({"MSET", "k", "v"}));
 }
 
-TEST_F(Observers, ObservingAgainIsNotWarnedOfAboveWarnLevel) {
+TEST_F(observers_test, observing_again_is_not_warned_of_above_warn_level) {
     test_client a;
     a.call({"observe"});
     log.start(LOG_ERROR);
@@ -407,7 +407,7 @@ TEST_F(Observers, ObservingAgainIsNotWarnedOfAboveWarnLevel) {
     EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(Observers, AnObserverThatSetsAKeyGetsItsReplyAlone) {
+TEST_F(observers_test, an_observer_that_sets_a_key_gets_its_reply_alone) {
     test_client issuer;
     test_client other;
     issuer.call({"observe"});
@@ -416,7 +416,7 @@ TEST_F(Observers, AnObserverThatSetsAKeyGetsItsReplyAlone) {
     EXPECT_EQ(other.received(), event({"MSET", "k", "v"}));
 }
 
-TEST_F(Observers, HearOfAChangeBeforeItsIssuerHasItsReply) {
+TEST_F(observers_test, hear_of_a_change_before_its_issuer_has_its_reply) {
     test_client issuer;
     test_client other;
     other.call({"observe"});
@@ -429,7 +429,7 @@ TEST_F(Observers, HearOfAChangeBeforeItsIssuerHasItsReply) {
     EXPECT_EQ(issuer.received(), "+OK\r\n");
 }
 
-TEST_F(Observers, AChangeOutsideOfCommandsReachesAllOfThem) {
+TEST_F(observers_test, a_change_outside_of_commands_reaches_all_of_them) {
     test_client a;
     test_client b;
     a.call({"observe"});
@@ -439,7 +439,7 @@ TEST_F(Observers, AChangeOutsideOfCommandsReachesAllOfThem) {
     EXPECT_EQ(b.received(), event({"MSET", "cpu.load", "17"}));
 }
 
-TEST_F(Observers, DoNotHearOfListsDeletionsAndExpiries) {
+TEST_F(observers_test, do_not_hear_of_lists_deletions_and_expiries) {
     test_client issuer;
     test_client other;
     other.call({"observe"});
@@ -452,7 +452,7 @@ TEST_F(Observers, DoNotHearOfListsDeletionsAndExpiries) {
     EXPECT_EQ(other.received(), "");
 }
 
-TEST_F(Observers, TheOthersGoOnWhenOneDisconnects) {
+TEST_F(observers_test, the_others_go_on_when_one_disconnects) {
     for (int victim = 0; victim < 3; victim++) {
         test_client peers[3];
         for (test_client& peer : peers) {

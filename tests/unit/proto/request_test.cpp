@@ -136,21 +136,21 @@ template <size_t N> std::string_view raw(const char (&literal)[N]) {
 
 } // namespace
 
-TEST(RequestParser, ACommandWithoutArgumentsIsANameAlone) {
+TEST(request_parser_test, a_command_without_arguments_is_a_name_alone) {
     const parsed p("*1\r\n$4\r\nPING\r\n");
     ASSERT_NE(p.r, nullptr);
     EXPECT_EQ(bytes_of(p.r->name), "PING");
     EXPECT_EQ(p.r->argc, 0u);
 }
 
-TEST(RequestParser, ArgumentsFollowTheNameInOrder) {
+TEST(request_parser_test, arguments_follow_the_name_in_order) {
     const parsed p("*4\r\n$4\r\nmset\r\n$1\r\na\r\n$2\r\nbb\r\n$3\r\nccc\r\n");
     ASSERT_NE(p.r, nullptr);
     EXPECT_EQ(p.r->argc, 3u);
     EXPECT_EQ(p.words(), (words{"mset", "a", "bb", "ccc"}));
 }
 
-TEST(RequestParser, AnEmptyBulkIsAnEmptyString) {
+TEST(request_parser_test, an_empty_bulk_is_an_empty_string) {
     const parsed p("*2\r\n$3\r\nGET\r\n$0\r\n\r\n");
     ASSERT_NE(p.r, nullptr);
     ASSERT_NE(p.r->argv[0], nullptr);
@@ -158,28 +158,28 @@ TEST(RequestParser, AnEmptyBulkIsAnEmptyString) {
     EXPECT_EQ(p.r->argv[0][0], '\0');
 }
 
-TEST(RequestParser, TheNameMayBeEmpty) {
+TEST(request_parser_test, the_name_may_be_empty) {
     EXPECT_EQ(words_of("*1\r\n$0\r\n\r\n"), words{""});
 }
 
-TEST(RequestParser, ABulkMayHoldAnyByte) {
+TEST(request_parser_test, a_bulk_may_hold_any_byte) {
     EXPECT_EQ(words_of(raw("*2\r\n$3\r\nSET\r\n$8\r\n\0\r\n$1\r\n\xff\r\n")),
               (words{"SET", std::string("\0\r\n$1\r\n\xff", 8)}));
 }
 
-TEST(RequestParser, WhatFollowsTheLastElementIsNotLookedAt) {
+TEST(request_parser_test, what_follows_the_last_element_is_not_looked_at) {
     EXPECT_EQ(words_of("*1\r\n$4\r\nPING\r\n*1\r\n$4\r\nPONG\r\n"), words{"PING"});
     EXPECT_EQ(words_of("*1\r\n$4\r\nPING\r\n\r"), words{"PING"});
     EXPECT_EQ(words_of(raw("*1\r\n$4\r\nPING\r\n\0garbage")), words{"PING"});
 }
 
-TEST(RequestParser, HeaderLinesMayEndInABareLineFeed) {
+TEST(request_parser_test, header_lines_may_end_in_a_bare_line_feed) {
     EXPECT_EQ(words_of("*2\n$3\nGET\r\n$1\nk\r\n"), (words{"GET", "k"}));
     /* The shortest request there is. */
     EXPECT_EQ(words_of("*1\n$0\n\r\n"), words{""});
 }
 
-TEST(RequestParser, DataMustBeFollowedByExactlyCrLf) {
+TEST(request_parser_test, data_must_be_followed_by_exactly_cr_lf) {
     EXPECT_EQ(words_of("*1\r\n$4\r\nPING\n\n"), REFUSED);
     EXPECT_EQ(words_of("*1\r\n$4\r\nPING\n"), REFUSED);
     EXPECT_EQ(words_of("*1\r\n$4\r\nPING\r\r"), REFUSED);
@@ -190,7 +190,7 @@ TEST(RequestParser, DataMustBeFollowedByExactlyCrLf) {
     EXPECT_EQ(words_of("*2\r\n$3\r\nGET\r\n$1\r\nkx\r\n"), REFUSED);
 }
 
-TEST(RequestParser, TheInputKeepsItsPlaceAndItsDataButNotItsLineEnds) {
+TEST(request_parser_test, the_input_keeps_its_place_and_its_data_but_not_its_line_ends) {
     const std::string_view bytes = "*2\r\n$3\r\nGET\r\n$2\nk\r\r\nrest";
     const parsed p(bytes);
     EXPECT_EQ(p.words(), (words{"GET", "k\r"}));
@@ -199,7 +199,7 @@ TEST(RequestParser, TheInputKeepsItsPlaceAndItsDataButNotItsLineEnds) {
               raw("*2\0\0$3\0\0GET\r\n$2\0k\r\r\nrest"));
 }
 
-TEST(RequestParser, ParsingStartsAtTheUnreadBytes) {
+TEST(request_parser_test, parsing_starts_at_the_unread_bytes) {
     buffer input;
     buffer_init(&input, 0, 0);
     const std::string bytes = "rest of what was read*1\r\n$4\r\nPING\r\n";
@@ -213,14 +213,14 @@ TEST(RequestParser, ParsingStartsAtTheUnreadBytes) {
     buffer_free(&input);
 }
 
-TEST(RequestParser, AnEmptyInputIsRefused) {
+TEST(request_parser_test, an_empty_input_is_refused) {
     EXPECT_EQ(words_of(""), REFUSED);
     buffer never_used;
     buffer_init(&never_used, 0, 0);
     EXPECT_EQ(request_parse(&never_used), nullptr);
 }
 
-TEST(RequestParser, InlineCommandsAreRefused) {
+TEST(request_parser_test, inline_commands_are_refused) {
     EXPECT_EQ(words_of("PING\r\n"), REFUSED);
     EXPECT_EQ(words_of("$4\r\nPING\r\n"), REFUSED);
     EXPECT_EQ(words_of("+OK\r\n"), REFUSED);
@@ -228,20 +228,20 @@ TEST(RequestParser, InlineCommandsAreRefused) {
     EXPECT_EQ(words_of("\r\n*1\r\n$4\r\nPING\r\n"), REFUSED);
 }
 
-TEST(RequestParser, ARequestWithoutElementsIsRefused) {
+TEST(request_parser_test, a_request_without_elements_is_refused) {
     EXPECT_EQ(words_of("*0\r\n"), REFUSED);
     EXPECT_EQ(words_of("*0\r\n$4\r\nPING\r\n"), REFUSED);
     EXPECT_EQ(words_of("*00\r\n$4\r\nPING\r\n"), REFUSED);
 }
 
-TEST(RequestParser, ACountWithoutDigitsIsRefused) {
+TEST(request_parser_test, a_count_without_digits_is_refused) {
     for (const char* line : {"*", "*x", "* ", "*-", "*+", "*--1", "*\t", "**1", "* x1"}) {
         EXPECT_EQ(words_of(std::string(line) + "\r\n$4\r\nPING\r\n"), REFUSED) << line;
         EXPECT_EQ(words_of(std::string(line) + "\n$4\r\nPING\r\n"), REFUSED) << line;
     }
 }
 
-TEST(RequestParser, ALengthWithoutDigitsIsRefused) {
+TEST(request_parser_test, a_length_without_digits_is_refused) {
     for (const char* line : {"$", "$x", "$ ", "$-", "$+", "$$4", "4", "", "*4", " $4"}) {
         EXPECT_EQ(words_of("*1\r\n" + std::string(line) + "\r\nPING\r\n"), REFUSED) << line;
         EXPECT_EQ(words_of("*2\r\n$3\r\nGET\r\n" + std::string(line) + "\r\nPING\r\n"), REFUSED)
@@ -249,7 +249,7 @@ TEST(RequestParser, ALengthWithoutDigitsIsRefused) {
     }
 }
 
-TEST(RequestParser, NumbersAreReadAsTheCLibraryReadsThem) {
+TEST(request_parser_test, numbers_are_read_as_the_c_library_reads_them) {
     for (const char* count :
          {" 1", "+1", "1x", "1 2", "1\r", "1.9", "\t1", " +1", "01", "0000000001",
           "00000000000000000000001", "1\rx", "-4294967295", "\v\f1"}) {
@@ -262,13 +262,13 @@ TEST(RequestParser, NumbersAreReadAsTheCLibraryReadsThem) {
     }
 }
 
-TEST(RequestParser, NumbersAreDecimal) {
+TEST(request_parser_test, numbers_are_decimal) {
     EXPECT_EQ(words_of("*0x1\r\n$4\r\nPING\r\n"), REFUSED);
     EXPECT_EQ(words_of("*1\r\n$0x4\r\nPING\r\n"), REFUSED);
     EXPECT_EQ(words_of("*1\r\n$010\r\nPINGPINGPI\r\n"), words{"PINGPINGPI"});
 }
 
-TEST(RequestParser, TheByteBehindTheNineIsNoDigit) {
+TEST(request_parser_test, the_byte_behind_the_nine_is_no_digit) {
     std::string ten = "*:\r\n";
     for (int i = 0; i < 10; i++) {
         ten += "$1\r\nx\r\n";
@@ -278,17 +278,17 @@ TEST(RequestParser, TheByteBehindTheNineIsNoDigit) {
     EXPECT_EQ(words_of("*1\r\n$1:\r\nx\r\n"), words{"x"});
 }
 
-TEST(RequestParser, ANumberEndsAtANul) {
+TEST(request_parser_test, a_number_ends_at_a_nul) {
     EXPECT_EQ(words_of(raw("*1\0009\r\n$4\0008\r\nPING\r\n")), words{"PING"});
 }
 
-TEST(RequestParser, ALineThatBeginsWithANulIsRefused) {
+TEST(request_parser_test, a_line_that_begins_with_a_nul_is_refused) {
     EXPECT_EQ(words_of(raw("\0*1\r\n$4\r\nPING\r\n")), REFUSED);
     EXPECT_EQ(words_of(raw("*1\r\n\0$4\r\nPING\r\n")), REFUSED);
     EXPECT_EQ(words_of(raw("*\0001\r\n$4\r\nPING\r\n")), REFUSED);
 }
 
-TEST(RequestParser, LengthsOfAnyNumberOfDigitsAreRead) {
+TEST(request_parser_test, lengths_of_any_number_of_digits_are_read) {
     for (const size_t length : {9u, 10u, 99u, 100u, 999u, 1000u, 99999u, 1000000u}) {
         const std::string value(length, 'v');
         EXPECT_EQ(
@@ -298,7 +298,7 @@ TEST(RequestParser, LengthsOfAnyNumberOfDigitsAreRead) {
     }
 }
 
-TEST(RequestParser, CountsOfAnyNumberOfDigitsAreRead) {
+TEST(request_parser_test, counts_of_any_number_of_digits_are_read) {
     for (const size_t count : {9u, 10u, 11u, 99u, 100u, 101u, 12345u}) {
         std::string bytes = "*" + std::to_string(count) + "\r\n";
         words expected;
@@ -310,7 +310,7 @@ TEST(RequestParser, CountsOfAnyNumberOfDigitsAreRead) {
     }
 }
 
-TEST(RequestParser, CountsThatCannotFitIntoTheBytesAreRefused) {
+TEST(request_parser_test, counts_that_cannot_fit_into_the_bytes_are_refused) {
     for (const char* count : {"2",
                               "3",
                               "10",
@@ -337,14 +337,14 @@ TEST(RequestParser, CountsThatCannotFitIntoTheBytesAreRefused) {
     }
 }
 
-TEST(RequestParser, EveryElementNeedsItsBytes) {
+TEST(request_parser_test, every_element_needs_its_bytes) {
     const std::string shortest = "$0\n\r\n";
     EXPECT_EQ(words_of("*3\n" + shortest + shortest + shortest), (words{"", "", ""}));
     EXPECT_EQ(words_of("*4\n" + shortest + shortest + shortest), REFUSED);
     EXPECT_EQ(words_of("*4\n" + shortest + shortest + shortest + "$0\n\r"), REFUSED);
 }
 
-TEST(RequestParser, LengthsBeyondTheBytesAreRefused) {
+TEST(request_parser_test, lengths_beyond_the_bytes_are_refused) {
     for (const char* length : {"5",
                                "6",
                                "7",
@@ -369,7 +369,7 @@ TEST(RequestParser, LengthsBeyondTheBytesAreRefused) {
     }
 }
 
-TEST(RequestParser, ARequestThatIsCutAnywhereIsRefused) {
+TEST(request_parser_test, a_request_that_is_cut_anywhere_is_refused) {
     const std::string requests[] = {
         "*1\r\n$4\r\nPING\r\n",
         "*3\r\n$3\r\nSET\r\n$3\r\nkey\r\n$12\r\nsome\r\nvalue\n\r\n",
@@ -386,7 +386,7 @@ TEST(RequestParser, ARequestThatIsCutAnywhereIsRefused) {
     }
 }
 
-TEST(RequestParser, ABrokenByteAnywhereIsRefusedOrReadAsAnotherRequest) {
+TEST(request_parser_test, a_broken_byte_anywhere_is_refused_or_read_as_another_request) {
     const std::string whole = "*3\r\n$3\r\nSET\r\n$3\r\nkey\r\n$11\r\nsome\r\nvalue\r\n";
     ASSERT_EQ(reference(whole), (words{"SET", "key", "some\r\nvalue"}));
     size_t accepted = 0;
@@ -403,7 +403,7 @@ TEST(RequestParser, ABrokenByteAnywhereIsRefusedOrReadAsAnotherRequest) {
     EXPECT_GE(accepted, 17 * 256u);
 }
 
-TEST(RequestParser, RandomBytesAreRefusedOrReadAsTheyStand) {
+TEST(request_parser_test, random_bytes_are_refused_or_read_as_they_stand) {
     std::mt19937 random(3);
     const std::string_view alphabet = raw("*$\r\n\0"
                                           "0123456789 +-x");
@@ -422,7 +422,7 @@ TEST(RequestParser, RandomBytesAreRefusedOrReadAsTheyStand) {
     EXPECT_GT(accepted, 100u);
 }
 
-TEST(RequestParser, TheLargestDeliveryMayBeAllElements) {
+TEST(request_parser_test, the_largest_delivery_may_be_all_elements) {
     /* Nearly 1 MiB. */
     const uint32_t count = 209000;
     std::string bytes = "*" + std::to_string(count) + "\n";
@@ -435,7 +435,7 @@ TEST(RequestParser, TheLargestDeliveryMayBeAllElements) {
     EXPECT_EQ(bytes_of(p.r->argv[count - 2]), "");
 }
 
-TEST(RequestParser, ARequestThatFailsAtItsLastElementIsFreed) {
+TEST(request_parser_test, a_request_that_fails_at_its_last_element_is_freed) {
     std::string bytes = "*1000\r\n";
     for (int i = 0; i < 999; i++) {
         bytes += "$300\r\n" + std::string(300, 'x') + "\r\n";

@@ -13,13 +13,13 @@ using namespace unit_test;
 
 namespace {
 
-class Replies : public ::testing::Test {
+class replies_test : public ::testing::Test {
   protected:
-    Replies() {
+    replies_test() {
         buffer_init(&out, 0, 0);
     }
 
-    ~Replies() override {
+    ~replies_test() override {
         buffer_free(&out);
         resp_free(r);
     }
@@ -59,7 +59,7 @@ std::string integer_frame(int64_t value) {
 
 } // namespace
 
-TEST(ReplyTypes, HaveFixedNumbers) {
+TEST(reply_types_test, have_fixed_numbers) {
     EXPECT_EQ(RESP_TNONE, 0u);
     EXPECT_EQ(RESP_TSTATUS, 1u);
     EXPECT_EQ(RESP_TERROR, 2u);
@@ -68,17 +68,17 @@ TEST(ReplyTypes, HaveFixedNumbers) {
     EXPECT_EQ(RESP_TMBULK, 5u);
 }
 
-TEST(ReplyTypes, NilHasAllBitsSet) {
+TEST(reply_types_test, nil_has_all_bits_set) {
     EXPECT_EQ(reinterpret_cast<uintptr_t>(RESP_NIL), ~uintptr_t{0});
 }
 
-TEST_F(Replies, ANewReplyIsEmptyAndWritesNothing) {
+TEST_F(replies_test, a_new_reply_is_empty_and_writes_nothing) {
     EXPECT_EQ(r->type, RESP_TNONE);
     EXPECT_EQ(resp_write(r, &out), 0u);
     EXPECT_EQ(out.length, 0u);
 }
 
-TEST_F(Replies, AnUnknownTypeWritesNothing) {
+TEST_F(replies_test, an_unknown_type_writes_nothing) {
     r->type = 6;
     EXPECT_EQ(resp_write(r, &out), 0u);
     EXPECT_EQ(out.length, 0u);
@@ -88,35 +88,35 @@ TEST_F(Replies, AnUnknownTypeWritesNothing) {
     r->type = RESP_TNONE;
 }
 
-TEST_F(Replies, AStatusWithoutTextIsOk) {
+TEST_F(replies_test, a_status_without_text_is_ok) {
     resp_status(r, nullptr);
     EXPECT_EQ(r->type, RESP_TSTATUS);
     EXPECT_EQ(frame_of(), "+OK\r\n");
 }
 
-TEST_F(Replies, AStatusShowsItsText) {
+TEST_F(replies_test, a_status_shows_its_text) {
     resp_status(r, "PONG");
     EXPECT_EQ(frame_of(), "+PONG\r\n");
 }
 
-TEST_F(Replies, AnErrorIsBareWhateverItsReason) {
+TEST_F(replies_test, an_error_is_bare_whatever_its_reason) {
     resp_error(r, nullptr, "failed to INCR on non-number value");
     EXPECT_EQ(r->type, RESP_TERROR);
     EXPECT_EQ(frame_of(), "-ERR\r\n");
 }
 
-TEST_F(Replies, AnErrorTextIsWrittenTwice) {
+TEST_F(replies_test, an_error_text_is_written_twice) {
     resp_error(r, "BAD", nullptr);
     EXPECT_EQ(frame_of(), "-BADBAD\r\n");
 }
 
-TEST_F(Replies, TextsHaveNoLimitOfTheirOwn) {
+TEST_F(replies_test, texts_have_no_limit_of_their_own) {
     const std::string longer(1000, 'x');
     resp_error(r, longer.c_str(), nullptr);
     EXPECT_EQ(frame_of(), "-" + longer + longer + "\r\n");
 }
 
-TEST_F(Replies, IntegersAreWrittenInFull) {
+TEST_F(replies_test, integers_are_written_in_full) {
     EXPECT_EQ(integer_frame(0), ":0\r\n");
     EXPECT_EQ(integer_frame(1), ":1\r\n");
     EXPECT_EQ(integer_frame(-5), ":-5\r\n");
@@ -127,30 +127,30 @@ TEST_F(Replies, IntegersAreWrittenInFull) {
     EXPECT_EQ(integer_frame(INT64_MIN), ":-9223372036854775808\r\n");
 }
 
-TEST_F(Replies, ABulkShowsAllBytesOfItsString) {
+TEST_F(replies_test, a_bulk_shows_all_bytes_of_its_string) {
     text value(std::string_view("a\0\r\nb", 5));
     resp_bulk(r, value);
     EXPECT_EQ(r->type, RESP_TBULK);
     EXPECT_EQ(frame_of(), std::string("$5\r\na\0\r\nb\r\n", 11));
 }
 
-TEST_F(Replies, AnEmptyStringIsAnEmptyBulk) {
+TEST_F(replies_test, an_empty_string_is_an_empty_bulk) {
     text value("");
     resp_bulk(r, value);
     EXPECT_EQ(frame_of(), "$0\r\n\r\n");
 }
 
-TEST_F(Replies, AnAbsentStringIsAnEmptyBulk) {
+TEST_F(replies_test, an_absent_string_is_an_empty_bulk) {
     resp_bulk(r, nullptr);
     EXPECT_EQ(frame_of(), "$0\r\n\r\n");
 }
 
-TEST_F(Replies, NilIsABulkOfLengthMinusOne) {
+TEST_F(replies_test, nil_is_a_bulk_of_length_minus_one) {
     resp_bulk(r, RESP_NIL);
     EXPECT_EQ(frame_of(), "$-1\r\n");
 }
 
-TEST_F(Replies, ElementsFollowTheirCountInOrder) {
+TEST_F(replies_test, elements_follow_their_count_in_order) {
     text one("1");
     text three("three");
     resp_add(r, one);
@@ -161,7 +161,7 @@ TEST_F(Replies, ElementsFollowTheirCountInOrder) {
     EXPECT_EQ(frame_of(), "*3\r\n$1\r\n1\r\n$-1\r\n$5\r\nthree\r\n");
 }
 
-TEST_F(Replies, ANullElementAddsNothing) {
+TEST_F(replies_test, a_null_element_adds_nothing) {
     text a("a");
     text b("b");
     resp_add(r, a);
@@ -170,14 +170,14 @@ TEST_F(Replies, ANullElementAddsNothing) {
     EXPECT_EQ(frame_of(), "*2\r\n$1\r\na\r\n$1\r\nb\r\n");
 }
 
-TEST_F(Replies, NullElementsAloneMakeAnEmptyMultibulk) {
+TEST_F(replies_test, null_elements_alone_make_an_empty_multibulk) {
     resp_add(r, nullptr);
     resp_add(r, nullptr);
     EXPECT_EQ(r->type, RESP_TMBULK);
     EXPECT_EQ(frame_of(), "*0\r\n");
 }
 
-TEST_F(Replies, ANotificationBeginsWithAnExclamationMark) {
+TEST_F(replies_test, a_notification_begins_with_an_exclamation_mark) {
     text name("MSET");
     text key("k");
     text value("v");
@@ -187,14 +187,14 @@ TEST_F(Replies, ANotificationBeginsWithAnExclamationMark) {
     EXPECT_EQ(event_of(), "!3\r\n$4\r\nMSET\r\n$1\r\nk\r\n$1\r\nv\r\n");
 }
 
-TEST_F(Replies, ANotificationMayHoldNilAndEmptyElements) {
+TEST_F(replies_test, a_notification_may_hold_nil_and_empty_elements) {
     text empty("");
     resp_add(r, RESP_NIL);
     resp_add(r, empty);
     EXPECT_EQ(event_of(), "!2\r\n$-1\r\n$0\r\n\r\n");
 }
 
-TEST_F(Replies, FramesAreAppendedToWhatIsThere) {
+TEST_F(replies_test, frames_are_appended_to_what_is_there) {
     resp_status(r, nullptr);
     buffer_append(&out, "before", 6);
     EXPECT_NE(resp_write(r, &out), 0u);
@@ -202,7 +202,7 @@ TEST_F(Replies, FramesAreAppendedToWhatIsThere) {
     EXPECT_EQ(written(), "before+OK\r\n+OK\r\n");
 }
 
-TEST_F(Replies, AReplyOnlyBorrowsItsStrings) {
+TEST_F(replies_test, a_reply_only_borrows_its_strings) {
     sstr value = sstr_new("value", 5);
     resp* list = resp_new();
     resp_add(list, value);
@@ -215,7 +215,7 @@ TEST_F(Replies, AReplyOnlyBorrowsItsStrings) {
     sstr_free(&value);
 }
 
-TEST_F(Replies, ManyElementsAreWrittenAndFreed) {
+TEST_F(replies_test, many_elements_are_written_and_freed) {
     text value("x");
     std::string expected = "*100000\r\n";
     for (int i = 0; i < 100000; i++) {
@@ -227,7 +227,7 @@ TEST_F(Replies, ManyElementsAreWrittenAndFreed) {
 
 /* --- Frames that the buffer cannot take --- */
 
-TEST_F(Replies, AFrameBeyondTheLimitIsReported) {
+TEST_F(replies_test, a_frame_beyond_the_limit_is_reported) {
     buffer small;
     buffer_init(&small, 16, 64);
     text value(std::string(100, 'x'));
@@ -236,7 +236,7 @@ TEST_F(Replies, AFrameBeyondTheLimitIsReported) {
     buffer_free(&small);
 }
 
-TEST_F(Replies, AMultibulkStopsAtTheElementThatDoesNotFit) {
+TEST_F(replies_test, a_multibulk_stops_at_the_element_that_does_not_fit) {
     buffer small;
     buffer_init(&small, 16, 64);
     text fits("fits");
@@ -251,7 +251,7 @@ TEST_F(Replies, AMultibulkStopsAtTheElementThatDoesNotFit) {
     buffer_free(&small);
 }
 
-TEST_F(Replies, EveryKindOfFrameReportsThatItDoesNotFit) {
+TEST_F(replies_test, every_kind_of_frame_reports_that_it_does_not_fit) {
     text value("v");
     for (int kind = 0; kind < 5; kind++) {
         resp* full = resp_new();
@@ -281,7 +281,7 @@ TEST_F(Replies, EveryKindOfFrameReportsThatItDoesNotFit) {
     }
 }
 
-TEST_F(Replies, TheBoundIsNeverBelowTheSizeOfTheFrame) {
+TEST_F(replies_test, the_bound_is_never_below_the_size_of_the_frame) {
     text value(std::string(12345, 'x'));
     const auto expect_bound = [this](resp* full) {
         resp_write(full, &out);
@@ -312,28 +312,28 @@ TEST_F(Replies, TheBoundIsNeverBelowTheSizeOfTheFrame) {
     }
 }
 
-TEST_F(Replies, MultibulksHaveNoBound) {
+TEST_F(replies_test, multibulks_have_no_bound) {
     resp_add(r, nullptr);
     EXPECT_EQ(resp_size_bound(r), UINT32_MAX);
 }
 
 /* --- Popped items --- */
 
-TEST_F(Replies, APoppedItemIsTracedAndDestroyed) {
+TEST_F(replies_test, a_popped_item_is_traced_and_destroyed) {
     resp_bulk(r, sstr_new("item", 4));
     log.start();
     resp_pop_destroy(r);
     EXPECT_EQ(log.text(), "debug *** [POP]  destrog (item)\n");
 }
 
-TEST_F(Replies, APoppedItemIsDestroyedSilentlyAboveDebugLevel) {
+TEST_F(replies_test, a_popped_item_is_destroyed_silently_above_debug_level) {
     resp_bulk(r, sstr_new("item", 4));
     log.start(LOG_INFO);
     resp_pop_destroy(r);
     EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(Replies, WithoutAnItemThereIsNothingToDestroy) {
+TEST_F(replies_test, without_an_item_there_is_nothing_to_destroy) {
     log.start();
     resp_bulk(r, RESP_NIL);
     resp_pop_destroy(r);
@@ -357,7 +357,7 @@ TEST_F(Replies, WithoutAnItemThereIsNothingToDestroy) {
             ::testing::HasSubstr("fatal *** assertion \"" expression "\" failed at proto:"),       \
             ::testing::ContainsRegex("failed at proto:[1-9][0-9]*\n")))
 
-TEST_F(Replies, AFilledReplyCannotBeFilledAgain) {
+TEST_F(replies_test, a_filled_reply_cannot_be_filled_again) {
     resp_integer(r, 1);
     EXPECT_PROTO_ASSERTION(resp_status(r, nullptr), "resp->type == RESP_TNONE");
     EXPECT_PROTO_ASSERTION(resp_error(r, nullptr, nullptr), "resp->type == RESP_TNONE");
@@ -365,24 +365,24 @@ TEST_F(Replies, AFilledReplyCannotBeFilledAgain) {
     EXPECT_PROTO_ASSERTION(resp_bulk(r, nullptr), "resp->type == RESP_TNONE");
 }
 
-TEST_F(Replies, AMultibulkCannotBecomeAnotherReply) {
+TEST_F(replies_test, a_multibulk_cannot_become_another_reply) {
     resp_add(r, nullptr);
     EXPECT_PROTO_ASSERTION(resp_bulk(r, nullptr), "resp->type == RESP_TNONE");
 }
 
-TEST_F(Replies, ElementsWantAnEmptyReplyOrAMultibulk) {
+TEST_F(replies_test, elements_want_an_empty_reply_or_a_multibulk) {
     resp_bulk(r, nullptr);
     EXPECT_PROTO_ASSERTION(resp_add(r, nullptr),
                            "resp->type == RESP_TNONE || resp->type == RESP_TMBULK");
 }
 
-TEST_F(Replies, ANotificationWantsAMultibulk) {
+TEST_F(replies_test, a_notification_wants_a_multibulk) {
     EXPECT_PROTO_ASSERTION(resp_write_notify(r, &out), "resp->type == RESP_TMBULK");
     resp_status(r, nullptr);
     EXPECT_PROTO_ASSERTION(resp_write_notify(r, &out), "resp->type == RESP_TMBULK");
 }
 
-TEST_F(Replies, DestroyingAPoppedItemWantsABulk) {
+TEST_F(replies_test, destroying_a_popped_item_wants_a_bulk) {
     EXPECT_PROTO_ASSERTION(resp_pop_destroy(r), "resp->type == RESP_TBULK");
     resp_add(r, nullptr);
     EXPECT_PROTO_ASSERTION(resp_pop_destroy(r), "resp->type == RESP_TBULK");

@@ -44,7 +44,7 @@ const std::string FOLDER = "/usr/lib/lua/tplugins/";
 /* Every test runs in a process with a plug-in folder of its own: real scripts, started by a real
  * shell. A script tells over a pipe on which tick it was started; the pipe ends when the last
  * script has. */
-class PlugIns : public store_test {
+class plug_ins_test : public store_test {
   protected:
     void in_own_folder(const std::function<void()>& body) {
         run_in_own_world(own_plugin_folder, [&] {
@@ -202,7 +202,7 @@ std::vector<pid_t> own_children() {
 
 /* --- When scripts run --- */
 
-TEST_F(PlugIns, RunOnThePeriodOfTheirNamesCountedInTicks) {
+TEST_F(plug_ins_test, run_on_the_period_of_their_names_counted_in_ticks) {
     in_own_folder([&] {
         add("1_x.sh");
         add("2_x.sh");
@@ -218,7 +218,7 @@ TEST_F(PlugIns, RunOnThePeriodOfTheirNamesCountedInTicks) {
     });
 }
 
-TEST_F(PlugIns, CountFromTheTickOnWhichTheyWereFound) {
+TEST_F(plug_ins_test, count_from_the_tick_on_which_they_were_found) {
     in_own_folder([&] {
         tick(3);
         add("3_late.sh");
@@ -230,7 +230,7 @@ TEST_F(PlugIns, CountFromTheTickOnWhichTheyWereFound) {
     });
 }
 
-TEST_F(PlugIns, WithALongPeriodRunOnItsLastTickAndNotBefore) {
+TEST_F(plug_ins_test, with_a_long_period_run_on_its_last_tick_and_not_before) {
     in_own_folder([&] {
         add("60_report.sh");
         tick(59);
@@ -242,7 +242,7 @@ TEST_F(PlugIns, WithALongPeriodRunOnItsLastTickAndNotBefore) {
     });
 }
 
-TEST_F(PlugIns, OfPeriodZeroRunOnceOnTheTickOnWhichTheyWereFound) {
+TEST_F(plug_ins_test, of_period_zero_run_once_on_the_tick_on_which_they_were_found) {
     in_own_folder([&] {
         tick();
         add("0_boot.sh");
@@ -260,7 +260,7 @@ TEST_F(PlugIns, OfPeriodZeroRunOnceOnTheTickOnWhichTheyWereFound) {
     });
 }
 
-TEST_F(PlugIns, ThatRanOnceNeverRunAgainEvenIfTheirFilesAreReplaced) {
+TEST_F(plug_ins_test, that_ran_once_never_run_again_even_if_their_files_are_replaced) {
     in_own_folder([&] {
         add("0_boot.sh");
         tick(2);
@@ -273,7 +273,7 @@ TEST_F(PlugIns, ThatRanOnceNeverRunAgainEvenIfTheirFilesAreReplaced) {
     });
 }
 
-TEST_F(PlugIns, ThatRanOnceAreNewWhenTheirXBitWasTakenInTheMeantime) {
+TEST_F(plug_ins_test, that_ran_once_are_new_when_their_x_bit_was_taken_in_the_meantime) {
     in_own_folder([&] {
         add("0_boot.sh");
         tick();
@@ -285,7 +285,7 @@ TEST_F(PlugIns, ThatRanOnceAreNewWhenTheirXBitWasTakenInTheMeantime) {
     });
 }
 
-TEST_F(PlugIns, WithoutDigitsAreListedAndNeverRun) {
+TEST_F(plug_ins_test, without_digits_are_listed_and_never_run) {
     in_own_folder([&] {
         for (const char* name : {"check.sh", "x5_a.sh", "+_a.sh", "-_a.sh", "_5", "-"}) {
             add(name);
@@ -299,7 +299,7 @@ TEST_F(PlugIns, WithoutDigitsAreListedAndNeverRun) {
     });
 }
 
-TEST_F(PlugIns, OfANegativePeriodAreListedWithItAndNeverRun) {
+TEST_F(plug_ins_test, of_a_negative_period_are_listed_with_it_and_never_run) {
     in_own_folder([&] {
         add("-5_x.sh");
         add("-1_y.sh");
@@ -315,7 +315,7 @@ TEST_F(PlugIns, OfANegativePeriodAreListedWithItAndNeverRun) {
     });
 }
 
-TEST_F(PlugIns, PeriodsAreDecimalAndEndAtTheFirstOtherCharacter) {
+TEST_F(plug_ins_test, periods_are_decimal_and_end_at_the_first_other_character) {
     in_own_folder([&] {
         for (const char* name : {"03_a.sh", "0x2_b.sh", "2.5_c.sh", "+3_d.sh", "4e1_e.sh"}) {
             add(name);
@@ -332,7 +332,7 @@ TEST_F(PlugIns, PeriodsAreDecimalAndEndAtTheFirstOtherCharacter) {
     });
 }
 
-TEST_F(PlugIns, PeriodsBeyond32BitsSaturate) {
+TEST_F(plug_ins_test, periods_beyond_32_bits_saturate) {
     in_own_folder([&] {
         add("4294967297_x.sh");
         add("99999999999999999999_y.sh");
@@ -344,7 +344,7 @@ TEST_F(PlugIns, PeriodsBeyond32BitsSaturate) {
     });
 }
 
-TEST_F(PlugIns, LeadingBlanksBelongToTheNumberButTheShellDoesNotFindTheScript) {
+TEST_F(plug_ins_test, leading_blanks_belong_to_the_number_but_the_shell_does_not_find_the_script) {
     in_own_folder([&] {
         add(" 2_x.sh");
         add("\t3_y.sh");
@@ -359,7 +359,7 @@ TEST_F(PlugIns, LeadingBlanksBelongToTheNumberButTheShellDoesNotFindTheScript) {
     });
 }
 
-TEST_F(PlugIns, AreStartedInTheOrderInWhichTheyWereFound) {
+TEST_F(plug_ins_test, are_started_in_the_order_in_which_they_were_found) {
     in_own_folder([&] {
         for (const char* name : {"1_c", "1_a", "1_b"}) {
             write_script(name, "echo \"$TICK $$ ${0##*/}\" >&$OUT");
@@ -387,7 +387,7 @@ TEST_F(PlugIns, AreStartedInTheOrderInWhichTheyWereFound) {
     });
 }
 
-TEST_F(PlugIns, ThatAreDeletedAreStartedAllTheSameAndFailInTheShell) {
+TEST_F(plug_ins_test, that_are_deleted_are_started_all_the_same_and_fail_in_the_shell) {
     in_own_folder([&] {
         add("1_gone.sh");
         add("2_gone.sh");
@@ -416,7 +416,7 @@ TEST_F(PlugIns, ThatAreDeletedAreStartedAllTheSameAndFailInTheShell) {
 
 /* --- Which files are listed --- */
 
-TEST_F(PlugIns, AreListedOnceWhenFirstSeen) {
+TEST_F(plug_ins_test, are_listed_once_when_first_seen) {
     in_own_folder([&] {
         add("2_x.sh");
         tick(5);
@@ -424,7 +424,7 @@ TEST_F(PlugIns, AreListedOnceWhenFirstSeen) {
     });
 }
 
-TEST_F(PlugIns, AreExecutableRegularFilesWhoseNamesDoNotBeginWithADot) {
+TEST_F(plug_ins_test, are_executable_regular_files_whose_names_do_not_begin_with_a_dot) {
     in_own_folder([&] {
         add("1_plain.sh", 0644);
         add(".1_hidden.sh");
@@ -438,7 +438,7 @@ TEST_F(PlugIns, AreExecutableRegularFilesWhoseNamesDoNotBeginWithADot) {
     });
 }
 
-TEST_F(PlugIns, MayBeLinksToScripts) {
+TEST_F(plug_ins_test, may_be_links_to_scripts) {
     in_own_folder([&] {
         write_script(".real", "echo \"$TICK link\" >&$OUT");
         ASSERT_EQ(symlink(".real", (FOLDER + "2_link").c_str()), 0);
@@ -448,7 +448,7 @@ TEST_F(PlugIns, MayBeLinksToScripts) {
     });
 }
 
-TEST_F(PlugIns, AreListedWhenTheyBecomeExecutable) {
+TEST_F(plug_ins_test, are_listed_when_they_become_executable) {
     in_own_folder([&] {
         add("1_x.sh", 0644);
         tick(2);
@@ -459,7 +459,7 @@ TEST_F(PlugIns, AreListedWhenTheyBecomeExecutable) {
     });
 }
 
-TEST_F(PlugIns, LeaveTheListWhenTheirXBitIsTaken) {
+TEST_F(plug_ins_test, leave_the_list_when_their_x_bit_is_taken) {
     in_own_folder([&] {
         add("1_x.sh");
         add("2_y.sh");
@@ -474,7 +474,7 @@ TEST_F(PlugIns, LeaveTheListWhenTheirXBitIsTaken) {
     });
 }
 
-TEST_F(PlugIns, ThatComeBackCountAfresh) {
+TEST_F(plug_ins_test, that_come_back_count_afresh) {
     in_own_folder([&] {
         add("3_x.sh");
         tick(2);
@@ -488,7 +488,7 @@ TEST_F(PlugIns, ThatComeBackCountAfresh) {
     });
 }
 
-TEST_F(PlugIns, ThatAreDeletedStayListedAndAreStartedAgainWhenTheyComeBack) {
+TEST_F(plug_ins_test, that_are_deleted_stay_listed_and_are_started_again_when_they_come_back) {
     in_own_folder([&] {
         add("3_x.sh");
         tick(2);
@@ -505,7 +505,7 @@ TEST_F(PlugIns, ThatAreDeletedStayListedAndAreStartedAgainWhenTheyComeBack) {
     });
 }
 
-TEST_F(PlugIns, GoOnWithoutTheirFolder) {
+TEST_F(plug_ins_test, go_on_without_their_folder) {
     in_own_folder([&] {
         add("2_x.sh");
         tick();
@@ -524,7 +524,7 @@ TEST_F(PlugIns, GoOnWithoutTheirFolder) {
     });
 }
 
-TEST_F(PlugIns, ThatAListedNameBeginsWithAreHidden) {
+TEST_F(plug_ins_test, that_a_listed_name_begins_with_are_hidden) {
     in_own_folder([&] {
         add("1_a.sh");
         tick();
@@ -537,7 +537,7 @@ TEST_F(PlugIns, ThatAListedNameBeginsWithAreHidden) {
     });
 }
 
-TEST_F(PlugIns, WhoseNamesAreLongerThanAListedOneAreNotHidden) {
+TEST_F(plug_ins_test, whose_names_are_longer_than_a_listed_one_are_not_hidden) {
     in_own_folder([&] {
         add("1_a");
         tick();
@@ -549,7 +549,7 @@ TEST_F(PlugIns, WhoseNamesAreLongerThanAListedOneAreNotHidden) {
     });
 }
 
-TEST_F(PlugIns, ThatAreHiddenAppearWhenTheOtherLeaves) {
+TEST_F(plug_ins_test, that_are_hidden_appear_when_the_other_leaves) {
     in_own_folder([&] {
         add("1_a.sh");
         tick();
@@ -562,7 +562,7 @@ TEST_F(PlugIns, ThatAreHiddenAppearWhenTheOtherLeaves) {
     });
 }
 
-TEST_F(PlugIns, LeaveTheListForAnyEntryThatTheirNameBeginsWith) {
+TEST_F(plug_ins_test, leave_the_list_for_any_entry_that_their_name_begins_with) {
     in_own_folder([&] {
         add("4_abc");
         tick();
@@ -585,7 +585,7 @@ TEST_F(PlugIns, LeaveTheListForAnyEntryThatTheirNameBeginsWith) {
     });
 }
 
-TEST_F(PlugIns, LeaveTheListInTheOrderOfTheListWhenSeveralFit) {
+TEST_F(plug_ins_test, leave_the_list_in_the_order_of_the_list_when_several_fit) {
     in_own_folder([&] {
         add("9_ax");
         tick();
@@ -607,7 +607,7 @@ TEST_F(PlugIns, LeaveTheListInTheOrderOfTheListWhenSeveralFit) {
     });
 }
 
-TEST_F(PlugIns, DanglingLinksRemoveATaskLikeFilesWithoutXBit) {
+TEST_F(plug_ins_test, dangling_links_remove_a_task_like_files_without_x_bit) {
     in_own_folder([&] {
         add("9_x");
         tick();
@@ -618,7 +618,7 @@ TEST_F(PlugIns, DanglingLinksRemoveATaskLikeFilesWithoutXBit) {
     });
 }
 
-TEST_F(PlugIns, FoldersThatTakeAListedNameLeaveTheTask) {
+TEST_F(plug_ins_test, folders_that_take_a_listed_name_leave_the_task) {
     in_own_folder([&] {
         add("9_x");
         tick();
@@ -629,7 +629,7 @@ TEST_F(PlugIns, FoldersThatTakeAListedNameLeaveTheTask) {
     });
 }
 
-TEST_F(PlugIns, MoreThan33AreNotListed) {
+TEST_F(plug_ins_test, more_than_33_are_not_listed) {
     in_own_folder([&] {
         for (int i = 10; i < 45; i++) {
             add("5_" + std::to_string(i));
@@ -653,7 +653,7 @@ TEST_F(PlugIns, MoreThan33AreNotListed) {
     });
 }
 
-TEST_F(PlugIns, That33AreListedIsSaidByNobody) {
+TEST_F(plug_ins_test, that_33_are_listed_is_said_by_nobody) {
     in_own_folder([&] {
         for (int i = 10; i < 43; i++) {
             add("5_" + std::to_string(i));
@@ -666,7 +666,7 @@ TEST_F(PlugIns, That33AreListedIsSaidByNobody) {
     });
 }
 
-TEST_F(PlugIns, OfNamesBelow64BytesAreListedWhole) {
+TEST_F(plug_ins_test, of_names_below_64_bytes_are_listed_whole) {
     in_own_folder([&] {
         const std::string name = "1_" + std::string(61, 'n');
         ASSERT_EQ(name.size(), 63u);
@@ -677,7 +677,7 @@ TEST_F(PlugIns, OfNamesBelow64BytesAreListedWhole) {
     });
 }
 
-TEST_F(PlugIns, OfLongerNamesAreRefusedAndThatIsSaidOnceEach) {
+TEST_F(plug_ins_test, of_longer_names_are_refused_and_that_is_said_once_each) {
     in_own_folder([&] {
         const lines names = {"1_" + std::string(62, 'a'), "1_" + std::string(63, 'b'),
                              "1_" + std::string(253, 'c')};
@@ -701,7 +701,8 @@ TEST_F(PlugIns, OfLongerNamesAreRefusedAndThatIsSaidOnceEach) {
     });
 }
 
-TEST_F(PlugIns, OfLongerNamesAreRefusedWithoutAWordWhileWarningsAreOffAndThatIsSaidLater) {
+TEST_F(plug_ins_test,
+       of_longer_names_are_refused_without_a_word_while_warnings_are_off_and_that_is_said_later) {
     in_own_folder([&] {
         const std::string name = "1_" + std::string(62, 'a');
         log.start(LOG_ERROR);
@@ -714,7 +715,8 @@ TEST_F(PlugIns, OfLongerNamesAreRefusedWithoutAWordWhileWarningsAreOffAndThatIsS
     });
 }
 
-TEST_F(PlugIns, OfLongerNamesAreSpokenOfUntil64WereRefusedAndCostNothingFromThere) {
+TEST_F(plug_ins_test,
+       of_longer_names_are_spoken_of_until_64_were_refused_and_cost_nothing_from_there) {
     in_own_folder([&] {
         const auto add_long_names = [](int first) {
             for (int i = first; i < first + 65; i++) {
@@ -738,7 +740,7 @@ TEST_F(PlugIns, OfLongerNamesAreSpokenOfUntil64WereRefusedAndCostNothingFromTher
     });
 }
 
-TEST_F(PlugIns, OfLongNamesThatAreNotExecutableHarmNobody) {
+TEST_F(plug_ins_test, of_long_names_that_are_not_executable_harm_nobody) {
     in_own_folder([&] {
         const std::string name = "1_" + std::string(61, 'n');
         add(name);
@@ -750,7 +752,7 @@ TEST_F(PlugIns, OfLongNamesThatAreNotExecutableHarmNobody) {
     });
 }
 
-TEST_F(PlugIns, AreNotSpokenOfAboveTheDebugLevel) {
+TEST_F(plug_ins_test, are_not_spoken_of_above_the_debug_level) {
     in_own_folder([&] {
         log.start(LOG_INFO);
         add("1_x.sh");
@@ -761,7 +763,7 @@ TEST_F(PlugIns, AreNotSpokenOfAboveTheDebugLevel) {
     });
 }
 
-TEST_F(PlugIns, WithPercentSignsInTheirNamesAreLoggedAsTheyAre) {
+TEST_F(plug_ins_test, with_percent_signs_in_their_names_are_logged_as_they_are) {
     in_own_folder([&] {
         add("1_%s%n%d.sh");
         tick();
@@ -769,7 +771,7 @@ TEST_F(PlugIns, WithPercentSignsInTheirNamesAreLoggedAsTheyAre) {
     });
 }
 
-TEST_F(PlugIns, WithoutMemoryForTheListNeverStart) {
+TEST_F(plug_ins_test, without_memory_for_the_list_never_start) {
 #if defined(__SANITIZE_ADDRESS__)
     GTEST_SKIP() << "the address sanitizer's heap has no such end";
 #endif
@@ -785,7 +787,7 @@ TEST_F(PlugIns, WithoutMemoryForTheListNeverStart) {
     });
 }
 
-TEST_F(PlugIns, WithoutMemoryForTheListAreNotSpokenOfWhenErrorsAreOff) {
+TEST_F(plug_ins_test, without_memory_for_the_list_are_not_spoken_of_when_errors_are_off) {
 #if defined(__SANITIZE_ADDRESS__)
     GTEST_SKIP() << "the address sanitizer's heap has no such end";
 #endif
@@ -799,7 +801,7 @@ TEST_F(PlugIns, WithoutMemoryForTheListAreNotSpokenOfWhenErrorsAreOff) {
 
 /* --- What running them costs the daemon --- */
 
-TEST_F(PlugIns, ThatSleepHoldNobodyUp) {
+TEST_F(plug_ins_test, that_sleep_hold_nobody_up) {
     in_own_folder([&] {
         write_script(
             "1_sleep.sh",
@@ -811,7 +813,7 @@ TEST_F(PlugIns, ThatSleepHoldNobodyUp) {
     });
 }
 
-TEST_F(PlugIns, ThatFloodTheirOutputHoldNobodyUp) {
+TEST_F(plug_ins_test, that_flood_their_output_hold_nobody_up) {
     in_own_folder([&] {
         int flooded[2];
         ASSERT_EQ(pipe2(flooded, O_CLOEXEC), 0);
@@ -828,7 +830,7 @@ TEST_F(PlugIns, ThatFloodTheirOutputHoldNobodyUp) {
     });
 }
 
-TEST_F(PlugIns, AThousandRunsLeaveNoChildBehind) {
+TEST_F(plug_ins_test, a_thousand_runs_leave_no_child_behind) {
     in_own_folder([&] {
         for (int i = 10; i < 43; i++) {
             write_script("1_" + std::to_string(i), "echo \"$TICK x\" >&$OUT");
@@ -844,7 +846,7 @@ TEST_F(PlugIns, AThousandRunsLeaveNoChildBehind) {
     });
 }
 
-TEST_F(PlugIns, LeaveNoDescriptorOpenInTheDaemon) {
+TEST_F(plug_ins_test, leave_no_descriptor_open_in_the_daemon) {
     in_own_folder([&] {
         const auto count = [] {
             int open_now = 0;
@@ -861,7 +863,7 @@ TEST_F(PlugIns, LeaveNoDescriptorOpenInTheDaemon) {
     });
 }
 
-TEST_F(PlugIns, AreLookedForOnceASecond) {
+TEST_F(plug_ins_test, are_looked_for_once_a_second) {
     in_own_folder([&] {
         ASSERT_NE(loop_init(1024, LOOP_SELECT), 0);
         module_crond_start();

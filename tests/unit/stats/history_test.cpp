@@ -123,15 +123,15 @@ class fenced_value {
     uint32_t length;
 };
 
-class Histories : public store_test {
+class histories_test : public store_test {
   protected:
-    Histories() : path(::testing::TempDir() + "tessard-history-XXXXXX") {
+    histories_test() : path(::testing::TempDir() + "tessard-history-XXXXXX") {
         close(mkstemp(path.data()));
         history_start();
         hook_calls.clear();
     }
 
-    ~Histories() override {
+    ~histories_test() override {
         history_start();
         for (history_series& s : made) {
             history_free(&s);
@@ -234,7 +234,7 @@ void expect_value(const std::string& found, const std::string& expected, const s
 
 /* --- The spans --- */
 
-TEST_F(Histories, TheStandardSpansGoFromTenMinutesToThirtyDays) {
+TEST_F(histories_test, the_standard_spans_go_from_ten_minutes_to_thirty_days) {
     const history_span expected[] = {{"10m", 1, 600},
                                      {"2h", 12, 600},
                                      {"day", 360, 240},
@@ -250,7 +250,7 @@ TEST_F(Histories, TheStandardSpansGoFromTenMinutesToThirtyDays) {
     }
 }
 
-TEST_F(Histories, ThePingSpansCountReports) {
+TEST_F(histories_test, the_ping_spans_count_reports) {
     const history_span expected[] = {{"day", 3, 288}, {"week", 21, 288}, {"mon", 90, 288}};
     ASSERT_EQ(HISTORY_PING_SPANS, 3u);
     for (unsigned i = 0; i < HISTORY_PING_SPANS; i++) {
@@ -262,7 +262,7 @@ TEST_F(Histories, ThePingSpansCountReports) {
 
 /* --- A new series --- */
 
-TEST_F(Histories, ANewRingIsZeroButForItsPeriodAndSlots) {
+TEST_F(histories_test, a_new_ring_is_zero_but_for_its_period_and_slots) {
     const history_series& s = series("cpu", {"2h", 12, 600}, 1);
     EXPECT_EQ(bytes_of(s.name), "cpu.2h");
     EXPECT_EQ(value_of(s), std::string("\0\0\0\0"
@@ -280,7 +280,7 @@ TEST_F(Histories, ANewRingIsZeroButForItsPeriodAndSlots) {
     EXPECT_EQ(s.head, 0u);
 }
 
-TEST_F(Histories, TheKeyPointsToItsSeriesAndCannotBeDeleted) {
+TEST_F(histories_test, the_key_points_to_its_series_and_cannot_be_deleted) {
     const history_series& s = small_series();
     EXPECT_EQ(object_of(s)->aux, &s);
     EXPECT_EQ(object_of(s)->flags, flags_of(OBJ_TSTRING, 0x200));
@@ -289,7 +289,7 @@ TEST_F(Histories, TheKeyPointsToItsSeriesAndCannotBeDeleted) {
     EXPECT_EQ(client.call({"exists", "x.day"}), ":1\r\n");
 }
 
-TEST_F(Histories, ASetHasOneSeriesForEveryStandardSpan) {
+TEST_F(histories_test, a_set_has_one_series_for_every_standard_span) {
     history_series set[HISTORY_SPANS];
     history_init_set(set, "conn", 4);
     const char* const names[] = {"conn.10m", "conn.2h", "conn.day", "conn.week", "conn.mon"};
@@ -305,7 +305,7 @@ TEST_F(Histories, ASetHasOneSeriesForEveryStandardSpan) {
     }
 }
 
-TEST_F(Histories, AValueThatWasThereIsClearedWhateverItsLength) {
+TEST_F(histories_test, a_value_that_was_there_is_cleared_whatever_its_length) {
     for (const size_t length : {0, 1, 19, 20, 27, 28, 29, 1000}) {
         object* obj = make("x.day", OBJ_TSTRING);
         sstr_assign(&obj->string, std::string(length, 'z').c_str(), static_cast<uint32_t>(length));
@@ -315,7 +315,7 @@ TEST_F(Histories, AValueThatWasThereIsClearedWhateverItsLength) {
     }
 }
 
-TEST_F(Histories, ASeriesThatBeginsAnewForgetsItsSamples) {
+TEST_F(histories_test, a_series_that_begins_anew_forgets_its_samples) {
     history_series& s = small_series();
     take_samples(s, 0, 3);
     history_series& again = small_series();
@@ -323,7 +323,7 @@ TEST_F(Histories, ASeriesThatBeginsAnewForgetsItsSamples) {
     EXPECT_EQ(object_of(again)->aux, &again);
 }
 
-TEST_F(Histories, AKeyOfAnotherTypeIsLeftAloneAndTheSeriesOnlyCounts) {
+TEST_F(histories_test, a_key_of_another_type_is_left_alone_and_the_series_only_counts) {
     object_rpush(make("x.day", OBJ_TLIST), "item");
     history_series& s = small_series();
     const std::string sample = sample_of(1, 2);
@@ -341,7 +341,7 @@ TEST_F(Histories, AKeyOfAnotherTypeIsLeftAloneAndTheSeriesOnlyCounts) {
 
 /* --- Ticks --- */
 
-TEST_F(Histories, ASampleIsTakenOnEveryPeriodthTick) {
+TEST_F(histories_test, a_sample_is_taken_on_every_periodth_tick) {
     history_series& s = series("cpu", {"2h", 12, 600}, 1);
     for (int tick = 1; tick <= 60; tick++) {
         EXPECT_EQ(history_tick(&s, "\x2A"), tick % 12 == 0 ? 1 : 0) << tick;
@@ -350,7 +350,7 @@ TEST_F(Histories, ASampleIsTakenOnEveryPeriodthTick) {
     }
 }
 
-TEST_F(Histories, TheTimeOfTheLastSampleStandsInFront) {
+TEST_F(histories_test, the_time_of_the_last_sample_stands_in_front) {
     history_series& s = small_series();
     test_clock::frozen clock(0x12345678);
     EXPECT_EQ(history_tick(&s, "ab"), 0);
@@ -366,7 +366,7 @@ TEST_F(Histories, TheTimeOfTheLastSampleStandsInFront) {
     EXPECT_EQ(value_of(s).substr(0, 4), "\xFE\xDC\xBA\x98");
 }
 
-TEST_F(Histories, SamplesFollowEachOtherBehindTheHeader) {
+TEST_F(histories_test, samples_follow_each_other_behind_the_header) {
     history_series& s = small_series();
     const test_clock::frozen clock(7);
     for (const char* sample : {"aA", "bB", "cC"}) {
@@ -382,7 +382,7 @@ TEST_F(Histories, SamplesFollowEachOtherBehindTheHeader) {
                                        28));
 }
 
-TEST_F(Histories, AFullRingOverwritesItsOldestSample) {
+TEST_F(histories_test, a_full_ring_overwrites_its_oldest_sample) {
     history_series& s = series("cpu", history_standard_spans[0], 1);
     const test_clock::frozen clock(NOW);
     for (uint32_t n = 0; n < 600; n++) {
@@ -398,7 +398,7 @@ TEST_F(Histories, AFullRingOverwritesItsOldestSample) {
     EXPECT_EQ(value_of(s).substr(20), "\xFE" + full.substr(1));
 }
 
-TEST_F(Histories, EverySpanAndSampleSizeKeepsItsRingExact) {
+TEST_F(histories_test, every_span_and_sample_size_keeps_its_ring_exact) {
     test_clock::frozen clock(NOW);
     std::vector<history_span> spans(history_standard_spans, history_standard_spans + HISTORY_SPANS);
     spans.insert(spans.end(), history_ping_spans, history_ping_spans + HISTORY_PING_SPANS);
@@ -430,7 +430,7 @@ TEST_F(Histories, EverySpanAndSampleSizeKeepsItsRingExact) {
     }
 }
 
-TEST_F(Histories, NothingIsAnnounced) {
+TEST_F(histories_test, nothing_is_announced) {
     test_client observer;
     observer.call({"observe"});
     history_series& s = small_series();
@@ -442,7 +442,7 @@ TEST_F(Histories, NothingIsAnnounced) {
 
 /* --- What clients do to a ring --- */
 
-TEST_F(Histories, AValueOfAnotherLengthIsLeftAloneWhileTicksAreCounted) {
+TEST_F(histories_test, a_value_of_another_length_is_left_alone_while_ticks_are_counted) {
     for (const char* value :
          {"", "short", "twenty-seven bytes are few.", "twenty-nine bytes are too many"}) {
         history_series& s = small_series();
@@ -458,7 +458,7 @@ TEST_F(Histories, AValueOfAnotherLengthIsLeftAloneWhileTicksAreCounted) {
     }
 }
 
-TEST_F(Histories, AStringWithoutValueIsLeftWithoutOne) {
+TEST_F(histories_test, a_string_without_value_is_left_without_one) {
     history_series& s = small_series();
     sstr_free(&object_of(s)->string);
     EXPECT_EQ(history_tick(&s, "zz") + history_tick(&s, "zz") + history_tick(&s, "zz"), 1);
@@ -467,7 +467,7 @@ TEST_F(Histories, AStringWithoutValueIsLeftWithoutOne) {
     EXPECT_EQ(object_of(s)->string, nullptr);
 }
 
-TEST_F(Histories, AValueOfTheRightLengthIsWrittenOnFromTheRunningCounts) {
+TEST_F(histories_test, a_value_of_the_right_length_is_written_on_from_the_running_counts) {
     history_series& s = small_series();
     const test_clock::frozen clock(NOW);
     take_samples(s, 0, 2);
@@ -480,7 +480,7 @@ TEST_F(Histories, AValueOfTheRightLengthIsWrittenOnFromTheRunningCounts) {
                                std::string(4, '\xFF') + "zz" + std::string(2, '\xFF'));
 }
 
-TEST_F(Histories, AFullRingWritesItsFilledCountNoMore) {
+TEST_F(histories_test, a_full_ring_writes_its_filled_count_no_more) {
     history_series& s = small_series();
     const test_clock::frozen clock(NOW);
     take_samples(s, 0, 4);
@@ -490,7 +490,7 @@ TEST_F(Histories, AFullRingWritesItsFilledCountNoMore) {
                                std::string(6, '\xFF'));
 }
 
-TEST_F(Histories, ASampleBehindTheEndOfAShortValueIsCountedAndNotWritten) {
+TEST_F(histories_test, a_sample_behind_the_end_of_a_short_value_is_counted_and_not_written) {
     history_series& s = small_series();
     const fenced_value value(&object_of(s)->string, 25);
     history_push(&s, object_of(s)->string, "aA");
@@ -504,7 +504,7 @@ TEST_F(Histories, ASampleBehindTheEndOfAShortValueIsCountedAndNotWritten) {
     EXPECT_TRUE(value.fence_stands());
 }
 
-TEST_F(Histories, AKeyThatExpiredIsNotMadeAgain) {
+TEST_F(histories_test, a_key_that_expired_is_not_made_again) {
     history_series& s = small_series();
     take_samples(s, 0, 2);
     object_of(s)->flags |= OBJ_DEAD;
@@ -513,7 +513,7 @@ TEST_F(Histories, AKeyThatExpiredIsNotMadeAgain) {
     EXPECT_EQ(s.filled, 2u);
 }
 
-TEST_F(Histories, AKeyThatBecameAHashIsLeftAlone) {
+TEST_F(histories_test, a_key_that_became_a_hash_is_left_alone) {
     history_series& s = small_series();
     object_of(s)->flags |= OBJ_DEAD;
     object* obj = make("x.day", OBJ_THASH);
@@ -525,7 +525,7 @@ TEST_F(Histories, AKeyThatBecameAHashIsLeftAlone) {
 
 /* --- Reset --- */
 
-TEST_F(Histories, AResetRestartsTheCountsAndLeavesSamplesAndTimeStamp) {
+TEST_F(histories_test, a_reset_restarts_the_counts_and_leaves_samples_and_time_stamp) {
     history_series& s = small_series();
     const test_clock::frozen clock(NOW);
     take_samples(s, 0, 3);
@@ -542,7 +542,7 @@ TEST_F(Histories, AResetRestartsTheCountsAndLeavesSamplesAndTimeStamp) {
               be32(NOW) + before.substr(4, 8) + be32(1) + be32(1) + "zz" + before.substr(22));
 }
 
-TEST_F(Histories, AResetLeavesAValueOfAnotherLengthAlone) {
+TEST_F(histories_test, a_reset_leaves_a_value_of_another_length_alone) {
     history_series& s = small_series();
     take_samples(s, 0, 3);
     set_value(s, "a value that is not a ring");
@@ -554,7 +554,7 @@ TEST_F(Histories, AResetLeavesAValueOfAnotherLengthAlone) {
 
 /* --- Dump --- */
 
-TEST_F(Histories, ARecordHoldsTheHeaderAndTheFilledSamples) {
+TEST_F(histories_test, a_record_holds_the_header_and_the_filled_samples) {
     history_series& s = small_series();
     const test_clock::frozen clock(0x01020304);
     EXPECT_EQ(dumped(s), std::string("\0\0\0\5x.day\0\0\0\x14"
@@ -567,13 +567,13 @@ TEST_F(Histories, ARecordHoldsTheHeaderAndTheFilledSamples) {
                                      35));
 }
 
-TEST_F(Histories, FiveSamplesOfAnInterfaceAreARecordOfOneHundredBytes) {
+TEST_F(histories_test, five_samples_of_an_interface_are_a_record_of_one_hundred_bytes) {
     history_series& s = series("eth0", history_standard_spans[2], 16);
     take_samples(s, 0, 5);
     EXPECT_EQ(dumped(s), dump_frame("eth0.day", value_of(s).substr(0, 20 + 5 * 16)));
 }
 
-TEST_F(Histories, TheRecordOfAFullRingIsTheWholeRing) {
+TEST_F(histories_test, the_record_of_a_full_ring_is_the_whole_ring) {
     for (const uint32_t count : {4u, 5u, 7u, 9u}) {
         history_series& s = small_series();
         take_samples(s, 0, count);
@@ -581,7 +581,7 @@ TEST_F(Histories, TheRecordOfAFullRingIsTheWholeRing) {
     }
 }
 
-TEST_F(Histories, ARecordTakesNoMoreThanTheValueReallyHas) {
+TEST_F(histories_test, a_record_takes_no_more_than_the_value_really_has) {
     history_series& s = small_series();
     take_samples(s, 0, 3);
     for (const char* value : {"", "x", "nineteen bytes here", "twenty-five bytes of text"}) {
@@ -594,7 +594,7 @@ TEST_F(Histories, ARecordTakesNoMoreThanTheValueReallyHas) {
     EXPECT_EQ(dumped(s), dump_frame("x.day", ""));
 }
 
-TEST_F(Histories, AKeyWithoutSeriesHasNoRecord) {
+TEST_F(histories_test, a_key_without_series_has_no_record) {
     object* obj = make("x.day", OBJ_TSTRING);
     sstr_assign(&obj->string, "value", 5);
     register_dump_skip_hook(skip_hook<1, HISTORY_NEXT>);
@@ -605,7 +605,7 @@ TEST_F(Histories, AKeyWithoutSeriesHasNoRecord) {
     EXPECT_TRUE(hook_calls.empty());
 }
 
-TEST_F(Histories, TheFirstHookThatAnswersOneKeepsTheRecordOut) {
+TEST_F(histories_test, the_first_hook_that_answers_one_keeps_the_record_out) {
     const history_series& s = small_series();
     register_dump_skip_hook(skip_hook<1, 0>);
     register_dump_skip_hook(skip_hook<2, HISTORY_LOAD>);
@@ -616,7 +616,7 @@ TEST_F(Histories, TheFirstHookThatAnswersOneKeepsTheRecordOut) {
                                                     "3 x.day its series"}));
 }
 
-TEST_F(Histories, ARecordIsWrittenWhenNoHookAnswersOne) {
+TEST_F(histories_test, a_record_is_written_when_no_hook_answers_one) {
     const history_series& s = small_series();
     register_dump_skip_hook(skip_hook<1, -1>);
     register_dump_skip_hook(skip_hook<2, HISTORY_NEXT>);
@@ -625,7 +625,7 @@ TEST_F(Histories, ARecordIsWrittenWhenNoHookAnswersOne) {
     EXPECT_EQ(hook_calls.size(), 3u);
 }
 
-TEST_F(Histories, AFifthHookIsDroppedWithoutAWord) {
+TEST_F(histories_test, a_fifth_hook_is_dropped_without_a_word) {
     const test_clock::frozen clock(NOW);
     history_series& s = small_series();
     log.start();
@@ -647,7 +647,7 @@ TEST_F(Histories, AFifthHookIsDroppedWithoutAWord) {
 
 /* --- Load --- */
 
-TEST_F(Histories, ARecordOfFiveSamplesRestoresTheCountsAndTheSamples) {
+TEST_F(histories_test, a_record_of_five_samples_restores_the_counts_and_the_samples) {
     const test_clock::frozen clock(NOW);
     history_series& s = series("eth0", history_standard_spans[2], 16);
     const ring_model model = model_of(s, 5, NOW);
@@ -657,7 +657,7 @@ TEST_F(Histories, ARecordOfFiveSamplesRestoresTheCountsAndTheSamples) {
     expect_value(value_of(s), model.value(), "restored");
 }
 
-TEST_F(Histories, TheRestOfTheValueKeepsWhatItHeld) {
+TEST_F(histories_test, the_rest_of_the_value_keeps_what_it_held) {
     const test_clock::frozen clock(NOW);
     history_series& s = small_series();
     take_samples(s, 0, 4);
@@ -667,7 +667,7 @@ TEST_F(Histories, TheRestOfTheValueKeepsWhatItHeld) {
               be32(NOW) + be32(3) + be32(4) + be32(1) + be32(1) + "zz" + before.substr(22));
 }
 
-TEST_F(Histories, ARecordsOwnPeriodAndSlotsAreStoredButNotUsed) {
+TEST_F(histories_test, a_records_own_period_and_slots_are_stored_but_not_used) {
     const test_clock::frozen clock(NOW);
     history_series& s = small_series();
     set_value(s, std::string(28, 'v'));
@@ -690,7 +690,7 @@ TEST_F(Histories, ARecordsOwnPeriodAndSlotsAreStoredButNotUsed) {
     EXPECT_EQ(s.head, 3u);
 }
 
-TEST_F(Histories, TheTicksSinceTheLastSampleGoOn) {
+TEST_F(histories_test, the_ticks_since_the_last_sample_go_on) {
     const test_clock::frozen clock(NOW);
     history_series& s = small_series();
     history_tick(&s, "zz");
@@ -700,7 +700,7 @@ TEST_F(Histories, TheTicksSinceTheLastSampleGoOn) {
     EXPECT_EQ(s.filled, 3u);
 }
 
-TEST_F(Histories, AnHourOfAbsenceIsThreeHundredEmptySamplesOfTwelveSeconds) {
+TEST_F(histories_test, an_hour_of_absence_is_three_hundred_empty_samples_of_twelve_seconds) {
     const test_clock::frozen clock(NOW);
     history_series& s = series("cpu", history_standard_spans[1], 1);
     log.start(LOG_INFO);
@@ -718,7 +718,7 @@ TEST_F(Histories, AnHourOfAbsenceIsThreeHundredEmptySamplesOfTwelveSeconds) {
     EXPECT_EQ(s.head, 305u);
 }
 
-TEST_F(Histories, OnlyWholePeriodsArePadded) {
+TEST_F(histories_test, only_whole_periods_are_padded) {
     for (const auto& [age, span] : {std::pair(0u, 0u),
                                     {1u, 0u},
                                     {359u, 0u},
@@ -740,7 +740,7 @@ TEST_F(Histories, OnlyWholePeriodsArePadded) {
     }
 }
 
-TEST_F(Histories, ARecordFromTheFutureIsNotPadded) {
+TEST_F(histories_test, a_record_from_the_future_is_not_padded) {
     const test_clock::frozen clock(NOW);
     for (const uint32_t ahead : {1u, 3u, 360u, 1000000000u, 0x7FFFFFFFu}) {
         history_series& s = small_series();
@@ -751,7 +751,7 @@ TEST_F(Histories, ARecordFromTheFutureIsNotPadded) {
     }
 }
 
-TEST_F(Histories, TheAgeIsASigned32BitDifference) {
+TEST_F(histories_test, the_age_is_a_signed_32_bit_difference) {
     /* 2^31 seconds and more ago count as the future. */
     test_clock::frozen clock(0x90000000);
     history_series& s = small_series();
@@ -771,7 +771,7 @@ TEST_F(Histories, TheAgeIsASigned32BitDifference) {
     EXPECT_EQ(value_of(s), model.value()) << "six seconds, two periods";
 }
 
-TEST_F(Histories, PaddingEqualsPushingEachMissedSample) {
+TEST_F(histories_test, padding_equals_pushing_each_missed_sample) {
     const test_clock::frozen clock(NOW);
     history_series& s = small_series();
     for (uint32_t slots = 1; slots <= 4; slots++) {
@@ -794,7 +794,7 @@ TEST_F(Histories, PaddingEqualsPushingEachMissedSample) {
     }
 }
 
-TEST_F(Histories, DecadesOldRecordsEqualPushingEachMissedSample) {
+TEST_F(histories_test, decades_old_records_equal_pushing_each_missed_sample) {
     const test_clock::frozen clock(NOW);
     unsigned number = 0;
     for (const uint32_t stamp : {0u, 1u, 315532800u, 946684800u}) {
@@ -816,7 +816,7 @@ TEST_F(Histories, DecadesOldRecordsEqualPushingEachMissedSample) {
     }
 }
 
-TEST_F(Histories, GapsOfAnyLengthTurnTheRingByWhatIsLeftOfWholeTurns) {
+TEST_F(histories_test, gaps_of_any_length_turn_the_ring_by_what_is_left_of_whole_turns) {
     history_series& s = series("x", {"day", 1, 600}, 1);
     for (const uint32_t slots : {1u, 2u, 3u, 7u, 600u}) {
         for (const uint32_t span :
@@ -834,7 +834,7 @@ TEST_F(Histories, GapsOfAnyLengthTurnTheRingByWhatIsLeftOfWholeTurns) {
     }
 }
 
-TEST_F(Histories, TheLongestGapTakesNoLongerThanTheRing) {
+TEST_F(histories_test, the_longest_gap_takes_no_longer_than_the_ring) {
     /* 2^31 - 1 samples of a period of one second; one by one they would take minutes. */
     const test_clock::frozen clock(0x7FFFFFFF);
     history_series& s = series("x", {"day", 1, 600}, 200);
@@ -846,7 +846,7 @@ TEST_F(Histories, TheLongestGapTakesNoLongerThanTheRing) {
     EXPECT_EQ(value_of(s).substr(20), std::string(size_t{600} * 200, '\0'));
 }
 
-TEST_F(Histories, CountsThatDoNotFitTheRingAreIgnoredWithTheirRecord) {
+TEST_F(histories_test, counts_that_do_not_fit_the_ring_are_ignored_with_their_record) {
     const test_clock::frozen clock(NOW);
     history_series& s = small_series();
     take_samples(s, 0, 3);
@@ -868,7 +868,7 @@ TEST_F(Histories, CountsThatDoNotFitTheRingAreIgnoredWithTheirRecord) {
     EXPECT_EQ(s.head, 3u);
 }
 
-TEST_F(Histories, ARecordShorterThanItsHeaderIsIgnored) {
+TEST_F(histories_test, a_record_shorter_than_its_header_is_ignored) {
     const test_clock::frozen clock(NOW);
     history_series& s = small_series();
     take_samples(s, 0, 3);
@@ -881,7 +881,7 @@ TEST_F(Histories, ARecordShorterThanItsHeaderIsIgnored) {
     }
 }
 
-TEST_F(Histories, ARecordLongerThanTheValueIsIgnored) {
+TEST_F(histories_test, a_record_longer_than_the_value_is_ignored) {
     const test_clock::frozen clock(NOW);
     history_series& s = small_series();
     take_samples(s, 0, 3);
@@ -899,7 +899,7 @@ TEST_F(Histories, ARecordLongerThanTheValueIsIgnored) {
     EXPECT_EQ(s.filled, 3u);
 }
 
-TEST_F(Histories, ALongerValueTakesTheRecordAtItsStart) {
+TEST_F(histories_test, a_longer_value_takes_the_record_at_its_start) {
     const test_clock::frozen clock(NOW);
     history_series& s = small_series();
     set_value(s, std::string(40, 'v'));
@@ -909,7 +909,7 @@ TEST_F(Histories, ALongerValueTakesTheRecordAtItsStart) {
 
 /* --- Records offered by a loader --- */
 
-TEST_F(Histories, ARecordOfAKeyWithoutSeriesIsIgnored) {
+TEST_F(histories_test, a_record_of_a_key_without_series_is_ignored) {
     object* obj = make("y.day", OBJ_TSTRING);
     sstr_assign(&obj->string, std::string(28, 'v').c_str(), 28);
     object_rpush(make("l.day", OBJ_TLIST), "item");
@@ -921,7 +921,7 @@ TEST_F(Histories, ARecordOfAKeyWithoutSeriesIsIgnored) {
     EXPECT_EQ(object_lookup("nobody.day"), nullptr);
 }
 
-TEST_F(Histories, ALoadHookThatAnswersOneKeepsTheRecordOut) {
+TEST_F(histories_test, a_load_hook_that_answers_one_keeps_the_record_out) {
     const test_clock::frozen clock(NOW);
     history_series& s = small_series();
     register_load_hook(answering_load_hook<1, 0>);
@@ -935,7 +935,7 @@ TEST_F(Histories, ALoadHookThatAnswersOneKeepsTheRecordOut) {
     EXPECT_EQ(value_of(s), model_of(s).value());
 }
 
-TEST_F(Histories, ALoadHookThatAnswersThreeEndsTheAsking) {
+TEST_F(histories_test, a_load_hook_that_answers_three_ends_the_asking) {
     const test_clock::frozen clock(NOW);
     history_series& s = small_series();
     register_load_hook(answering_load_hook<1, HISTORY_LOAD>);
@@ -945,7 +945,7 @@ TEST_F(Histories, ALoadHookThatAnswersThreeEndsTheAsking) {
     EXPECT_EQ(value_of(s), model_of(s, 2, NOW).value());
 }
 
-TEST_F(Histories, ALoadHookSetsTheSecondsOfATick) {
+TEST_F(histories_test, a_load_hook_sets_the_seconds_of_a_tick) {
     const test_clock::frozen clock(NOW);
     history_series& s = small_series();
     log.start(LOG_INFO);
@@ -961,7 +961,7 @@ TEST_F(Histories, ALoadHookSetsTheSecondsOfATick) {
                   "info  *** loading x.day: (1700000000-1699999101)/(3*100)  -> span = 2"});
 }
 
-TEST_F(Histories, WithTicksOfNoLengthNothingIsPadded) {
+TEST_F(histories_test, with_ticks_of_no_length_nothing_is_padded) {
     const test_clock::frozen clock(NOW);
     history_series& s = small_series();
     log.start(LOG_INFO);
@@ -971,7 +971,7 @@ TEST_F(Histories, WithTicksOfNoLengthNothingIsPadded) {
     EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(Histories, AStartForgetsHooks) {
+TEST_F(histories_test, a_start_forgets_hooks) {
     register_dump_skip_hook(skip_hook<1, HISTORY_SKIP>);
     register_load_hook(answering_load_hook<1, HISTORY_SKIP>);
     history_start();
@@ -985,7 +985,7 @@ TEST_F(Histories, AStartForgetsHooks) {
 
 /* --- Through a dump file --- */
 
-TEST_F(Histories, AFileBringsDayWeekAndMonthBackWithTheGapPadded) {
+TEST_F(histories_test, a_file_brings_day_week_and_month_back_with_the_gap_padded) {
     test_clock::frozen clock(NOW);
     history_series set[HISTORY_SPANS];
     history_init_set(set, "host", 4);
@@ -1031,7 +1031,7 @@ TEST_F(Histories, AFileBringsDayWeekAndMonthBackWithTheGapPadded) {
     }
 }
 
-TEST_F(Histories, AFileCutAnywhereLeavesEachRingAsItWasOrRestored) {
+TEST_F(histories_test, a_file_cut_anywhere_leaves_each_ring_as_it_was_or_restored) {
     test_clock::frozen clock(NOW);
     history_series& a = small_series("a");
     history_series& b = small_series("b");

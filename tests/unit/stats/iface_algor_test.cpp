@@ -22,12 +22,12 @@ const int at_start = history_iface_algor;
 const std::vector<const char*> other_words = {"",        "AVG",  "Max",  "mean", "average",
                                               "maximum", "avg ", " max", "0",    "1"};
 
-class InterfaceAlgorithm : public store_test {
+class interface_algorithm_test : public store_test {
   protected:
-    InterfaceAlgorithm() {
+    interface_algorithm_test() {
         object_register_string_hook(history_algor_hook);
     }
-    ~InterfaceAlgorithm() override {
+    ~interface_algorithm_test() override {
         history_iface_algor = at_start;
     }
 
@@ -38,11 +38,11 @@ class InterfaceAlgorithm : public store_test {
 
 } // namespace
 
-TEST_F(InterfaceAlgorithm, IsTheMaximumUnlessChosenOtherwise) {
+TEST_F(interface_algorithm_test, is_the_maximum_unless_chosen_otherwise) {
     EXPECT_EQ(at_start, MAXIMUM);
 }
 
-TEST_F(InterfaceAlgorithm, TheOptionTakesTwoWords) {
+TEST_F(interface_algorithm_test, the_option_takes_two_words) {
     history_algor_option("avg");
     EXPECT_EQ(history_iface_algor, AVERAGE);
     history_algor_option("avg");
@@ -51,7 +51,7 @@ TEST_F(InterfaceAlgorithm, TheOptionTakesTwoWords) {
     EXPECT_EQ(history_iface_algor, MAXIMUM);
 }
 
-TEST_F(InterfaceAlgorithm, OtherWordsLeaveTheChoiceAsItIs) {
+TEST_F(interface_algorithm_test, other_words_leave_the_choice_as_it_is) {
     for (const int choice : {AVERAGE, MAXIMUM}) {
         for (const char* word : other_words) {
             history_iface_algor = choice;
@@ -63,7 +63,7 @@ TEST_F(InterfaceAlgorithm, OtherWordsLeaveTheChoiceAsItIs) {
     }
 }
 
-TEST_F(InterfaceAlgorithm, AClientChoosesByWritingTheKey) {
+TEST_F(interface_algorithm_test, a_client_chooses_by_writing_the_key) {
     test_client client;
     EXPECT_EQ(client.call({"set", "history-iface-algor", "avg"}), "+OK\r\n");
     EXPECT_EQ(history_iface_algor, AVERAGE);
@@ -78,7 +78,7 @@ TEST_F(InterfaceAlgorithm, AClientChoosesByWritingTheKey) {
     EXPECT_EQ(history_iface_algor, AVERAGE);
 }
 
-TEST_F(InterfaceAlgorithm, OtherKeysChooseNothing) {
+TEST_F(interface_algorithm_test, other_keys_choose_nothing) {
     for (const char* key : {"_history-iface-algor", "history-iface-algor2", "history-iface-algo",
                             "History-iface-algor", "h"}) {
         set(key, "avg");
@@ -89,7 +89,7 @@ TEST_F(InterfaceAlgorithm, OtherKeysChooseNothing) {
     EXPECT_EQ(history_iface_algor, MAXIMUM);
 }
 
-TEST_F(InterfaceAlgorithm, TheHookTakesAKeyWithoutValueAndReturnsZero) {
+TEST_F(interface_algorithm_test, the_hook_takes_a_key_without_value_and_returns_zero) {
     object* obj = make("history-iface-algor", OBJ_TSTRING);
     EXPECT_EQ(history_algor_hook(obj), 0);
     EXPECT_EQ(history_iface_algor, MAXIMUM);

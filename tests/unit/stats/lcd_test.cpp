@@ -114,7 +114,7 @@ std::string content(const std::string& path) {
 }
 
 /* A /dev of the test's own, in a process of its own, since the unit decides on its panel once. */
-class Panel : public store_test {
+class panel_test : public store_test {
   protected:
     void in_own_devices(const std::function<void()>& body) {
         run_in_own_world(
@@ -267,7 +267,7 @@ extern "C" int tcflush(int fd, int queue) noexcept {
 
 /* --- Rates --- */
 
-TEST(PanelRates, ChangeTheirUnitAtAThousandAndAMillion) {
+TEST(panel_rates_test, change_their_unit_at_a_thousand_and_a_million) {
     EXPECT_STREQ(rate_format(0), "  0B/s");
     EXPECT_STREQ(rate_format(7), "  7B/s");
     EXPECT_STREQ(rate_format(42), " 42B/s");
@@ -282,7 +282,7 @@ TEST(PanelRates, ChangeTheirUnitAtAThousandAndAMillion) {
     EXPECT_STREQ(rate_format(123456789), "123.46MB/s");
 }
 
-TEST(PanelRates, OfMegabytesAreRoundedFromSinglePrecision) {
+TEST(panel_rates_test, of_megabytes_are_rounded_from_single_precision) {
     /* The middles between two hundredths: the nearest numbers in single precision lie above them,
      * those in double precision below. */
     EXPECT_STREQ(rate_format(1065000), "1.07MB/s");
@@ -290,13 +290,13 @@ TEST(PanelRates, OfMegabytesAreRoundedFromSinglePrecision) {
     EXPECT_STREQ(rate_format(1105000), "1.11MB/s");
 }
 
-TEST(PanelRates, OfFullLengthFitTheBuffer) {
+TEST(panel_rates_test, of_full_length_fit_the_buffer) {
     EXPECT_STREQ(rate_format(4294967295U), "4294.97MB/s");
     const char* text = rate_format(5);
     EXPECT_EQ(std::string(text, 12), std::string("  5B/s\0\0\0\0\0\0", 12));
 }
 
-TEST(PanelRates, StandInOneSharedBuffer) {
+TEST(panel_rates_test, stand_in_one_shared_buffer) {
     const char* first = rate_format(1);
     const char* second = rate_format(2000);
     EXPECT_EQ(first, second);
@@ -305,7 +305,7 @@ TEST(PanelRates, StandInOneSharedBuffer) {
 
 /* --- Frames --- */
 
-TEST(PanelFrames, HaveFourLinesPaddedTo20Bytes) {
+TEST(panel_frames_test, have_four_lines_padded_to_20_bytes) {
     EXPECT_EQ(framed("CPU : 40% MEM:  50%\nUP  :   1KB/s\nDOWN: 1.50MB/s\nHosts Online:   3\n"),
               std::string("\xCC\xB3\0\0\x01"
                           "CPU : 40% MEM:  50% "
@@ -316,14 +316,14 @@ TEST(PanelFrames, HaveFourLinesPaddedTo20Bytes) {
                           91));
 }
 
-TEST(PanelFrames, CutLinesAt20Bytes) {
+TEST(panel_frames_test, cut_lines_at_20_bytes) {
     EXPECT_EQ(framed("12345678901234567890\n123456789012345678901\n1234567890123456789\n"
                      "1234567890123456789012345678901234567890\n"),
               frame_of({"12345678901234567890", "12345678901234567890", "1234567890123456789 ",
                         "12345678901234567890"}));
 }
 
-TEST(PanelFrames, OfThreeLinesHaveTheirEndMarkAt65) {
+TEST(panel_frames_test, of_three_lines_have_their_end_mark_at_65) {
     const std::string frame = framed("a\nb\nc\n");
     EXPECT_EQ(frame, frame_of({padded("a"), padded("b"), padded("c")}));
     EXPECT_EQ(frame.size(), 91u);
@@ -331,7 +331,7 @@ TEST(PanelFrames, OfThreeLinesHaveTheirEndMarkAt65) {
     EXPECT_EQ(frame.substr(67), std::string(24, '\0'));
 }
 
-TEST(PanelFrames, EndTheirLastLineWithTheTextAlso) {
+TEST(panel_frames_test, end_their_last_line_with_the_text_also) {
     EXPECT_EQ(framed("a\nb\nc"), frame_of({padded("a"), padded("b"), padded("c")}));
     EXPECT_EQ(framed("a"), frame_of({padded("a")}));
     EXPECT_EQ(framed("a\n"), frame_of({padded("a")}));
@@ -339,36 +339,36 @@ TEST(PanelFrames, EndTheirLastLineWithTheTextAlso) {
     EXPECT_EQ(framed("a\nb\nc\nd"), frame_of({padded("a"), padded("b"), padded("c"), padded("d")}));
 }
 
-TEST(PanelFrames, TakeFourLinesAtMost) {
+TEST(panel_frames_test, take_four_lines_at_most) {
     EXPECT_EQ(framed("a\nb\nc\nd\ne\n"),
               frame_of({padded("a"), padded("b"), padded("c"), padded("d")}));
     EXPECT_EQ(framed("a\nb\nc\nd\ne\nf\ng\nh\n").substr(85), std::string("\xAA\xD0\0\0\0\0", 6));
 }
 
-TEST(PanelFrames, KeepEmptyLinesBetweenOthers) {
+TEST(panel_frames_test, keep_empty_lines_between_others) {
     EXPECT_EQ(framed("a\n\nc\n"), frame_of({padded("a"), padded(""), padded("c")}));
     EXPECT_EQ(framed("\n\nc\n"), frame_of({padded(""), padded(""), padded("c")}));
     EXPECT_EQ(framed("\n\n\n\nx"), frame_of({padded(""), padded(""), padded(""), padded("")}));
 }
 
-TEST(PanelFrames, TakeAtMost127BytesOfText) {
+TEST(panel_frames_test, take_at_most_127_bytes_of_text) {
     const std::string text = std::string(120, 'a') + "\n" + std::string(40, 'b');
     EXPECT_EQ(written(text, 128, 128), frame_of({std::string(20, 'a'), padded("bbbbbb")}));
     EXPECT_EQ(written(text, 1000, 128), frame_of({std::string(20, 'a'), padded("bbbbbb")}));
 }
 
-TEST(PanelFrames, TakeOneByteLessThanTheLength) {
+TEST(panel_frames_test, take_one_byte_less_than_the_length) {
     EXPECT_EQ(written("abcdef", 6, 6), frame_of({padded("abcde")}));
     EXPECT_EQ(written("abcdef", 7, 7), frame_of({padded("abcdef")}));
     EXPECT_EQ(written("ab\ncdef", 5, 5), frame_of({padded("ab"), padded("c")}));
     EXPECT_EQ(written("abcdef", 127, 127), frame_of({padded("abcdef")}));
 }
 
-TEST(PanelFrames, EndTheTextAtItsFirstNul) {
+TEST(panel_frames_test, end_the_text_at_its_first_nul) {
     EXPECT_EQ(framed(std::string_view("ab\0cd\nef\n", 9)), frame_of({padded("ab")}));
 }
 
-TEST(PanelFrames, AreWrittenWholeForAnEmptyTextToo) {
+TEST(panel_frames_test, are_written_whole_for_an_empty_text_too) {
     for (const size_t length : {0, 1, 128}) {
         const std::string frame = written("", length, static_cast<int>(length));
         ASSERT_EQ(frame.size(), 91u) << length;
@@ -377,21 +377,21 @@ TEST(PanelFrames, AreWrittenWholeForAnEmptyTextToo) {
     EXPECT_EQ(written("abc", 0, 0).size(), 91u);
 }
 
-TEST(PanelFrames, TheClearTextIsACommand) {
+TEST(panel_frames_test, the_clear_text_is_a_command) {
     EXPECT_EQ(written("__clear", 8, 0), CLEAR);
     EXPECT_EQ(written("__clear", 128, 0), CLEAR);
     EXPECT_EQ(written("__clear\nmore\n", 128, 0), CLEAR);
     EXPECT_EQ(written("__clearly", 128, 0), CLEAR);
 }
 
-TEST(PanelFrames, AnAlmostClearTextIsNone) {
+TEST(panel_frames_test, an_almost_clear_text_is_none) {
     EXPECT_EQ(framed("__Clear"), frame_of({padded("__Clear")}));
     EXPECT_EQ(framed(" __clear"), frame_of({padded(" __clear")}));
     /* The length counts the end of the text. */
     EXPECT_EQ(written("__clear", 7, 7), frame_of({padded("__clea")}));
 }
 
-TEST(PanelFrames, ThatCannotBeWrittenAreAFailure) {
+TEST(panel_frames_test, that_cannot_be_written_are_a_failure) {
     EXPECT_EQ(lcd_write_frame(-1, "text\n", 128), -1);
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
@@ -404,7 +404,7 @@ TEST(PanelFrames, ThatCannotBeWrittenAreAFailure) {
     close(ends[1]);
 }
 
-TEST(PanelFrames, OfWhichAPartIsWrittenAreAFailure) {
+TEST(panel_frames_test, of_which_a_part_is_written_are_a_failure) {
     std::string path = testing::TempDir() + "tessard-lcd-XXXXXX";
     const int file = mkstemp(path.data());
     ASSERT_GE(file, 0);
@@ -420,7 +420,7 @@ TEST(PanelFrames, OfWhichAPartIsWrittenAreAFailure) {
     close(file);
 }
 
-TEST(PanelFrames, ThatAreNotTakenWholeLeaveNoPartBehind) {
+TEST(panel_frames_test, that_are_not_taken_whole_leave_no_part_behind) {
     const int panel = posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     ASSERT_GE(panel, 0);
     ASSERT_EQ(grantpt(panel), 0);
@@ -456,7 +456,7 @@ TEST(PanelFrames, ThatAreNotTakenWholeLeaveNoPartBehind) {
 
 /* --- The driver node --- */
 
-TEST_F(Panel, ANodeGetsTheTextAndZerosUpTo128Bytes) {
+TEST_F(panel_test, a_node_gets_the_text_and_zeros_up_to_128_bytes) {
     in_own_devices([&] {
         EXPECT_EQ(node_after_run(), screen_text("CPU :  0% MEM:   0%", "UP  :   0B/s",
                                                 "DOWN:   0B/s", "Hosts Online:   0"));
@@ -468,7 +468,7 @@ TEST_F(Panel, ANodeGetsTheTextAndZerosUpTo128Bytes) {
     });
 }
 
-TEST_F(Panel, HalfOfTheStoredProcessorLoadIsShown) {
+TEST_F(panel_test, half_of_the_stored_processor_load_is_shown) {
     in_own_devices([&] {
         const std::pair<const char*, const char*> loads[] = {
             {"0", " 0"},  {"1", " 0"},   {"2", " 1"},    {"19", " 9"},  {"20", "10"},
@@ -483,7 +483,7 @@ TEST_F(Panel, HalfOfTheStoredProcessorLoadIsShown) {
     });
 }
 
-TEST_F(Panel, FiguresAreReadAsNumbersUpToTheFirstOtherByte) {
+TEST_F(panel_test, figures_are_read_as_numbers_up_to_the_first_other_byte) {
     in_own_devices([&] {
         set("cpu.load", "60 percent");
         set("mem.load", " 0045");
@@ -504,7 +504,7 @@ TEST_F(Panel, FiguresAreReadAsNumbersUpToTheFirstOtherByte) {
     });
 }
 
-TEST_F(Panel, AKeyThatIsGoneOrNoStringKeepsItsLastValue) {
+TEST_F(panel_test, a_key_that_is_gone_or_no_string_keeps_its_last_value) {
     in_own_devices([&] {
         set("cpu.load", "80");
         set("mem.load", "37");
@@ -521,7 +521,7 @@ TEST_F(Panel, AKeyThatIsGoneOrNoStringKeepsItsLastValue) {
     });
 }
 
-TEST_F(Panel, AStringWithoutValueIsZero) {
+TEST_F(panel_test, a_string_without_value_is_zero) {
     in_own_devices([&] {
         for (const char* key : {"cpu.load", "mem.load", "host.num"}) {
             set(key, "80");
@@ -537,7 +537,7 @@ TEST_F(Panel, AStringWithoutValueIsZero) {
     });
 }
 
-TEST_F(Panel, TheLanInterfacesRatesAreShown) {
+TEST_F(panel_test, the_lan_interfaces_rates_are_shown) {
     in_own_devices([&] {
         set("sys.lan", "br-lan");
         hset("br-lan", "rxbrate", "1000");
@@ -551,7 +551,7 @@ TEST_F(Panel, TheLanInterfacesRatesAreShown) {
     });
 }
 
-TEST_F(Panel, ALaterInterfaceOverridesAnEarlierOneFieldByField) {
+TEST_F(panel_test, a_later_interface_overrides_an_earlier_one_field_by_field) {
     in_own_devices([&] {
         hset("eth0", "rxbrate", "1");
         hset("eth0", "txbrate", "2");
@@ -564,7 +564,7 @@ TEST_F(Panel, ALaterInterfaceOverridesAnEarlierOneFieldByField) {
     });
 }
 
-TEST_F(Panel, TheListOfInterfacesIsCutInTheStoreByItsFirstUse) {
+TEST_F(panel_test, the_list_of_interfaces_is_cut_in_the_store_by_its_first_use) {
     in_own_devices([&] {
         hset("eth0", "rxbrate", "1");
         hset("eth1", "rxbrate", "3");
@@ -580,7 +580,7 @@ TEST_F(Panel, TheListOfInterfacesIsCutInTheStoreByItsFirstUse) {
     });
 }
 
-TEST_F(Panel, EmptyNamesInTheListAreNoInterfaces) {
+TEST_F(panel_test, empty_names_in_the_list_are_no_interfaces) {
     in_own_devices([&] {
         hset("", "rxbrate", "9");
         hset("eth1", "rxbrate", "3");
@@ -589,7 +589,7 @@ TEST_F(Panel, EmptyNamesInTheListAreNoInterfaces) {
     });
 }
 
-TEST_F(Panel, RatesAreZeroWhenNoListedInterfaceIsThere) {
+TEST_F(panel_test, rates_are_zero_when_no_listed_interface_is_there) {
     in_own_devices([&] {
         hset("eth0", "rxbrate", "5");
         hset("eth0", "txbrate", "6");
@@ -604,7 +604,7 @@ TEST_F(Panel, RatesAreZeroWhenNoListedInterfaceIsThere) {
     });
 }
 
-TEST_F(Panel, WithoutAUsableListTheShownRatesStay) {
+TEST_F(panel_test, without_a_usable_list_the_shown_rates_stay) {
     in_own_devices([&] {
         hset("eth0", "rxbrate", "5");
         hset("eth0", "txbrate", "6");
@@ -622,7 +622,7 @@ TEST_F(Panel, WithoutAUsableListTheShownRatesStay) {
     });
 }
 
-TEST_F(Panel, KeysOfTheRatesNamesAreNotShownByThemselves) {
+TEST_F(panel_test, keys_of_the_rates_names_are_not_shown_by_themselves) {
     in_own_devices([&] {
         set("rxbrate", "77");
         set("txbrate", "78");
@@ -632,7 +632,7 @@ TEST_F(Panel, KeysOfTheRatesNamesAreNotShownByThemselves) {
     });
 }
 
-TEST_F(Panel, ARateBeyond32BitsSaturates) {
+TEST_F(panel_test, a_rate_beyond_32_bits_saturates) {
     in_own_devices([&] {
         hset("eth0", "rxbrate", "4294967295");
         hset("eth0", "txbrate", "99999999999999999999");
@@ -641,7 +641,7 @@ TEST_F(Panel, ARateBeyond32BitsSaturates) {
     });
 }
 
-TEST_F(Panel, ANodeComesBeforeASerialPanel) {
+TEST_F(panel_test, a_node_comes_before_a_serial_panel) {
     in_own_devices([&] {
         serial_device();
         EXPECT_NE(node_after_run(), "");
@@ -655,7 +655,7 @@ TEST_F(Panel, ANodeComesBeforeASerialPanel) {
     });
 }
 
-TEST_F(Panel, AnUnavailableNodeIsLoggedOnEachRunAndUsedWhenItComesBack) {
+TEST_F(panel_test, an_unavailable_node_is_logged_on_each_run_and_used_when_it_comes_back) {
     in_own_devices([&] {
         EXPECT_NE(node_after_run(), "");
         unlink("/dev/st7565");
@@ -672,7 +672,7 @@ TEST_F(Panel, AnUnavailableNodeIsLoggedOnEachRunAndUsedWhenItComesBack) {
     });
 }
 
-TEST_F(Panel, ANodeThatNobodyReadsHoldsNobodyUp) {
+TEST_F(panel_test, a_node_that_nobody_reads_holds_nobody_up) {
     in_own_devices([&] {
         ASSERT_EQ(mkfifo("/dev/st7565", 0600), 0);
         const auto start = std::chrono::steady_clock::now();
@@ -690,7 +690,7 @@ TEST_F(Panel, ANodeThatNobodyReadsHoldsNobodyUp) {
     });
 }
 
-TEST_F(Panel, ANodeThatMayNotBeWrittenIsNone) {
+TEST_F(panel_test, a_node_that_may_not_be_written_is_none) {
     in_own_devices([&] {
         /* Even an administrator cannot write where nothing can be written. */
         ASSERT_EQ(mkdir("/srv/ro", 0755), 0);
@@ -707,7 +707,7 @@ TEST_F(Panel, ANodeThatMayNotBeWrittenIsNone) {
 
 /* --- Whether there is a serial panel --- */
 
-TEST_F(Panel, WithoutTheSystemsHashTheQuestionStaysOpen) {
+TEST_F(panel_test, without_the_systems_hash_the_question_stays_open) {
     in_own_devices([&] {
         set_raw();
         attach("/dev/ttyS0");
@@ -723,7 +723,7 @@ TEST_F(Panel, WithoutTheSystemsHashTheQuestionStaysOpen) {
     });
 }
 
-TEST_F(Panel, AKeyOfTheSystemsNameThatIsNoHashLeavesTheQuestionOpen) {
+TEST_F(panel_test, a_key_of_the_systems_name_that_is_no_hash_leaves_the_question_open) {
     in_own_devices([&] {
         set("sys", "LCD");
         EXPECT_EQ(sent_by_run(), "");
@@ -736,7 +736,7 @@ TEST_F(Panel, AKeyOfTheSystemsNameThatIsNoHashLeavesTheQuestionOpen) {
     });
 }
 
-TEST_F(Panel, ANodeMayAppearWhileTheQuestionIsOpen) {
+TEST_F(panel_test, a_node_may_appear_while_the_question_is_open) {
     in_own_devices([&] {
         lcd_ontimer(nullptr);
         lcd_ontimer(nullptr);
@@ -744,7 +744,7 @@ TEST_F(Panel, ANodeMayAppearWhileTheQuestionIsOpen) {
     });
 }
 
-TEST_F(Panel, ASystemWithoutPnpHasNoPanelForGood) {
+TEST_F(panel_test, a_system_without_pnp_has_no_panel_for_good) {
     in_own_devices([&] {
         hset("sys", "other", "LCD");
         EXPECT_EQ(sent_by_run(), "");
@@ -756,7 +756,7 @@ TEST_F(Panel, ASystemWithoutPnpHasNoPanelForGood) {
     });
 }
 
-TEST_F(Panel, AnythingButLcdIsNoPanel) {
+TEST_F(panel_test, anything_but_lcd_is_no_panel) {
     for (const char* pnp : {"", "lcd", "LCD ", "LCD2", "LC", " LCD"}) {
         SCOPED_TRACE(pnp);
         in_own_devices([&] {
@@ -768,7 +768,7 @@ TEST_F(Panel, AnythingButLcdIsNoPanel) {
     }
 }
 
-TEST_F(Panel, TheModelsPortIsAskedOfTheConfigurationTool) {
+TEST_F(panel_test, the_models_port_is_asked_of_the_configuration_tool) {
     in_own_devices([&] {
         serial_device();
         sent_by_run();
@@ -777,7 +777,7 @@ TEST_F(Panel, TheModelsPortIsAskedOfTheConfigurationTool) {
     });
 }
 
-TEST_F(Panel, TheModelTellsThePort) {
+TEST_F(panel_test, the_model_tells_the_port) {
     const std::pair<const char*, const char*> models[] = {
         {"KT7010", "/dev/ttyS0"},
         {"KT7020", "/dev/ttyS0"},
@@ -804,7 +804,7 @@ TEST_F(Panel, TheModelTellsThePort) {
     }
 }
 
-TEST_F(Panel, WithoutAnAnswerThePanelIsOnTheSecondPort) {
+TEST_F(panel_test, without_an_answer_the_panel_is_on_the_second_port) {
     in_own_devices([&] {
         serial_device("", "/dev/ttyS1");
         unlink("/srv/uci");
@@ -813,7 +813,7 @@ TEST_F(Panel, WithoutAnAnswerThePanelIsOnTheSecondPort) {
     });
 }
 
-TEST_F(Panel, AToolThatWritesForEverHoldsNobodyUp) {
+TEST_F(panel_test, a_tool_that_writes_for_ever_holds_nobody_up) {
     for (const char* output :
          {"yes KT7010", "yes ''", "yes | tr -d '\\n'", "yes | tr 'y\\n' '\\000\\000'"}) {
         SCOPED_TRACE(output);
@@ -830,7 +830,7 @@ TEST_F(Panel, AToolThatWritesForEverHoldsNobodyUp) {
 
 /* --- The serial panel --- */
 
-TEST_F(Panel, ASerialPanelIsClearedOnceAndGetsAFrameWithEachRun) {
+TEST_F(panel_test, a_serial_panel_is_cleared_once_and_gets_a_frame_with_each_run) {
     in_own_devices([&] {
         serial_device();
         set("cpu.load", "80");
@@ -850,7 +850,7 @@ TEST_F(Panel, ASerialPanelIsClearedOnceAndGetsAFrameWithEachRun) {
     });
 }
 
-TEST_F(Panel, TheLineIsSetTo9600BaudEightBitsNoParityOneStopBit) {
+TEST_F(panel_test, the_line_is_set_to_9600_baud_eight_bits_no_parity_one_stop_bit) {
     in_own_devices([&] {
         hset("sys", "pnp", "LCD");
         set_model("KT7030-B");
@@ -895,7 +895,7 @@ TEST_F(Panel, TheLineIsSetTo9600BaudEightBitsNoParityOneStopBit) {
     });
 }
 
-TEST_F(Panel, SizeParityAndStopBitsAreSetBeforeTheSpeed) {
+TEST_F(panel_test, size_parity_and_stop_bits_are_set_before_the_speed) {
     in_own_devices([&] {
         serial_device();
         watched.on = true;
@@ -915,7 +915,7 @@ TEST_F(Panel, SizeParityAndStopBitsAreSetBeforeTheSpeed) {
     });
 }
 
-TEST_F(Panel, ThePortIsOpenedToReadAndWriteAndNotWaitedFor) {
+TEST_F(panel_test, the_port_is_opened_to_read_and_write_and_not_waited_for) {
     in_own_devices([&] {
         serial_device();
         watched.on = true;
@@ -926,7 +926,7 @@ TEST_F(Panel, ThePortIsOpenedToReadAndWriteAndNotWaitedFor) {
     });
 }
 
-TEST_F(Panel, ALineThatRunsAt9600BaudIsSetOnce) {
+TEST_F(panel_test, a_line_that_runs_at_9600_baud_is_set_once) {
     for (const bool input_speed : {true, false}) {
         in_own_devices([&] {
             serial_device();
@@ -944,7 +944,7 @@ TEST_F(Panel, ALineThatRunsAt9600BaudIsSetOnce) {
     }
 }
 
-TEST_F(Panel, WhatCameInBeforeTheLineWasSetIsGone) {
+TEST_F(panel_test, what_came_in_before_the_line_was_set_is_gone) {
     in_own_devices([&] {
         serial_device();
         set_speed(B9600);
@@ -956,7 +956,7 @@ TEST_F(Panel, WhatCameInBeforeTheLineWasSetIsGone) {
     });
 }
 
-TEST_F(Panel, SettingsThatAreRefusedGetTheirMessageAndThePortIsUsed) {
+TEST_F(panel_test, settings_that_are_refused_get_their_message_and_the_port_is_used) {
     const std::pair<int, const char*> failures[] = {{1, "SetupSerial 3: Input/output error\n"},
                                                     {2, "tcsetattr fd: Input/output error\n"}};
     for (const auto& [number, message] : failures) {
@@ -971,7 +971,7 @@ TEST_F(Panel, SettingsThatAreRefusedGetTheirMessageAndThePortIsUsed) {
     }
 }
 
-TEST_F(Panel, APortThatIsNoTerminalGetsItsMessageAndIsUsed) {
+TEST_F(panel_test, a_port_that_is_no_terminal_gets_its_message_and_is_used) {
     in_own_devices([&] {
         hset("sys", "pnp", "LCD");
         set_model("KT7030-B");
@@ -986,7 +986,7 @@ TEST_F(Panel, APortThatIsNoTerminalGetsItsMessageAndIsUsed) {
     });
 }
 
-TEST_F(Panel, APortThatCannotBeOpenedIsTriedAgainFromTheStart) {
+TEST_F(panel_test, a_port_that_cannot_be_opened_is_tried_again_from_the_start) {
     in_own_devices([&] {
         hset("sys", "pnp", "LCD");
         set_model("KT7030-B");
@@ -1003,7 +1003,7 @@ TEST_F(Panel, APortThatCannotBeOpenedIsTriedAgainFromTheStart) {
     });
 }
 
-TEST_F(Panel, WhileAPortCannotBeOpenedANodeMayAppear) {
+TEST_F(panel_test, while_a_port_cannot_be_opened_a_node_may_appear) {
     in_own_devices([&] {
         hset("sys", "pnp", "LCD");
         EXPECT_EQ(errors_of_run(), "Can't Open x86_LCD Port.: No such file or directory\n");
@@ -1011,7 +1011,7 @@ TEST_F(Panel, WhileAPortCannotBeOpenedANodeMayAppear) {
     });
 }
 
-TEST_F(Panel, WhileAPortCannotBeOpenedThePanelMayBeDeniedForGood) {
+TEST_F(panel_test, while_a_port_cannot_be_opened_the_panel_may_be_denied_for_good) {
     in_own_devices([&] {
         hset("sys", "pnp", "LCD");
         EXPECT_EQ(errors_of_run(), "Can't Open x86_LCD Port.: No such file or directory\n");
@@ -1022,7 +1022,7 @@ TEST_F(Panel, WhileAPortCannotBeOpenedThePanelMayBeDeniedForGood) {
     });
 }
 
-TEST_F(Panel, AChosenPortThatGoesAwayIsLoggedAndUsedWhenItComesBack) {
+TEST_F(panel_test, a_chosen_port_that_goes_away_is_logged_and_used_when_it_comes_back) {
     in_own_devices([&] {
         serial_device();
         sent_by_run();
@@ -1036,7 +1036,7 @@ TEST_F(Panel, AChosenPortThatGoesAwayIsLoggedAndUsedWhenItComesBack) {
     });
 }
 
-TEST_F(Panel, APanelThatStopsReadingHoldsNobodyUp) {
+TEST_F(panel_test, a_panel_that_stops_reading_holds_nobody_up) {
     in_own_devices([&] {
         log.start(LOG_INFO);
         serial_device();
@@ -1055,7 +1055,7 @@ TEST_F(Panel, APanelThatStopsReadingHoldsNobodyUp) {
     });
 }
 
-TEST_F(Panel, ThePortDoesNotBecomeTheControllingTerminal) {
+TEST_F(panel_test, the_port_does_not_become_the_controlling_terminal) {
     in_own_devices([&] {
         serial_device();
         setsid();
@@ -1071,7 +1071,7 @@ TEST_F(Panel, ThePortDoesNotBecomeTheControllingTerminal) {
     });
 }
 
-TEST_F(Panel, NoDescriptorIsLeftOpen) {
+TEST_F(panel_test, no_descriptor_is_left_open) {
     in_own_devices([&] {
         const auto count = [] {
             int open_now = 0;
@@ -1094,7 +1094,7 @@ TEST_F(Panel, NoDescriptorIsLeftOpen) {
     });
 }
 
-TEST_F(Panel, IsLookedAfterEveryThreeSeconds) {
+TEST_F(panel_test, is_looked_after_every_three_seconds) {
     in_own_devices([&] {
         ASSERT_EQ(mkfifo("/dev/st7565", 0600), 0);
         ASSERT_NE(loop_init(1024, LOOP_SELECT), 0);

@@ -32,9 +32,9 @@ using namespace unit_test;
 namespace {
 
 /* The host tool counts its calls, one for each tick. */
-class StatisticsModules : public store_test {
+class statistics_modules_test : public store_test {
   protected:
-    StatisticsModules()
+    statistics_modules_test()
         : folder(::testing::TempDir() + "tessard-modules-XXXXXX"), old_path(getenv("PATH")),
           clock(1700000000) {
         EXPECT_NE(mkdtemp(folder.data()), nullptr);
@@ -46,7 +46,7 @@ class StatisticsModules : public store_test {
         modules_start();
     }
 
-    ~StatisticsModules() override {
+    ~statistics_modules_test() override {
         setenv("PATH", old_path.c_str(), 1);
         std::filesystem::remove_all(folder);
         htable_walk walk = htable_walk_start(object_keyspace());
@@ -92,7 +92,7 @@ int asked_hook(object*, history_series*, int) {
 
 } // namespace
 
-TEST_F(StatisticsModules, MakeTheHistoriesOfProcessorHostsAndConnections) {
+TEST_F(statistics_modules_test, make_the_histories_of_processor_hosts_and_connections) {
     const std::pair<const char*, uint32_t> figures[] = {{"cpu", 1}, {"host", 4}, {"conn", 4}};
     const std::tuple<const char*, uint32_t, uint32_t> spans[] = {{"10m", 1, 600},
                                                                  {"2h", 12, 600},
@@ -112,7 +112,7 @@ TEST_F(StatisticsModules, MakeTheHistoriesOfProcessorHostsAndConnections) {
     }
 }
 
-TEST_F(StatisticsModules, MakeThePingTableAndNothingElse) {
+TEST_F(statistics_modules_test, make_the_ping_table_and_nothing_else) {
     const object* snap = object_lookup_type("ping.snap", OBJ_TSTRING);
     ASSERT_NE(snap, nullptr);
     EXPECT_EQ(bytes_of(snap->string), std::string(400, '\0'));
@@ -124,7 +124,7 @@ TEST_F(StatisticsModules, MakeThePingTableAndNothingElse) {
     EXPECT_EQ(keys, 16u) << "15 histories and the ping table";
 }
 
-TEST_F(StatisticsModules, StatisticsTickOnceASecond) {
+TEST_F(statistics_modules_test, statistics_tick_once_a_second) {
     /* The machine may have plug-ins and a panel. */
     const auto enter = [] { return own_plugin_folder() && cover_devices(); };
     run_in_own_world(enter, [&] {
@@ -134,7 +134,8 @@ TEST_F(StatisticsModules, StatisticsTickOnceASecond) {
     });
 }
 
-TEST_F(StatisticsModules, AtTheSameMomentPlugInsComeFirstThenThePanelThenTheFigures) {
+TEST_F(statistics_modules_test,
+       at_the_same_moment_plug_ins_come_first_then_the_panel_then_the_figures) {
     const auto enter = [] { return own_plugin_folder() && cover_devices(); };
     run_in_own_world(enter, [&] {
         /* A node that nobody reads, which the panel complains about. */
@@ -157,19 +158,19 @@ TEST_F(StatisticsModules, AtTheSameMomentPlugInsComeFirstThenThePanelThenTheFigu
     });
 }
 
-TEST_F(StatisticsModules, AClientMayChooseTheInterfaceAlgorithm) {
+TEST_F(statistics_modules_test, a_client_may_choose_the_interface_algorithm) {
     object_set_string(make("history-iface-algor", OBJ_TSTRING), text("avg"));
     EXPECT_EQ(history_iface_algor, 0);
 }
 
-TEST_F(StatisticsModules, PingReportsAreHeard) {
+TEST_F(statistics_modules_test, ping_reports_are_heard) {
     object_set_string(make("ping.data", OBJ_TSTRING),
                       text("id=1,max=40,min=10,avg=20,total=10,loss=0"));
     EXPECT_NE(object_lookup("ping1.day"), nullptr);
     EXPECT_EQ(bytes_of(object_lookup("ping.snap")->string).substr(0, 4), be32(40));
 }
 
-TEST_F(StatisticsModules, OneDumpHookIsTakenAndThreeMoreFit) {
+TEST_F(statistics_modules_test, one_dump_hook_is_taken_and_three_more_fit) {
     asked = 0;
     for (int i = 0; i < 3; i++) {
         register_dump_skip_hook(asked_hook);
@@ -181,7 +182,7 @@ TEST_F(StatisticsModules, OneDumpHookIsTakenAndThreeMoreFit) {
     EXPECT_EQ(std::filesystem::file_size(file), 4 + 7 + 4 + 20u);
 }
 
-TEST_F(StatisticsModules, HistoriesTravelThroughDumpFiles) {
+TEST_F(statistics_modules_test, histories_travel_through_dump_files) {
     const std::string file = folder + "/dump";
     history_series* series = object_lookup("conn.week")->aux;
     for (int i = 0; i < 1440; i++) {

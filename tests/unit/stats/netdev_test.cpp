@@ -49,14 +49,14 @@ std::string line(const std::string& name, const counts& c) {
            " 81 82 83 84 85 86\n";
 }
 
-class InterfaceTraffic : public store_test {
+class interface_traffic_test : public store_test {
   protected:
-    InterfaceTraffic() {
+    interface_traffic_test() {
         netdev_reset();
         history_iface_algor = 1;
     }
 
-    ~InterfaceTraffic() override {
+    ~interface_traffic_test() override {
         object_reset();
         netdev_reset();
         history_iface_algor = 1;
@@ -171,7 +171,7 @@ bool memory_can_be_exhausted() {
 
 /* --- The first polls --- */
 
-TEST_F(InterfaceTraffic, TheFirstPollStoresCountersAndNoRates) {
+TEST_F(interface_traffic_test, the_first_poll_stores_counters_and_no_rates) {
     poll(0, line("eth0", {1296, 14, 5000000000, 28}));
     EXPECT_EQ(hash_of("eth0"), (fields{{"rxb", "1296"},
                                        {"rxp", "14"},
@@ -185,7 +185,7 @@ TEST_F(InterfaceTraffic, TheFirstPollStoresCountersAndNoRates) {
     EXPECT_EQ(filled("eth0.10m"), be32(0)) << "there is nothing to keep yet";
 }
 
-TEST_F(InterfaceTraffic, TheSecondPollShowsHalfTheRateAndLaterOnesApproachIt) {
+TEST_F(interface_traffic_test, the_second_poll_shows_half_the_rate_and_later_ones_approach_it) {
     advance(0, {});
     for (const auto& [rxb, rxp, txb, txp] : {std::tuple(500u, 5u, 1000u, 50u),
                                              {750u, 7u, 1500u, 75u},
@@ -205,7 +205,7 @@ TEST_F(InterfaceTraffic, TheSecondPollShowsHalfTheRateAndLaterOnesApproachIt) {
                                        {"flags", "0"}}));
 }
 
-TEST_F(InterfaceTraffic, ARateOfNothingFallsByHalves) {
+TEST_F(interface_traffic_test, a_rate_of_nothing_falls_by_halves) {
     advance(0, {});
     advance(1000000, {1000, 2, 0, 0});
     for (const uint32_t rate : {250u, 125u, 62u, 31u, 15u, 7u, 3u, 1u, 0u, 0u}) {
@@ -214,7 +214,7 @@ TEST_F(InterfaceTraffic, ARateOfNothingFallsByHalves) {
     }
 }
 
-TEST_F(InterfaceTraffic, AnInterfaceThatAppearsLaterIsCountedFromZero) {
+TEST_F(interface_traffic_test, an_interface_that_appears_later_is_counted_from_zero) {
     advance(0, {});
     poll(1000000, line("eth1", {3000, 20, 700, 8}));
     EXPECT_EQ(rates("eth1"), (u32s{1500, 10, 350, 4}));
@@ -226,7 +226,7 @@ TEST_F(InterfaceTraffic, AnInterfaceThatAppearsLaterIsCountedFromZero) {
 
 /* --- The interval --- */
 
-TEST_F(InterfaceTraffic, RatesArePerSecondAndCutToWholeNumbers) {
+TEST_F(interface_traffic_test, rates_are_per_second_and_cut_to_whole_numbers) {
     /* Of 1000 bytes in so many microseconds, half of the whole number shows. */
     for (const auto& [elapsed, rate] : {std::pair(500000u, 1000u),
                                         {2000000u, 250u},
@@ -244,7 +244,7 @@ TEST_F(InterfaceTraffic, RatesArePerSecondAndCutToWholeNumbers) {
     }
 }
 
-TEST_F(InterfaceTraffic, TheIntervalIsWhatHasPassedSinceTheLastPoll) {
+TEST_F(interface_traffic_test, the_interval_is_what_has_passed_since_the_last_poll) {
     EXPECT_EQ(netdev_interval_us, 0u);
     netdev_set_interval(100, 900000);
     EXPECT_EQ(netdev_interval_us, 0u) << "the first poll";
@@ -264,7 +264,8 @@ TEST_F(InterfaceTraffic, TheIntervalIsWhatHasPassedSinceTheLastPoll) {
     EXPECT_EQ(netdev_interval_us, 1000000u) << "and goes on from there";
 }
 
-TEST_F(InterfaceTraffic, TheIntervalIs32BitsOfMicrosecondsAndPositiveAsASignedNumber) {
+TEST_F(interface_traffic_test,
+       the_interval_is_32_bits_of_microseconds_and_positive_as_a_signed_number) {
     for (const auto& [elapsed_sec, elapsed_usec, interval] :
          {std::tuple(2147u, 483647u, 2147483647u),
           {2147u, 483648u, 0u},
@@ -285,7 +286,7 @@ TEST_F(InterfaceTraffic, TheIntervalIs32BitsOfMicrosecondsAndPositiveAsASignedNu
     EXPECT_EQ(netdev_interval_us, 1000000u);
 }
 
-TEST_F(InterfaceTraffic, OnlyATimeOfAllZeroIsNoTime) {
+TEST_F(interface_traffic_test, only_a_time_of_all_zero_is_no_time) {
     netdev_set_interval(0, 0);
     netdev_set_interval(7, 0);
     EXPECT_EQ(netdev_interval_us, 0u);
@@ -295,7 +296,7 @@ TEST_F(InterfaceTraffic, OnlyATimeOfAllZeroIsNoTime) {
     EXPECT_EQ(netdev_interval_us, 20u);
 }
 
-TEST_F(InterfaceTraffic, WithoutAnIntervalCountersAreStoredAndRatesStay) {
+TEST_F(interface_traffic_test, without_an_interval_counters_are_stored_and_rates_stay) {
     advance(0, {});
     advance(1000000, {1000, 10, 2000, 100});
     const std::string before = ring("eth0.10m");
@@ -309,7 +310,7 @@ TEST_F(InterfaceTraffic, WithoutAnIntervalCountersAreStoredAndRatesStay) {
 
 /* --- Wraps and resets --- */
 
-TEST_F(InterfaceTraffic, ADeltaOfAThousandMillionSkipsThePollsRates) {
+TEST_F(interface_traffic_test, a_delta_of_a_thousand_million_skips_the_polls_rates) {
     for (uint64_t counts::*counter : {&counts::rxb, &counts::rxp, &counts::txb, &counts::txp}) {
         object_reset();
         netdev_reset();
@@ -332,13 +333,13 @@ TEST_F(InterfaceTraffic, ADeltaOfAThousandMillionSkipsThePollsRates) {
     }
 }
 
-TEST_F(InterfaceTraffic, ADeltaJustBelowIsARate) {
+TEST_F(interface_traffic_test, a_delta_just_below_is_a_rate) {
     advance(0, {});
     advance(1000000, {999999999, 999999999, 999999999, 999999999});
     EXPECT_EQ(rates(), u32s(4, 499999999));
 }
 
-TEST_F(InterfaceTraffic, ACounterThatGoesBackwardsIsAReset) {
+TEST_F(interface_traffic_test, a_counter_that_goes_backwards_is_a_reset) {
     for (uint64_t counts::*counter : {&counts::rxb, &counts::rxp, &counts::txb, &counts::txp}) {
         for (const uint64_t back : {1, 500}) {
             object_reset();
@@ -353,7 +354,7 @@ TEST_F(InterfaceTraffic, ACounterThatGoesBackwardsIsAReset) {
     }
 }
 
-TEST_F(InterfaceTraffic, ByteCountersAreComparedByTheirLowWords) {
+TEST_F(interface_traffic_test, byte_counters_are_compared_by_their_low_words) {
     eth0 = {0xFFFFFFF0, 0, 0x1FFFFFFFC, 0};
     advance(0, {});
     advance(1000000, {0x20, 0, 0x10, 0});
@@ -364,7 +365,7 @@ TEST_F(InterfaceTraffic, ByteCountersAreComparedByTheirLowWords) {
     EXPECT_EQ(field_of("eth0", "rxb"), "8589934708");
 }
 
-TEST_F(InterfaceTraffic, ACounterOf32BitsMayWrap) {
+TEST_F(interface_traffic_test, a_counter_of_32_bits_may_wrap) {
     eth0 = {4294967290, 4294967290, 4294967290, 4294967290};
     advance(0, {});
     eth0 = {10, 10, 10, 10};
@@ -373,7 +374,7 @@ TEST_F(InterfaceTraffic, ACounterOf32BitsMayWrap) {
     EXPECT_EQ(field_of("eth0", "rxb"), "10");
 }
 
-TEST_F(InterfaceTraffic, PacketCountersAreCutTo32Bits) {
+TEST_F(interface_traffic_test, packet_counters_are_cut_to_32_bits) {
     eth0 = {18446744073709551615u, 4294967296 + 7, 4294967296, 2 * 4294967296 + 9};
     advance(0, {});
     EXPECT_EQ(field_of("eth0", "rxb"), "18446744073709551615");
@@ -382,7 +383,7 @@ TEST_F(InterfaceTraffic, PacketCountersAreCutTo32Bits) {
     EXPECT_EQ(field_of("eth0", "txp"), "9");
 }
 
-TEST_F(InterfaceTraffic, RatesAreComputedIn64Bits) {
+TEST_F(interface_traffic_test, rates_are_computed_in_64_bits) {
     /* 999999996 bytes in a quarter of a second are 3999999984 a second. */
     advance(0, {});
     advance(250000, {999999996, 0, 0, 0});
@@ -399,7 +400,7 @@ TEST_F(InterfaceTraffic, RatesAreComputedIn64Bits) {
 
 /* --- Lines --- */
 
-TEST_F(InterfaceTraffic, OnlyNamesWithAKnownBeginningAreOfInterest) {
+TEST_F(interface_traffic_test, only_names_with_a_known_beginning_are_of_interest) {
     const std::vector<std::string> wanted = {"eth",    "eth0",    "ethernet", "br-lan", "br-lan2",
                                              "br-wan", "br-wan1", "pptp-wan", "pptp-",  "pppoe-wan",
                                              "p-1",    "p-",      "l2tp-wan"};
@@ -426,13 +427,13 @@ TEST_F(InterfaceTraffic, OnlyNamesWithAKnownBeginningAreOfInterest) {
     EXPECT_EQ(iface_find("lo"), nullptr);
 }
 
-TEST_F(InterfaceTraffic, LinesWithABarAreSkipped) {
+TEST_F(interface_traffic_test, lines_with_a_bar_are_skipped) {
     poll(0, "eth0|: 1 2 3 4 5 6 7 8 9 10\neth1: 1 2 3 4 5 6 7 8 9 10 |\n");
     EXPECT_EQ(iface_find("eth0"), nullptr);
     EXPECT_EQ(iface_find("eth1"), nullptr);
 }
 
-TEST_F(InterfaceTraffic, BlanksBeforeAndAfterTheColonMakeNoDifference) {
+TEST_F(interface_traffic_test, blanks_before_and_after_the_colon_make_no_difference) {
     poll(0, "eth0:1 2 3 4 5 6 7 8 9 10 11\n      eth1:   21 22 23 24 25 26 27 28 29 "
             "30\n\teth2:\t31 32 33 34 "
             "35 36 37 38 39 "
@@ -449,7 +450,7 @@ TEST_F(InterfaceTraffic, BlanksBeforeAndAfterTheColonMakeNoDifference) {
         << "the last line may have no end";
 }
 
-TEST_F(InterfaceTraffic, WhatIsNoLineIsHarmless) {
+TEST_F(interface_traffic_test, what_is_no_line_is_harmless) {
     poll(0, "\n   \n:\n: 1 2 3\nnonsense\n\t\t\n\x01\xff\xfe 7 7 7\n" + line("eth0", {1, 2, 3, 4}));
     EXPECT_EQ(field_of("eth0", "txp"), "4");
     read("");
@@ -460,7 +461,7 @@ TEST_F(InterfaceTraffic, WhatIsNoLineIsHarmless) {
     read(long_name);
 }
 
-TEST_F(InterfaceTraffic, FiguresThatAreMissingCountAsZero) {
+TEST_F(interface_traffic_test, figures_that_are_missing_count_as_zero) {
     poll(0, "eth0: 5 6\n");
     EXPECT_EQ(field_of("eth0", "rxb"), "5");
     EXPECT_EQ(field_of("eth0", "rxp"), "6");
@@ -468,7 +469,7 @@ TEST_F(InterfaceTraffic, FiguresThatAreMissingCountAsZero) {
     EXPECT_EQ(field_of("eth0", "txp"), "0");
 }
 
-TEST_F(InterfaceTraffic, NamesAreKeptTo31Characters) {
+TEST_F(interface_traffic_test, names_are_kept_to_31_characters) {
     const std::string name = "eth-4567890123456789012345678901";
     ASSERT_EQ(name.size(), 32u);
     poll(0, line(name, {1, 2, 3, 4}));
@@ -484,7 +485,7 @@ TEST_F(InterfaceTraffic, NamesAreKeptTo31Characters) {
 
 /* --- Records --- */
 
-TEST_F(InterfaceTraffic, RecordsAreFoundInAnyCaseOfLetters) {
+TEST_F(interface_traffic_test, records_are_found_in_any_case_of_letters) {
     poll(0, line("eth0", {1, 2, 3, 4}) + line("br-lan", {5, 6, 7, 8}));
     const iface_stat* eth = iface_find("eth0");
     ASSERT_NE(eth, nullptr);
@@ -497,7 +498,7 @@ TEST_F(InterfaceTraffic, RecordsAreFoundInAnyCaseOfLetters) {
     EXPECT_EQ(iface_find(nullptr), nullptr);
 }
 
-TEST_F(InterfaceTraffic, TheNewestRecordHeadsTheList) {
+TEST_F(interface_traffic_test, the_newest_record_heads_the_list) {
     poll(0, line("eth0", {}) + line("eth1", {}));
     poll(1000000, line("eth2", {}) + line("eth0", {}));
     const iface_stat* newest = iface_find("eth2");
@@ -512,7 +513,7 @@ TEST_F(InterfaceTraffic, TheNewestRecordHeadsTheList) {
     EXPECT_EQ(newest->next->next->next, nullptr);
 }
 
-TEST_F(InterfaceTraffic, AnInterfaceThatDisappearsKeepsItsLastFigures) {
+TEST_F(interface_traffic_test, an_interface_that_disappears_keeps_its_last_figures) {
     advance(0, {});
     advance(1000000, {1000, 10, 2000, 100});
     const fields before = hash_of("eth0");
@@ -525,7 +526,7 @@ TEST_F(InterfaceTraffic, AnInterfaceThatDisappearsKeepsItsLastFigures) {
     EXPECT_EQ(rates()[0], 2250u) << "when it is back, the whole difference is the last second's";
 }
 
-TEST_F(InterfaceTraffic, WithoutMemoryForARecordTheProcessEnds) {
+TEST_F(interface_traffic_test, without_memory_for_a_record_the_process_ends) {
 #if defined(__SANITIZE_ADDRESS__)
     GTEST_SKIP() << "the address sanitizer's heap has no such end";
 #endif
@@ -554,7 +555,7 @@ TEST_F(InterfaceTraffic, WithoutMemoryForARecordTheProcessEnds) {
 
 /* --- The hash --- */
 
-TEST_F(InterfaceTraffic, FlagsAreWrittenAsTheyStand) {
+TEST_F(interface_traffic_test, flags_are_written_as_they_stand) {
     advance(0, {});
     EXPECT_EQ(field_of("eth0", "flags"), "0");
     iface_find("eth0")->flags = 3;
@@ -562,7 +563,7 @@ TEST_F(InterfaceTraffic, FlagsAreWrittenAsTheyStand) {
     EXPECT_EQ(field_of("eth0", "flags"), "3");
 }
 
-TEST_F(InterfaceTraffic, AnObserverGetsOneFrameForEachInterfaceAndPoll) {
+TEST_F(interface_traffic_test, an_observer_gets_one_frame_for_each_interface_and_poll) {
     test_client observer;
     observer.call({"observe"});
     for (int i = 0; i < 3; i++) {
@@ -581,7 +582,7 @@ TEST_F(InterfaceTraffic, AnObserverGetsOneFrameForEachInterfaceAndPoll) {
     }
 }
 
-TEST_F(InterfaceTraffic, AKeyOfAnotherTypeIsLeftAloneAndTheRestGoesOn) {
+TEST_F(interface_traffic_test, a_key_of_another_type_is_left_alone_and_the_rest_goes_on) {
     object* obj = make("eth0", OBJ_TSTRING);
     sstr_assign(&obj->string, "mine", 4);
     poll(0, line("eth0", {0, 0, 0, 0}) + line("eth1", {1, 2, 3, 4}));
@@ -592,14 +593,14 @@ TEST_F(InterfaceTraffic, AKeyOfAnotherTypeIsLeftAloneAndTheRestGoesOn) {
     EXPECT_EQ(hash_of("eth1").size(), 9u);
 }
 
-TEST_F(InterfaceTraffic, AHashThatAClientDeletedComesBackWithTheNextPoll) {
+TEST_F(interface_traffic_test, a_hash_that_a_client_deleted_comes_back_with_the_next_poll) {
     advance(0, {});
     object_delete(object_lookup("eth0"));
     advance(1000000, {});
     EXPECT_EQ(hash_of("eth0").size(), 9u);
 }
 
-TEST_F(InterfaceTraffic, FieldsOfClientsStay) {
+TEST_F(interface_traffic_test, fields_of_clients_stay) {
     advance(0, {});
     object_hash_set(make("eth0", OBJ_THASH), text("label"), text("uplink"));
     advance(1000000, {});
@@ -609,7 +610,7 @@ TEST_F(InterfaceTraffic, FieldsOfClientsStay) {
 
 /* --- Histories --- */
 
-TEST_F(InterfaceTraffic, EveryInterfaceHasFiveHistoriesOf16ByteSamples) {
+TEST_F(interface_traffic_test, every_interface_has_five_histories_of_16_byte_samples) {
     poll(0, line("pppoe-wan", {}));
     const std::pair<const char*, uint32_t> spans[] = {{"pppoe-wan.10m", 600},
                                                       {"pppoe-wan.2h", 600},
@@ -622,7 +623,7 @@ TEST_F(InterfaceTraffic, EveryInterfaceHasFiveHistoriesOf16ByteSamples) {
     }
 }
 
-TEST_F(InterfaceTraffic, ASampleIsTheFourRatesInNetworkByteOrder) {
+TEST_F(interface_traffic_test, a_sample_is_the_four_rates_in_network_byte_order) {
     advance(0, {});
     advance(1000000, {0x02040608, 0x2468, 0x0A0C0E, 0x62});
     EXPECT_EQ(sample("eth0.10m", 0),
@@ -631,7 +632,7 @@ TEST_F(InterfaceTraffic, ASampleIsTheFourRatesInNetworkByteOrder) {
     EXPECT_EQ(filled("eth0.2h"), be32(0));
 }
 
-TEST_F(InterfaceTraffic, TheMaximumOfEveryRateIsKeptForEachSample) {
+TEST_F(interface_traffic_test, the_maximum_of_every_rate_is_kept_for_each_sample) {
     advance(0, {});
     /* Rates after each poll: 500, 750, 375, 187, 93 ... and for what is sent the other way round.
      */
@@ -650,7 +651,8 @@ TEST_F(InterfaceTraffic, TheMaximumOfEveryRateIsKeptForEachSample) {
     EXPECT_EQ(sample("eth0.10m", 2), be32(375) + std::string(12, '\0')) << "one tick, one rate";
 }
 
-TEST_F(InterfaceTraffic, TheRunningAverageTakesTheFirstRateWholeAndHalvesFromThere) {
+TEST_F(interface_traffic_test,
+       the_running_average_takes_the_first_rate_whole_and_halves_from_there) {
     history_iface_algor = 0;
     advance(0, {});
     /* Rates: 0, 500, 250, 125, 62, 531, 265, 132, 66, 33, 16, 8. */
@@ -663,7 +665,7 @@ TEST_F(InterfaceTraffic, TheRunningAverageTakesTheFirstRateWholeAndHalvesFromThe
     EXPECT_EQ(sample("eth0.2h", 0).substr(8, 4), be32(1)) << "1 and 1 stay 1";
 }
 
-TEST_F(InterfaceTraffic, AChoiceTakesEffectWithTheNextPoll) {
+TEST_F(interface_traffic_test, a_choice_takes_effect_with_the_next_poll) {
     advance(0, {});
     /* The maximum of 500, 250 ... is 500; from the seventh on the average is taken: of 500 and 7,
      * 253. */
@@ -682,7 +684,7 @@ TEST_F(InterfaceTraffic, AChoiceTakesEffectWithTheNextPoll) {
     EXPECT_EQ(iface_find("eth0")->accumulated[1].rxb, 503u);
 }
 
-TEST_F(InterfaceTraffic, LongSpansCollectUntilTheirPeriodEnds) {
+TEST_F(interface_traffic_test, long_spans_collect_until_their_period_ends) {
     advance(0, {});
     for (int tick = 1; tick <= 2880; tick++) {
         /* A burst in the 100th second of each 360: its rate of 7000 is the day's maximum. */

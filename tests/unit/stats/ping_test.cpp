@@ -36,14 +36,14 @@ std::string figures(uint32_t max, uint32_t min, uint32_t avg, uint32_t total, ui
 
 const std::string NOTHING = figures(0, 0, 0, 0, 0);
 
-class Ping : public store_test {
+class ping_test : public store_test {
   protected:
-    Ping() : clock(NOW) {
+    ping_test() : clock(NOW) {
         history_start();
         module_ping_start();
     }
 
-    ~Ping() override {
+    ~ping_test() override {
         history_start();
     }
 
@@ -105,7 +105,7 @@ std::string counts_of(int64_t time, uint32_t filled, uint32_t head) {
 
 /* --- The start --- */
 
-TEST_F(Ping, TheTableIsAStringOf400ZeroBytesThatCannotBeDeleted) {
+TEST_F(ping_test, the_table_is_a_string_of_400_zero_bytes_that_cannot_be_deleted) {
     EXPECT_EQ(snap(), std::string(400, '\0'));
     object* obj = object_lookup("ping.snap");
     EXPECT_EQ(obj->flags, flags_of(OBJ_TSTRING, 0x200));
@@ -113,13 +113,13 @@ TEST_F(Ping, TheTableIsAStringOf400ZeroBytesThatCannotBeDeleted) {
     EXPECT_EQ(object_delete(obj), 0);
 }
 
-TEST_F(Ping, AStartClearsATableOf400Bytes) {
+TEST_F(ping_test, a_start_clears_a_table_of_400_bytes) {
     set("ping.snap", std::string(400, 'x'));
     module_ping_start();
     EXPECT_EQ(snap(), std::string(400, '\0'));
 }
 
-TEST_F(Ping, AStartReplacesATableOfAnotherLength) {
+TEST_F(ping_test, a_start_replaces_a_table_of_another_length) {
     for (const size_t length : {0u, 1u, 399u, 401u, 4000u}) {
         set("ping.snap", std::string(length, 'x'));
         module_ping_start();
@@ -127,7 +127,7 @@ TEST_F(Ping, AStartReplacesATableOfAnotherLength) {
     }
 }
 
-TEST_F(Ping, AStartLeavesAKeyOfAnotherTypeAlone) {
+TEST_F(ping_test, a_start_leaves_a_key_of_another_type_alone) {
     object_reset();
     make("ping.snap", OBJ_THASH);
     history_start();
@@ -139,13 +139,13 @@ TEST_F(Ping, AStartLeavesAKeyOfAnotherTypeAlone) {
     EXPECT_EQ(object_type(object_lookup("ping.snap")), OBJ_THASH);
 }
 
-TEST_F(Ping, AStartMakesNoTargets) {
+TEST_F(ping_test, a_start_makes_no_targets) {
     for (int id = 1; id <= 20; id++) {
         EXPECT_FALSE(has_reported(id)) << id;
     }
 }
 
-TEST_F(Ping, AStartForgetsTheTargetsOfTheRunBefore) {
+TEST_F(ping_test, a_start_forgets_the_targets_of_the_run_before) {
     report(7, 40, 10, 20, 10, 5);
     object_reset();
     history_start();
@@ -157,7 +157,7 @@ TEST_F(Ping, AStartForgetsTheTargetsOfTheRunBefore) {
 
 /* --- Reports --- */
 
-TEST_F(Ping, TwoReportsAreFoldedIntoOneSummary) {
+TEST_F(ping_test, two_reports_are_folded_into_one_summary) {
     report("id=3,max=40,min=10,avg=20,total=10,loss=0");
     EXPECT_EQ(entry(3), figures(40, 10, 20, 10, 0));
     report("id=3,max=30,min=5,avg=30,total=10,loss=2");
@@ -165,19 +165,19 @@ TEST_F(Ping, TwoReportsAreFoldedIntoOneSummary) {
     EXPECT_EQ(snap(), std::string(40, '\0') + figures(40, 5, 25, 20, 2) + std::string(340, '\0'));
 }
 
-TEST_F(Ping, NumbersAreBigEndianOnEveryTarget) {
+TEST_F(ping_test, numbers_are_big_endian_on_every_target) {
     report("id=1,max=16909060,min=67305985,avg=2,total=256,loss=65536");
     EXPECT_EQ(snap().substr(0, 20),
               std::string("\x01\x02\x03\x04\x04\x03\x02\x01\0\0\0\x02\0\0\x01\0\0\x01\0\0", 20));
 }
 
-TEST_F(Ping, TheFirstAndTheLastTargetStandAtTheEndsOfTheTable) {
+TEST_F(ping_test, the_first_and_the_last_target_stand_at_the_ends_of_the_table) {
     report(1, 1, 2, 3, 4, 5);
     report(20, 6, 7, 8, 9, 10);
     EXPECT_EQ(snap(), figures(1, 2, 3, 4, 5) + std::string(360, '\0') + figures(6, 7, 8, 9, 10));
 }
 
-TEST_F(Ping, IdentifiersOutsideOneToTwentyAreIgnored) {
+TEST_F(ping_test, identifiers_outside_one_to_twenty_are_ignored) {
     for (const char* id : {"0", "21", "-1", "22", "100", "2147483647", "-2147483648", "4294967297",
                            "18446744073709551617", "-4294967295", "99999999999999999999999"}) {
         report("id=" + std::string(id) + ",max=4,min=1,avg=2,total=10,loss=1");
@@ -188,7 +188,7 @@ TEST_F(Ping, IdentifiersOutsideOneToTwentyAreIgnored) {
     }
 }
 
-TEST_F(Ping, ReportsWithoutAllSixNumbersAreIgnored) {
+TEST_F(ping_test, reports_without_all_six_numbers_are_ignored) {
     for (const char* value :
          {"", "id=3", "id=3,max=4,min=1,avg=2,total=10", "id=3,max=4,min=1,avg=2,total=10,",
           "id=3,max=4,min=1,avg=2,total=10,loss=", "id=3,max=4,min=1,avg=2,total=10,loss=x",
@@ -204,36 +204,36 @@ TEST_F(Ping, ReportsWithoutAllSixNumbersAreIgnored) {
     }
 }
 
-TEST_F(Ping, AReportEndsAtItsFirstNul) {
+TEST_F(ping_test, a_report_ends_at_its_first_nul) {
     report(std::string_view("id=3,max=4,min=1,avg=2,total=10,\0loss=1", 40));
     EXPECT_FALSE(has_reported(3));
     report(std::string_view("id=3,max=4,min=1,avg=2,total=10,loss=1\0000", 40));
     EXPECT_EQ(entry(3), figures(4, 1, 2, 10, 1));
 }
 
-TEST_F(Ping, ReportsAreReadAsScanfReadsThem) {
+TEST_F(ping_test, reports_are_read_as_scanf_reads_them) {
     report("id= 3,max=+4,min=\t1,avg=002,total=\n10,loss=1 and more");
     EXPECT_EQ(entry(3), figures(4, 1, 2, 10, 1));
 }
 
-TEST_F(Ping, AVeryLongReportIsReadToo) {
+TEST_F(ping_test, a_very_long_report_is_read_too) {
     report("id=3,max=" + std::string(100000, '0') + "4,min=1,avg=2,total=10,loss=1" +
            std::string(100000, 'x'));
     EXPECT_EQ(entry(3), figures(4, 1, 2, 10, 1));
 }
 
-TEST_F(Ping, FiguresBeyond32BitsSaturate) {
+TEST_F(ping_test, figures_beyond_32_bits_saturate) {
     report("id=3,max=2147483648,min=2147483647,avg=4294967296,total=99999999999999999999999,loss="
            "9223372036854775808");
     EXPECT_EQ(entry(3), figures(2147483647, 2147483647, 2147483647, 2147483647, 2147483647));
 }
 
-TEST_F(Ping, NegativeFiguresAreStoredAsUnsigned) {
+TEST_F(ping_test, negative_figures_are_stored_as_unsigned) {
     report("id=3,max=-1,min=-2,avg=-3,total=-4,loss=-2147483649");
     EXPECT_EQ(entry(3), figures(4294967295, 4294967294, 4294967293, 4294967292, 2147483648));
 }
 
-TEST_F(Ping, TotalsWrapAt32Bits) {
+TEST_F(ping_test, totals_wrap_at_32_bits) {
     for (int i = 0; i < 3; i++) {
         report(3, 1, 1, 1, 2147483647, 2000000000);
     }
@@ -241,13 +241,13 @@ TEST_F(Ping, TotalsWrapAt32Bits) {
     EXPECT_EQ(entry(3), figures(1, 1, 1, 2147483645, 1705032704));
 }
 
-TEST_F(Ping, MaximaAreComparedAsUnsigned) {
+TEST_F(ping_test, maxima_are_compared_as_unsigned) {
     report(3, -1, 1, 1, 1, 0);
     report(3, 5, 1, 1, 1, 0);
     EXPECT_EQ(entry(3).substr(0, 4), be32(4294967295));
 }
 
-TEST_F(Ping, EveryKeyOfTheFamilyButTheTwoIsIgnored) {
+TEST_F(ping_test, every_key_of_the_family_but_the_two_is_ignored) {
     const std::string value = "id=3,max=4,min=1,avg=2,total=10,loss=1";
     for (const char* key :
          {"ping.dat", "ping.data2", "ping", "Ping.data", "ping.data ", "_ping.data", "data"}) {
@@ -261,14 +261,14 @@ TEST_F(Ping, EveryKeyOfTheFamilyButTheTwoIsIgnored) {
     EXPECT_EQ(entry(3), figures(4, 1, 2, 10, 1));
 }
 
-TEST_F(Ping, AStringWithoutValueIsNoReport) {
+TEST_F(ping_test, a_string_without_value_is_no_report) {
     object* obj = make("ping.data", OBJ_TSTRING);
     EXPECT_EQ(ping_data_hook(obj), 0);
     EXPECT_EQ(ping_data_hook(make("ping.del", OBJ_TSTRING)), 0);
     EXPECT_EQ(snap(), std::string(400, '\0'));
 }
 
-TEST_F(Ping, AClientReportsWithAnyCommandThatWritesTheKey) {
+TEST_F(ping_test, a_client_reports_with_any_command_that_writes_the_key) {
     test_client client;
     client.call({"set", "ping.data", "id=3,max=4,min=1,avg=2,total=10,loss=1"});
     EXPECT_EQ(entry(3), figures(4, 1, 2, 10, 1));
@@ -286,7 +286,7 @@ TEST_F(Ping, AClientReportsWithAnyCommandThatWritesTheKey) {
     EXPECT_EQ(entry(3), NOTHING);
 }
 
-TEST_F(Ping, AReportIsAnnouncedButTheTableIsNot) {
+TEST_F(ping_test, a_report_is_announced_but_the_table_is_not) {
     test_client observer;
     observer.call({"observe"});
     report("id=3,max=4,min=1,avg=2,total=10,loss=1");
@@ -296,7 +296,7 @@ TEST_F(Ping, AReportIsAnnouncedButTheTableIsNot) {
 
 /* --- The summary --- */
 
-TEST_F(Ping, TheSummaryKeepsTheSmallestMinimumThatIsNotZero) {
+TEST_F(ping_test, the_summary_keeps_the_smallest_minimum_that_is_not_zero) {
     const struct {
         uint32_t reported;
         uint32_t kept;
@@ -307,7 +307,7 @@ TEST_F(Ping, TheSummaryKeepsTheSmallestMinimumThatIsNotZero) {
     }
 }
 
-TEST_F(Ping, AMinimumOfZeroIsReplacedByAnyThatFollows) {
+TEST_F(ping_test, a_minimum_of_zero_is_replaced_by_any_that_follows) {
     report(3, 50, 0, 1, 1, 0);
     EXPECT_EQ(entry(3).substr(4, 4), be32(0));
     report(3, 50, 0, 1, 1, 0);
@@ -316,7 +316,7 @@ TEST_F(Ping, AMinimumOfZeroIsReplacedByAnyThatFollows) {
     EXPECT_EQ(entry(3).substr(4, 4), be32(60));
 }
 
-TEST_F(Ping, AveragesAreAveragedAndTruncated) {
+TEST_F(ping_test, averages_are_averaged_and_truncated) {
     const struct {
         uint32_t reported;
         uint32_t kept;
@@ -334,7 +334,7 @@ TEST_F(Ping, AveragesAreAveragedAndTruncated) {
     }
 }
 
-TEST_F(Ping, AnAverageLosesWhatItsTwoQuotientsLose) {
+TEST_F(ping_test, an_average_loses_what_its_two_quotients_lose) {
     /* 1 / 6 * 5 + 1 / 6 comes out one rounding step below 1, and 8 / 6 * 5 + 2 / 6 one below 7.
      * With a single division, or a product that is not rounded before the sum, both would be whole.
      */
@@ -350,7 +350,7 @@ TEST_F(Ping, AnAverageLosesWhatItsTwoQuotientsLose) {
     }
 }
 
-TEST_F(Ping, AnAverageOfOnlyZeroesIsZeroUntilTheFirstOther) {
+TEST_F(ping_test, an_average_of_only_zeroes_is_zero_until_the_first_other) {
     report(3, 0, 0, 0, 10, 10);
     report(3, 0, 0, 0, 10, 10);
     EXPECT_EQ(entry(3), figures(0, 0, 0, 20, 20));
@@ -358,7 +358,7 @@ TEST_F(Ping, AnAverageOfOnlyZeroesIsZeroUntilTheFirstOther) {
     EXPECT_EQ(entry(3), figures(9, 3, 7, 30, 20));
 }
 
-TEST_F(Ping, TheHighestAverageDoesNotOverflow) {
+TEST_F(ping_test, the_highest_average_does_not_overflow) {
     for (int i = 0; i < 50; i++) {
         report(3, -1, 1, -1, 0, 0);
     }
@@ -367,7 +367,7 @@ TEST_F(Ping, TheHighestAverageDoesNotOverflow) {
     EXPECT_EQ(avg.substr(0, 3), "\xff\xff\xff");
 }
 
-TEST_F(Ping, TargetsDoNotShareTheirFigures) {
+TEST_F(ping_test, targets_do_not_share_their_figures) {
     for (int id = 1; id <= 20; id++) {
         report(id, 100 + id, id, 50 + id, 10, id % 3);
         report(id, 10, 200, 50 + id, 10, 0);
@@ -380,7 +380,7 @@ TEST_F(Ping, TargetsDoNotShareTheirFigures) {
 
 /* --- A table that a client has overwritten --- */
 
-TEST_F(Ping, AShortTableIsLeftAlone) {
+TEST_F(ping_test, a_short_table_is_left_alone) {
     for (const size_t length : {0u, 19u, 20u, 399u}) {
         set("ping.snap", std::string(length, 'x'));
         report(1, 4, 1, 2, 10, 1);
@@ -390,7 +390,7 @@ TEST_F(Ping, AShortTableIsLeftAlone) {
     }
 }
 
-TEST_F(Ping, ALongerTableIsWrittenInItsFirst400Bytes) {
+TEST_F(ping_test, a_longer_table_is_written_in_its_first_400_bytes) {
     set("ping.snap", std::string(500, 'x'));
     report(20, 4, 1, 2, 10, 1);
     EXPECT_EQ(snap(), std::string(380, 'x') + figures(4, 1, 2, 10, 1) + std::string(100, 'x'));
@@ -398,7 +398,7 @@ TEST_F(Ping, ALongerTableIsWrittenInItsFirst400Bytes) {
     EXPECT_EQ(snap(), std::string(380, 'x') + NOTHING + std::string(100, 'x'));
 }
 
-TEST_F(Ping, ATableThatComesBackShowsTheWholeSummaryWithTheNextReport) {
+TEST_F(ping_test, a_table_that_comes_back_shows_the_whole_summary_with_the_next_report) {
     set("ping.snap", "gone");
     report(2, 4, 1, 2, 10, 1);
     set("ping.snap", std::string(400, '\0'));
@@ -406,7 +406,7 @@ TEST_F(Ping, ATableThatComesBackShowsTheWholeSummaryWithTheNextReport) {
     EXPECT_EQ(entry(2), figures(4, 1, 2, 20, 2));
 }
 
-TEST_F(Ping, ATableWithoutValueIsLeftAlone) {
+TEST_F(ping_test, a_table_without_value_is_left_alone) {
     object_free_value(object_lookup("ping.snap"), false);
     object_lookup("ping.snap")->string = nullptr;
     report(2, 4, 1, 2, 10, 1);
@@ -416,7 +416,7 @@ TEST_F(Ping, ATableWithoutValueIsLeftAlone) {
 
 /* --- The histories --- */
 
-TEST_F(Ping, TheFirstReportMakesThreeRings) {
+TEST_F(ping_test, the_first_report_makes_three_rings) {
     report(12, 4, 1, 2, 10, 1);
     EXPECT_EQ(ring("ping12.day"),
               be32(0) + be32(3) + be32(288) + be32(0) + be32(0) + std::string(288 * 20, '\0'));
@@ -431,7 +431,7 @@ TEST_F(Ping, TheFirstReportMakesThreeRings) {
     EXPECT_EQ(object_lookup("ping12.2h"), nullptr);
 }
 
-TEST_F(Ping, ASampleHoldsTheLargestMaximumMinimumAndAverageAndTheSums) {
+TEST_F(ping_test, a_sample_holds_the_largest_maximum_minimum_and_average_and_the_sums) {
     report(3, 40, 10, 20, 10, 0);
     report(3, 30, 5, 30, 10, 2);
     EXPECT_EQ(counts("ping3.day"), counts_of(0, 0, 0));
@@ -441,7 +441,7 @@ TEST_F(Ping, ASampleHoldsTheLargestMaximumMinimumAndAverageAndTheSums) {
     EXPECT_EQ(sample("ping3.day", 0), figures(40, 10, 30, 30, 3));
 }
 
-TEST_F(Ping, TheNextSampleBeginsFromNothing) {
+TEST_F(ping_test, the_next_sample_begins_from_nothing) {
     for (int i = 0; i < 3; i++) {
         report(3, 900, 800, 850, 10, 5);
     }
@@ -453,7 +453,7 @@ TEST_F(Ping, TheNextSampleBeginsFromNothing) {
     EXPECT_EQ(counts("ping3.day"), counts_of(NOW, 2, 2));
 }
 
-TEST_F(Ping, EachSpanHasAnAccumulatorOfItsOwn) {
+TEST_F(ping_test, each_span_has_an_accumulator_of_its_own) {
     for (int i = 1; i <= 90; i++) {
         report(3, i, i, i, 1, i == 90 ? 1 : 0);
     }
@@ -467,7 +467,7 @@ TEST_F(Ping, EachSpanHasAnAccumulatorOfItsOwn) {
     EXPECT_EQ(sample("ping3.mon", 0), figures(90, 90, 90, 90, 1));
 }
 
-TEST_F(Ping, ARingTurnsAfter288Samples) {
+TEST_F(ping_test, a_ring_turns_after_288_samples) {
     for (int i = 1; i <= 289 * 3; i++) {
         report(3, i, 1, 1, 1, 0);
     }
@@ -477,7 +477,7 @@ TEST_F(Ping, ARingTurnsAfter288Samples) {
     EXPECT_EQ(sample("ping3.day", 287), figures(864, 1, 1, 3, 0));
 }
 
-TEST_F(Ping, AnOverwrittenRingIsLeftAloneWhileReportsAreCounted) {
+TEST_F(ping_test, an_overwritten_ring_is_left_alone_while_reports_are_counted) {
     report(3, 4, 1, 2, 10, 1);
     set("ping3.day", "mine");
     report(3, 4, 1, 2, 10, 1);
@@ -488,7 +488,7 @@ TEST_F(Ping, AnOverwrittenRingIsLeftAloneWhileReportsAreCounted) {
 
 /* --- Clearing a target --- */
 
-TEST_F(Ping, AClearedTargetStartsItsSummaryAfresh) {
+TEST_F(ping_test, a_cleared_target_starts_its_summary_afresh) {
     report(3, 40, 10, 20, 10, 2);
     report(4, 41, 11, 21, 11, 3);
     clear("3");
@@ -500,7 +500,7 @@ TEST_F(Ping, AClearedTargetStartsItsSummaryAfresh) {
     EXPECT_EQ(entry(3), figures(9, 5, 7, 20, 2));
 }
 
-TEST_F(Ping, AClearedTargetKeepsSamplesAndTimesButCountsFromNothing) {
+TEST_F(ping_test, a_cleared_target_keeps_samples_and_times_but_counts_from_nothing) {
     for (int i = 0; i < 4; i++) {
         report(3, 40, 10, 20, 10, 2);
     }
@@ -518,7 +518,7 @@ TEST_F(Ping, AClearedTargetKeepsSamplesAndTimesButCountsFromNothing) {
     EXPECT_EQ(sample("ping3.day", 0), figures(3, 3, 3, 3, 0));
 }
 
-TEST_F(Ping, AClearedTargetBeginsEverySpanAfresh) {
+TEST_F(ping_test, a_cleared_target_begins_every_span_afresh) {
     for (int i = 0; i < 89; i++) {
         report(3, 900, 800, 850, 10, 5);
     }
@@ -539,14 +539,14 @@ TEST_F(Ping, AClearedTargetBeginsEverySpanAfresh) {
     EXPECT_EQ(sample("ping3.mon", 0), figures(90, 1, 2, 900, 90));
 }
 
-TEST_F(Ping, AClearedTargetStaysATarget) {
+TEST_F(ping_test, a_cleared_target_stays_a_target) {
     report(4, 40, 10, 20, 10, 2);
     clear("4");
     EXPECT_TRUE(has_reported(4));
     EXPECT_EQ(ping_dump_hook(make("ping3.day", OBJ_TSTRING), nullptr, -1), HISTORY_SKIP);
 }
 
-TEST_F(Ping, ClearingIsTracedLineByLine) {
+TEST_F(ping_test, clearing_is_traced_line_by_line) {
     report(3, 40, 10, 20, 10, 2);
     log.start(LOG_INFO);
     clear("3");
@@ -557,7 +557,7 @@ TEST_F(Ping, ClearingIsTracedLineByLine) {
                             "info  *** pingxx-inside-release:obj ping.snap is not NULL"));
 }
 
-TEST_F(Ping, ClearingATargetThatNeverReportedIsTracedAndNoMore) {
+TEST_F(ping_test, clearing_a_target_that_never_reported_is_traced_and_no_more) {
     set("ping.snap", std::string(400, 'x'));
     log.start(LOG_INFO);
     clear("20");
@@ -567,7 +567,7 @@ TEST_F(Ping, ClearingATargetThatNeverReportedIsTracedAndNoMore) {
     EXPECT_FALSE(has_reported(20));
 }
 
-TEST_F(Ping, ClearingWithoutATableIsTracedUpToTheTarget) {
+TEST_F(ping_test, clearing_without_a_table_is_traced_up_to_the_target) {
     object_reset();
     make("ping.snap", OBJ_THASH);
     history_start();
@@ -580,7 +580,7 @@ TEST_F(Ping, ClearingWithoutATableIsTracedUpToTheTarget) {
                                          "info  *** pingxx-inside-release:state is not NULL"));
 }
 
-TEST_F(Ping, ClearingAShortTableIsTracedToTheEnd) {
+TEST_F(ping_test, clearing_a_short_table_is_traced_to_the_end) {
     report(5, 40, 10, 20, 10, 2);
     set("ping.snap", "short");
     log.start(LOG_INFO);
@@ -589,7 +589,7 @@ TEST_F(Ping, ClearingAShortTableIsTracedToTheEnd) {
     EXPECT_EQ(snap(), "short");
 }
 
-TEST_F(Ping, ClearingIsNotTracedAboveTheInfoLevel) {
+TEST_F(ping_test, clearing_is_not_traced_above_the_info_level) {
     report(3, 40, 10, 20, 10, 2);
     log.start(LOG_WARN);
     clear("3");
@@ -597,7 +597,7 @@ TEST_F(Ping, ClearingIsNotTracedAboveTheInfoLevel) {
     EXPECT_EQ(entry(3), NOTHING);
 }
 
-TEST_F(Ping, ReportsAreNotSpokenOf) {
+TEST_F(ping_test, reports_are_not_spoken_of) {
     log.start(LOG_INFO);
     report(3, 40, 10, 20, 10, 2);
     report("nonsense");
@@ -605,7 +605,7 @@ TEST_F(Ping, ReportsAreNotSpokenOf) {
     EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST_F(Ping, OnlyNumbersFromOneToTwentyClear) {
+TEST_F(ping_test, only_numbers_from_one_to_twenty_clear) {
     report(1, 40, 10, 20, 10, 2);
     report(20, 40, 10, 20, 10, 2);
     log.start(LOG_INFO);
@@ -622,7 +622,7 @@ TEST_F(Ping, OnlyNumbersFromOneToTwentyClear) {
 
 /* --- Dump and load --- */
 
-TEST_F(Ping, ASeriesStaysOutOfADumpWhenTheNextTargetExists) {
+TEST_F(ping_test, a_series_stays_out_of_a_dump_when_the_next_target_exists) {
     object* day3 = make("ping3.day", OBJ_TSTRING);
     EXPECT_EQ(ping_dump_hook(day3, nullptr, -1), HISTORY_NEXT);
     report(3, 4, 1, 2, 10, 0);
@@ -633,7 +633,7 @@ TEST_F(Ping, ASeriesStaysOutOfADumpWhenTheNextTargetExists) {
     EXPECT_EQ(ping_dump_hook(day3, nullptr, -1), HISTORY_SKIP);
 }
 
-TEST_F(Ping, TheSeriesOfTheLastTargetIsAlwaysDumped) {
+TEST_F(ping_test, the_series_of_the_last_target_is_always_dumped) {
     for (int id = 1; id <= 20; id++) {
         report(id, 4, 1, 2, 10, 0);
     }
@@ -642,7 +642,7 @@ TEST_F(Ping, TheSeriesOfTheLastTargetIsAlwaysDumped) {
     EXPECT_EQ(ping_dump_hook(make("ping1.mon", OBJ_TSTRING), nullptr, -1), HISTORY_SKIP);
 }
 
-TEST_F(Ping, TheDumpHookReadsTheNumberBehindThePrefix) {
+TEST_F(ping_test, the_dump_hook_reads_the_number_behind_the_prefix) {
     for (int id = 1; id <= 20; id++) {
         report(id, 4, 1, 2, 10, 0);
     }
@@ -656,7 +656,7 @@ TEST_F(Ping, TheDumpHookReadsTheNumberBehindThePrefix) {
     }
 }
 
-TEST_F(Ping, ADumpHoldsTheSeriesThatThePairingLeavesIn) {
+TEST_F(ping_test, a_dump_holds_the_series_that_the_pairing_leaves_in) {
     for (const int id : {3, 4, 7}) {
         for (int i = 0; i < 3; i++) {
             report(id, 4, 1, 2, 10, 0);
@@ -677,7 +677,7 @@ TEST_F(Ping, ADumpHoldsTheSeriesThatThePairingLeavesIn) {
     EXPECT_THAT(dump, testing::HasSubstr(be32(9) + "ping.snap" + be32(400) + snap()));
 }
 
-TEST_F(Ping, ARecordThatHoldsASampleIsNotLoaded) {
+TEST_F(ping_test, a_record_that_holds_a_sample_is_not_loaded) {
     uint32_t unit = 1;
     for (const char* key : {"ping1.day", "ping20.mon", "ping7", "ping 7"}) {
         EXPECT_EQ(ping_load_hook(key, nullptr, 40, &unit), HISTORY_SKIP) << key;
@@ -693,7 +693,7 @@ TEST_F(Ping, ARecordThatHoldsASampleIsNotLoaded) {
     EXPECT_EQ(unit, 1u);
 }
 
-TEST_F(Ping, ALoadBringsBackNoSamplesOfATarget) {
+TEST_F(ping_test, a_load_brings_back_no_samples_of_a_target) {
     for (int i = 0; i < 3; i++) {
         report(7, 4, 1, 2, 10, 0);
     }

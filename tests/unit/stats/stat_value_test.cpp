@@ -23,7 +23,7 @@ using namespace unit_test;
 
 namespace {
 
-class StatValues : public store_test {
+class stat_values_test : public store_test {
   protected:
     static std::string_view string_of(const char* key) {
         const object* obj = object_lookup_type(key, OBJ_TSTRING);
@@ -50,12 +50,12 @@ struct own_folder {
 };
 
 /* Commands are started as in the daemon, which ignores SIGPIPE. */
-class StatCommands : public ::testing::Test {
+class stat_commands_test : public ::testing::Test {
   protected:
-    StatCommands() {
+    stat_commands_test() {
         (void)signal(SIGPIPE, SIG_IGN);
     }
-    ~StatCommands() override {
+    ~stat_commands_test() override {
         (void)signal(SIGPIPE, SIG_DFL);
     }
 
@@ -91,7 +91,7 @@ class StatCommands : public ::testing::Test {
 
 /* --- Numbers as strings --- */
 
-TEST_F(StatValues, ANumberIsWrittenAsDecimalTextWithoutPadding) {
+TEST_F(stat_values_test, a_number_is_written_as_decimal_text_without_padding) {
     for (const auto& [value, digits] : {std::pair(0u, "0"),
                                         {7u, "7"},
                                         {100u, "100"},
@@ -102,13 +102,13 @@ TEST_F(StatValues, ANumberIsWrittenAsDecimalTextWithoutPadding) {
     }
 }
 
-TEST_F(StatValues, AShorterNumberLeavesNothingOfALongerOne) {
+TEST_F(stat_values_test, a_shorter_number_leaves_nothing_of_a_longer_one) {
     stat_set_number("figure", 4294967295u);
     stat_set_number("figure", 3);
     EXPECT_EQ(string_of("figure"), "3");
 }
 
-TEST_F(StatValues, EveryWriteIsAnnouncedAlsoOfTheSameNumber) {
+TEST_F(stat_values_test, every_write_is_announced_also_of_the_same_number) {
     test_client observer;
     observer.call({"observe"});
     stat_set_number("figure", 42);
@@ -117,7 +117,7 @@ TEST_F(StatValues, EveryWriteIsAnnouncedAlsoOfTheSameNumber) {
     EXPECT_EQ(observer.received(), event({"MSET", "figure", "42"}));
 }
 
-TEST_F(StatValues, AStringKeyHoldingAHashOrListIsLeftAlone) {
+TEST_F(stat_values_test, a_string_key_holding_a_hash_or_list_is_left_alone) {
     object_hash_set(make("h", OBJ_THASH), text("f"), text("v"));
     object_rpush(make("l", OBJ_TLIST), "item");
     test_client observer;
@@ -129,7 +129,7 @@ TEST_F(StatValues, AStringKeyHoldingAHashOrListIsLeftAlone) {
     EXPECT_EQ(observer.received(), "");
 }
 
-TEST_F(StatValues, ADeletedKeyComesBack) {
+TEST_F(stat_values_test, a_deleted_key_comes_back) {
     stat_set_number("figure", 1);
     object_delete(object_lookup("figure"));
     ASSERT_EQ(object_lookup("figure"), nullptr);
@@ -139,7 +139,7 @@ TEST_F(StatValues, ADeletedKeyComesBack) {
 
 /* --- Numbers as fields --- */
 
-TEST_F(StatValues, AFieldTakesTheTwoHalvesOfA64BitNumber) {
+TEST_F(stat_values_test, a_field_takes_the_two_halves_of_a_64_bit_number) {
     object* hash = make("eth0", OBJ_THASH);
     stat_hset_u64(hash, "zero", 0, 0);
     stat_hset_u64(hash, "low", 4294967295u, 0);
@@ -153,7 +153,7 @@ TEST_F(StatValues, AFieldTakesTheTwoHalvesOfA64BitNumber) {
     EXPECT_EQ(field_of(hash, "all"), "18446744073709551615");
 }
 
-TEST_F(StatValues, AFieldTakesA32BitNumber) {
+TEST_F(stat_values_test, a_field_takes_a_32_bit_number) {
     object* hash = make("eth0", OBJ_THASH);
     stat_hset_u32(hash, "f", 0);
     EXPECT_EQ(field_of(hash, "f"), "0");
@@ -163,7 +163,7 @@ TEST_F(StatValues, AFieldTakesA32BitNumber) {
 
 /* --- What scanf read --- */
 
-TEST(StatReadings, SaturateAt32BitsAndStoreNegativeOnesAsUnsigned) {
+TEST(stat_readings_test, saturate_at_32_bits_and_store_negative_ones_as_unsigned) {
     EXPECT_EQ(stat_signed_reading(0), 0u);
     EXPECT_EQ(stat_signed_reading(5), 5u);
     EXPECT_EQ(stat_signed_reading(2147483647), 2147483647u);
@@ -177,11 +177,11 @@ TEST(StatReadings, SaturateAt32BitsAndStoreNegativeOnesAsUnsigned) {
 
 /* --- Outside commands --- */
 
-TEST_F(StatCommands, TheOutputOfAPipelineIsRead) {
+TEST_F(stat_commands_test, the_output_of_a_pipeline_is_read) {
     EXPECT_EQ(output_of("printf 'a 1\\nb 2\\n' | head -n 1 | awk '{print $2}'"), "1\n");
 }
 
-TEST_F(StatCommands, ComplaintsGoNowhere) {
+TEST_F(stat_commands_test, complaints_go_nowhere) {
     ::testing::internal::CaptureStderr();
     EXPECT_EQ(output_of("echo complaint >&2; echo figure"), "figure\n");
     EXPECT_EQ(output_of("tessard-no-such-tool --showg"), "");
@@ -189,13 +189,13 @@ TEST_F(StatCommands, ComplaintsGoNowhere) {
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
 }
 
-TEST_F(StatCommands, ACommandThatWritesForEverEndsWithItsReader) {
+TEST_F(stat_commands_test, a_command_that_writes_for_ever_ends_with_its_reader) {
     const std::string output = output_of("exec yes 12345");
     EXPECT_EQ(output.substr(0, 6), "12345\n");
     EXPECT_EQ(output.size(), STAT_OUTPUT_SIZE - 1);
 }
 
-TEST_F(StatCommands, ACommandThatDoesNotLookAtItsFailuresEndsWithItsReaderToo) {
+TEST_F(stat_commands_test, a_command_that_does_not_look_at_its_failures_ends_with_its_reader_too) {
     const own_folder folder;
     /* Far more than a pipe holds. */
     const std::string command =
@@ -205,7 +205,7 @@ TEST_F(StatCommands, ACommandThatDoesNotLookAtItsFailuresEndsWithItsReaderToo) {
     EXPECT_FALSE(std::filesystem::exists(folder.path + "/all"));
 }
 
-TEST_F(StatCommands, AProcessThatIsLeftBehindWithTheOutputOpenIsNotWaitedFor) {
+TEST_F(stat_commands_test, a_process_that_is_left_behind_with_the_output_open_is_not_waited_for) {
     const own_folder folder;
     const std::string left_behind =
         "(n=0; while [ ! -e " + folder.path +
@@ -222,26 +222,26 @@ TEST_F(StatCommands, AProcessThatIsLeftBehindWithTheOutputOpenIsNotWaitedFor) {
     }
 }
 
-TEST_F(StatCommands, BlankLinesAreReadButNotCounted) {
+TEST_F(stat_commands_test, blank_lines_are_read_but_not_counted) {
     EXPECT_EQ(first_lines("echo; echo ' '; echo 7; echo 8", 1), "\n \n7\n");
     EXPECT_EQ(first_lines("printf '\\t\\n\\r\\n\\v\\n\\f\\n \\t\\r\\v\\f\\n7\\n8\\n'", 1),
               "\t\n\r\n\v\n\f\n \t\r\v\f\n7\n");
 }
 
-TEST_F(StatCommands, BlanksBesideAFigureMakeNoBlankLine) {
+TEST_F(stat_commands_test, blanks_beside_a_figure_make_no_blank_line) {
     EXPECT_EQ(first_lines("printf ' \\t\\r\\v\\f7\\n8\\n'", 1), " \t\r\v\f7\n");
     EXPECT_EQ(first_lines("printf '7 \\t\\r\\v\\f\\n8\\n'", 1), "7 \t\r\v\f\n");
     EXPECT_EQ(first_lines("printf '7\\n\\n8 \\n9\\n'", 2), "7\n\n8 \n");
 }
 
-TEST_F(StatCommands, ANulIsNoBlankAndEndsTheTextWhereItStands) {
+TEST_F(stat_commands_test, a_nul_is_no_blank_and_ends_the_text_where_it_stands) {
     EXPECT_EQ(first_lines("printf '\\0\\n7\\n'", 1), std::string("\0\n", 2));
     EXPECT_EQ(first_lines("printf '\\0 7\\n8\\n'", 1), std::string("\0 7\n", 4));
     EXPECT_EQ(first_lines("printf ' \\0\\n7\\n'", 1), std::string(" \0\n", 3));
     EXPECT_EQ(output_of("printf '7\\0008\\n'"), "7");
 }
 
-TEST_F(StatCommands, OneThatCannotBeStartedIsToldFromOneThatSaysNothing) {
+TEST_F(stat_commands_test, one_that_cannot_be_started_is_told_from_one_that_says_nothing) {
     char text[STAT_OUTPUT_SIZE];
     EXPECT_TRUE(stat_command_output("true", 1, text));
     EXPECT_STREQ(text, "");
@@ -257,14 +257,14 @@ TEST_F(StatCommands, OneThatCannotBeStartedIsToldFromOneThatSaysNothing) {
     EXPECT_TRUE(pipe_signal_is_ignored());
 }
 
-TEST_F(StatCommands, TheDaemonGoesOnIgnoringThePipeSignal) {
+TEST_F(stat_commands_test, the_daemon_goes_on_ignoring_the_pipe_signal) {
     output_of("true");
     EXPECT_TRUE(pipe_signal_is_ignored());
     stat_command_run("true");
     EXPECT_TRUE(pipe_signal_is_ignored());
 }
 
-TEST_F(StatCommands, NoDescriptorIsLeftOpen) {
+TEST_F(stat_commands_test, no_descriptor_is_left_open) {
     output_of("true");
     const long before = open_descriptors();
     for (int i = 0; i < 20; i++) {
@@ -273,7 +273,7 @@ TEST_F(StatCommands, NoDescriptorIsLeftOpen) {
     EXPECT_EQ(open_descriptors(), before);
 }
 
-TEST_F(StatCommands, NoOtherProgramInheritsTheOutput) {
+TEST_F(stat_commands_test, no_other_program_inherits_the_output) {
     /* The command looks up at what descriptor its reader has its output, and how that was opened.
      */
     const std::string flags =
@@ -286,7 +286,7 @@ TEST_F(StatCommands, NoOtherProgramInheritsTheOutput) {
     EXPECT_NE(strtoul(flags.c_str(), nullptr, 8) & O_CLOEXEC, 0u) << flags;
 }
 
-TEST_F(StatCommands, ACommandThatIsOnlyRunIsWaitedFor) {
+TEST_F(stat_commands_test, a_command_that_is_only_run_is_waited_for) {
     const own_folder folder;
     stat_command_run(("sleep 0.2; : >" + folder.path + "/mark").c_str());
     EXPECT_TRUE(std::filesystem::exists(folder.path + "/mark"));

@@ -58,15 +58,15 @@ struct made_up_machine {
 made_up_machine machine;
 
 /* The statistics module as at start-up. */
-class Sysload : public store_test {
+class sysload_test : public store_test {
   protected:
-    Sysload() {
+    sysload_test() {
         netdev_reset();
         history_start();
         module_stats_start();
     }
 
-    ~Sysload() override {
+    ~sysload_test() override {
         forget();
         history_iface_algor = 1;
     }
@@ -134,9 +134,9 @@ class Sysload : public store_test {
 };
 
 /* With outside tools of the test's own. */
-class SysloadTools : public Sysload {
+class sysload_tools_test : public sysload_test {
   protected:
-    SysloadTools()
+    sysload_tools_test()
         : folder(::testing::TempDir() + "tessard-tools-XXXXXX"), old_path(getenv("PATH")) {
         EXPECT_NE(mkdtemp(folder.data()), nullptr);
         setenv("PATH", (folder + ":" + old_path).c_str(), 1);
@@ -145,7 +145,7 @@ class SysloadTools : public Sysload {
         tool("conntrack", "echo 'entries 123'");
     }
 
-    ~SysloadTools() override {
+    ~sysload_tools_test() override {
         (void)signal(SIGPIPE, SIG_DFL);
         setenv("PATH", old_path.c_str(), 1);
         std::filesystem::remove_all(folder);
@@ -161,9 +161,9 @@ class SysloadTools : public Sysload {
 };
 
 /* On a machine whose files below /proc and whose network addresses are the test's own. */
-class SysloadMachine : public SysloadTools {
+class sysload_machine_test : public sysload_tools_test {
   protected:
-    SysloadMachine() {
+    sysload_machine_test() {
         std::filesystem::create_directories(folder + "/proc/net");
         proc("net/dev", "eth0: 1 2 0 0 0 0 0 0 3 4 0 0 0 0 0 0\n");
         proc("stat", cpu_line(100, 100));
@@ -172,7 +172,7 @@ class SysloadMachine : public SysloadTools {
         machine.root = folder;
     }
 
-    ~SysloadMachine() override {
+    ~sysload_machine_test() override {
         EXPECT_EQ(machine.lists, 0) << "lists of addresses that nobody freed";
         machine = {};
     }
@@ -292,11 +292,11 @@ extern "C" void freeifaddrs(ifaddrs* list) noexcept {
 
 /* --- Processor --- */
 
-TEST_F(Sysload, TheFirstReadingOnlyGivesTheTotals) {
+TEST_F(sysload_test, the_first_reading_only_gives_the_totals) {
     EXPECT_EQ(cpu(74608, 1117073), 0);
 }
 
-TEST_F(Sysload, TheSecondReadingGivesHalfTheLoadAndLaterOnesApproachIt) {
+TEST_F(sysload_test, the_second_reading_gives_half_the_load_and_later_ones_approach_it) {
     EXPECT_EQ(cpu(100, 100), 0);
     uint64_t busy = 100;
     for (const uint8_t load : {50, 75, 87, 93, 96, 98, 99, 99}) {
@@ -310,7 +310,7 @@ TEST_F(Sysload, TheSecondReadingGivesHalfTheLoadAndLaterOnesApproachIt) {
     }
 }
 
-TEST_F(Sysload, TheIdleShareIsCutToWholePercent) {
+TEST_F(sysload_test, the_idle_share_is_cut_to_whole_percent) {
     for (const auto& [busy, idle, load] : {std::tuple(2u, 1u, 67u),
                                            {1u, 2u, 34u},
                                            {1u, 999u, 1u},
@@ -324,7 +324,7 @@ TEST_F(Sysload, TheIdleShareIsCutToWholePercent) {
     }
 }
 
-TEST_F(Sysload, SevenFiguresMakeTheTotal) {
+TEST_F(sysload_test, seven_figures_make_the_total) {
     cpu_update("cpu  1 1 1 1 1 1 1 0 0 0\n");
     /* Of 70 jiffies 10 are idle, whatever stands behind the seventh: 85 percent, rounded up
      * from 85.7. */
@@ -333,7 +333,7 @@ TEST_F(Sysload, SevenFiguresMakeTheTotal) {
     EXPECT_EQ(cpu_update("cpu  11 11 11 11 111 11 11 9999 8888 7777\n"), 71);
 }
 
-TEST_F(Sysload, ALineThatDoesNotFitChangesNothing) {
+TEST_F(sysload_test, a_line_that_does_not_fit_changes_nothing) {
     cpu(100, 100);
     EXPECT_EQ(cpu(200, 100), 50);
     for (const char* line :
@@ -346,12 +346,12 @@ TEST_F(Sysload, ALineThatDoesNotFitChangesNothing) {
     EXPECT_EQ(cpu(300, 400), 37);
 }
 
-TEST_F(Sysload, MoreBlanksThanTwoAreTaken) {
+TEST_F(sysload_test, more_blanks_than_two_are_taken) {
     cpu_update("cpu   100 0 0 100 0 0 0\n");
     EXPECT_EQ(cpu_update("cpu  \t 200  0 0 100 0 0 0"), 50);
 }
 
-TEST_F(Sysload, TwoReadingsWithinOneJiffyKeepTheLoad) {
+TEST_F(sysload_test, two_readings_within_one_jiffy_keep_the_load) {
     cpu(100, 100);
     EXPECT_EQ(cpu(200, 100), 50);
     EXPECT_EQ(cpu(200, 100), 50);
@@ -359,32 +359,33 @@ TEST_F(Sysload, TwoReadingsWithinOneJiffyKeepTheLoad) {
     EXPECT_EQ(cpu(299, 101), 75);
 }
 
-TEST_F(Sysload, MoreIdleTimeThanTimeIsNoLoad) {
+TEST_F(sysload_test, more_idle_time_than_time_is_no_load) {
     cpu_update("cpu  100 0 0 100 500 0 0\n");
     EXPECT_EQ(cpu_update("cpu  100 0 0 400 300 0 0\n"), 0) << "300 of 100";
     EXPECT_EQ(cpu_update("cpu  200 0 0 400 300 0 0\n"), 50);
     EXPECT_EQ(cpu_update("cpu  200 0 0 501 300 0 0\n"), 25) << "101 of 101";
 }
 
-TEST_F(Sysload, CountersThatWentBackAreTakenAsUnsigned) {
+TEST_F(sysload_test, counters_that_went_back_are_taken_as_unsigned) {
     cpu(500, 500);
     EXPECT_EQ(cpu(400, 490), 0) << "nearly all of 2^64 jiffies idle";
     EXPECT_EQ(cpu(200, 600), 50) << "110 of nearly 2^64";
     EXPECT_EQ(cpu(300, 600), 75) << "and on from there";
 }
 
-TEST_F(Sysload, AFirstTotalOfZeroIsNoTotal) {
+TEST_F(sysload_test, a_first_total_of_zero_is_no_total) {
     EXPECT_EQ(cpu(0, 0), 0);
     EXPECT_EQ(cpu(100, 0), 0);
     EXPECT_EQ(cpu(200, 0), 50);
 }
 
-TEST_F(Sysload, AProductOfAHundredDoesNotOverflow) {
+TEST_F(sysload_test, a_product_of_a_hundred_does_not_overflow) {
     cpu(1, 0);
     EXPECT_EQ(cpu(3000000000000000001, 1000000000000000000), 37) << "75 percent";
 }
 
-TEST_F(SysloadMachine, EachPollKeepsAndPublishesTheLoadAndTheSpansKeepTheirMaxima) {
+TEST_F(sysload_machine_test,
+       each_poll_keeps_and_publishes_the_load_and_the_spans_keep_their_maxima) {
     test_client observer;
     observer.call({"observe"});
     /* Of each hundred jiffies so many were busy. */
@@ -410,7 +411,7 @@ TEST_F(SysloadMachine, EachPollKeepsAndPublishesTheLoadAndTheSpansKeepTheirMaxim
     EXPECT_EQ(filled("cpu.day"), be32(0));
 }
 
-TEST_F(SysloadMachine, ALineThatDoesNotFitTicksAndPublishesTheLoadAsItWas) {
+TEST_F(sysload_machine_test, a_line_that_does_not_fit_ticks_and_publishes_the_load_as_it_was) {
     cpu_poll();
     proc("stat", cpu_line(200, 100));
     cpu_poll();
@@ -429,7 +430,7 @@ TEST_F(SysloadMachine, ALineThatDoesNotFitTicksAndPublishesTheLoadAsItWas) {
     EXPECT_EQ(filled("cpu.10m"), be32(4)) << "without the file there is no tick";
 }
 
-TEST_F(SysloadMachine, FiguresOfTwentyDigitsAreRead) {
+TEST_F(sysload_machine_test, figures_of_twenty_digits_are_read) {
     proc("stat",
          "cpu  10000000000000000000 10000000000000000000 10000000000000000000 10000000000000000000 "
          "10000000000000000000 10000000000000000000 10000000000000000000 0 0 0\n");
@@ -441,7 +442,7 @@ TEST_F(SysloadMachine, FiguresOfTwentyDigitsAreRead) {
     EXPECT_EQ(get("cpu.load"), "25") << "half of 50 percent";
 }
 
-TEST_F(SysloadMachine, ALineOf255BytesIsReadToItsEnd) {
+TEST_F(sysload_machine_test, a_line_of_255_bytes_is_read_to_its_end) {
     cpu_poll();
     const std::string figures = "cpu  100 0 0 200 0 0";
     proc("stat", figures + std::string(255 - figures.size() - 3, ' ') + "100");
@@ -451,7 +452,7 @@ TEST_F(SysloadMachine, ALineOf255BytesIsReadToItsEnd) {
 
 /* --- Memory --- */
 
-TEST_F(Sysload, MemoryIsWhatIsNeitherFreeNorBuffersNorCached) {
+TEST_F(sysload_test, memory_is_what_is_neither_free_nor_buffers_nor_cached) {
     /* 61372 - 21052 = 40320 of 61372: 65.7 percent. */
     EXPECT_EQ(
         mem("MemTotal:         61372 kB\nMemFree:           5472 kB\nBuffers:           3240 kB\n"
@@ -459,7 +460,7 @@ TEST_F(Sysload, MemoryIsWhatIsNeitherFreeNorBuffersNorCached) {
         65u);
 }
 
-TEST_F(Sysload, ALineInBetweenEndsTheReading) {
+TEST_F(sysload_test, a_line_in_between_ends_the_reading) {
     /* 61372 - 5472 = 55900 of 61372: 91.08 percent. */
     EXPECT_EQ(
         mem("MemTotal:         61372 kB\nMemFree:           5472 kB\nMemAvailable:     30000 kB\n"
@@ -472,7 +473,7 @@ TEST_F(Sysload, ALineInBetweenEndsTheReading) {
         85u);
 }
 
-TEST_F(Sysload, AfterAReadingThatDoesNotMatchNoneIsTaken) {
+TEST_F(sysload_test, after_a_reading_that_does_not_match_none_is_taken) {
     EXPECT_EQ(mem("MemTotal: 100 kB\nMemFree: 10 kB\nBuffCached: 50 kB\n"), 90u);
     EXPECT_EQ(mem("MemTotal: 100 kB\nMemFree: 20 kB\nBuffers: many kB\nCached: 50 kB\n"), 80u);
     EXPECT_EQ(mem("MemTotal: 100 kB\nBuffers: 30 kB\nCached: 20 kB\n"), 100u);
@@ -481,11 +482,11 @@ TEST_F(Sysload, AfterAReadingThatDoesNotMatchNoneIsTaken) {
     EXPECT_EQ(mem("MemTotal: 100 kB\nMemFree: 30"), 70u);
 }
 
-TEST_F(Sysload, BlanksOfAnyKindMayStandBeforeTheFigures) {
+TEST_F(sysload_test, blanks_of_any_kind_may_stand_before_the_figures) {
     EXPECT_EQ(mem("MemTotal:100 kB\nMemFree:\t\t 25 kB\n\nBuffers: 5   kB\nCached:\n10kB\n"), 60u);
 }
 
-TEST_F(Sysload, WithoutATotalTheLoadStays) {
+TEST_F(sysload_test, without_a_total_the_load_stays) {
     EXPECT_EQ(mem(""), 0u);
     EXPECT_EQ(mem("MemTotal: 100 kB\nMemFree: 58 kB\nBuffers: 0 kB\nCached: 0 kB\n"), 42u);
     for (const char* text :
@@ -495,13 +496,13 @@ TEST_F(Sysload, WithoutATotalTheLoadStays) {
     }
 }
 
-TEST_F(Sysload, MoreAvailableThanThereIsKeepsTheLoad) {
+TEST_F(sysload_test, more_available_than_there_is_keeps_the_load) {
     EXPECT_EQ(mem("MemTotal: 100 kB\nMemFree: 58 kB\nBuffers: 0 kB\nCached: 0 kB\n"), 42u);
     EXPECT_EQ(mem("MemTotal: 100 kB\nMemFree: 50 kB\nBuffers: 26 kB\nCached: 25 kB\n"), 42u);
     EXPECT_EQ(mem("MemTotal: 100 kB\nMemFree: 50 kB\nBuffers: 25 kB\nCached: 25 kB\n"), 0u);
 }
 
-TEST_F(Sysload, TheArithmeticHas32Bits) {
+TEST_F(sysload_test, the_arithmetic_has_32_bits) {
     EXPECT_EQ(mem("MemTotal: 42949672 kB\nMemFree: 0 kB\nBuffers: 0 kB\nCached: 0 kB\n"), 100u);
     /* 42949673 * 100 is 4 in 32 bits. */
     EXPECT_EQ(mem("MemTotal: 42949673 kB\nMemFree: 0 kB\nBuffers: 0 kB\nCached: 0 kB\n"), 0u);
@@ -514,12 +515,12 @@ TEST_F(Sysload, TheArithmeticHas32Bits) {
 
 /* --- Hosts --- */
 
-TEST_F(Sysload, BothLinesOfTheHostToolAreTaken) {
+TEST_F(sysload_test, both_lines_of_the_host_tool_are_taken) {
     EXPECT_EQ(hosts("Online hosts: 5\nMax Online hosts: 9\n"), "5 of 9");
     EXPECT_EQ(hosts("Online hosts: 7\nMax Online hosts: 12"), "7 of 12");
 }
 
-TEST_F(Sysload, WithoutTheSecondLineTheMaximumStays) {
+TEST_F(sysload_test, without_the_second_line_the_maximum_stays) {
     EXPECT_EQ(hosts("Online hosts: 3\nMax Online hosts: 9\n"), "3 of 9");
     EXPECT_EQ(hosts("Online hosts: 5\n"), "5 of 9");
     EXPECT_EQ(hosts("Online hosts: 6"), "6 of 9");
@@ -527,7 +528,7 @@ TEST_F(Sysload, WithoutTheSecondLineTheMaximumStays) {
     EXPECT_EQ(hosts("Online hosts: 8\nMax Online hosts: many\n"), "8 of 9");
 }
 
-TEST_F(Sysload, WhatTheHostToolDoesNotSayStays) {
+TEST_F(sysload_test, what_the_host_tool_does_not_say_stays) {
     EXPECT_EQ(hosts(""), "0 of 0");
     EXPECT_EQ(hosts("Online hosts: 3\nMax Online hosts: 9\n"), "3 of 9");
     for (const char* text :
@@ -537,7 +538,7 @@ TEST_F(Sysload, WhatTheHostToolDoesNotSayStays) {
     }
 }
 
-TEST_F(Sysload, HostFiguresAreSigned32BitReadings) {
+TEST_F(sysload_test, host_figures_are_signed_32_bit_readings) {
     EXPECT_EQ(hosts("Online hosts: 2147483647\nMax Online hosts: 2147483648\n"),
               "2147483647 of 2147483647");
     EXPECT_EQ(hosts("Online hosts: 99999999999999999999999\nMax Online hosts: -1\n"),
@@ -547,7 +548,7 @@ TEST_F(Sysload, HostFiguresAreSigned32BitReadings) {
     EXPECT_EQ(hosts("Online hosts: 0\nMax Online hosts: 0\n"), "0 of 0");
 }
 
-TEST_F(Sysload, HostHistoriesKeepTheMaximumWhateverInterfacesDo) {
+TEST_F(sysload_test, host_histories_keep_the_maximum_whatever_interfaces_do) {
     history_iface_algor = 0;
     for (int tick = 1; tick <= 24; tick++) {
         hosts("Online hosts: " + std::to_string(tick == 5 ? 300 : tick) + "\n");
@@ -562,7 +563,7 @@ TEST_F(Sysload, HostHistoriesKeepTheMaximumWhateverInterfacesDo) {
 
 /* --- Connections --- */
 
-TEST_F(Sysload, TheConnectionFigureIsTheFirstNumber) {
+TEST_F(sysload_test, the_connection_figure_is_the_first_number) {
     EXPECT_EQ(connections("123\n"), "123");
     EXPECT_EQ(connections(" \n\t 45 67"), "45");
     EXPECT_EQ(connections("12abc"), "12");
@@ -570,14 +571,14 @@ TEST_F(Sysload, TheConnectionFigureIsTheFirstNumber) {
     EXPECT_EQ(connections("+8"), "8");
 }
 
-TEST_F(Sysload, WithoutANumberTheConnectionFigureIsZero) {
+TEST_F(sysload_test, without_a_number_the_connection_figure_is_zero) {
     for (const char* text : {"", "\n", "found=0\n", "entries\n", "-\n", "\x80\x81\n"}) {
         EXPECT_EQ(connections("123\n"), "123");
         EXPECT_EQ(connections(text), "0") << text;
     }
 }
 
-TEST_F(Sysload, TheConnectionFigureIsASigned32BitReading) {
+TEST_F(sysload_test, the_connection_figure_is_a_signed_32_bit_reading) {
     EXPECT_EQ(connections("2147483647"), "2147483647");
     EXPECT_EQ(connections("2147483648"), "2147483647");
     EXPECT_EQ(connections("18446744073709551616"), "2147483647");
@@ -585,7 +586,7 @@ TEST_F(Sysload, TheConnectionFigureIsASigned32BitReading) {
     EXPECT_EQ(connections("-3"), "4294967293");
 }
 
-TEST_F(Sysload, ConnectionHistoriesKeepTheMaximum) {
+TEST_F(sysload_test, connection_histories_keep_the_maximum) {
     for (int tick = 1; tick <= 13; tick++) {
         connections(std::to_string(100000 * (tick <= 6 ? tick : 13 - tick)));
     }
@@ -596,7 +597,7 @@ TEST_F(Sysload, ConnectionHistoriesKeepTheMaximum) {
 
 /* --- The whole tick --- */
 
-TEST_F(SysloadTools, ATickWritesEveryFigureInOrder) {
+TEST_F(sysload_tools_test, a_tick_writes_every_figure_in_order) {
     test_client observer;
     observer.call({"observe"});
     EXPECT_EQ(stats_ontimer(nullptr), 0);
@@ -615,7 +616,7 @@ TEST_F(SysloadTools, ATickWritesEveryFigureInOrder) {
     }
 }
 
-TEST_F(SysloadMachine, FlagsAreReadBeforeTrafficAndOfUpTwoAndRunningOneIsMade) {
+TEST_F(sysload_machine_test, flags_are_read_before_traffic_and_of_up_two_and_running_one_is_made) {
     EXPECT_EQ(flags_after({address("eth0", IFF_UP | IFF_RUNNING)}), "0") << "not known yet";
     EXPECT_EQ(flags_after({address("eth0", IFF_UP | IFF_RUNNING)}), "3");
     EXPECT_EQ(flags_after({address("eth0", IFF_UP)}), "2");
@@ -624,7 +625,7 @@ TEST_F(SysloadMachine, FlagsAreReadBeforeTrafficAndOfUpTwoAndRunningOneIsMade) {
     EXPECT_EQ(flags_after({address("eth0", ~0U)}), "3");
 }
 
-TEST_F(SysloadMachine, TheLastAddressOfAnInterfaceTellsItsFlags) {
+TEST_F(sysload_machine_test, the_last_address_of_an_interface_tells_its_flags) {
     flags_after({});
     EXPECT_EQ(
         flags_after({address("lo", IFF_UP), address("eth0", IFF_UP), address(nullptr, IFF_RUNNING),
@@ -633,7 +634,7 @@ TEST_F(SysloadMachine, TheLastAddressOfAnInterfaceTellsItsFlags) {
     EXPECT_EQ(flags_after({address("eth0", IFF_UP | IFF_RUNNING), address("eth0", 0)}), "0");
 }
 
-TEST_F(SysloadMachine, FlagsStayWhenAnInterfaceHasNoAddressOrNoneCanBeHad) {
+TEST_F(sysload_machine_test, flags_stay_when_an_interface_has_no_address_or_none_can_be_had) {
     flags_after({});
     EXPECT_EQ(flags_after({address("eth0", IFF_UP | IFF_RUNNING)}), "3");
     EXPECT_EQ(flags_after({}), "3");
@@ -646,7 +647,8 @@ TEST_F(SysloadMachine, FlagsStayWhenAnInterfaceHasNoAddressOrNoneCanBeHad) {
     EXPECT_EQ(flags_after({address("eth0", IFF_UP)}), "2");
 }
 
-TEST_F(SysloadMachine, ATickThatCanStartNoCommandKeepsItsFiguresAndPublishesThem) {
+TEST_F(sysload_machine_test,
+       a_tick_that_can_start_no_command_keeps_its_figures_and_publishes_them) {
     stats_ontimer(nullptr);
     tool("hostmon", "echo 'Online hosts: 6'; echo 'Max Online hosts: 10'");
     tool("conntrack", "echo 'entries 124'");
@@ -670,7 +672,7 @@ TEST_F(SysloadMachine, ATickThatCanStartNoCommandKeepsItsFiguresAndPublishesThem
     EXPECT_EQ(get("host.num") + " of " + get("host.maxnum") + ", " + get("conn"), "6 of 10, 124");
 }
 
-TEST_F(SysloadTools, WithoutTheToolsHostsStayAndConnectionsAreZero) {
+TEST_F(sysload_tools_test, without_the_tools_hosts_stay_and_connections_are_zero) {
     stats_ontimer(nullptr);
     EXPECT_EQ(get("host.num") + get("host.maxnum") + get("conn"), "59123");
     setenv("PATH", folder.c_str(), 1);
@@ -688,7 +690,7 @@ TEST_F(SysloadTools, WithoutTheToolsHostsStayAndConnectionsAreZero) {
     EXPECT_EQ(samples("conn.10m", 3, 4), be32(123) + be32(0) + be32(0));
 }
 
-TEST_F(SysloadTools, OnlyTheSecondWordOfTheFirstLineIsTheConnectionFigure) {
+TEST_F(sysload_tools_test, only_the_second_word_of_the_first_line_is_the_connection_figure) {
     tool("conntrack",
          "[ \"$*\" = -S ] || exit 1; echo 'entries\t\t\t 4711 4712'; echo 'searched 5'");
     tool("hostmon", "[ \"$*\" = --showg ] && echo 'Online hosts: 2'");
@@ -699,7 +701,7 @@ TEST_F(SysloadTools, OnlyTheSecondWordOfTheFirstLineIsTheConnectionFigure) {
 
 /* --- Memory of the daemon --- */
 
-TEST_F(Sysload, AnHourOfTicksLeavesMemoryWhereItWas) {
+TEST_F(sysload_test, an_hour_of_ticks_leaves_memory_where_it_was) {
     run_an_hour();
     const memory_use before = memory_use::now();
     run_an_hour();
@@ -710,7 +712,8 @@ TEST_F(Sysload, AnHourOfTicksLeavesMemoryWhereItWas) {
     EXPECT_EQ(filled("eth0.day"), be32(19)) << "7198 rates in 7200 polls";
 }
 
-TEST_F(SysloadTools, TicksWithOutsideCommandsLeaveMemoryAndDescriptorsWhereTheyWere) {
+TEST_F(sysload_tools_test,
+       ticks_with_outside_commands_leave_memory_and_descriptors_where_they_were) {
     const auto descriptors = [] {
         return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
     };

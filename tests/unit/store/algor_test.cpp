@@ -92,9 +92,9 @@ class table_model {
     std::vector<std::list<std::string>> buckets;
 };
 
-class HashTable : public ::testing::Test {
+class hash_table_test : public ::testing::Test {
   protected:
-    ~HashTable() override {
+    ~hash_table_test() override {
         htable_free(table);
     }
 
@@ -127,22 +127,22 @@ class HashTable : public ::testing::Test {
 
 } // namespace
 
-TEST(KeyHash, TheEmptyKeyHashesToZero) {
+TEST(key_hash_test, the_empty_key_hashes_to_zero) {
     EXPECT_EQ(htable_hash(""), 0u);
 }
 
-TEST(KeyHash, EachByteIsAddedToThirtyOneTimesTheHashSoFar) {
+TEST(key_hash_test, each_byte_is_added_to_thirty_one_times_the_hash_so_far) {
     EXPECT_EQ(htable_hash("a"), 97u);
     EXPECT_EQ(htable_hash("ab"), 97u * 31 + 98);
     EXPECT_EQ(htable_hash("abc"), (97u * 31 + 98) * 31 + 99);
     EXPECT_EQ(htable_hash("hello"), 99162322u);
 }
 
-TEST(KeyHash, OverflowWrapsAt32Bits) {
+TEST(key_hash_test, overflow_wraps_at_32_bits) {
     EXPECT_EQ(htable_hash("polygenelubricants"), 0x80000000u);
 }
 
-TEST(KeyHash, BytesAbove127CountAsNegativeNumbers) {
+TEST(key_hash_test, bytes_above_127_count_as_negative_numbers) {
     EXPECT_EQ(htable_hash("\xff"), 0xFFFFFFFFu);
     EXPECT_EQ(htable_hash("\x80"), 0xFFFFFF80u);
     EXPECT_EQ(htable_hash("\x7f"), 0x7Fu);
@@ -152,20 +152,20 @@ TEST(KeyHash, BytesAbove127CountAsNegativeNumbers) {
               0u - 31 + 97);
 }
 
-TEST(KeyHash, TheEntryKeepsTheHashOfItsKey) {
+TEST(key_hash_test, the_entry_keeps_the_hash_of_its_key) {
     htable* table = htable_new();
     record r("hello");
     EXPECT_EQ(htable_put(table, r.item())->hash, 99162322u);
     htable_free(table);
 }
 
-TEST_F(HashTable, ANewTableIsEmptyAndHasNoBuckets) {
+TEST_F(hash_table_test, a_new_table_is_empty_and_has_no_buckets) {
     EXPECT_EQ(table->buckets, nullptr);
     EXPECT_EQ(table->nbuckets, 0u);
     EXPECT_EQ(table->count, 0u);
 }
 
-TEST_F(HashTable, AnEmptyTableFindsNothingAndStaysWithoutBuckets) {
+TEST_F(hash_table_test, an_empty_table_finds_nothing_and_stays_without_buckets) {
     htable_entry some = {};
     htable_entry* prev = &some;
     EXPECT_EQ(htable_get(table, "a"), nullptr);
@@ -177,13 +177,13 @@ TEST_F(HashTable, AnEmptyTableFindsNothingAndStaysWithoutBuckets) {
     EXPECT_EQ(table->buckets, nullptr);
 }
 
-TEST_F(HashTable, TheFirstInsertionMakesElevenBuckets) {
+TEST_F(hash_table_test, the_first_insertion_makes_eleven_buckets) {
     put("a");
     EXPECT_EQ(table->nbuckets, 11u);
     EXPECT_EQ(table->count, 1u);
 }
 
-TEST_F(HashTable, TheTableGrowsBeforeItWouldBeMoreThanHalfFull) {
+TEST_F(hash_table_test, the_table_grows_before_it_would_be_more_than_half_full) {
     struct {
         uint32_t last_that_fits;
         uint32_t nbuckets;
@@ -200,7 +200,7 @@ TEST_F(HashTable, TheTableGrowsBeforeItWouldBeMoreThanHalfFull) {
     }
 }
 
-TEST_F(HashTable, EveryKeyIsStillFoundAfterEachGrowth) {
+TEST_F(hash_table_test, every_key_is_still_found_after_each_growth) {
     for (const uint32_t size : {6u, 12u, 49u, 199u, 799u}) {
         fill(size);
         for (const std::unique_ptr<record>& r : records) {
@@ -209,26 +209,26 @@ TEST_F(HashTable, EveryKeyIsStillFoundAfterEachGrowth) {
     }
 }
 
-TEST_F(HashTable, AFullTableOf99793BucketsTakes49896Keys) {
+TEST_F(hash_table_test, a_full_table_of_99793_buckets_takes_49896_keys) {
     fill(49896);
     EXPECT_EQ(table->nbuckets, 99793u);
     EXPECT_EQ(table->count, 49896u);
 }
 
-TEST_F(HashTable, The49897thKeyAbortsTheProcess) {
+TEST_F(hash_table_test, the_49897_th_key_aborts_the_process) {
     fill(49896);
     EXPECT_EXIT(put("one more"), ::testing::KilledBySignal(SIGABRT),
                 "algor:460: next_prime: Assertion `0' failed");
 }
 
-TEST_F(HashTable, AKeyThatIsThereIsReplacedInAFullTableWithoutGrowth) {
+TEST_F(hash_table_test, a_key_that_is_there_is_replaced_in_a_full_table_without_growth) {
     fill(49896);
     put("key0");
     EXPECT_EQ(table->count, 49896u);
     EXPECT_EQ(htable_find(table, "key1", nullptr, true)->item, records[1]->item());
 }
 
-TEST_F(HashTable, BucketsAreWalkedInOrderOfTheirIndex) {
+TEST_F(hash_table_test, buckets_are_walked_in_order_of_their_index) {
     /* 97 to 101, so buckets 9, 10, 0, 1 and 2 of 11. */
     put_all({"a", "b", "c", "d", "e"});
     EXPECT_EQ(walk_keys(table), (std::vector<std::string>{"c", "d", "e", "a", "b"}));
@@ -237,14 +237,14 @@ TEST_F(HashTable, BucketsAreWalkedInOrderOfTheirIndex) {
     EXPECT_EQ(walk_keys(table), (std::vector<std::string>{"a", "b", "c", "d", "e", "f"}));
 }
 
-TEST_F(HashTable, TheNewestKeyHeadsItsChain) {
+TEST_F(hash_table_test, the_newest_key_heads_its_chain) {
     /* 97, 108 and 119: all in bucket 9 of 11. */
     put_all({"a", "l", "w"});
     EXPECT_EQ(walk_keys(table), (std::vector<std::string>{"w", "l", "a"}));
     EXPECT_EQ(key_of(table->buckets[9]->item), "w");
 }
 
-TEST_F(HashTable, GrowthTurnsChainsThatStayTogetherAround) {
+TEST_F(hash_table_test, growth_turns_chains_that_stay_together_around) {
     /* 2080, 2333 and 2586 lie 253 = 11 * 23 apart: together in bucket 1 of 11 and in bucket 10
      * of 23. */
     put_all({"AA", "IF", "QK"});
@@ -254,7 +254,7 @@ TEST_F(HashTable, GrowthTurnsChainsThatStayTogetherAround) {
     EXPECT_EQ(walk_keys(table), (std::vector<std::string>{"a", "b", "c", "AA", "IF", "QK"}));
 }
 
-TEST_F(HashTable, GrowthTakesTheOldBucketsInOrder) {
+TEST_F(hash_table_test, growth_takes_the_old_buckets_in_order) {
     /* 13 and 36 stand in the buckets 2 and 3 of 11 and share bucket 13 of 23: what comes from
      * bucket 3 comes later and is pushed in front. */
     put_all({"\x24", "\x0d", "\x01", "\x02", "\x03"});
@@ -264,7 +264,7 @@ TEST_F(HashTable, GrowthTakesTheOldBucketsInOrder) {
               (std::vector<std::string>{"\x01", "\x02", "\x03", "\x04", "\x24", "\x0d"}));
 }
 
-TEST_F(HashTable, TheOrderOfALargeTableIsThatOfTheModel) {
+TEST_F(hash_table_test, the_order_of_a_large_table_is_that_of_the_model) {
     table_model model;
     std::mt19937 random(1);
     for (int i = 0; i < 500; i++) {
@@ -291,7 +291,7 @@ TEST_F(HashTable, TheOrderOfALargeTableIsThatOfTheModel) {
     EXPECT_EQ(table->nbuckets, 1597u);
 }
 
-TEST_F(HashTable, KeysWithTheSameHashAreToldApartByTheirText) {
+TEST_F(hash_table_test, keys_with_the_same_hash_are_told_apart_by_their_text) {
     /* 65 * 31 + 97 = 66 * 31 + 66 */
     ASSERT_EQ(htable_hash("Aa"), htable_hash("BB"));
     const record* first = put("Aa");
@@ -302,13 +302,13 @@ TEST_F(HashTable, KeysWithTheSameHashAreToldApartByTheirText) {
     EXPECT_EQ(htable_get(table, "BB"), &second->key_pointer);
 }
 
-TEST_F(HashTable, TheEmptyKeyIsAKey) {
+TEST_F(hash_table_test, the_empty_key_is_a_key) {
     put("");
     EXPECT_TRUE(has(""));
     EXPECT_EQ(walk_keys(table), (std::vector<std::string>{""}));
 }
 
-TEST_F(HashTable, PuttingAKeyThatIsThereReplacesTheRecordInPlace) {
+TEST_F(hash_table_test, putting_a_key_that_is_there_replaces_the_record_in_place) {
     put_all({"a", "l", "w"});
     const htable_entry* before = htable_find(table, "l", nullptr, false);
     record other("l");
@@ -318,7 +318,7 @@ TEST_F(HashTable, PuttingAKeyThatIsThereReplacesTheRecordInPlace) {
     EXPECT_EQ(walk_keys(table), (std::vector<std::string>{"w", "l", "a"}));
 }
 
-TEST_F(HashTable, FindTellsTheEntryBeforeInTheChain) {
+TEST_F(hash_table_test, find_tells_the_entry_before_in_the_chain) {
     put_all({"a", "l", "w"});
     htable_entry* prev = nullptr;
     htable_entry* head = htable_find(table, "w", &prev, false);
@@ -330,7 +330,7 @@ TEST_F(HashTable, FindTellsTheEntryBeforeInTheChain) {
     EXPECT_EQ(last->next, nullptr);
 }
 
-TEST_F(HashTable, FindWithoutCreateLeavesTheTableAlone) {
+TEST_F(hash_table_test, find_without_create_leaves_the_table_alone) {
     put_all({"a", "l", "w"});
     htable_entry* prev = table->buckets[9];
     /* 130 is bucket 9 too. */
@@ -338,7 +338,7 @@ TEST_F(HashTable, FindWithoutCreateLeavesTheTableAlone) {
     EXPECT_EQ(table->count, 3u);
 }
 
-TEST_F(HashTable, FindWithCreateGivesAnEntryWithoutARecordAtTheHead) {
+TEST_F(hash_table_test, find_with_create_gives_an_entry_without_a_record_at_the_head) {
     put_all({"a", "l"});
     htable_entry* prev = table->buckets[9];
     htable_entry* made = htable_find(table, "w", &prev, true);
@@ -353,40 +353,40 @@ TEST_F(HashTable, FindWithCreateGivesAnEntryWithoutARecordAtTheHead) {
     EXPECT_EQ(htable_get(table, "w"), r.item());
 }
 
-TEST_F(HashTable, FindWithCreateOfAKeyThatIsThereMakesNothing) {
+TEST_F(hash_table_test, find_with_create_of_a_key_that_is_there_makes_nothing) {
     const record* r = put("a");
     EXPECT_EQ(htable_find(table, "a", nullptr, true)->item, &r->key_pointer);
     EXPECT_EQ(table->count, 1u);
 }
 
-TEST_F(HashTable, DeletingTheHeadOfAChainLeavesTheOthers) {
+TEST_F(hash_table_test, deleting_the_head_of_a_chain_leaves_the_others) {
     put_all({"a", "l", "w"});
     htable_del(table, "w");
     EXPECT_EQ(walk_keys(table), (std::vector<std::string>{"l", "a"}));
     EXPECT_EQ(table->count, 2u);
 }
 
-TEST_F(HashTable, DeletingFromTheMiddleOfAChainLeavesTheOthers) {
+TEST_F(hash_table_test, deleting_from_the_middle_of_a_chain_leaves_the_others) {
     put_all({"a", "l", "w"});
     htable_del(table, "l");
     EXPECT_EQ(walk_keys(table), (std::vector<std::string>{"w", "a"}));
     EXPECT_TRUE(has("a"));
 }
 
-TEST_F(HashTable, DeletingTheEndOfAChainLeavesTheOthers) {
+TEST_F(hash_table_test, deleting_the_end_of_a_chain_leaves_the_others) {
     put_all({"a", "l", "w"});
     htable_del(table, "a");
     EXPECT_EQ(walk_keys(table), (std::vector<std::string>{"w", "l"}));
 }
 
-TEST_F(HashTable, DeletingAnAbsentKeyChangesNothing) {
+TEST_F(hash_table_test, deleting_an_absent_key_changes_nothing) {
     put_all({"a", "l"});
     htable_del(table, "w");
     htable_del(table, "z");
     EXPECT_EQ(table->count, 2u);
 }
 
-TEST_F(HashTable, DeletionLeavesTheRecordAlone) {
+TEST_F(hash_table_test, deletion_leaves_the_record_alone) {
     const record* r = put("a");
     htable_del(table, "a");
     EXPECT_EQ(r->key, "a");
@@ -394,7 +394,7 @@ TEST_F(HashTable, DeletionLeavesTheRecordAlone) {
     EXPECT_FALSE(has("a"));
 }
 
-TEST_F(HashTable, TheTableNeverShrinks) {
+TEST_F(hash_table_test, the_table_never_shrinks) {
     fill(49);
     for (const std::unique_ptr<record>& r : records) {
         htable_del(table, r->key.c_str());
@@ -403,7 +403,7 @@ TEST_F(HashTable, TheTableNeverShrinks) {
     EXPECT_EQ(table->nbuckets, 397u);
 }
 
-TEST_F(HashTable, AClearedTableKeepsItsBucketsAndGrowsWhenHalfFullAgain) {
+TEST_F(hash_table_test, a_cleared_table_keeps_its_buckets_and_grows_when_half_full_again) {
     fill(6);
     htable_clear(table);
     EXPECT_EQ(table->count, 0u);
@@ -418,7 +418,7 @@ TEST_F(HashTable, AClearedTableKeepsItsBucketsAndGrowsWhenHalfFullAgain) {
     EXPECT_EQ(table->nbuckets, 97u);
 }
 
-TEST_F(HashTable, AWalkOverNoTableOrAnEmptyOneEndsAtOnce) {
+TEST_F(hash_table_test, a_walk_over_no_table_or_an_empty_one_ends_at_once) {
     htable_walk walk = htable_walk_start(nullptr);
     EXPECT_EQ(htable_walk_next(&walk), nullptr);
     walk = htable_walk_start(table);
@@ -429,7 +429,7 @@ TEST_F(HashTable, AWalkOverNoTableOrAnEmptyOneEndsAtOnce) {
     EXPECT_EQ(htable_walk_next(&walk), nullptr);
 }
 
-TEST_F(HashTable, AWalkThatHasEndedStaysAtItsEnd) {
+TEST_F(hash_table_test, a_walk_that_has_ended_stays_at_its_end) {
     put("a");
     htable_walk walk = htable_walk_start(table);
     EXPECT_NE(htable_walk_next(&walk), nullptr);

@@ -17,9 +17,9 @@ intptr_t number(const void* v) {
     return reinterpret_cast<intptr_t>(v);
 }
 
-class BoundedList : public ::testing::Test {
+class bounded_list_test : public ::testing::Test {
   protected:
-    ~BoundedList() override {
+    ~bounded_list_test() override {
         dlist_free(list);
     }
 
@@ -51,7 +51,7 @@ class BoundedList : public ::testing::Test {
 
 } // namespace
 
-TEST_F(BoundedList, ANewListIsEmptyAndHasTheCapThatWasAskedFor) {
+TEST_F(bounded_list_test, a_new_list_is_empty_and_has_the_cap_that_was_asked_for) {
     EXPECT_EQ(list->count, 0);
     EXPECT_EQ(list->max, 0xFFFF);
     EXPECT_EQ(values(), numbers{});
@@ -60,7 +60,7 @@ TEST_F(BoundedList, ANewListIsEmptyAndHasTheCapThatWasAskedFor) {
     dlist_free(small);
 }
 
-TEST_F(BoundedList, PushesAtTheHeadStandInReverseOrder) {
+TEST_F(bounded_list_test, pushes_at_the_head_stand_in_reverse_order) {
     for (intptr_t n = 1; n <= 3; n++) {
         EXPECT_EQ(dlist_push_head(list, value(n)), nullptr);
     }
@@ -68,13 +68,13 @@ TEST_F(BoundedList, PushesAtTheHeadStandInReverseOrder) {
     EXPECT_EQ(list->count, 3);
 }
 
-TEST_F(BoundedList, PushesAtTheTailStandInTheirOrder) {
+TEST_F(bounded_list_test, pushes_at_the_tail_stand_in_their_order) {
     push_tail({1, 2, 3});
     EXPECT_EQ(values(), (numbers{1, 2, 3}));
     EXPECT_EQ(list->count, 3);
 }
 
-TEST_F(BoundedList, APushAtTheHeadOfAFullListHandsBackTheTail) {
+TEST_F(bounded_list_test, a_push_at_the_head_of_a_full_list_hands_back_the_tail) {
     list->max = 3;
     push_tail({1, 2, 3});
     EXPECT_EQ(number(dlist_push_head(list, value(4))), 3);
@@ -82,7 +82,7 @@ TEST_F(BoundedList, APushAtTheHeadOfAFullListHandsBackTheTail) {
     EXPECT_EQ(list->count, 3);
 }
 
-TEST_F(BoundedList, APushAtTheTailOfAFullListHandsBackTheHead) {
+TEST_F(bounded_list_test, a_push_at_the_tail_of_a_full_list_hands_back_the_head) {
     list->max = 3;
     push_tail({1, 2, 3});
     EXPECT_EQ(number(dlist_push_tail(list, value(4))), 1);
@@ -90,7 +90,7 @@ TEST_F(BoundedList, APushAtTheTailOfAFullListHandsBackTheHead) {
     EXPECT_EQ(list->count, 3);
 }
 
-TEST_F(BoundedList, TheNodeThatFallsOffAFullListIsUsedAgain) {
+TEST_F(bounded_list_test, the_node_that_falls_off_a_full_list_is_used_again) {
     list->max = 2;
     push_tail({1, 2});
     const dlist_node* tail = list->tail;
@@ -101,7 +101,7 @@ TEST_F(BoundedList, TheNodeThatFallsOffAFullListIsUsedAgain) {
     EXPECT_EQ(list->tail, head);
 }
 
-TEST_F(BoundedList, AListOfOneSwapsItsValue) {
+TEST_F(bounded_list_test, a_list_of_one_swaps_its_value) {
     list->max = 1;
     push_tail({1});
     const dlist_node* only = list->head;
@@ -112,7 +112,7 @@ TEST_F(BoundedList, AListOfOneSwapsItsValue) {
     EXPECT_EQ(list->count, 1);
 }
 
-TEST_F(BoundedList, AnEmptyListWithCapZeroHandsTheValueBack) {
+TEST_F(bounded_list_test, an_empty_list_with_cap_zero_hands_the_value_back) {
     list->max = 0;
     EXPECT_EQ(number(dlist_push_head(list, value(1))), 1);
     EXPECT_EQ(number(dlist_push_tail(list, value(2))), 2);
@@ -120,7 +120,7 @@ TEST_F(BoundedList, AnEmptyListWithCapZeroHandsTheValueBack) {
     EXPECT_EQ(list->count, 0);
 }
 
-TEST_F(BoundedList, AListAboveItsCapKeepsItsLength) {
+TEST_F(bounded_list_test, a_list_above_its_cap_keeps_its_length) {
     push_tail({1, 2, 3});
     for (const uint16_t cap : {uint16_t{0}, uint16_t{1}, uint16_t{2}}) {
         list->max = cap;
@@ -133,7 +133,7 @@ TEST_F(BoundedList, AListAboveItsCapKeepsItsLength) {
     EXPECT_EQ(values(), (numbers{20, 10, 11}));
 }
 
-TEST_F(BoundedList, AnUncappedListHolds65535Values) {
+TEST_F(bounded_list_test, an_uncapped_list_holds_65535_values) {
     for (intptr_t n = 1; n <= 65535; n++) {
         ASSERT_EQ(dlist_push_tail(list, value(n)), nullptr);
     }
@@ -144,7 +144,7 @@ TEST_F(BoundedList, AnUncappedListHolds65535Values) {
     EXPECT_EQ(number(dlist_index(list, -65535)), 2);
 }
 
-TEST_F(BoundedList, PopsTakeFromTheirEnd) {
+TEST_F(bounded_list_test, pops_take_from_their_end) {
     push_tail({1, 2, 3});
     EXPECT_EQ(number(dlist_pop_head(list)), 1);
     EXPECT_EQ(values(), (numbers{2, 3}));
@@ -153,7 +153,7 @@ TEST_F(BoundedList, PopsTakeFromTheirEnd) {
     EXPECT_EQ(list->count, 1);
 }
 
-TEST_F(BoundedList, PoppingTheLastValueClearsBothEnds) {
+TEST_F(bounded_list_test, popping_the_last_value_clears_both_ends) {
     push_tail({1});
     EXPECT_EQ(number(dlist_pop_head(list)), 1);
     EXPECT_EQ(list->head, nullptr);
@@ -165,13 +165,13 @@ TEST_F(BoundedList, PoppingTheLastValueClearsBothEnds) {
     EXPECT_EQ(list->tail, nullptr);
 }
 
-TEST_F(BoundedList, PoppingAnEmptyListGivesNothing) {
+TEST_F(bounded_list_test, popping_an_empty_list_gives_nothing) {
     EXPECT_EQ(dlist_pop_head(list), nullptr);
     EXPECT_EQ(dlist_pop_tail(list), nullptr);
     EXPECT_EQ(list->count, 0);
 }
 
-TEST_F(BoundedList, IndexesCountFromTheHeadAndFromTheTail) {
+TEST_F(bounded_list_test, indexes_count_from_the_head_and_from_the_tail) {
     push_tail({10, 11, 12, 13});
     const intptr_t expected[] = {10, 11, 12, 13};
     for (int i = 0; i < 4; i++) {
@@ -181,7 +181,7 @@ TEST_F(BoundedList, IndexesCountFromTheHeadAndFromTheTail) {
     }
 }
 
-TEST_F(BoundedList, AnIndexOutOfRangeGivesNothing) {
+TEST_F(bounded_list_test, an_index_out_of_range_gives_nothing) {
     EXPECT_EQ(dlist_index(list, -1), nullptr);
     EXPECT_EQ(dlist_index(list, 0), nullptr);
     push_tail({1, 2});
@@ -192,7 +192,7 @@ TEST_F(BoundedList, AnIndexOutOfRangeGivesNothing) {
     }
 }
 
-TEST_F(BoundedList, RemovingAValueUnlinksItsFirstNodeAndLeavesTheCount) {
+TEST_F(bounded_list_test, removing_a_value_unlinks_its_first_node_and_leaves_the_count) {
     push_tail({1, 2, 1, 3});
     dlist_node* nodes[] = {list->head, nullptr, nullptr, nullptr};
     for (int i = 1; i < 4; i++) {
@@ -217,13 +217,13 @@ TEST_F(BoundedList, RemovingAValueUnlinksItsFirstNodeAndLeavesTheCount) {
     EXPECT_EQ(values(), (numbers{1, 2, 1, 3}));
 }
 
-TEST_F(BoundedList, RemovingAValueThatIsNotThereChangesNothing) {
+TEST_F(bounded_list_test, removing_a_value_that_is_not_there_changes_nothing) {
     push_tail({1, 2});
     dlist_remove_value(list, value(3));
     EXPECT_EQ(values(), (numbers{1, 2}));
 }
 
-TEST_F(BoundedList, AClearedListIsEmptyAndKeepsItsCap) {
+TEST_F(bounded_list_test, a_cleared_list_is_empty_and_keeps_its_cap) {
     list->max = 5;
     push_tail({1, 2, 3});
     dlist_clear(list);
@@ -234,7 +234,7 @@ TEST_F(BoundedList, AClearedListIsEmptyAndKeepsItsCap) {
     EXPECT_EQ(values(), (numbers{4}));
 }
 
-TEST_F(BoundedList, AnyMixOfOperationsKeepsTheLinksRight) {
+TEST_F(bounded_list_test, any_mix_of_operations_keeps_the_links_right) {
     std::deque<intptr_t> model;
     std::mt19937 random(2);
     list->max = 6;

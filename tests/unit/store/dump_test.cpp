@@ -49,16 +49,16 @@ double cpu_seconds() {
 }
 
 /* Every test has a folder of its own. */
-class DumpAndLoad : public store_test {
+class dump_and_load_test : public store_test {
   protected:
-    DumpAndLoad() : folder(::testing::TempDir() + "tessard-dump-XXXXXX") {
+    dump_and_load_test() : folder(::testing::TempDir() + "tessard-dump-XXXXXX") {
         EXPECT_NE(mkdtemp(folder.data()), nullptr);
         file = folder + "/dump";
         history_calls.clear();
         dump_history = {};
     }
 
-    ~DumpAndLoad() override {
+    ~dump_and_load_test() override {
         EXPECT_EQ(test_kernel::writev_answers.size(), 0u) << "fewer writes than the test expects";
         EXPECT_EQ(test_kernel::read_answers.size(), 0u) << "fewer reads than the test expects";
         test_kernel::writev_answers.clear();
@@ -107,7 +107,7 @@ class DumpAndLoad : public store_test {
 
 /* --- Which keys are histories --- */
 
-TEST(HistoryKeys, AreToldByTheWordBehindTheLastDot) {
+TEST(history_keys_test, are_told_by_the_word_behind_the_last_dot) {
     for (const char* key : {"x.day", "x.week", "x.mon", "x.days", "cpu.week1", "x.month", "a.b.day",
                             "day.mon", ".day"}) {
         EXPECT_TRUE(is_history_key(key)) << key;
@@ -120,12 +120,12 @@ TEST(HistoryKeys, AreToldByTheWordBehindTheLastDot) {
 
 /* --- Dump --- */
 
-TEST_F(DumpAndLoad, AStringIsOneRecordInNetworkByteOrder) {
+TEST_F(dump_and_load_test, a_string_is_one_record_in_network_byte_order) {
     set("k", "abc");
     EXPECT_EQ(dump(), std::string("\0\0\0\1k\0\0\0\3abc", 12));
 }
 
-TEST_F(DumpAndLoad, LongLengthsFillTheirFourBytes) {
+TEST_F(dump_and_load_test, long_lengths_fill_their_four_bytes) {
     set("key", std::string(0x010203, 'x'));
     const std::string bytes = dump();
     ASSERT_EQ(bytes.size(), 4u + 3 + 4 + 0x010203);
@@ -133,17 +133,17 @@ TEST_F(DumpAndLoad, LongLengthsFillTheirFourBytes) {
     EXPECT_EQ(bytes.substr(11), std::string(0x010203, 'x'));
 }
 
-TEST_F(DumpAndLoad, KeysAndValuesMayHoldAnyByte) {
+TEST_F(dump_and_load_test, keys_and_values_may_hold_any_byte) {
     set(std::string_view("k\0y", 3), std::string_view("\0\xff\n", 3));
     EXPECT_EQ(dump(), std::string("\0\0\0\3k\0y\0\0\0\3\0\xff\n", 14));
 }
 
-TEST_F(DumpAndLoad, AStringWithoutValueIsWrittenEmpty) {
+TEST_F(dump_and_load_test, a_string_without_value_is_written_empty) {
     make("k", OBJ_TSTRING);
     EXPECT_EQ(dump(), std::string("\0\0\0\1k\0\0\0\0", 9));
 }
 
-TEST_F(DumpAndLoad, KeysAreWrittenInTableOrder) {
+TEST_F(dump_and_load_test, keys_are_written_in_table_order) {
     for (const char* key : {"a", "b", "c"}) {
         set(key, key);
     }
@@ -151,7 +151,7 @@ TEST_F(DumpAndLoad, KeysAreWrittenInTableOrder) {
     EXPECT_EQ(dump(), record("c", "c") + record("a", "a") + record("b", "b"));
 }
 
-TEST_F(DumpAndLoad, OnlyStringsAreWritten) {
+TEST_F(dump_and_load_test, only_strings_are_written) {
     object_rpush(make("l", OBJ_TLIST), "item");
     object_hash_set(make("h", OBJ_THASH), text("f"), text("v"));
     make("n", OBJ_TNONE);
@@ -159,7 +159,7 @@ TEST_F(DumpAndLoad, OnlyStringsAreWritten) {
     EXPECT_EQ(dump(), record("s", "v"));
 }
 
-TEST_F(DumpAndLoad, OnlyKeysThatMatchThePatternAreWritten) {
+TEST_F(dump_and_load_test, only_keys_that_match_the_pattern_are_written) {
     set("cpu.load", "1");
     set("mem.load", "2");
     set("cpu", "3");
@@ -169,7 +169,7 @@ TEST_F(DumpAndLoad, OnlyKeysThatMatchThePatternAreWritten) {
     EXPECT_EQ(dump("nothing"), "");
 }
 
-TEST_F(DumpAndLoad, PatternsSeeNothingSpecialInSlashesDotsAndBackslashes) {
+TEST_F(dump_and_load_test, patterns_see_nothing_special_in_slashes_dots_and_backslashes) {
     set(".a/b", "1");
     EXPECT_EQ(dump("*"), record(".a/b", "1"));
     EXPECT_EQ(dump("?a?b"), record(".a/b", "1"));
@@ -177,30 +177,30 @@ TEST_F(DumpAndLoad, PatternsSeeNothingSpecialInSlashesDotsAndBackslashes) {
     EXPECT_EQ(dump("x\\*"), record("x*", "2"));
 }
 
-TEST_F(DumpAndLoad, ADeletedKeyWhoseRecordStandsIsWritten) {
+TEST_F(dump_and_load_test, a_deleted_key_whose_record_stands_is_written) {
     object_delete(set("k", "v"));
     EXPECT_EQ(dump(), record("k", "v"));
 }
 
-TEST_F(DumpAndLoad, PrivateAndProtectedKeysAreWritten) {
+TEST_F(dump_and_load_test, private_and_protected_keys_are_written) {
     set("_k", "v")->flags |= OBJ_PROTECTED;
     EXPECT_EQ(dump(), record("_k", "v"));
 }
 
-TEST_F(DumpAndLoad, WithoutAnyKeyTheFileIsEmpty) {
+TEST_F(dump_and_load_test, without_any_key_the_file_is_empty) {
     EXPECT_EQ(dump(), "");
     EXPECT_TRUE(std::filesystem::exists(file));
     make("k", OBJ_THASH);
     EXPECT_EQ(dump(), "");
 }
 
-TEST_F(DumpAndLoad, AnOlderFileIsEmptiedFirst) {
+TEST_F(dump_and_load_test, an_older_file_is_emptied_first) {
     write_file(std::string(1000, 'x'));
     set("k", "v");
     EXPECT_EQ(dump(), record("k", "v"));
 }
 
-TEST_F(DumpAndLoad, ANewFileIsReadableByAllAndWritableByItsOwner) {
+TEST_F(dump_and_load_test, a_new_file_is_readable_by_all_and_writable_by_its_owner) {
     const mode_t old = umask(0);
     dump();
     umask(old);
@@ -209,13 +209,13 @@ TEST_F(DumpAndLoad, ANewFileIsReadableByAllAndWritableByItsOwner) {
     EXPECT_EQ(status.st_mode & 07777, 0644u);
 }
 
-TEST_F(DumpAndLoad, DumpingIsLoggedWithPatternAndPath) {
+TEST_F(dump_and_load_test, dumping_is_logged_with_pattern_and_path) {
     log.start(LOG_INFO);
     dump("a%sb*");
     EXPECT_EQ(log.text(), "info  *** dumped a%sb* to " + file + "\n");
 }
 
-TEST_F(DumpAndLoad, AFileThatCannotBeMadeIsRepliedAndLogged) {
+TEST_F(dump_and_load_test, a_file_that_cannot_be_made_is_replied_and_logged) {
     log.start(LOG_INFO);
     const std::string missing = folder + "/missing/dump";
     EXPECT_EQ(dump_keys(missing.c_str(), "*"), ENOENT);
@@ -226,7 +226,7 @@ TEST_F(DumpAndLoad, AFileThatCannotBeMadeIsRepliedAndLogged) {
                               "info  *** failed to dump * to : 2\n");
 }
 
-TEST_F(DumpAndLoad, NothingIsLoggedAboveInfoLevel) {
+TEST_F(dump_and_load_test, nothing_is_logged_above_info_level) {
     log.start(LOG_WARN);
     dump();
     load("");
@@ -234,12 +234,12 @@ TEST_F(DumpAndLoad, NothingIsLoggedAboveInfoLevel) {
     EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(DumpAndLoad, AFifoThatNobodyReadsIsRefusedAtOnce) {
+TEST_F(dump_and_load_test, a_fifo_that_nobody_reads_is_refused_at_once) {
     ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
     EXPECT_EQ(dump_keys(file.c_str(), "*"), ENXIO);
 }
 
-TEST_F(DumpAndLoad, AFifoThatIsFullBlocksNobody) {
+TEST_F(dump_and_load_test, a_fifo_that_is_full_blocks_nobody) {
     ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
     const int reader = open(file.c_str(), O_RDONLY | O_NONBLOCK);
     ASSERT_GE(reader, 0);
@@ -251,7 +251,7 @@ TEST_F(DumpAndLoad, AFifoThatIsFullBlocksNobody) {
     close(reader);
 }
 
-TEST_F(DumpAndLoad, NoDescriptorIsLeftOpen) {
+TEST_F(dump_and_load_test, no_descriptor_is_left_open) {
     set("k", "v");
     const int before = open("/dev/null", O_RDONLY);
     close(before);
@@ -266,7 +266,7 @@ TEST_F(DumpAndLoad, NoDescriptorIsLeftOpen) {
     EXPECT_EQ(after, before);
 }
 
-TEST_F(DumpAndLoad, ChangesAndExpiryAreNotTouched) {
+TEST_F(dump_and_load_test, changes_and_expiry_are_not_touched) {
     test_client observer;
     observers_add(observer.record());
     object* obj = set("k", "v");
@@ -279,7 +279,7 @@ TEST_F(DumpAndLoad, ChangesAndExpiryAreNotTouched) {
     EXPECT_EQ(observer.received(), "");
 }
 
-TEST_F(DumpAndLoad, ARecordCanBeWrittenByItself) {
+TEST_F(dump_and_load_test, a_record_can_be_written_by_itself) {
     const int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     dump_write_record(fd, "key", 3, "data", 4);
     dump_write_record(fd, "", 0, "", 0);
@@ -287,7 +287,7 @@ TEST_F(DumpAndLoad, ARecordCanBeWrittenByItself) {
     EXPECT_EQ(content(), record("key", "data") + std::string(8, '\0'));
 }
 
-TEST_F(DumpAndLoad, AShortWriteIsContinuedWhereverItEnds) {
+TEST_F(dump_and_load_test, a_short_write_is_continued_wherever_it_ends) {
     const std::string_view key("k\0ey", 4);
     const std::string value = "the value";
     const std::string expected = record(key, value);
@@ -301,13 +301,13 @@ TEST_F(DumpAndLoad, AShortWriteIsContinuedWhereverItEnds) {
     EXPECT_EQ(dump(), expected) << "byte by byte";
 }
 
-TEST_F(DumpAndLoad, AnInterruptedWriteIsTriedAgain) {
+TEST_F(dump_and_load_test, an_interrupted_write_is_tried_again) {
     set("key", "value");
     test_kernel::writev_answers = {-EINTR, -EINTR, 6, -EINTR, 3, -EINTR};
     EXPECT_EQ(dump(), record("key", "value"));
 }
 
-TEST_F(DumpAndLoad, ARecordIsGivenUpWhereTheFileTakesNoMore) {
+TEST_F(dump_and_load_test, a_record_is_given_up_where_the_file_takes_no_more) {
     set("key", "value");
     for (const int end : {-ENOSPC, -EAGAIN, -EIO, -EPIPE, 0}) {
         test_kernel::writev_answers = {end};
@@ -317,7 +317,7 @@ TEST_F(DumpAndLoad, ARecordIsGivenUpWhereTheFileTakesNoMore) {
     }
 }
 
-TEST_F(DumpAndLoad, TheRecordsBehindABrokenOneAreWrittenAllTheSame) {
+TEST_F(dump_and_load_test, the_records_behind_a_broken_one_are_written_all_the_same) {
     for (const char* key : {"a", "b", "c"}) {
         set(key, key);
     }
@@ -327,7 +327,7 @@ TEST_F(DumpAndLoad, TheRecordsBehindABrokenOneAreWrittenAllTheSame) {
 
 /* --- Load --- */
 
-TEST_F(DumpAndLoad, WhatWasDumpedIsLoaded) {
+TEST_F(dump_and_load_test, what_was_dumped_is_loaded) {
     set("a", "1");
     set("b", std::string_view("\0two", 4));
     make("c", OBJ_TSTRING);
@@ -341,7 +341,7 @@ TEST_F(DumpAndLoad, WhatWasDumpedIsLoaded) {
     EXPECT_EQ(get("c"), "");
 }
 
-TEST_F(DumpAndLoad, LoadingIsLoggedWithEachRecord) {
+TEST_F(dump_and_load_test, loading_is_logged_with_each_record) {
     set("k", "v");
     write_file(record("k", "abc") + record("other", ""));
     log.start();
@@ -352,14 +352,14 @@ TEST_F(DumpAndLoad, LoadingIsLoggedWithEachRecord) {
                               file + "\n");
 }
 
-TEST_F(DumpAndLoad, AMissingFileIsRepliedAndLogged) {
+TEST_F(dump_and_load_test, a_missing_file_is_replied_and_logged) {
     log.start(LOG_INFO);
     const std::string missing = folder + "/missing";
     EXPECT_EQ(load_keys(missing.c_str()), 2);
     EXPECT_EQ(log.text(), "info  *** failed to load " + missing + ": 2\n");
 }
 
-TEST_F(DumpAndLoad, KeysAreNeverMade) {
+TEST_F(dump_and_load_test, keys_are_never_made) {
     EXPECT_EQ(load(record("k", "v")), 0);
     EXPECT_EQ(object_lookup("k"), nullptr);
     make("other", OBJ_TSTRING);
@@ -367,7 +367,7 @@ TEST_F(DumpAndLoad, KeysAreNeverMade) {
     EXPECT_EQ(object_keyspace()->count, 1u);
 }
 
-TEST_F(DumpAndLoad, KeysOfOtherTypesAreLeftAlone) {
+TEST_F(dump_and_load_test, keys_of_other_types_are_left_alone) {
     object* list = make("l", OBJ_TLIST);
     object_rpush(list, "item");
     make("h", OBJ_THASH);
@@ -379,7 +379,7 @@ TEST_F(DumpAndLoad, KeysOfOtherTypesAreLeftAlone) {
     EXPECT_EQ(object_type(object_lookup("n")), OBJ_TNONE);
 }
 
-TEST_F(DumpAndLoad, DeletedKeysAreNotRevived) {
+TEST_F(dump_and_load_test, deleted_keys_are_not_revived) {
     object* obj = set("k", "v");
     object_delete(obj);
     EXPECT_EQ(load(record("k", "other")), 0);
@@ -387,31 +387,31 @@ TEST_F(DumpAndLoad, DeletedKeysAreNotRevived) {
     EXPECT_EQ(bytes_of(obj->string), "v");
 }
 
-TEST_F(DumpAndLoad, AStringWithoutValueGetsOne) {
+TEST_F(dump_and_load_test, a_string_without_value_gets_one) {
     make("k", OBJ_TSTRING);
     EXPECT_EQ(load(record("k", "v")), 0);
     EXPECT_EQ(get("k"), "v");
 }
 
-TEST_F(DumpAndLoad, TheLastRecordOfAKeyHolds) {
+TEST_F(dump_and_load_test, the_last_record_of_a_key_holds) {
     set("k", "v");
     EXPECT_EQ(load(record("k", "1") + record("k", "22") + record("k", "33")), 0);
     EXPECT_EQ(get("k"), "33");
 }
 
-TEST_F(DumpAndLoad, ANameEndsAtItsFirstNul) {
+TEST_F(dump_and_load_test, a_name_ends_at_its_first_nul) {
     set("k", "v");
     EXPECT_EQ(load(record(std::string_view("k\0zzz", 5), "found")), 0);
     EXPECT_EQ(get("k"), "found");
 }
 
-TEST_F(DumpAndLoad, ANameMayBeEmpty) {
+TEST_F(dump_and_load_test, a_name_may_be_empty) {
     set("", "v");
     EXPECT_EQ(load(record("", "found") + record("", "again")), 0);
     EXPECT_EQ(get(""), "again");
 }
 
-TEST_F(DumpAndLoad, EightBytesAreTooFewEvenForAnEmptyRecord) {
+TEST_F(dump_and_load_test, eight_bytes_are_too_few_even_for_an_empty_record) {
     set("", "v");
     log.start();
     EXPECT_EQ(load(record("", "")), 0);
@@ -419,11 +419,11 @@ TEST_F(DumpAndLoad, EightBytesAreTooFewEvenForAnEmptyRecord) {
     EXPECT_EQ(log.text(), "info  *** loaded " + file + "\n");
 }
 
-TEST_F(DumpAndLoad, AnEmptyFileLoadsNothing) {
+TEST_F(dump_and_load_test, an_empty_file_loads_nothing) {
     EXPECT_EQ(load(""), 0);
 }
 
-TEST_F(DumpAndLoad, AFileThatEndsAnywhereLoadsItsWholeRecords) {
+TEST_F(dump_and_load_test, a_file_that_ends_anywhere_loads_its_whole_records) {
     const std::string bytes = record("a", "first") + record("bb", "") + record("c", "the third");
     const size_t ends[] = {14, 24, bytes.size()};
     ASSERT_EQ(bytes.size(), 24u + 18);
@@ -439,7 +439,7 @@ TEST_F(DumpAndLoad, AFileThatEndsAnywhereLoadsItsWholeRecords) {
     }
 }
 
-TEST_F(DumpAndLoad, HostileNameLengthsEndTheLoading) {
+TEST_F(dump_and_load_test, hostile_name_lengths_end_the_loading) {
     for (const uint32_t namelen :
          {0xFFFFFFFFu, 0xFFFFFFFCu, 0xFFFFFFF8u, 0x80000000u, 0x7FFFFFFFu, 1000u, 3u, 2u}) {
         object_reset();
@@ -452,7 +452,7 @@ TEST_F(DumpAndLoad, HostileNameLengthsEndTheLoading) {
     }
 }
 
-TEST_F(DumpAndLoad, HostileDataLengthsEndTheLoading) {
+TEST_F(dump_and_load_test, hostile_data_lengths_end_the_loading) {
     for (const uint32_t datalen : {0xFFFFFFFFu, 0xFFFFFFFCu, 0xFFFFFFF7u, 0xFFFFFFF8u, 0x80000000u,
                                    0x7FFFFFFFu, 1000u, 4u}) {
         object_reset();
@@ -464,7 +464,7 @@ TEST_F(DumpAndLoad, HostileDataLengthsEndTheLoading) {
     }
 }
 
-TEST_F(DumpAndLoad, ADataLengthThatFitsExactlyIsTaken) {
+TEST_F(dump_and_load_test, a_data_length_that_fits_exactly_is_taken) {
     set("b", "old");
     EXPECT_EQ(load(be32(1) + "b" + be32(3) + "xyz"), 0);
     EXPECT_EQ(get("b"), "xyz");
@@ -472,7 +472,7 @@ TEST_F(DumpAndLoad, ADataLengthThatFitsExactlyIsTaken) {
 
 /* A daemon in the background leads a session without a terminal. Were a terminal that a client
  * names to become its own, the hang-up of that terminal would end it. */
-TEST_F(DumpAndLoad, ATerminalDoesNotBecomeTheDaemonsOwn) {
+TEST_F(dump_and_load_test, a_terminal_does_not_become_the_daemons_own) {
     const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
     ASSERT_GE(master, 0);
     ASSERT_EQ(grantpt(master), 0);
@@ -490,11 +490,11 @@ TEST_F(DumpAndLoad, ATerminalDoesNotBecomeTheDaemonsOwn) {
     close(master);
 }
 
-TEST_F(DumpAndLoad, AFolderLoadsNothing) {
+TEST_F(dump_and_load_test, a_folder_loads_nothing) {
     EXPECT_EQ(load_keys(folder.c_str()), 0);
 }
 
-TEST_F(DumpAndLoad, AFifoLoadsNothingAndBlocksNobody) {
+TEST_F(dump_and_load_test, a_fifo_loads_nothing_and_blocks_nobody) {
     ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
     EXPECT_EQ(load_keys(file.c_str()), 0);
     set("k", "old");
@@ -506,12 +506,12 @@ TEST_F(DumpAndLoad, AFifoLoadsNothingAndBlocksNobody) {
     close(writer);
 }
 
-TEST_F(DumpAndLoad, DevicesThatNeverEndLoadNothing) {
+TEST_F(dump_and_load_test, devices_that_never_end_load_nothing) {
     EXPECT_EQ(load_keys("/dev/zero"), 0);
     EXPECT_EQ(load_keys("/dev/null"), 0);
 }
 
-TEST_F(DumpAndLoad, OnlyBytesThatWereReallyReadAreParsed) {
+TEST_F(dump_and_load_test, only_bytes_that_were_really_read_are_parsed) {
     const std::string first = record("a", "new");
     const std::string both = first + record("b", "new");
     for (int given = 0; given <= static_cast<int>(both.size()); given++) {
@@ -525,7 +525,7 @@ TEST_F(DumpAndLoad, OnlyBytesThatWereReallyReadAreParsed) {
     }
 }
 
-TEST_F(DumpAndLoad, AFileThatCannotBeReadLoadsNothing) {
+TEST_F(dump_and_load_test, a_file_that_cannot_be_read_loads_nothing) {
     set("k", "old");
     write_file(record("k", "new"));
     log.start(LOG_INFO);
@@ -535,7 +535,7 @@ TEST_F(DumpAndLoad, AFileThatCannotBeReadLoadsNothing) {
     EXPECT_EQ(log.text(), "info  *** loaded " + file + "\n");
 }
 
-TEST_F(DumpAndLoad, AFileThatCannotBeMeasuredIsRepliedLoggedAndClosed) {
+TEST_F(dump_and_load_test, a_file_that_cannot_be_measured_is_replied_logged_and_closed) {
     set("k", "old");
     write_file(record("k", "new"));
     log.start(LOG_INFO);
@@ -552,7 +552,7 @@ TEST_F(DumpAndLoad, AFileThatCannotBeMeasuredIsRepliedLoggedAndClosed) {
               "info  *** failed to load " + file + ": " + std::to_string(EOVERFLOW) + "\n");
 }
 
-TEST_F(DumpAndLoad, AFileOf256MegabytesIsLoadedAndOneOfAByteMoreIsNot) {
+TEST_F(dump_and_load_test, a_file_of_256_megabytes_is_loaded_and_one_of_a_byte_more_is_not) {
     test_kernel::memory = 0xFFFFF000;
     set("k", "old");
     const std::string bytes = record("k", "new");
@@ -568,7 +568,7 @@ TEST_F(DumpAndLoad, AFileOf256MegabytesIsLoadedAndOneOfAByteMoreIsNot) {
     EXPECT_EQ(get("k"), "new");
 }
 
-TEST_F(DumpAndLoad, FilesBeyondWhatMemoryAllowsAreRefused) {
+TEST_F(dump_and_load_test, files_beyond_what_memory_allows_are_refused) {
     write_file("");
     log.start(LOG_INFO);
     for (const off_t size :
@@ -580,7 +580,7 @@ TEST_F(DumpAndLoad, FilesBeyondWhatMemoryAllowsAreRefused) {
     EXPECT_EQ(log.lines().size(), 4u);
 }
 
-TEST_F(DumpAndLoad, AFileLargerThanAQuarterOfTheMachinesMemoryIsRefused) {
+TEST_F(dump_and_load_test, a_file_larger_than_a_quarter_of_the_machines_memory_is_refused) {
     test_kernel::memory = 1 << 20;
     set("k", "old");
     write_file(record("k", "new"));
@@ -598,7 +598,7 @@ TEST_F(DumpAndLoad, AFileLargerThanAQuarterOfTheMachinesMemoryIsRefused) {
 
 /* A million empty records: some dozens of nanoseconds each, also under an emulator or a sanitizer.
  */
-TEST_F(DumpAndLoad, ASparseFileOfNothingButZerosIsLoadedInBoundedTime) {
+TEST_F(dump_and_load_test, a_sparse_file_of_nothing_but_zeros_is_loaded_in_bounded_time) {
     set("k", "old");
     write_file(record("k", "new"));
     ASSERT_EQ(truncate(file.c_str(), 8 << 20), 0);
@@ -610,7 +610,7 @@ TEST_F(DumpAndLoad, ASparseFileOfNothingButZerosIsLoadedInBoundedTime) {
 
 /* --- Histories --- */
 
-TEST_F(DumpAndLoad, HistoriesAreWrittenAndReadByTheirHooks) {
+TEST_F(dump_and_load_test, histories_are_written_and_read_by_their_hooks) {
     dump_history = {write_history, load_history};
     set("cpu.load.day", "not this");
     set("k", "v");
@@ -625,14 +625,14 @@ TEST_F(DumpAndLoad, HistoriesAreWrittenAndReadByTheirHooks) {
     EXPECT_EQ(get("cpu.load.day"), "not this");
 }
 
-TEST_F(DumpAndLoad, WithoutHooksHistoriesAreNeitherWrittenNorRead) {
+TEST_F(dump_and_load_test, without_hooks_histories_are_neither_written_nor_read) {
     set("cpu.load.day", "v");
     EXPECT_EQ(dump(), "");
     EXPECT_EQ(load(record("cpu.load.day", "data")), 0);
     EXPECT_EQ(get("cpu.load.day"), "v");
 }
 
-TEST_F(DumpAndLoad, HistoryRecordsAreTracedToo) {
+TEST_F(dump_and_load_test, history_records_are_traced_too) {
     dump_history = {write_history, load_history};
     write_file(record("x.mon", "data"));
     log.start();

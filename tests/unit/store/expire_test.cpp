@@ -17,7 +17,7 @@ namespace {
 /* Every test begins at this second. */
 constexpr uint32_t START = 1000;
 
-class Expiry : public store_test {
+class expiry_test : public store_test {
   protected:
     object* string_object(const char* key) {
         object* obj = make(key, OBJ_TSTRING);
@@ -28,7 +28,7 @@ class Expiry : public store_test {
     test_clock::frozen clock{START};
 };
 
-class ExpirySweep : public Expiry {
+class expiry_sweep_test : public expiry_test {
   protected:
     static void sweep_at(int64_t sec, int64_t usec = 0) {
         test_clock::set(sec, usec);
@@ -51,7 +51,7 @@ int count_calls(object*) {
 
 /* --- What a key carries --- */
 
-TEST_F(Expiry, ATimeToLiveIsCountedFromNow) {
+TEST_F(expiry_test, a_time_to_live_is_counted_from_now) {
     object* obj = string_object("k");
     log.start();
     object_expire(obj, 5);
@@ -61,7 +61,7 @@ TEST_F(Expiry, ATimeToLiveIsCountedFromNow) {
     EXPECT_EQ(log.text(), "debug *** \"k\"(string): set expire-TTL to 5\n");
 }
 
-TEST_F(Expiry, TheTraceNamesTheTypeAndTheUnsignedSeconds) {
+TEST_F(expiry_test, the_trace_names_the_type_and_the_unsigned_seconds) {
     log.start();
     object_expire(make("l", OBJ_TLIST), 0);
     object_expire(make("h", OBJ_THASH), 4294967295u);
@@ -69,7 +69,7 @@ TEST_F(Expiry, TheTraceNamesTheTypeAndTheUnsignedSeconds) {
                           "debug *** \"h\"(hash): set expire-TTL to 4294967295\n");
 }
 
-TEST_F(Expiry, AnAbsoluteTimeIsStoredWithTheSecondInWhichItWasSet) {
+TEST_F(expiry_test, an_absolute_time_is_stored_with_the_second_in_which_it_was_set) {
     object* obj = string_object("k");
     log.start();
     object_expire_at(obj, 123456);
@@ -79,7 +79,7 @@ TEST_F(Expiry, AnAbsoluteTimeIsStoredWithTheSecondInWhichItWasSet) {
     EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(Expiry, TheModeThatWasSetLastHolds) {
+TEST_F(expiry_test, the_mode_that_was_set_last_holds) {
     object* obj = string_object("k");
     object_expire(obj, 5);
     object_expire_at(obj, 6);
@@ -89,7 +89,7 @@ TEST_F(Expiry, TheModeThatWasSetLastHolds) {
     EXPECT_EQ(obj->expire_arg, 7u);
 }
 
-TEST_F(Expiry, SettingItAgainStartsTheCountAnew) {
+TEST_F(expiry_test, setting_it_again_starts_the_count_anew) {
     object* obj = string_object("k");
     object_expire(obj, 5);
     test_clock::set(START + 3);
@@ -97,7 +97,7 @@ TEST_F(Expiry, SettingItAgainStartsTheCountAnew) {
     EXPECT_EQ(obj->expire_base, START + 3);
 }
 
-TEST_F(Expiry, OtherFlagsStay) {
+TEST_F(expiry_test, other_flags_stay) {
     object* obj = string_object("k");
     obj->flags = 0x7FF & ~(OBJ_TYPE_MASK | OBJ_EXPIRE_MASK);
     obj->flags |= OBJ_TSTRING;
@@ -107,7 +107,7 @@ TEST_F(Expiry, OtherFlagsStay) {
     EXPECT_EQ(obj->flags, 0x7C0u | OBJ_TSTRING);
 }
 
-TEST_F(Expiry, PersistRemovesATimeToLive) {
+TEST_F(expiry_test, persist_removes_a_time_to_live) {
     object* obj = string_object("k");
     object_expire(obj, 5);
     log.start();
@@ -118,7 +118,7 @@ TEST_F(Expiry, PersistRemovesATimeToLive) {
     EXPECT_EQ(log.text(), "debug *** \"k\"(string): remove expire-TTL\n");
 }
 
-TEST_F(Expiry, PersistRemovesAnAbsoluteTime) {
+TEST_F(expiry_test, persist_removes_an_absolute_time) {
     object* obj = make("h", OBJ_THASH);
     object_expire_at(obj, 5);
     log.start();
@@ -127,14 +127,14 @@ TEST_F(Expiry, PersistRemovesAnAbsoluteTime) {
     EXPECT_EQ(log.text(), "debug *** \"h\"(hash): remove expire-TTL\n");
 }
 
-TEST_F(Expiry, PersistWithoutAnExpiryDoesNothing) {
+TEST_F(expiry_test, persist_without_an_expiry_does_nothing) {
     object* obj = string_object("k");
     log.start();
     EXPECT_EQ(object_persist(obj), 0);
     EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(Expiry, PersistOfATypelessObjectDoesNothing) {
+TEST_F(expiry_test, persist_of_a_typeless_object_does_nothing) {
     object* obj = make("n", OBJ_TNONE);
     obj->flags = OBJ_EXPIRE_TTL;
     log.start();
@@ -143,19 +143,19 @@ TEST_F(Expiry, PersistOfATypelessObjectDoesNothing) {
     EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(Expiry, ATimeToLiveWantsAType) {
+TEST_F(expiry_test, a_time_to_live_wants_a_type) {
     object* obj = make("n", OBJ_TNONE);
     EXPECT_ASSERTION(object_expire(obj, 5), "obj->type != OBJ_TNONE", "object", 567);
 }
 
-TEST_F(Expiry, AnAbsoluteTimeWantsAType) {
+TEST_F(expiry_test, an_absolute_time_wants_a_type) {
     object* obj = make("n", OBJ_TNONE);
     EXPECT_ASSERTION(object_expire_at(obj, 5), "obj->type != OBJ_TNONE", "object", 576);
 }
 
 /* --- When the sweep scans --- */
 
-TEST_F(ExpirySweep, TheFirstTickOnlyTakesTheTime) {
+TEST_F(expiry_sweep_test, the_first_tick_only_takes_the_time) {
     object_expire(string_object("k"), 0);
     sweep_at(START + 100);
     EXPECT_TRUE(stands("k"));
@@ -163,7 +163,7 @@ TEST_F(ExpirySweep, TheFirstTickOnlyTakesTheTime) {
     EXPECT_FALSE(stands("k"));
 }
 
-TEST_F(ExpirySweep, ATickBeforeTheFirstKeyDoesNotCount) {
+TEST_F(expiry_sweep_test, a_tick_before_the_first_key_does_not_count) {
     sweep_at(START);
     EXPECT_EQ(object_keyspace(), nullptr);
     object_expire(string_object("k"), 0);
@@ -173,7 +173,7 @@ TEST_F(ExpirySweep, ATickBeforeTheFirstKeyDoesNotCount) {
     EXPECT_FALSE(stands("k"));
 }
 
-TEST_F(ExpirySweep, ASecondMustHavePassedSinceTheLastScan) {
+TEST_F(expiry_sweep_test, a_second_must_have_passed_since_the_last_scan) {
     string_object("keep");
     sweep_at(START, 300000);
     object_expire(string_object("k"), 0);
@@ -183,7 +183,7 @@ TEST_F(ExpirySweep, ASecondMustHavePassedSinceTheLastScan) {
     EXPECT_FALSE(stands("k"));
 }
 
-TEST_F(ExpirySweep, ATickThatComesTooEarlyDoesNotMoveTheClock) {
+TEST_F(expiry_sweep_test, a_tick_that_comes_too_early_does_not_move_the_clock) {
     string_object("keep");
     sweep_at(START);
     for (int64_t usec = 100000; usec < 1000000; usec += 100000) {
@@ -194,7 +194,7 @@ TEST_F(ExpirySweep, ATickThatComesTooEarlyDoesNotMoveTheClock) {
     EXPECT_FALSE(stands("k"));
 }
 
-TEST_F(ExpirySweep, TheNextSecondIsCountedFromTheLastScan) {
+TEST_F(expiry_sweep_test, the_next_second_is_counted_from_the_last_scan) {
     string_object("keep");
     sweep_at(START);
     sweep_at(START + 1, 900000);
@@ -205,7 +205,8 @@ TEST_F(ExpirySweep, TheNextSecondIsCountedFromTheLastScan) {
     EXPECT_FALSE(stands("k"));
 }
 
-TEST_F(ExpirySweep, MicrosecondsAreCutToMillisecondsTowardZeroBeforeSecondsAreAdded) {
+TEST_F(expiry_sweep_test,
+       microseconds_are_cut_to_milliseconds_toward_zero_before_seconds_are_added) {
     object_expire(string_object("k"), 0);
     sweep_at(START, 1500);
     /* -1500 us are -1 ms, so 999. */
@@ -216,7 +217,7 @@ TEST_F(ExpirySweep, MicrosecondsAreCutToMillisecondsTowardZeroBeforeSecondsAreAd
     EXPECT_FALSE(stands("k"));
 }
 
-TEST_F(ExpirySweep, AClockThatWasSetBackSkipsTheScanAndTakesTheTime) {
+TEST_F(expiry_sweep_test, a_clock_that_was_set_back_skips_the_scan_and_takes_the_time) {
     object* obj = string_object("k");
     sweep_at(START);
     object_expire(obj, 0);
@@ -229,7 +230,7 @@ TEST_F(ExpirySweep, AClockThatWasSetBackSkipsTheScanAndTakesTheTime) {
     EXPECT_FALSE(stands("k"));
 }
 
-TEST_F(ExpirySweep, AStepBackOfLessThanAMillisecondIsNone) {
+TEST_F(expiry_sweep_test, a_step_back_of_less_than_a_millisecond_is_none) {
     object_expire(string_object("k"), 0);
     sweep_at(START, 999);
     sweep_at(START, 0);
@@ -238,7 +239,7 @@ TEST_F(ExpirySweep, AStepBackOfLessThanAMillisecondIsNone) {
     EXPECT_FALSE(stands("k"));
 }
 
-TEST_F(ExpirySweep, TheElapsedMillisecondsAreSigned32BitNumbers) {
+TEST_F(expiry_sweep_test, the_elapsed_milliseconds_are_signed_32_bit_numbers) {
     object_expire(string_object("k"), 0);
     sweep_at(START);
     /* 2147484000 ms lie beyond the largest: the clock seems to have been set back. */
@@ -250,7 +251,7 @@ TEST_F(ExpirySweep, TheElapsedMillisecondsAreSigned32BitNumbers) {
     EXPECT_FALSE(stands("k"));
 }
 
-TEST_F(ExpirySweep, ALeapThatWrapsToLessThanASecondIsNotYetOne) {
+TEST_F(expiry_sweep_test, a_leap_that_wraps_to_less_than_a_second_is_not_yet_one) {
     object_expire(string_object("k"), 0);
     sweep_at(START);
     /* 4294968000 ms wrap to 704, and the time is not taken. */
@@ -262,7 +263,7 @@ TEST_F(ExpirySweep, ALeapThatWrapsToLessThanASecondIsNotYetOne) {
     EXPECT_FALSE(stands("k"));
 }
 
-TEST_F(ExpirySweep, ALeapOf24DaysScansAtOnce) {
+TEST_F(expiry_sweep_test, a_leap_of_24_days_scans_at_once) {
     object_expire(string_object("k"), 0);
     sweep_at(START);
     /* 2147483000 ms */
@@ -270,7 +271,7 @@ TEST_F(ExpirySweep, ALeapOf24DaysScansAtOnce) {
     EXPECT_FALSE(stands("k"));
 }
 
-TEST_F(ExpirySweep, TheTimerCallsItAndStays) {
+TEST_F(expiry_sweep_test, the_timer_calls_it_and_stays) {
     object_expire(string_object("k"), 0);
     EXPECT_EQ(expire_timer_cb(nullptr), 0);
     test_clock::set(START + 1);
@@ -278,7 +279,7 @@ TEST_F(ExpirySweep, TheTimerCallsItAndStays) {
     EXPECT_FALSE(stands("k"));
 }
 
-TEST_F(ExpirySweep, InitForgetsTheLastScan) {
+TEST_F(expiry_sweep_test, init_forgets_the_last_scan) {
     object_expire(string_object("k"), 0);
     sweep_at(START);
     expire_init();
@@ -288,7 +289,7 @@ TEST_F(ExpirySweep, InitForgetsTheLastScan) {
 
 /* --- What expires --- */
 
-TEST_F(ExpirySweep, ATimeToLiveExpiresWithItsLastSecond) {
+TEST_F(expiry_sweep_test, a_time_to_live_expires_with_its_last_second) {
     object_expire(string_object("k"), 5);
     sweep_at(START);
     for (int64_t second = 1; second <= 4; second++) {
@@ -299,21 +300,21 @@ TEST_F(ExpirySweep, ATimeToLiveExpiresWithItsLastSecond) {
     EXPECT_FALSE(stands("k"));
 }
 
-TEST_F(ExpirySweep, ATimeToLiveExpiresInTheFirstScanOfItsSecond) {
+TEST_F(expiry_sweep_test, a_time_to_live_expires_in_the_first_scan_of_its_second) {
     object_expire(string_object("k"), 5);
     sweep_at(START);
     sweep_at(START + 5);
     EXPECT_FALSE(stands("k"));
 }
 
-TEST_F(ExpirySweep, TheLongestTimeToLiveDoesNotWrap) {
+TEST_F(expiry_sweep_test, the_longest_time_to_live_does_not_wrap) {
     object_expire(string_object("k"), 4294967295u);
     sweep_at(START);
     sweep_at(START + 1);
     EXPECT_TRUE(stands("k"));
 }
 
-TEST_F(ExpirySweep, TimesBeyond2038Work) {
+TEST_F(expiry_sweep_test, times_beyond_2038_work) {
     test_clock::set(3000000000);
     object_expire(string_object("k"), 2);
     sweep_at(3000000000);
@@ -323,7 +324,7 @@ TEST_F(ExpirySweep, TimesBeyond2038Work) {
     EXPECT_FALSE(stands("k"));
 }
 
-TEST_F(ExpirySweep, AClockThatWasSetBackRestartsTheCountOfATimeToLive) {
+TEST_F(expiry_sweep_test, a_clock_that_was_set_back_restarts_the_count_of_a_time_to_live) {
     object* obj = string_object("k");
     object_expire(obj, 5);
     sweep_at(START);
@@ -338,7 +339,7 @@ TEST_F(ExpirySweep, AClockThatWasSetBackRestartsTheCountOfATimeToLive) {
     EXPECT_FALSE(stands("k"));
 }
 
-TEST_F(ExpirySweep, ATimeToLiveOfZeroGoesInAScanOfTheSameSecond) {
+TEST_F(expiry_sweep_test, a_time_to_live_of_zero_goes_in_a_scan_of_the_same_second) {
     object* obj = string_object("k");
     sweep_at(START - 1);
     test_clock::set(START);
@@ -347,7 +348,7 @@ TEST_F(ExpirySweep, ATimeToLiveOfZeroGoesInAScanOfTheSameSecond) {
     EXPECT_FALSE(stands("k"));
 }
 
-TEST_F(ExpirySweep, ARestartedCountSparesEvenATimeToLiveOfZeroForOneScan) {
+TEST_F(expiry_sweep_test, a_restarted_count_spares_even_a_time_to_live_of_zero_for_one_scan) {
     object_expire(string_object("k"), 0);
     sweep_at(START);
     sweep_at(500);
@@ -357,7 +358,7 @@ TEST_F(ExpirySweep, ARestartedCountSparesEvenATimeToLiveOfZeroForOneScan) {
     EXPECT_FALSE(stands("k"));
 }
 
-TEST_F(ExpirySweep, AnAbsoluteTimeExpiresInALaterSecondWhateverItSays) {
+TEST_F(expiry_sweep_test, an_absolute_time_expires_in_a_later_second_whatever_it_says) {
     string_object("keep");
     sweep_at(START - 1, 500000);
     for (const uint32_t when : {0u, START - 100, START, START + 1, START + 1000000, 4294967295u}) {
@@ -372,7 +373,7 @@ TEST_F(ExpirySweep, AnAbsoluteTimeExpiresInALaterSecondWhateverItSays) {
     EXPECT_TRUE(stands("keep"));
 }
 
-TEST_F(ExpirySweep, AnAbsoluteTimeWaitsForAClockThatWasSetBack) {
+TEST_F(expiry_sweep_test, an_absolute_time_waits_for_a_clock_that_was_set_back) {
     object* obj = string_object("k");
     object_expire_at(obj, 0);
     sweep_at(START);
@@ -386,7 +387,7 @@ TEST_F(ExpirySweep, AnAbsoluteTimeWaitsForAClockThatWasSetBack) {
     EXPECT_FALSE(stands("k"));
 }
 
-TEST_F(ExpirySweep, KeysWithoutAnExpiryAreNeverCollected) {
+TEST_F(expiry_sweep_test, keys_without_an_expiry_are_never_collected) {
     string_object("live");
     make("typeless", OBJ_TNONE);
     object_delete(string_object("dead"));
@@ -399,7 +400,7 @@ TEST_F(ExpirySweep, KeysWithoutAnExpiryAreNeverCollected) {
     EXPECT_TRUE(stands("dead"));
 }
 
-TEST_F(ExpirySweep, ADeadKeyWithAnExpiryIsCollectedWhenItExpires) {
+TEST_F(expiry_sweep_test, a_dead_key_with_an_expiry_is_collected_when_it_expires) {
     object* obj = string_object("k");
     object_expire(obj, 3);
     object_delete(obj);
@@ -410,7 +411,7 @@ TEST_F(ExpirySweep, ADeadKeyWithAnExpiryIsCollectedWhenItExpires) {
     EXPECT_FALSE(stands("k"));
 }
 
-TEST_F(ExpirySweep, ProtectionDoesNotHoldAgainstIt) {
+TEST_F(expiry_sweep_test, protection_does_not_hold_against_it) {
     object* obj = make("h", OBJ_THASH);
     object_hash_set(obj, text("f"), text("v"));
     object_hash_protect(obj, "f", true);
@@ -423,7 +424,7 @@ TEST_F(ExpirySweep, ProtectionDoesNotHoldAgainstIt) {
 
 /* --- How it destroys --- */
 
-TEST_F(ExpirySweep, TheLastFoundIsDestroyedFirst) {
+TEST_F(expiry_sweep_test, the_last_found_is_destroyed_first) {
     for (const char* key : {"a", "b", "c", "d"}) {
         string_object(key);
     }
@@ -448,7 +449,7 @@ TEST_F(ExpirySweep, TheLastFoundIsDestroyedFirst) {
     EXPECT_TRUE(stands("d"));
 }
 
-TEST_F(ExpirySweep, EveryTypeIsDestroyedUnderItsName) {
+TEST_F(expiry_sweep_test, every_type_is_destroyed_under_its_name) {
     object* list = make("a", OBJ_TLIST);
     object_rpush(list, "1");
     object_rpush(list, "2");
@@ -468,7 +469,7 @@ TEST_F(ExpirySweep, EveryTypeIsDestroyedUnderItsName) {
     EXPECT_EQ(object_keyspace()->count, 0u);
 }
 
-TEST_F(ExpirySweep, AScanThatFindsNothingTracesNothing) {
+TEST_F(expiry_sweep_test, a_scan_that_finds_nothing_traces_nothing) {
     string_object("k");
     sweep_at(START);
     log.start();
@@ -476,7 +477,7 @@ TEST_F(ExpirySweep, AScanThatFindsNothingTracesNothing) {
     EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(ExpirySweep, NobodyIsToldOfAnExpiry) {
+TEST_F(expiry_sweep_test, nobody_is_told_of_an_expiry) {
     test_client observer;
     observers_add(observer.record());
     hook_called = 0;
@@ -491,7 +492,7 @@ TEST_F(ExpirySweep, NobodyIsToldOfAnExpiry) {
     EXPECT_EQ(hook_called, 0);
 }
 
-TEST_F(ExpirySweep, AnExpiredKeyIsMadeAnewWithANewRecord) {
+TEST_F(expiry_sweep_test, an_expired_key_is_made_anew_with_a_new_record) {
     object_expire(string_object("k"), 0);
     sweep_at(START);
     sweep_at(START + 1);
@@ -502,7 +503,7 @@ TEST_F(ExpirySweep, AnExpiredKeyIsMadeAnewWithANewRecord) {
     EXPECT_EQ(object_keyspace()->count, 1u);
 }
 
-TEST_F(ExpirySweep, AThousandKeysGoInOneScan) {
+TEST_F(expiry_sweep_test, a_thousand_keys_go_in_one_scan) {
     for (int i = 0; i < 1000; i++) {
         object_expire(string_object(("k" + std::to_string(i)).c_str()), i % 2 == 0 ? 1 : 2);
     }

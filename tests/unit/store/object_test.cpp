@@ -13,9 +13,9 @@ using namespace unit_test;
 
 namespace {
 
-class ObjectKeyspace : public store_test {};
+class object_keyspace_test : public store_test {};
 
-class StringObjects : public store_test {
+class string_objects_test : public store_test {
   protected:
     /* The object with a value, without any trace or event of it. */
     static object* string_object(std::string_view key, std::string_view value) {
@@ -25,7 +25,7 @@ class StringObjects : public store_test {
     }
 };
 
-class HashObjects : public store_test {
+class hash_objects_test : public store_test {
   protected:
     static object* hash_object(std::string_view key,
                                std::initializer_list<std::string_view> pairs) {
@@ -45,7 +45,7 @@ class HashObjects : public store_test {
     }
 };
 
-class ListObjects : public store_test {
+class list_objects_test : public store_test {
   protected:
     static object* list_object(std::string_view key, std::initializer_list<const char*> items) {
         object* obj = make(key, OBJ_TLIST);
@@ -89,7 +89,7 @@ int second_hook(object* obj) {
 
 /* --- The keyspace --- */
 
-TEST_F(ObjectKeyspace, IsMadeWithTheFirstObject) {
+TEST_F(object_keyspace_test, is_made_with_the_first_object) {
     EXPECT_EQ(object_keyspace(), nullptr);
     EXPECT_EQ(object_lookup("k"), nullptr);
     EXPECT_EQ(object_lookup_type("k", OBJ_TSTRING), nullptr);
@@ -99,7 +99,7 @@ TEST_F(ObjectKeyspace, IsMadeWithTheFirstObject) {
     EXPECT_EQ(object_keyspace()->count, 1u);
 }
 
-TEST_F(ObjectKeyspace, ANewStringHasNoValueAndNothingElseEither) {
+TEST_F(object_keyspace_test, a_new_string_has_no_value_and_nothing_else_either) {
     const object* obj = make("k", OBJ_TSTRING);
     ASSERT_NE(obj, nullptr);
     EXPECT_EQ(bytes_of(obj->key), "k");
@@ -111,21 +111,21 @@ TEST_F(ObjectKeyspace, ANewStringHasNoValueAndNothingElseEither) {
     EXPECT_EQ(object_lookup("k"), obj);
 }
 
-TEST_F(ObjectKeyspace, ANewListIsEmptyAndUncapped) {
+TEST_F(object_keyspace_test, a_new_list_is_empty_and_uncapped) {
     const object* obj = make("k", OBJ_TLIST);
     EXPECT_EQ(obj->flags, 0x02);
     EXPECT_EQ(obj->list->count, 0);
     EXPECT_EQ(obj->list->max, 0xFFFF);
 }
 
-TEST_F(ObjectKeyspace, ANewHashIsAnEmptyTable) {
+TEST_F(object_keyspace_test, a_new_hash_is_an_empty_table) {
     const object* obj = make("k", OBJ_THASH);
     EXPECT_EQ(obj->flags, 0x03);
     EXPECT_EQ(obj->hash->count, 0u);
     EXPECT_EQ(obj->hash->nbuckets, 0u);
 }
 
-TEST_F(ObjectKeyspace, ATypelessObjectGetsTheTypeThatIsAskedForFirst) {
+TEST_F(object_keyspace_test, a_typeless_object_gets_the_type_that_is_asked_for_first) {
     object* obj = make("k", OBJ_TNONE);
     ASSERT_NE(obj, nullptr);
     EXPECT_EQ(obj->flags, 0);
@@ -136,7 +136,7 @@ TEST_F(ObjectKeyspace, ATypelessObjectGetsTheTypeThatIsAskedForFirst) {
     EXPECT_EQ(make("k", OBJ_TNONE), nullptr);
 }
 
-TEST_F(ObjectKeyspace, AnObjectOfTheTypeIsHandedOutUnchanged) {
+TEST_F(object_keyspace_test, an_object_of_the_type_is_handed_out_unchanged) {
     object* obj = make("k", OBJ_TSTRING);
     obj->string = sstr_new("v", 1);
     obj->flags = 0x01 | OBJ_CHANGED | OBJ_DEFERRED | OBJ_EXPIRE_TTL | OBJ_PROTECTED;
@@ -148,7 +148,7 @@ TEST_F(ObjectKeyspace, AnObjectOfTheTypeIsHandedOutUnchanged) {
     EXPECT_EQ(object_keyspace()->count, 1u);
 }
 
-TEST_F(ObjectKeyspace, AClashOfTypesGivesNothingAndLeavesTheObject) {
+TEST_F(object_keyspace_test, a_clash_of_types_gives_nothing_and_leaves_the_object) {
     object* obj = make("k", OBJ_TSTRING);
     obj->string = sstr_new("v", 1);
     EXPECT_EQ(make("k", OBJ_THASH), nullptr);
@@ -158,7 +158,7 @@ TEST_F(ObjectKeyspace, AClashOfTypesGivesNothingAndLeavesTheObject) {
     EXPECT_EQ(bytes_of(obj->string), "v");
 }
 
-TEST_F(ObjectKeyspace, LookupByTypeWantsTheType) {
+TEST_F(object_keyspace_test, lookup_by_type_wants_the_type) {
     const object* obj = make("k", OBJ_THASH);
     EXPECT_EQ(object_lookup_type("k", OBJ_THASH), obj);
     EXPECT_EQ(object_lookup_type("k", OBJ_TSTRING), nullptr);
@@ -166,7 +166,7 @@ TEST_F(ObjectKeyspace, LookupByTypeWantsTheType) {
     EXPECT_EQ(object_lookup_type("other", OBJ_THASH), nullptr);
 }
 
-TEST_F(ObjectKeyspace, ADeletedObjectIsAbsentButItsRecordStands) {
+TEST_F(object_keyspace_test, a_deleted_object_is_absent_but_its_record_stands) {
     object* obj = make("k", OBJ_TSTRING);
     EXPECT_EQ(object_delete(obj), 1);
     EXPECT_EQ(obj->flags, 0x01 | OBJ_DEAD);
@@ -175,20 +175,20 @@ TEST_F(ObjectKeyspace, ADeletedObjectIsAbsentButItsRecordStands) {
     EXPECT_EQ(object_keyspace()->count, 1u);
 }
 
-TEST_F(ObjectKeyspace, AProtectedObjectCannotBeDeleted) {
+TEST_F(object_keyspace_test, a_protected_object_cannot_be_deleted) {
     object* obj = make("k", OBJ_TSTRING);
     obj->flags |= OBJ_PROTECTED;
     EXPECT_EQ(object_delete(obj), 0);
     EXPECT_EQ(object_lookup("k"), obj);
 }
 
-TEST_F(ObjectKeyspace, TheProtectionOfFieldsDoesNotProtectTheKey) {
+TEST_F(object_keyspace_test, the_protection_of_fields_does_not_protect_the_key) {
     object* obj = make("k", OBJ_THASH);
     obj->flags |= OBJ_FIELDS_PROTECTED;
     EXPECT_EQ(object_delete(obj), 1);
 }
 
-TEST_F(ObjectKeyspace, ADeadKeyComesBackFreshWithAnyType) {
+TEST_F(object_keyspace_test, a_dead_key_comes_back_fresh_with_any_type) {
     for (const unsigned old_type : {OBJ_TSTRING, OBJ_TLIST, OBJ_THASH}) {
         for (const unsigned new_type : {OBJ_TSTRING, OBJ_TLIST, OBJ_THASH}) {
             object_reset();
@@ -218,7 +218,7 @@ TEST_F(ObjectKeyspace, ADeadKeyComesBackFreshWithAnyType) {
     }
 }
 
-TEST_F(ObjectKeyspace, ADeadKeyKeepsItsProtectionsWhenItComesBack) {
+TEST_F(object_keyspace_test, a_dead_key_keeps_its_protections_when_it_comes_back) {
     object* obj = make("k", OBJ_THASH);
     obj->flags |= OBJ_DEAD | OBJ_PROTECTED | OBJ_FIELDS_PROTECTED;
     obj->aux = reinterpret_cast<history_series*>(obj);
@@ -227,7 +227,7 @@ TEST_F(ObjectKeyspace, ADeadKeyKeepsItsProtectionsWhenItComesBack) {
     EXPECT_EQ(obj->aux, nullptr);
 }
 
-TEST_F(ObjectKeyspace, ADeadKeyThatIsAskedForWithoutATypeComesBackTypeless) {
+TEST_F(object_keyspace_test, a_dead_key_that_is_asked_for_without_a_type_comes_back_typeless) {
     object* obj = make("k", OBJ_TSTRING);
     object_delete(obj);
     EXPECT_EQ(make("k", OBJ_TNONE), obj);
@@ -235,7 +235,7 @@ TEST_F(ObjectKeyspace, ADeadKeyThatIsAskedForWithoutATypeComesBackTypeless) {
     EXPECT_EQ(obj->value, nullptr);
 }
 
-TEST_F(ObjectKeyspace, AKeyKeepsAllItsBytesAndIsFoundByThoseBeforeTheFirstNul) {
+TEST_F(object_keyspace_test, a_key_keeps_all_its_bytes_and_is_found_by_those_before_the_first_nul) {
     const std::string_view key("ab\0cd", 5);
     object* obj = make(key, OBJ_TSTRING);
     EXPECT_EQ(bytes_of(obj->key), key);
@@ -244,12 +244,12 @@ TEST_F(ObjectKeyspace, AKeyKeepsAllItsBytesAndIsFoundByThoseBeforeTheFirstNul) {
     EXPECT_EQ(make(std::string_view("ab\0xy", 5), OBJ_TSTRING), obj);
 }
 
-TEST_F(ObjectKeyspace, TheLengthOfAKeyMayBeLeftToItsNul) {
+TEST_F(object_keyspace_test, the_length_of_a_key_may_be_left_to_its_nul) {
     const object* obj = object_get_or_create("abc", SSTR_CSTRING, OBJ_TSTRING);
     EXPECT_EQ(bytes_of(obj->key), "abc");
 }
 
-TEST_F(ObjectKeyspace, TypesHaveNames) {
+TEST_F(object_keyspace_test, types_have_names) {
     EXPECT_STREQ(object_type_name(make("n", OBJ_TNONE)), "none");
     EXPECT_STREQ(object_type_name(make("s", OBJ_TSTRING)), "string");
     EXPECT_STREQ(object_type_name(make("l", OBJ_TLIST)), "list");
@@ -262,14 +262,14 @@ TEST_F(ObjectKeyspace, TypesHaveNames) {
     }
 }
 
-TEST_F(ObjectKeyspace, ATypeNameIsMadeOnce) {
+TEST_F(object_keyspace_test, a_type_name_is_made_once) {
     const object* obj = make("s", OBJ_TSTRING);
     EXPECT_EQ(object_type_name(obj), object_type_name(obj));
     EXPECT_EQ(sstr_length(object_type_name(obj)), 6u);
     EXPECT_EQ(object_type_name(nullptr), object_type_name(make("n", OBJ_TNONE)));
 }
 
-TEST_F(ObjectKeyspace, FreeingAValueWithResetLeavesTheProtectionsAlone) {
+TEST_F(object_keyspace_test, freeing_a_value_with_reset_leaves_the_protections_alone) {
     object* obj = make("k", OBJ_TLIST);
     object_rpush(obj, "v");
     obj->flags = 0x7FF & ~OBJ_TYPE_MASK;
@@ -279,7 +279,7 @@ TEST_F(ObjectKeyspace, FreeingAValueWithResetLeavesTheProtectionsAlone) {
     EXPECT_EQ(obj->value, nullptr);
 }
 
-TEST_F(ObjectKeyspace, FreeingAValueWithoutResetLeavesTheFlags) {
+TEST_F(object_keyspace_test, freeing_a_value_without_reset_leaves_the_flags) {
     object* obj = make("k", OBJ_THASH);
     object_hash_set(obj, text("f"), text("v"));
     object_free_value(obj, false);
@@ -287,14 +287,14 @@ TEST_F(ObjectKeyspace, FreeingAValueWithoutResetLeavesTheFlags) {
     obj->value = nullptr;
 }
 
-TEST_F(ObjectKeyspace, FreeingWhatHasNoValueIsAllowed) {
+TEST_F(object_keyspace_test, freeing_what_has_no_value_is_allowed) {
     object* obj = make("k", OBJ_TSTRING);
     object_free_value(obj, true);
     object_free_value(obj, true);
     EXPECT_EQ(obj->flags, 0);
 }
 
-TEST_F(ObjectKeyspace, ResetForgetsEverything) {
+TEST_F(object_keyspace_test, reset_forgets_everything) {
     make("a", OBJ_TSTRING);
     object_rpush(make("b", OBJ_TLIST), "v");
     object_hash_set(make("c", OBJ_THASH), text("f"), text("v"));
@@ -305,7 +305,7 @@ TEST_F(ObjectKeyspace, ResetForgetsEverything) {
 
 /* --- Strings --- */
 
-TEST_F(StringObjects, AssignmentStoresTracesAndAnnounces) {
+TEST_F(string_objects_test, assignment_stores_traces_and_announces) {
     test_client observer;
     observers_add(observer.record());
     object* obj = make("k", OBJ_TSTRING);
@@ -315,14 +315,14 @@ TEST_F(StringObjects, AssignmentStoresTracesAndAnnounces) {
     EXPECT_EQ(observer.received(), "!3\r\n$4\r\nMSET\r\n$1\r\nk\r\n$1\r\nv\r\n");
 }
 
-TEST_F(StringObjects, AssignmentIsTracedWithKeyAndNewValue) {
+TEST_F(string_objects_test, assignment_is_traced_with_key_and_new_value) {
     object* obj = make("k", OBJ_TSTRING);
     log.start();
     object_set_string(obj, text("some value"));
     EXPECT_EQ(log.text(), "debug *** \"k\"(string): updated to \"some value\"\n");
 }
 
-TEST_F(StringObjects, NothingIsTracedAboveDebugLevel) {
+TEST_F(string_objects_test, nothing_is_traced_above_debug_level) {
     log.start(LOG_INFO);
     object* obj = make("k", OBJ_TSTRING);
     object_set_string_ttl(obj, 5, text("1"));
@@ -331,7 +331,7 @@ TEST_F(StringObjects, NothingIsTracedAboveDebugLevel) {
     EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(StringObjects, AValueMayHoldAnyByte) {
+TEST_F(string_objects_test, a_value_may_hold_any_byte) {
     test_client observer;
     observers_add(observer.record());
     const std::string_view value("a\0b\r\n", 5);
@@ -341,7 +341,7 @@ TEST_F(StringObjects, AValueMayHoldAnyByte) {
     EXPECT_EQ(observer.received(), event({"MSET", "k", value}));
 }
 
-TEST_F(StringObjects, AssigningNoValueFreesTheOldOne) {
+TEST_F(string_objects_test, assigning_no_value_frees_the_old_one) {
     test_client observer;
     observers_add(observer.record());
     object* obj = string_object("k", "old");
@@ -354,14 +354,14 @@ TEST_F(StringObjects, AssigningNoValueFreesTheOldOne) {
     EXPECT_EQ(observer.received(), event({"MSET", "k", ""}));
 }
 
-TEST_F(StringObjects, AStringWithoutValueReadsAsTheEmptyString) {
+TEST_F(string_objects_test, a_string_without_value_reads_as_the_empty_string) {
     const object* obj = make("k", OBJ_TSTRING);
     ASSERT_NE(object_string(obj), nullptr);
     EXPECT_EQ(sstr_length(object_string(obj)), 0u);
     EXPECT_EQ(sstr_length(object_string(obj)), 0u);
 }
 
-TEST_F(StringObjects, AssignmentDiscardsAList) {
+TEST_F(string_objects_test, assignment_discards_a_list) {
     object* obj = make("k", OBJ_TLIST);
     object_rpush(obj, "item");
     object_set_string(obj, text("v"));
@@ -369,7 +369,7 @@ TEST_F(StringObjects, AssignmentDiscardsAList) {
     EXPECT_EQ(bytes_of(obj->string), "v");
 }
 
-TEST_F(StringObjects, AssignmentDiscardsAHash) {
+TEST_F(string_objects_test, assignment_discards_a_hash) {
     object* obj = make("k", OBJ_THASH);
     object_hash_set(obj, text("f"), text("v"));
     object_set_string_ttl(obj, 9, text("v"));
@@ -377,7 +377,7 @@ TEST_F(StringObjects, AssignmentDiscardsAHash) {
     EXPECT_EQ(bytes_of(obj->string), "v");
 }
 
-TEST_F(StringObjects, AssigningNoValueToAHashLeavesAStringWithoutValue) {
+TEST_F(string_objects_test, assigning_no_value_to_a_hash_leaves_a_string_without_value) {
     object* obj = make("k", OBJ_THASH);
     object_hash_set(obj, text("f"), text("v"));
     object_set_string(obj, nullptr);
@@ -385,20 +385,20 @@ TEST_F(StringObjects, AssigningNoValueToAHashLeavesAStringWithoutValue) {
     EXPECT_EQ(obj->value, nullptr);
 }
 
-TEST_F(StringObjects, AssignmentGivesATypelessObjectItsType) {
+TEST_F(string_objects_test, assignment_gives_a_typeless_object_its_type) {
     object* obj = make("k", OBJ_TNONE);
     object_set_string(obj, text("v"));
     EXPECT_EQ(obj->flags, OBJ_TSTRING);
 }
 
-TEST_F(StringObjects, AssignmentKeepsProtections) {
+TEST_F(string_objects_test, assignment_keeps_protections) {
     object* obj = make("k", OBJ_THASH);
     obj->flags |= OBJ_PROTECTED | OBJ_FIELDS_PROTECTED;
     object_set_string(obj, text("v"));
     EXPECT_EQ(obj->flags, flags_of(OBJ_TSTRING, OBJ_PROTECTED | OBJ_FIELDS_PROTECTED));
 }
 
-TEST_F(StringObjects, AssignmentRemovesTheExpiry) {
+TEST_F(string_objects_test, assignment_removes_the_expiry) {
     object* obj = string_object("k", "old");
     object_expire(obj, 60);
     log.start();
@@ -410,7 +410,7 @@ TEST_F(StringObjects, AssignmentRemovesTheExpiry) {
     EXPECT_EQ(obj->expire_base, 0u);
 }
 
-TEST_F(StringObjects, AssignmentWithATimeToLiveSetsIt) {
+TEST_F(string_objects_test, assignment_with_a_time_to_live_sets_it) {
     object* obj = string_object("k", "old");
     log.start();
     object_set_string_ttl(obj, 4294967295u, text("v"));
@@ -420,14 +420,14 @@ TEST_F(StringObjects, AssignmentWithATimeToLiveSetsIt) {
     EXPECT_EQ(obj->expire_arg, 4294967295u);
 }
 
-TEST_F(StringObjects, AssignmentWithATimeToLiveAnnouncesOnce) {
+TEST_F(string_objects_test, assignment_with_a_time_to_live_announces_once) {
     test_client observer;
     observers_add(observer.record());
     object_set_string_ttl(make("k", OBJ_TSTRING), 5, text("v"));
     EXPECT_EQ(observer.received(), event({"MSET", "k", "v"}));
 }
 
-TEST_F(StringObjects, AppendingAddsToTheValueAndAnnouncesTheWhole) {
+TEST_F(string_objects_test, appending_adds_to_the_value_and_announces_the_whole) {
     test_client observer;
     observers_add(observer.record());
     object* obj = string_object("k", "one");
@@ -439,27 +439,27 @@ TEST_F(StringObjects, AppendingAddsToTheValueAndAnnouncesTheWhole) {
     EXPECT_EQ(observer.received(), event({"MSET", "k", "one two"}));
 }
 
-TEST_F(StringObjects, AppendingToNoValueSetsIt) {
+TEST_F(string_objects_test, appending_to_no_value_sets_it) {
     object* obj = make("k", OBJ_TSTRING);
     object_append(obj, text("v"));
     EXPECT_EQ(bytes_of(obj->string), "v");
 }
 
-TEST_F(StringObjects, AppendingNothingIsAChangeToo) {
+TEST_F(string_objects_test, appending_nothing_is_a_change_too) {
     test_client observer;
     observers_add(observer.record());
     object_append(string_object("k", "v"), text(""));
     EXPECT_EQ(observer.received(), event({"MSET", "k", "v"}));
 }
 
-TEST_F(StringObjects, AppendingKeepsTheExpiry) {
+TEST_F(string_objects_test, appending_keeps_the_expiry) {
     object* obj = string_object("k", "v");
     object_expire(obj, 60);
     object_append(obj, text("w"));
     EXPECT_EQ(obj->flags, flags_of(OBJ_TSTRING, OBJ_EXPIRE_TTL));
 }
 
-TEST_F(StringObjects, AnIncrementStoresTracesAndAnnouncesTheSum) {
+TEST_F(string_objects_test, an_increment_stores_traces_and_announces_the_sum) {
     test_client observer;
     observers_add(observer.record());
     object* obj = string_object("k", "12");
@@ -473,7 +473,7 @@ TEST_F(StringObjects, AnIncrementStoresTracesAndAnnouncesTheSum) {
     EXPECT_EQ(observer.received(), event({"MSET", "k", "17"}));
 }
 
-TEST_F(StringObjects, AnIncrementOfNoValueStartsFromTheIncrement) {
+TEST_F(string_objects_test, an_increment_of_no_value_starts_from_the_increment) {
     object* obj = make("k", OBJ_TSTRING);
     int64_t delta = -3;
     EXPECT_EQ(object_incr(obj, &delta), 1);
@@ -481,7 +481,7 @@ TEST_F(StringObjects, AnIncrementOfNoValueStartsFromTheIncrement) {
     EXPECT_EQ(bytes_of(obj->string), "-3");
 }
 
-TEST_F(StringObjects, AFailedIncrementChangesNothingAndTellsNobody) {
+TEST_F(string_objects_test, a_failed_increment_changes_nothing_and_tells_nobody) {
     test_client observer;
     observers_add(observer.record());
     object* obj = string_object("k", "abc");
@@ -494,7 +494,7 @@ TEST_F(StringObjects, AFailedIncrementChangesNothingAndTellsNobody) {
     EXPECT_EQ(observer.received(), "");
 }
 
-TEST_F(StringObjects, DeferredChangesAreAnnouncedOnceByTheFlush) {
+TEST_F(string_objects_test, deferred_changes_are_announced_once_by_the_flush) {
     test_client observer;
     observers_add(observer.record());
     object* obj = make("k", OBJ_TSTRING);
@@ -510,7 +510,7 @@ TEST_F(StringObjects, DeferredChangesAreAnnouncedOnceByTheFlush) {
     EXPECT_EQ(observer.received(), event({"MSET", "k", "15"}));
 }
 
-TEST_F(StringObjects, AFlushWithoutABeginningDoesNothing) {
+TEST_F(string_objects_test, a_flush_without_a_beginning_does_nothing) {
     test_client observer;
     observers_add(observer.record());
     object* obj = string_object("k", "v");
@@ -520,7 +520,7 @@ TEST_F(StringObjects, AFlushWithoutABeginningDoesNothing) {
     EXPECT_EQ(observer.received(), "");
 }
 
-TEST_F(StringObjects, AFlushWithoutAChangeOnlyEndsTheSteps) {
+TEST_F(string_objects_test, a_flush_without_a_change_only_ends_the_steps) {
     test_client observer;
     observers_add(observer.record());
     object* obj = string_object("k", "v");
@@ -530,7 +530,7 @@ TEST_F(StringObjects, AFlushWithoutAChangeOnlyEndsTheSteps) {
     EXPECT_EQ(observer.received(), "");
 }
 
-TEST_F(StringObjects, AFlushOfADeadObjectAnnouncesIt) {
+TEST_F(string_objects_test, a_flush_of_a_dead_object_announces_it) {
     test_client observer;
     observers_add(observer.record());
     object* obj = string_object("k", "v");
@@ -540,14 +540,14 @@ TEST_F(StringObjects, AFlushOfADeadObjectAnnouncesIt) {
     EXPECT_EQ(observer.received(), event({"MSET", "k", "v"}));
 }
 
-TEST_F(StringObjects, TheFlushOfListsIsNotForStrings) {
+TEST_F(string_objects_test, the_flush_of_lists_is_not_for_strings) {
     object* obj = string_object("k", "v");
     object_defer(obj);
     object_flush_list(obj);
     EXPECT_EQ(obj->flags, flags_of(OBJ_TSTRING, OBJ_DEFERRED));
 }
 
-TEST_F(StringObjects, PrivateKeysAreTracedButNotAnnounced) {
+TEST_F(string_objects_test, private_keys_are_traced_but_not_announced) {
     hook_calls.clear();
     object_register_string_hook(first_hook);
     test_client observer;
@@ -560,14 +560,14 @@ TEST_F(StringObjects, PrivateKeysAreTracedButNotAnnounced) {
     EXPECT_TRUE(hook_calls.empty());
 }
 
-TEST_F(StringObjects, TheEmptyKeyIsNotPrivate) {
+TEST_F(string_objects_test, the_empty_key_is_not_private) {
     test_client observer;
     observers_add(observer.record());
     object_set_string(make("", OBJ_TSTRING), text("v"));
     EXPECT_EQ(observer.received(), event({"MSET", "", "v"}));
 }
 
-TEST_F(StringObjects, DeletionIsAnnouncedToNobody) {
+TEST_F(string_objects_test, deletion_is_announced_to_nobody) {
     hook_calls.clear();
     object_register_string_hook(first_hook);
     test_client observer;
@@ -581,23 +581,23 @@ TEST_F(StringObjects, DeletionIsAnnouncedToNobody) {
 
 /* --- The hooks of string changes --- */
 
-class StringChangeHooks : public StringObjects {
+class string_change_hooks_test : public string_objects_test {
   protected:
-    StringChangeHooks() {
+    string_change_hooks_test() {
         hook_calls.clear();
     }
 
     typedef std::vector<std::string> calls;
 };
 
-TEST_F(StringChangeHooks, AreCalledInOrderOfRegistrationWhateverTheyReturn) {
+TEST_F(string_change_hooks_test, are_called_in_order_of_registration_whatever_they_return) {
     object_register_string_hook(first_hook);
     object_register_string_hook(second_hook);
     object_set_string(make("k", OBJ_TSTRING), text("v"));
     EXPECT_EQ(hook_calls, (calls{"first k=v", "second k=v"}));
 }
 
-TEST_F(StringChangeHooks, AreCalledForEachKindOfChange) {
+TEST_F(string_change_hooks_test, are_called_for_each_kind_of_change) {
     object_register_string_hook(first_hook);
     object* obj = make("k", OBJ_TSTRING);
     object_set_string_ttl(obj, 5, text("1"));
@@ -607,7 +607,7 @@ TEST_F(StringChangeHooks, AreCalledForEachKindOfChange) {
     EXPECT_EQ(hook_calls, (calls{"first k=1", "first k=10", "first k=11"}));
 }
 
-TEST_F(StringChangeHooks, AreCalledOnceForAChangeInSteps) {
+TEST_F(string_change_hooks_test, are_called_once_for_a_change_in_steps) {
     object_register_string_hook(first_hook);
     object* obj = make("k", OBJ_TSTRING);
     object_defer(obj);
@@ -618,7 +618,7 @@ TEST_F(StringChangeHooks, AreCalledOnceForAChangeInSteps) {
     EXPECT_EQ(hook_calls, (calls{"first k=2"}));
 }
 
-TEST_F(StringChangeHooks, AreNotCalledForHashesAndLists) {
+TEST_F(string_change_hooks_test, are_not_called_for_hashes_and_lists) {
     object_register_string_hook(first_hook);
     object* hash = make("h", OBJ_THASH);
     object_hash_set(hash, text("f"), text("v"));
@@ -651,7 +651,7 @@ int write_another(object* obj) {
 
 } // namespace
 
-TEST_F(StringChangeHooks, AreCalledBeforeTheObserversAndBeforeTheChangeIsDone) {
+TEST_F(string_change_hooks_test, are_called_before_the_observers_and_before_the_change_is_done) {
     test_client observer;
     observers_add(observer.record());
     watched = &observer;
@@ -662,7 +662,7 @@ TEST_F(StringChangeHooks, AreCalledBeforeTheObserversAndBeforeTheChangeIsDone) {
     EXPECT_EQ(observer.received(), event({"MSET", "k", "v"}));
 }
 
-TEST_F(StringChangeHooks, SeeTheExpiryThatComesWithTheValue) {
+TEST_F(string_change_hooks_test, see_the_expiry_that_comes_with_the_value) {
     test_client observer;
     watched = &observer;
     object_register_string_hook(look_around);
@@ -673,7 +673,7 @@ TEST_F(StringChangeHooks, SeeTheExpiryThatComesWithTheValue) {
     EXPECT_EQ(flags_in_hook, flags_of(OBJ_TSTRING, OBJ_CHANGED));
 }
 
-TEST_F(StringChangeHooks, MayChangeOtherKeysWhichAreThenAnnouncedFirst) {
+TEST_F(string_change_hooks_test, may_change_other_keys_which_are_then_announced_first) {
     test_client observer;
     observers_add(observer.record());
     object_register_string_hook(write_another);
@@ -681,7 +681,7 @@ TEST_F(StringChangeHooks, MayChangeOtherKeysWhichAreThenAnnouncedFirst) {
     EXPECT_EQ(observer.received(), event({"MSET", "copy", "v"}) + event({"MSET", "k", "v"}));
 }
 
-TEST_F(StringChangeHooks, AreForgottenByAReset) {
+TEST_F(string_change_hooks_test, are_forgotten_by_a_reset) {
     object_register_string_hook(first_hook);
     object_reset();
     object_set_string(make("k", OBJ_TSTRING), text("v"));
@@ -690,7 +690,7 @@ TEST_F(StringChangeHooks, AreForgottenByAReset) {
 
 /* --- Hashes --- */
 
-TEST_F(HashObjects, ANewFieldIsStoredTracedAndAnnounced) {
+TEST_F(hash_objects_test, a_new_field_is_stored_traced_and_announced) {
     test_client observer;
     observers_add(observer.record());
     object* obj = make("h", OBJ_THASH);
@@ -704,7 +704,7 @@ TEST_F(HashObjects, ANewFieldIsStoredTracedAndAnnounced) {
     EXPECT_EQ(object_hash_field(obj, "f")->fflags, 0);
 }
 
-TEST_F(HashObjects, AFieldThatIsThereIsOverwrittenAndAnnounced) {
+TEST_F(hash_objects_test, a_field_that_is_there_is_overwritten_and_announced) {
     test_client observer;
     observers_add(observer.record());
     object* obj = hash_object("h", {"f", "old"});
@@ -714,14 +714,14 @@ TEST_F(HashObjects, AFieldThatIsThereIsOverwrittenAndAnnounced) {
     EXPECT_EQ(observer.received(), event({"HMSET", "h", "f", "new"}));
 }
 
-TEST_F(HashObjects, SettingAFieldMakesATypelessObjectAHash) {
+TEST_F(hash_objects_test, setting_a_field_makes_a_typeless_object_a_hash) {
     object* obj = make("h", OBJ_TNONE);
     EXPECT_EQ(object_hash_set(obj, text("f"), text("v")), 1);
     EXPECT_EQ(obj->flags, OBJ_THASH);
     EXPECT_EQ(value_of(obj, "f"), "v");
 }
 
-TEST_F(HashObjects, AProtectedFieldCanBeSet) {
+TEST_F(hash_objects_test, a_protected_field_can_be_set) {
     object* obj = hash_object("h", {"f", "old"});
     object_hash_protect(obj, "f", true);
     obj->flags |= OBJ_FIELDS_PROTECTED;
@@ -730,7 +730,7 @@ TEST_F(HashObjects, AProtectedFieldCanBeSet) {
     EXPECT_EQ(object_hash_field(obj, "f")->fflags, FIELD_PROTECTED);
 }
 
-TEST_F(HashObjects, ThreeDeferredFieldsAreAnnouncedTogetherInTableOrder) {
+TEST_F(hash_objects_test, three_deferred_fields_are_announced_together_in_table_order) {
     test_client observer;
     observers_add(observer.record());
     object* obj = make("h", OBJ_THASH);
@@ -748,7 +748,7 @@ TEST_F(HashObjects, ThreeDeferredFieldsAreAnnouncedTogetherInTableOrder) {
     EXPECT_EQ(object_hash_field(obj, "a")->fflags, 0);
 }
 
-TEST_F(HashObjects, OnlyFieldsThatChangedAreAnnounced) {
+TEST_F(hash_objects_test, only_fields_that_changed_are_announced) {
     test_client observer;
     observers_add(observer.record());
     object* obj = hash_object("h", {"a", "1", "b", "2", "c", "3"});
@@ -756,7 +756,7 @@ TEST_F(HashObjects, OnlyFieldsThatChangedAreAnnounced) {
     EXPECT_EQ(observer.received(), event({"HMSET", "h", "b", "2"}));
 }
 
-TEST_F(HashObjects, AnIncrementStoresTracesAndAnnouncesTheSum) {
+TEST_F(hash_objects_test, an_increment_stores_traces_and_announces_the_sum) {
     test_client observer;
     observers_add(observer.record());
     object* obj = hash_object("h", {"f", "5"});
@@ -770,7 +770,7 @@ TEST_F(HashObjects, AnIncrementStoresTracesAndAnnouncesTheSum) {
     EXPECT_EQ(observer.received(), event({"HMSET", "h", "f", "12"}));
 }
 
-TEST_F(HashObjects, AnIncrementOfAnAbsentFieldMakesIt) {
+TEST_F(hash_objects_test, an_increment_of_an_absent_field_makes_it) {
     object* obj = make("h", OBJ_THASH);
     int64_t delta = int64_t{1} << 40;
     EXPECT_EQ(object_hash_incr(obj, text("f"), &delta), 1);
@@ -778,7 +778,7 @@ TEST_F(HashObjects, AnIncrementOfAnAbsentFieldMakesIt) {
     EXPECT_EQ(value_of(obj, "f"), "1099511627776");
 }
 
-TEST_F(HashObjects, AFailedIncrementChangesNothingAndTellsNobody) {
+TEST_F(hash_objects_test, a_failed_increment_changes_nothing_and_tells_nobody) {
     test_client observer;
     observers_add(observer.record());
     object* obj = hash_object("h", {"f", "abc"});
@@ -792,7 +792,7 @@ TEST_F(HashObjects, AFailedIncrementChangesNothingAndTellsNobody) {
     EXPECT_EQ(observer.received(), "");
 }
 
-TEST_F(HashObjects, ADeletedFieldIsTracedAnnouncedAndGone) {
+TEST_F(hash_objects_test, a_deleted_field_is_traced_announced_and_gone) {
     object* obj = hash_object("h", {"f", "v"});
     log.start();
     EXPECT_EQ(object_hash_del(obj, "f"), 1);
@@ -803,7 +803,7 @@ TEST_F(HashObjects, ADeletedFieldIsTracedAnnouncedAndGone) {
     EXPECT_EQ(obj->flags, OBJ_THASH);
 }
 
-TEST_F(HashObjects, TheDeletionOfAFieldIsAnnounced) {
+TEST_F(hash_objects_test, the_deletion_of_a_field_is_announced) {
     test_client observer;
     observers_add(observer.record());
     object* obj = hash_object("h", {"f", "v", "g", "w"});
@@ -811,7 +811,7 @@ TEST_F(HashObjects, TheDeletionOfAFieldIsAnnounced) {
     EXPECT_EQ(observer.received(), "!3\r\n$4\r\nHDEL\r\n$1\r\nh\r\n$1\r\nf\r\n");
 }
 
-TEST_F(HashObjects, AnAbsentFieldIsNotDeleted) {
+TEST_F(hash_objects_test, an_absent_field_is_not_deleted) {
     object* obj = hash_object("h", {"f", "v"});
     log.start();
     EXPECT_EQ(object_hash_del(obj, "g"), 0);
@@ -819,7 +819,7 @@ TEST_F(HashObjects, AnAbsentFieldIsNotDeleted) {
     EXPECT_EQ(obj->flags, OBJ_THASH);
 }
 
-TEST_F(HashObjects, AProtectedFieldIsNotDeleted) {
+TEST_F(hash_objects_test, a_protected_field_is_not_deleted) {
     object* obj = hash_object("h", {"f", "v", "g", "w"});
     object_hash_protect(obj, "f", true);
     EXPECT_EQ(object_hash_del(obj, "f"), 0);
@@ -827,21 +827,21 @@ TEST_F(HashObjects, AProtectedFieldIsNotDeleted) {
     EXPECT_EQ(value_of(obj, "f"), "v");
 }
 
-TEST_F(HashObjects, NoFieldOfAProtectedHashIsDeleted) {
+TEST_F(hash_objects_test, no_field_of_a_protected_hash_is_deleted) {
     object* obj = hash_object("h", {"f", "v"});
     obj->flags |= OBJ_FIELDS_PROTECTED;
     EXPECT_EQ(object_hash_del(obj, "f"), 0);
     EXPECT_EQ(value_of(obj, "f"), "v");
 }
 
-TEST_F(HashObjects, AProtectedKeyDoesNotProtectItsFields) {
+TEST_F(hash_objects_test, a_protected_key_does_not_protect_its_fields) {
     object* obj = hash_object("h", {"f", "v"});
     obj->flags |= OBJ_PROTECTED;
     EXPECT_EQ(object_hash_del(obj, "f"), 1);
     EXPECT_EQ(object_hash_field(obj, "f"), nullptr);
 }
 
-TEST_F(HashObjects, ProtectionIsSwitchedOnAndOff) {
+TEST_F(hash_objects_test, protection_is_switched_on_and_off) {
     object* obj = hash_object("h", {"f", "v"});
     hash_field* field = object_hash_field(obj, "f");
     field->fflags = FIELD_MODIFIED;
@@ -852,7 +852,7 @@ TEST_F(HashObjects, ProtectionIsSwitchedOnAndOff) {
     EXPECT_EQ(object_hash_protect(obj, "g", true), nullptr);
 }
 
-TEST_F(HashObjects, ADoomedFieldIsReadableUntilTheFlush) {
+TEST_F(hash_objects_test, a_doomed_field_is_readable_until_the_flush) {
     object* obj = hash_object("h", {"f", "v"});
     object_defer(obj);
     EXPECT_EQ(object_hash_del(obj, "f"), 1);
@@ -863,7 +863,7 @@ TEST_F(HashObjects, ADoomedFieldIsReadableUntilTheFlush) {
     EXPECT_EQ(object_hash_field(obj, "f"), nullptr);
 }
 
-TEST_F(HashObjects, AFieldThatIsDoomedTwiceCountsTwiceAndGoesOnce) {
+TEST_F(hash_objects_test, a_field_that_is_doomed_twice_counts_twice_and_goes_once) {
     test_client observer;
     observers_add(observer.record());
     object* obj = hash_object("h", {"f", "v"});
@@ -874,7 +874,7 @@ TEST_F(HashObjects, AFieldThatIsDoomedTwiceCountsTwiceAndGoesOnce) {
     EXPECT_EQ(observer.received(), event({"HDEL", "h", "f"}));
 }
 
-TEST_F(HashObjects, DeletionsAreAnnouncedBeforeUpdates) {
+TEST_F(hash_objects_test, deletions_are_announced_before_updates) {
     test_client observer;
     observers_add(observer.record());
     object* obj = hash_object("h", {"a", "1", "b", "2"});
@@ -885,7 +885,7 @@ TEST_F(HashObjects, DeletionsAreAnnouncedBeforeUpdates) {
     EXPECT_EQ(observer.received(), event({"HDEL", "h", "a"}) + event({"HMSET", "h", "b", "3"}));
 }
 
-TEST_F(HashObjects, DoomedFieldsAreAnnouncedInTableOrderAndRemovedInReverse) {
+TEST_F(hash_objects_test, doomed_fields_are_announced_in_table_order_and_removed_in_reverse) {
     test_client observer;
     observers_add(observer.record());
     object* obj = hash_object("h", {"a", "1", "b", "2", "c", "3", "d", "4"});
@@ -908,7 +908,7 @@ TEST_F(HashObjects, DoomedFieldsAreAnnouncedInTableOrderAndRemovedInReverse) {
     EXPECT_EQ(obj->hash->count, 1u);
 }
 
-TEST_F(HashObjects, SettingADoomedFieldDoesNotSaveIt) {
+TEST_F(hash_objects_test, setting_a_doomed_field_does_not_save_it) {
     test_client observer;
     observers_add(observer.record());
     object* obj = hash_object("h", {"f", "v"});
@@ -920,7 +920,7 @@ TEST_F(HashObjects, SettingADoomedFieldDoesNotSaveIt) {
     EXPECT_EQ(object_hash_field(obj, "f"), nullptr);
 }
 
-TEST_F(HashObjects, AFieldThatIsSetAndThenDeletedIsOnlyDeleted) {
+TEST_F(hash_objects_test, a_field_that_is_set_and_then_deleted_is_only_deleted) {
     test_client observer;
     observers_add(observer.record());
     object* obj = make("h", OBJ_THASH);
@@ -931,7 +931,7 @@ TEST_F(HashObjects, AFieldThatIsSetAndThenDeletedIsOnlyDeleted) {
     EXPECT_EQ(observer.received(), event({"HDEL", "h", "f"}));
 }
 
-TEST_F(HashObjects, FieldsAreRemovedWithoutObserversToo) {
+TEST_F(hash_objects_test, fields_are_removed_without_observers_too) {
     object* obj = hash_object("h", {"a", "1", "b", "2"});
     object_defer(obj);
     object_hash_del(obj, "a");
@@ -942,7 +942,7 @@ TEST_F(HashObjects, FieldsAreRemovedWithoutObserversToo) {
     EXPECT_EQ(obj->flags, OBJ_THASH);
 }
 
-TEST_F(HashObjects, APrivateHashIsNotAnnouncedButItsDoomedFieldsGo) {
+TEST_F(hash_objects_test, a_private_hash_is_not_announced_but_its_doomed_fields_go) {
     test_client observer;
     observers_add(observer.record());
     object* obj = hash_object("_h", {"a", "1", "b", "2"});
@@ -955,7 +955,7 @@ TEST_F(HashObjects, APrivateHashIsNotAnnouncedButItsDoomedFieldsGo) {
     EXPECT_EQ(value_of(obj, "b"), "3");
 }
 
-TEST_F(HashObjects, ManyDoomedFieldsGoInOneFlush) {
+TEST_F(hash_objects_test, many_doomed_fields_go_in_one_flush) {
     object* obj = make("h", OBJ_THASH);
     object_defer(obj);
     for (int i = 0; i < 500; i++) {
@@ -972,7 +972,7 @@ TEST_F(HashObjects, ManyDoomedFieldsGoInOneFlush) {
 
 /* --- Lists --- */
 
-TEST_F(ListObjects, PushesAreTracedAndMarkTheObject) {
+TEST_F(list_objects_test, pushes_are_traced_and_mark_the_object) {
     object* obj = make("l", OBJ_TLIST);
     log.start();
     object_lpush(obj, "a");
@@ -983,7 +983,7 @@ TEST_F(ListObjects, PushesAreTracedAndMarkTheObject) {
     EXPECT_EQ(obj->flags, flags_of(OBJ_TLIST, OBJ_CHANGED));
 }
 
-TEST_F(ListObjects, EitherPushAloneMarksTheObject) {
+TEST_F(list_objects_test, either_push_alone_marks_the_object) {
     object* left = make("left", OBJ_TLIST);
     object* right = make("right", OBJ_TLIST);
     ASSERT_EQ(left->flags, OBJ_TLIST);
@@ -994,7 +994,7 @@ TEST_F(ListObjects, EitherPushAloneMarksTheObject) {
     EXPECT_EQ(right->flags, flags_of(OBJ_TLIST, OBJ_CHANGED));
 }
 
-TEST_F(ListObjects, ChangesAreAnnouncedToNobody) {
+TEST_F(list_objects_test, changes_are_announced_to_nobody) {
     test_client observer;
     observers_add(observer.record());
     object* obj = make("l", OBJ_TLIST);
@@ -1011,7 +1011,7 @@ TEST_F(ListObjects, ChangesAreAnnouncedToNobody) {
     EXPECT_EQ(observer.received(), "");
 }
 
-TEST_F(ListObjects, APushOntoAFullListDropsTheFarEnd) {
+TEST_F(list_objects_test, a_push_onto_a_full_list_drops_the_far_end) {
     object* obj = list_object("l", {"a", "b", "c"});
     obj->list->max = 3;
     object_lpush(obj, "d");
@@ -1020,7 +1020,7 @@ TEST_F(ListObjects, APushOntoAFullListDropsTheFarEnd) {
     EXPECT_EQ(items(obj), (texts{"a", "b", "e"}));
 }
 
-TEST_F(ListObjects, TheTraceOfAPushNamesTheNewEnd) {
+TEST_F(list_objects_test, the_trace_of_a_push_names_the_new_end) {
     object* obj = list_object("l", {"a"});
     obj->list->max = 1;
     log.start();
@@ -1031,7 +1031,7 @@ TEST_F(ListObjects, TheTraceOfAPushNamesTheNewEnd) {
     EXPECT_EQ(items(obj), texts{"c"});
 }
 
-TEST_F(ListObjects, ACapOfZeroDropsWhatIsPushedOntoAnEmptyList) {
+TEST_F(list_objects_test, a_cap_of_zero_drops_what_is_pushed_onto_an_empty_list) {
     object* obj = make("l", OBJ_TLIST);
     obj->list->max = 0;
     log.start();
@@ -1041,7 +1041,7 @@ TEST_F(ListObjects, ACapOfZeroDropsWhatIsPushedOntoAnEmptyList) {
     EXPECT_EQ(object_lpop(obj), nullptr);
 }
 
-TEST_F(ListObjects, PopsAreTraced) {
+TEST_F(list_objects_test, pops_are_traced) {
     object* obj = list_object("l", {"a", "b", "c"});
     log.start();
     EXPECT_EQ(take(object_rpop(obj)), "c");
@@ -1051,14 +1051,14 @@ TEST_F(ListObjects, PopsAreTraced) {
     EXPECT_EQ(items(obj), texts{"b"});
 }
 
-TEST_F(ListObjects, PopsDoNotMarkTheObject) {
+TEST_F(list_objects_test, pops_do_not_mark_the_object) {
     object* obj = list_object("l", {"a", "b"});
     take(object_rpop(obj));
     take(object_lpop(obj));
     EXPECT_EQ(obj->flags, OBJ_TLIST);
 }
 
-TEST_F(ListObjects, PoppingAnEmptyListGivesAndTracesNothing) {
+TEST_F(list_objects_test, popping_an_empty_list_gives_and_traces_nothing) {
     object* obj = make("l", OBJ_TLIST);
     log.start();
     EXPECT_EQ(object_rpop(obj), nullptr);
@@ -1066,7 +1066,7 @@ TEST_F(ListObjects, PoppingAnEmptyListGivesAndTracesNothing) {
     EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(ListObjects, ItemsAreFoundByIndex) {
+TEST_F(list_objects_test, items_are_found_by_index) {
     object* obj = list_object("l", {"a", "b", "c"});
     EXPECT_EQ(bytes_of(object_lindex(obj, 0)), "a");
     EXPECT_EQ(bytes_of(object_lindex(obj, -1)), "c");
@@ -1075,7 +1075,7 @@ TEST_F(ListObjects, ItemsAreFoundByIndex) {
     EXPECT_EQ(object_lindex(make("empty", OBJ_TLIST), -1), nullptr);
 }
 
-TEST_F(ListObjects, TrimmingRemovesItemsFromTheTail) {
+TEST_F(list_objects_test, trimming_removes_items_from_the_tail) {
     object* obj = list_object("l", {"a", "b", "c", "d"});
     log.start();
     object_ltrim_tail(obj, 0, 3);
@@ -1084,7 +1084,7 @@ TEST_F(ListObjects, TrimmingRemovesItemsFromTheTail) {
     EXPECT_EQ(obj->list->max, 0xFFFF);
 }
 
-TEST_F(ListObjects, TrimmingEndsWithTheLastItem) {
+TEST_F(list_objects_test, trimming_ends_with_the_last_item) {
     object* obj = list_object("l", {"a", "b"});
     object_ltrim_tail(obj, 0, 100);
     EXPECT_EQ(obj->list->count, 0);
@@ -1092,7 +1092,7 @@ TEST_F(ListObjects, TrimmingEndsWithTheLastItem) {
     EXPECT_EQ(obj->list->count, 0);
 }
 
-TEST_F(ListObjects, TrimmingTakesItsNumberAs16Bits) {
+TEST_F(list_objects_test, trimming_takes_its_number_as_16_bits) {
     object* obj = list_object("l", {"a", "b", "c"});
     object_ltrim_tail(obj, 0, 0x10000);
     EXPECT_EQ(items(obj), (texts{"a", "b", "c"}));
@@ -1100,20 +1100,20 @@ TEST_F(ListObjects, TrimmingTakesItsNumberAs16Bits) {
     EXPECT_EQ(items(obj), (texts{"a", "b"}));
 }
 
-TEST_F(ListObjects, TrimmingInAnyOtherModeDoesNothing) {
+TEST_F(list_objects_test, trimming_in_any_other_mode_does_nothing) {
     object* obj = list_object("l", {"a", "b", "c"});
     object_ltrim_tail(obj, 1, 2);
     object_ltrim_tail(obj, -1, 2);
     EXPECT_EQ(items(obj), (texts{"a", "b", "c"}));
 }
 
-TEST_F(ListObjects, ItemsEndAtTheirFirstNul) {
+TEST_F(list_objects_test, items_end_at_their_first_nul) {
     object* obj = make("l", OBJ_TLIST);
     object_rpush(obj, text(std::string_view("ab\0cd", 5)));
     EXPECT_EQ(items(obj), texts{"ab"});
 }
 
-TEST_F(ListObjects, TheFlushOfListsEndsTheSteps) {
+TEST_F(list_objects_test, the_flush_of_lists_ends_the_steps) {
     object* obj = make("l", OBJ_TLIST);
     object_defer(obj);
     object_flush_list(obj);
@@ -1122,7 +1122,7 @@ TEST_F(ListObjects, TheFlushOfListsEndsTheSteps) {
 
 /* --- Types that are asserted --- */
 
-class ObjectAssertions : public store_test {
+class object_assertions_test : public store_test {
   protected:
     object* string = make("s", OBJ_TSTRING);
     object* list = make("l", OBJ_TLIST);
@@ -1131,47 +1131,47 @@ class ObjectAssertions : public store_test {
     int64_t delta = 1;
 };
 
-TEST_F(ObjectAssertions, AppendingWantsAString) {
+TEST_F(object_assertions_test, appending_wants_a_string) {
     EXPECT_ASSERTION(object_append(hash, text("v")), "obj->type == OBJ_TSTRING", "object", 686);
     EXPECT_ASSERTION(object_append(none, text("v")), "obj->type == OBJ_TSTRING", "object", 686);
 }
 
-TEST_F(ObjectAssertions, IncrementingWantsAString) {
+TEST_F(object_assertions_test, incrementing_wants_a_string) {
     EXPECT_ASSERTION(object_incr(list, &delta), "obj->type == OBJ_TSTRING", "object", 697);
 }
 
-TEST_F(ObjectAssertions, SettingAFieldWantsAHashOrATypelessObject) {
+TEST_F(object_assertions_test, setting_a_field_wants_a_hash_or_a_typeless_object) {
     const char* const expression = "obj->type == OBJ_THASH || obj->type == OBJ_TNONE";
     EXPECT_ASSERTION(object_hash_set(string, text("f"), text("v")), expression, "object", 718);
     EXPECT_ASSERTION(object_hash_set(list, text("f"), text("v")), expression, "object", 718);
 }
 
-TEST_F(ObjectAssertions, IncrementingAFieldWantsAHash) {
+TEST_F(object_assertions_test, incrementing_a_field_wants_a_hash) {
     EXPECT_ASSERTION(object_hash_incr(string, text("f"), &delta), "obj->type == OBJ_THASH",
                      "object", 749);
     EXPECT_ASSERTION(object_hash_incr(none, text("f"), &delta), "obj->type == OBJ_THASH", "object",
                      749);
 }
 
-TEST_F(ObjectAssertions, DeletingAFieldWantsAHash) {
+TEST_F(object_assertions_test, deleting_a_field_wants_a_hash) {
     EXPECT_ASSERTION(object_hash_del(list, "f"), "obj->type == OBJ_THASH", "object", 771);
 }
 
-TEST_F(ObjectAssertions, ProtectingAFieldWantsAHash) {
+TEST_F(object_assertions_test, protecting_a_field_wants_a_hash) {
     EXPECT_ASSERTION(object_hash_protect(string, "f", true), "obj->type == OBJ_THASH", "object",
                      791);
 }
 
-TEST_F(ObjectAssertions, PoppingWantsAList) {
+TEST_F(object_assertions_test, popping_wants_a_list) {
     EXPECT_ASSERTION(object_rpop(string), "obj->type == OBJ_TLIST", "object", 815);
     EXPECT_ASSERTION(object_lpop(hash), "obj->type == OBJ_TLIST", "object", 841);
 }
 
-TEST_F(ObjectAssertions, ReadingAnItemWantsAList) {
+TEST_F(object_assertions_test, reading_an_item_wants_a_list) {
     EXPECT_ASSERTION(object_lindex(none, 0), "obj->type == OBJ_TLIST", "object", 854);
 }
 
-TEST_F(ObjectAssertions, TrimmingWantsAListInAnyMode) {
+TEST_F(object_assertions_test, trimming_wants_a_list_in_any_mode) {
     EXPECT_ASSERTION(object_ltrim_tail(string, 0, 1), "obj->type == OBJ_TLIST", "object", 861);
     EXPECT_ASSERTION(object_ltrim_tail(string, 1, 1), "obj->type == OBJ_TLIST", "object", 861);
 }

@@ -12,7 +12,7 @@ using namespace unit_test;
 
 namespace {
 
-class Seeding : public store_test {
+class seeding_test : public store_test {
   protected:
     static std::string_view string_value(const char* key) {
         const object* obj = object_lookup_type(key, OBJ_TSTRING);
@@ -37,13 +37,13 @@ const seed_hash some_hashes[] = {{"h", some_fields, 0, 0}, {nullptr, nullptr, 0,
 
 } // namespace
 
-TEST_F(Seeding, TheBuiltInStringIsThere) {
+TEST_F(seeding_test, the_built_in_string_is_there) {
     seed_builtin();
     EXPECT_EQ(string_value("fhour.interval"), "30");
     EXPECT_EQ(object_lookup("fhour.interval")->flags, flags_of(OBJ_TSTRING, OBJ_PROTECTED));
 }
 
-TEST_F(Seeding, TheBuiltInHashHasItsFourFields) {
+TEST_F(seeding_test, the_built_in_hash_has_its_four_fields) {
     seed_builtin();
     const object* run = object_lookup_type("tessard.run", OBJ_THASH);
     ASSERT_NE(run, nullptr);
@@ -59,12 +59,12 @@ TEST_F(Seeding, TheBuiltInHashHasItsFourFields) {
     }
 }
 
-TEST_F(Seeding, NothingElseIsBuiltIn) {
+TEST_F(seeding_test, nothing_else_is_built_in) {
     seed_builtin();
     EXPECT_EQ(object_keyspace()->count, 2u);
 }
 
-TEST_F(Seeding, WhatIsBuiltInCannotBeDeleted) {
+TEST_F(seeding_test, what_is_built_in_cannot_be_deleted) {
     seed_builtin();
     object* run = object_lookup("tessard.run");
     EXPECT_EQ(object_delete(object_lookup("fhour.interval")), 0);
@@ -75,7 +75,7 @@ TEST_F(Seeding, WhatIsBuiltInCannotBeDeleted) {
     EXPECT_EQ(run->hash->count, 4u);
 }
 
-TEST_F(Seeding, WhatIsBuiltInCanBeOverwritten) {
+TEST_F(seeding_test, what_is_built_in_can_be_overwritten) {
     seed_builtin();
     object_set_string(object_lookup("fhour.interval"), text("60"));
     EXPECT_EQ(object_hash_set(object_lookup("tessard.run"), text("pid"), text("42")), 0);
@@ -83,14 +83,14 @@ TEST_F(Seeding, WhatIsBuiltInCanBeOverwritten) {
     EXPECT_EQ(field_value("tessard.run", "pid"), "42");
 }
 
-TEST_F(Seeding, AFieldThatAClientAddsToAProtectedHashCannotBeDeletedEither) {
+TEST_F(seeding_test, a_field_that_a_client_adds_to_a_protected_hash_cannot_be_deleted_either) {
     seed_builtin();
     object* run = object_lookup("tessard.run");
     object_hash_set(run, text("mine"), text("v"));
     EXPECT_EQ(object_hash_del(run, "mine"), 0);
 }
 
-TEST_F(Seeding, EitherTableMayBeMissing) {
+TEST_F(seeding_test, either_table_may_be_missing) {
     object_seed(nullptr, nullptr);
     EXPECT_EQ(object_keyspace(), nullptr);
     object_seed(some_strings, nullptr);
@@ -99,7 +99,7 @@ TEST_F(Seeding, EitherTableMayBeMissing) {
     EXPECT_EQ(object_keyspace()->count, 3u);
 }
 
-TEST_F(Seeding, ProtectionIsSetWhereTheTableAsksForIt) {
+TEST_F(seeding_test, protection_is_set_where_the_table_asks_for_it) {
     object_seed(some_strings, some_hashes);
     EXPECT_EQ(object_lookup("s")->flags, OBJ_TSTRING);
     EXPECT_EQ(object_lookup("t")->flags, flags_of(OBJ_TSTRING, OBJ_PROTECTED));
@@ -110,7 +110,7 @@ TEST_F(Seeding, ProtectionIsSetWhereTheTableAsksForIt) {
     EXPECT_EQ(object_hash_field(hash, "n")->fflags, 0);
 }
 
-TEST_F(Seeding, EachProtectionOfAHashIsSetForItself) {
+TEST_F(seeding_test, each_protection_of_a_hash_is_set_for_itself) {
     const seed_hash hashes[] = {
         {"key", some_fields, 1, 0}, {"fields", some_fields, 0, 1}, {nullptr, nullptr, 0, 0}};
     object_seed(nullptr, hashes);
@@ -118,14 +118,14 @@ TEST_F(Seeding, EachProtectionOfAHashIsSetForItself) {
     EXPECT_EQ(object_lookup("fields")->flags, flags_of(OBJ_THASH, OBJ_FIELDS_PROTECTED));
 }
 
-TEST_F(Seeding, EmptyValuesAreValues) {
+TEST_F(seeding_test, empty_values_are_values) {
     object_seed(some_strings, some_hashes);
     EXPECT_EQ(string_value("t"), "");
     EXPECT_NE(object_lookup("t")->string, nullptr);
     EXPECT_EQ(field_value("h", "g"), "");
 }
 
-TEST_F(Seeding, SeedingAgainRewritesStringsAndKeepsFields) {
+TEST_F(seeding_test, seeding_again_rewrites_strings_and_keeps_fields) {
     object_seed(some_strings, some_hashes);
     object_set_string(object_lookup("s"), text("changed"));
     object_hash_set(object_lookup("h"), text("f"), text("changed"));
@@ -136,7 +136,7 @@ TEST_F(Seeding, SeedingAgainRewritesStringsAndKeepsFields) {
     EXPECT_EQ(object_keyspace()->count, 3u);
 }
 
-TEST_F(Seeding, AFieldThatIsToBeDeletedKeepsItsValueAsLongAsItStands) {
+TEST_F(seeding_test, a_field_that_is_to_be_deleted_keeps_its_value_as_long_as_it_stands) {
     object_seed(nullptr, some_hashes);
     object* hash = object_lookup("h");
     object_hash_set(hash, text("f"), text("changed"));
@@ -149,7 +149,7 @@ TEST_F(Seeding, AFieldThatIsToBeDeletedKeepsItsValueAsLongAsItStands) {
     EXPECT_EQ(object_hash_field(hash, "f"), nullptr) << "the deletion was called off";
 }
 
-TEST_F(Seeding, TheProtectionOfAFieldFollowsTheTable) {
+TEST_F(seeding_test, the_protection_of_a_field_follows_the_table) {
     object_seed(nullptr, some_hashes);
     object* hash = object_lookup("h");
     object_hash_protect(hash, "f", true);
@@ -159,14 +159,14 @@ TEST_F(Seeding, TheProtectionOfAFieldFollowsTheTable) {
     EXPECT_EQ(object_hash_field(hash, "g")->fflags, FIELD_PROTECTED);
 }
 
-TEST_F(Seeding, AProtectionOfAKeyIsNeverTakenAway) {
+TEST_F(seeding_test, a_protection_of_a_key_is_never_taken_away) {
     object_seed(some_strings, nullptr);
     object_lookup("s")->flags |= OBJ_PROTECTED;
     object_seed(some_strings, nullptr);
     EXPECT_EQ(object_lookup("s")->flags, flags_of(OBJ_TSTRING, OBJ_PROTECTED));
 }
 
-TEST_F(Seeding, KeysOfAnotherTypeAreSkipped) {
+TEST_F(seeding_test, keys_of_another_type_are_skipped) {
     object_rpush(make("t", OBJ_TLIST), "item");
     object_set_string(make("h", OBJ_TSTRING), text("v"));
     object_seed(some_strings, some_hashes);
@@ -177,7 +177,7 @@ TEST_F(Seeding, KeysOfAnotherTypeAreSkipped) {
     EXPECT_EQ(string_value("s"), "seeded");
 }
 
-TEST_F(Seeding, ADeletedKeyIsSeededAfresh) {
+TEST_F(seeding_test, a_deleted_key_is_seeded_afresh) {
     object_seed(some_strings, some_hashes);
     object_hash_set(object_lookup("h"), text("f"), text("changed"));
     object_delete(object_lookup("h"));
@@ -185,7 +185,7 @@ TEST_F(Seeding, ADeletedKeyIsSeededAfresh) {
     EXPECT_EQ(field_value("h", "f"), "seeded");
 }
 
-TEST_F(Seeding, NothingIsTracedMarkedOrAnnounced) {
+TEST_F(seeding_test, nothing_is_traced_marked_or_announced) {
     test_client observer;
     observers_add(observer.record());
     log.start();
