@@ -8,9 +8,8 @@
  *
  *   *        any text, the empty one included
  *   ?        any one byte
- *   [abc]    one of the bytes; [a-c] a range; [!a] or [^a] none of them; [:digit:] and the other
- * classes,
- *            [=a=] and [.a.] stand inside; a "]" that comes first stands for itself
+ *   [abc]    one of the bytes; [a-c] a range; [!a] or [^a] none of them; [:digit:] and the
+ *            other classes, [=a=] and [.a.] stand inside; a first "]" stands for itself
  *   \a       a itself, inside brackets too
  *
  * A bracket without end is an ordinary "[". A pattern that ends within an escape or a range matches

@@ -13,9 +13,10 @@
 
 /* Writes a reply and returns what it means:
  *
- *     status, integer, bulk   the text CTL_DONE nil                     "(nil)" on a terminal, else
- * not even a newline                  CTL_NIL multibulk               one item a line, a nil item
- * as "(nil)"; nothing for none        CTL_DONE error                   the text, on `err` CTL_ERROR
+ *     status, integer, bulk   the text                                             CTL_DONE
+ *     nil                     "(nil)" on a terminal, else not even a newline       CTL_NIL
+ *     multibulk               one item a line, nil as "(nil)"; nothing for none    CTL_DONE
+ *     error                   the text, on `err`                                   CTL_ERROR
  *
  * With `pairs`, which only a terminal wants, the items of a multibulk are taken by two, field and
  * value, and each pair is a line in two columns. A multibulk that has an odd item is written as

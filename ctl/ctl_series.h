@@ -24,9 +24,8 @@ struct ctl_figure {
  *     "cpu"             1 byte      percent
  *     "host"            4 bytes     hosts
  *     "conn"            4 bytes     connections
- *     "ping1".."ping20" 20 bytes    max, min, avg, total, loss; a period is in reports, not in
- * seconds any other         16 bytes    rxb, rxp, txb, txp of the interface of that name, per
- * second */
+ *     "ping1".."ping20" 20 bytes    max, min, avg, total, loss; a period is in reports
+ *     any other         16 bytes    rxb, rxp, txb, txp of the interface, per second */
 struct ctl_kind {
     uint32_t sample_size; /* bytes */
     uint32_t figure_size; /* bytes */

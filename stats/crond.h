@@ -3,8 +3,9 @@
 /* The plug-in scheduler: runs the executable scripts in /usr/lib/lua/tplugins/ on the periods that
  * their names begin with, once a second at most.
  *
- *   60_report.sh   every 60 ticks, first on the 60th, counting the tick on which it was found as
- * the first 0_boot.sh      once, on the tick on which it was found check.sh, -5x  never
+ *   60_report.sh   every 60 ticks, first on the 60th; the tick on which it was found counts
+ *   0_boot.sh      once, on the tick on which it was found
+ *   check.sh, -5x  never
  *
  * The folder is read on every tick. A task is listed when its file is first seen as an executable
  * regular file and leaves the list only when the file is there but no longer executable; a deleted

@@ -20,8 +20,7 @@
  *   8       4                      slots
  *   12      4                      filled: samples written so far, at most slots
  *   16      4                      head: index of the slot written next
- *   20      slots * sample_size    samples; the oldest is slot 0 while filled < slots, then slot
- * head
+ *   20      slots * sample_size    samples; the oldest is slot 0 until all are filled, then head
  *
  * Samples go straight into the value, so a history announces nothing. */
 

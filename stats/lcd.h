@@ -7,9 +7,10 @@
  * number of online hosts. Until it is known which panel the device has, each run tries to find out:
  *
  *   a node /dev/st7565          text, the whole 128-byte buffer with zeros behind the text
- *   hash "sys" with pnp = LCD   frames on a serial port at 9600 baud, 8N1; the model that "uci"
- * names says which port "sys" with any other pnp    no panel, for good no "sys" yet asked again on
- * the next run
+ *   hash "sys" with pnp = LCD   frames on a serial port at 9600 baud, 8N1; the model that
+ *                               "uci" names says which port
+ *   "sys" with any other pnp    no panel, for good
+ *   no "sys" yet                asked again on the next run
  *
  * A frame is 91 bytes, always written whole:
  *

@@ -9,10 +9,11 @@
  *
  *   /tmp                       empty: the daemon's socket, pid file, log and dumps
  *   /usr/lib/lua/tplugins      empty: the plug-in folder
- *   /dev                       null, zero, full, random, urandom, tty, terminals of its own (ptmx,
- * pts) and nothing else: no panel, no serial port; tests add files and links to terminals /srv the
- * test's own workspace, see below network                    a loopback interface that is up, no
- * other
+ *   /dev                       null, zero, full, random, urandom, tty, terminals of its own
+ *                              (ptmx, pts) and nothing else: no panel, no serial port; tests
+ *                              add files and links to terminals
+ *   /srv                       the test's own workspace, see below
+ *   network                    a loopback interface that is up, no other
  *
  * In the workspace: programs/ (the programs under test, reachable there even when they were built
  * below /tmp), tools/ (first in PATH of everything started) and work/ (the current folder of
