@@ -12,7 +12,9 @@ import fnmatch
 import pathlib
 import re
 import sys
-import tempfile
+
+sys.dont_write_bytecode = True
+from checking import is_wrong, run
 
 FOLDERS = ["core", "loop", "proto", "store", "stats", "ctl"]
 
@@ -109,10 +111,10 @@ def check(root):
 
 def self_test():
     trees = [
-        # what the tree is, its files, a word of the only complaint (none: the tree is in order)
+        # what the tree is, its files, a word of each complaint
         ("in order", {"core/text.h": "", "core/text.cpp": '#include "core/text.h"\n#include <stdio.h>\n',
                       "core/log.h": '#include "core/text.h"\n', "loop/loop.cpp": '#include "loop/loop.h"\n',
-                      "loop/loop.h": "", "loop/backend_epoll.cpp": '#include "loop/loop.h"\n'}, None),
+                      "loop/loop.h": "", "loop/backend_epoll.cpp": '#include "loop/loop.h"\n'}),
         ("a circle of two", {"core/pool.h": "", "core/pool.cpp": '#include "core/text.h"\n',
                              "core/text.h": '#include "core/pool.h"\n'}, "circle"),
         ("a circle of three", {"stats/a.h": '#include "stats/b.h"\n', "stats/b.h": '#include "stats/c.h"\n',
@@ -122,30 +124,7 @@ def self_test():
         ("a file not there", {"core/pool.cpp": '#include "core/nothing.h"\n'}, "no unit"),
         ("nothing", {}, "no units"),
     ]
-    wrong = 0
-    for what, files, word in trees:
-        with tempfile.TemporaryDirectory() as folder:
-            root = pathlib.Path(folder)
-            for name, text in files.items():
-                (root / name).parent.mkdir(exist_ok=True)
-                (root / name).write_text(text, encoding="utf-8")
-            complaints = check(root)
-        expected = complaints == [] if word is None else len(complaints) == 1 and word in complaints[0]
-        if not expected:
-            print(f"{what}: expected {word or 'no complaint'}, got {complaints}")
-            wrong += 1
-    return wrong
+    return sum(is_wrong(check, what, files, words) for what, files, *words in trees)
 
 
-def main():
-    if sys.argv[1:] == ["--self-test"]:
-        return 1 if self_test() else 0
-    if len(sys.argv) != 2:
-        print(__doc__)
-        return 2
-    complaints = check(pathlib.Path(sys.argv[1]))
-    print("\n".join(complaints) if complaints else "all includes lead downwards")
-    return 1 if complaints else 0
-
-
-sys.exit(main())
+run(__doc__, check, self_test, "all includes lead downwards")

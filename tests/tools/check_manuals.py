@@ -9,10 +9,11 @@ option with a line ".It Fl a ... , Fl -addr ...".
 """
 
 import collections
-import pathlib
 import re
 import sys
-import tempfile
+
+sys.dont_write_bytecode = True
+from checking import is_wrong, run
 
 COMMANDS = "proto/command.cpp"
 OPTIONS = "core/options.cpp"
@@ -122,33 +123,14 @@ def self_test():
     ]
     wrong = 0
     for what, name, gone, come, *words in changes:
-        with tempfile.TemporaryDirectory() as folder:
-            root = pathlib.Path(folder)
-            for path, text in TREE.items():
-                (root / path).parent.mkdir(exist_ok=True)
-                (root / path).write_text(text, encoding="utf-8")
-            if gone is None:
-                (root / name).unlink()
-            else:
-                assert gone in TREE[name], f"{what}: {name} does not hold the text that goes"
-                (root / name).write_text(TREE[name].replace(gone, come), encoding="utf-8")
-            complaints = check(root)
-        expected = len(complaints) == len(words) and all(word in c for word, c in zip(words, complaints))
-        if not expected:
-            print(f"{what}: expected {words or 'no complaint'}, got {complaints}")
-            wrong += 1
+        files = dict(TREE)
+        if gone is None:
+            del files[name]
+        else:
+            assert gone in files[name], f"{what}: {name} does not hold the text that goes"
+            files[name] = files[name].replace(gone, come)
+        wrong += is_wrong(check, what, files, words)
     return wrong
 
 
-def main():
-    if sys.argv[1:] == ["--self-test"]:
-        return 1 if self_test() else 0
-    if len(sys.argv) != 2:
-        print(__doc__)
-        return 2
-    complaints = check(pathlib.Path(sys.argv[1]))
-    print("\n".join(complaints) if complaints else "the manual pages name every command and option")
-    return 1 if complaints else 0
-
-
-sys.exit(main())
+run(__doc__, check, self_test, "the manual pages name every command and option")
