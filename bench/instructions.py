@@ -1,11 +1,12 @@
 #!/usr/bin/env python3
 """Counts what a request costs in user space: instructions by callgrind, for one client.
 
-    bench/instructions.py [PROGRAM]        build/tessard when not given; needs valgrind, python3 and root
+    bench/instructions.py [PROGRAM]    build/tessard when not given; needs valgrind and root
 
-The daemon runs in namespaces of its own. Each command is sent 500 and then 2500 times in a fresh daemon; the difference,
-divided by 2000, leaves the start-up out. The statistics' tick is in it, some 20 instructions a request. Instructions
-are repeatable on a noisy machine where seconds are not. Exits with 1 when a command is over its budget.
+The daemon runs in namespaces of its own. Each command is sent 500 and then 2500 times in a fresh
+daemon; the difference, divided by 2000, leaves the start-up out. The statistics' tick is in it,
+some 20 instructions a request. Instructions are repeatable on a noisy machine where seconds are
+not. Exits with 1 when a command is over its budget.
 """
 import os
 import re
@@ -43,7 +44,8 @@ def connect():
 def instructions(program, before, request, count):
     with tempfile.NamedTemporaryFile() as log:
         daemon = subprocess.Popen(
-            ["valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null", program, "-f", "syslog"],
+            ["valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null",
+             program, "-f", "syslog"],
             stdout=subprocess.DEVNULL, stderr=log)
         client = connect()
         for arguments, times in ((before, 1), (request, count)):
@@ -59,14 +61,16 @@ def instructions(program, before, request, count):
 
 def main():
     root = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-    program = os.path.abspath(sys.argv[1]) if len(sys.argv) > 1 else os.path.join(root, "build", "tessard")
+    program = os.path.abspath(sys.argv[1] if len(sys.argv) > 1 else f"{root}/build/tessard")
     if os.environ.get("TESSARD_BENCH_INSIDE") is None:
         os.environ["TESSARD_BENCH_INSIDE"] = "1"
-        os.execvp("unshare", ["unshare", "-mn", "sh", "-c", 'mount -t tmpfs none /tmp && exec "$@"', "sh",
+        os.execvp("unshare", ["unshare", "-mn",
+                              "sh", "-c", 'mount -t tmpfs none /tmp && exec "$@"', "sh",
                               sys.executable, os.path.abspath(__file__), program])
     over = False
     for name, budget, before, request in CASES:
-        cost = (instructions(program, before, request, MANY) - instructions(program, before, request, FEW)) // (MANY - FEW)
+        few = instructions(program, before, request, FEW)
+        cost = (instructions(program, before, request, MANY) - few) // (MANY - FEW)
         over = over or cost > budget
         print(f"{name:5} {cost:6} instructions, budget {budget}")
     return 1 if over else 0

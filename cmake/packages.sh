@@ -1,11 +1,13 @@
-# Sourced by ./run and ./test: installs what the machine lacks, and does nothing when it lacks nothing.
+# Sourced by ./run and ./test: installs what the machine lacks, and does nothing when it lacks
+# nothing.
 
 # need PROBE=PACKAGE...: a probe is the name of a command, or the path of a file.
 need() {
     local item probe missing=()
     for item in "$@"; do
         probe=${item%%=*}
-        if [[ $probe == /* && ! -e $probe ]] || { [[ $probe != /* ]] && ! command -v "$probe" >/dev/null; }; then
+        if [[ $probe == /* && ! -e $probe ]] ||
+            { [[ $probe != /* ]] && ! command -v "$probe" >/dev/null; }; then
             missing+=("${item#*=}")
         fi
     done
@@ -35,7 +37,8 @@ need_to_build() {
     need cmake=cmake g++=g++ ninja=ninja-build
 }
 
-# forget_elsewhere FOLDER: a build folder that came along when the tree was copied or moved would build the other tree.
+# forget_elsewhere FOLDER: a build folder that came along when the tree was copied or moved would
+# build the other tree.
 forget_elsewhere() {
     local cache=$1/CMakeCache.txt
     if [ -e "$cache" ] && ! grep -qxF "CMAKE_CACHEFILE_DIR:INTERNAL=$1" "$cache"; then

@@ -4,8 +4,9 @@
     check_includes.py ROOT         checks the tree
     check_includes.py --self-test  shows that the check finds what it is for
 
-A unit is a header together with its source. Each stands on a floor; it may include units of its own floor and of
-those below. A file that belongs to no known unit is an error, so that a new unit gets its floor here.
+A unit is a header together with its source. Each stands on a floor; it may include units of its own
+floor and of those below. A file that belongs to no known unit is an error, so that a new unit gets
+its floor here.
 """
 
 import fnmatch
@@ -102,7 +103,8 @@ def check(root):
             if other not in units:
                 complaints.append(f"{place}: includes {other}, which is no unit")
             elif (floor_of(other) or 0) > (floor_of(unit) or len(FLOORS)):
-                complaints.append(f"{place}: {unit} on floor {floor_of(unit)} includes {other} on {floor_of(other)}")
+                complaints.append(f"{place}: {unit} on floor {floor_of(unit)} "
+                                  f"includes {other} on {floor_of(other)}")
     for circle in find_circles(units):
         steps = [f"{a} -> {b} ({units[a][b]})" for a, b in zip(circle, circle[1:])]
         complaints.append("units include each other in a circle: " + ", ".join(steps))
@@ -112,14 +114,20 @@ def check(root):
 def self_test():
     trees = [
         # what the tree is, its files, a word of each complaint
-        ("in order", {"core/text.h": "", "core/text.cpp": '#include "core/text.h"\n#include <stdio.h>\n',
-                      "core/log.h": '#include "core/text.h"\n', "loop/loop.cpp": '#include "loop/loop.h"\n',
-                      "loop/loop.h": "", "loop/backend_epoll.cpp": '#include "loop/loop.h"\n'}),
+        ("in order", {"core/text.h": "",
+                      "core/text.cpp": '#include "core/text.h"\n#include <stdio.h>\n',
+                      "core/log.h": '#include "core/text.h"\n',
+                      "loop/loop.h": "",
+                      "loop/loop.cpp": '#include "loop/loop.h"\n',
+                      "loop/backend_epoll.cpp": '#include "loop/loop.h"\n'}),
         ("a circle of two", {"core/pool.h": "", "core/pool.cpp": '#include "core/text.h"\n',
                              "core/text.h": '#include "core/pool.h"\n'}, "circle"),
-        ("a circle of three", {"stats/a.h": '#include "stats/b.h"\n', "stats/b.h": '#include "stats/c.h"\n',
-                               "stats/c.h": "", "stats/c.cpp": '#  include "stats/a.h"\n'}, "circle"),
-        ("an include upwards", {"core/pool.cpp": '#include "core/log.h"\n', "core/log.h": ""}, "on floor 1"),
+        ("a circle of three", {"stats/a.h": '#include "stats/b.h"\n',
+                               "stats/b.h": '#include "stats/c.h"\n',
+                               "stats/c.h": "",
+                               "stats/c.cpp": '#  include "stats/a.h"\n'}, "circle"),
+        ("an include upwards", {"core/pool.cpp": '#include "core/log.h"\n',
+                                "core/log.h": ""}, "on floor 1"),
         ("a unit unknown", {"core/pool.cpp": "", "store/shelf.cpp": ""}, "without a floor"),
         ("a file not there", {"core/pool.cpp": '#include "core/nothing.h"\n'}, "no unit"),
         ("nothing", {}, "no units"),

@@ -1,8 +1,9 @@
 #!/bin/sh
 # check_libraries.sh native|foreign PROGRAM...
 #
-# Fails unless each program needs the C library, and nothing else, at run time. A device has no C++ runtime, and no room
-# for one. What a program for this machine needs is asked of the loader; of a foreign one the file itself tells.
+# Fails unless each program needs the C library, and nothing else, at run time. A device has no C++
+# runtime, and no room for one. What a program for this machine needs is asked of the loader; of a
+# foreign one the file itself tells.
 
 set -eu
 export LC_ALL=C

@@ -4,8 +4,8 @@
     check_manuals.py ROOT         checks the pages in ROOT/man
     check_manuals.py --self-test  shows that the check finds what it is for
 
-What there is to name is read from the tables in the sources. A page names a command with a line ".It Ic NAME" and an
-option with a line ".It Fl a ... , Fl -addr ...".
+What there is to name is read from the tables in the sources. A page names a command with a line
+".It Ic NAME" and an option with a line ".It Fl a ... , Fl -addr ...".
 """
 
 import collections
@@ -39,7 +39,7 @@ def names_of_table(kind, source, table):
     match = re.search(table, source, re.DOTALL)
     if not match:
         return []
-    return re.findall(r"[A-Za-z]", match[1]) if kind == "option" else re.findall(r'\{"([^"]+)"', match[1])
+    return re.findall(r"[A-Za-z]" if kind == "option" else r'\{"([^"]+)"', match[1])
 
 
 def names_of_page(kind, page):
@@ -54,11 +54,13 @@ def names_of_page(kind, page):
 
 def compare(page, kind, wanted, found):
     """The complaints about one kind of names on a page."""
-    complaints = [f"{page}: no entry for the {kind} {name}" for name in wanted if name not in found]
-    complaints += [f"{page}: an entry for {name}, which is no {kind}" for name in sorted(set(found) - set(wanted))]
     counts = collections.Counter(found)
-    complaints += [f"{page}: two entries for the {kind} {name}" for name in wanted if counts[name] > 1]
-    return complaints
+    missing = [name for name in wanted if name not in found]
+    unknown = sorted(set(found) - set(wanted))
+    doubled = [name for name in wanted if counts[name] > 1]
+    return ([f"{page}: no entry for the {kind} {name}" for name in missing] +
+            [f"{page}: an entry for {name}, which is no {kind}" for name in unknown] +
+            [f"{page}: two entries for the {kind} {name}" for name in doubled])
 
 
 def check_sections(path, page):
@@ -86,40 +88,93 @@ def check(root):
 
 
 TREE = {
-    COMMANDS: 'const command command_table[COMMANDS] = {\n    {"get", cmd_get, RULE_ONE}, {"set", cmd_set, RULE_TWO},\n'
-              '    {"hgetall", cmd_hgetall, RULE_ONE},\n};\n{"rpop", cmd_pop_destroy},\n',
-    OPTIONS: 'const char SHORT_OPTIONS[] = "va:";\nconst option long_options[] = {\n    {"version", no_argument}, '
-             '{"addr", optional_argument},\n    {nullptr, 0},\n};\n',
-    CLIENT: 'constexpr subcommand SUBCOMMANDS[] = {\n    {"top", ctl_top},\n};\n'
-            '    static const option LONG_OPTIONS[] = {\n        {"raw", no_argument},\n    };\n'
-            '    getopt_long(argc, argv, "+a:h", LONG_OPTIONS, nullptr)\n',
-    "man/tessard.5": ".Sh NAME\n.Sh DESCRIPTION\n",
-    "man/tessard.7": ".Sh NAME\n.Sh DESCRIPTION\n.It Ic get Ar key\n.It Ic set Ar key value\n.It Ic hgetall Ar key\n",
-    "man/tessard.8": ".Sh NAME\n.Sh SYNOPSIS\n.Fl x\n.Sh DESCRIPTION\n.It Fl a Ar path , Fl -addr Ns = Ns Ar path\n"
-                     ".It Fl v , Fl -version\n.It Ic hostmon --showg\n",
-    "man/tessctl.1": ".Sh NAME\n.Sh SYNOPSIS\n.Sh DESCRIPTION\n.It Fl a Ar path\n.It Fl h\n.It Fl -raw\n.It Ic top\n",
+    COMMANDS: '''
+const command command_table[COMMANDS] = {
+    {"get", cmd_get, RULE_ONE}, {"set", cmd_set, RULE_TWO},
+    {"hgetall", cmd_hgetall, RULE_ONE},
+};
+{"rpop", cmd_pop_destroy},
+''',
+    OPTIONS: '''
+const char SHORT_OPTIONS[] = "va:";
+const option long_options[] = {
+    {"version", no_argument}, {"addr", optional_argument},
+    {nullptr, 0},
+};
+''',
+    CLIENT: '''
+constexpr subcommand SUBCOMMANDS[] = {
+    {"top", ctl_top},
+};
+    static const option LONG_OPTIONS[] = {
+        {"raw", no_argument},
+    };
+    getopt_long(argc, argv, "+a:h", LONG_OPTIONS, nullptr)
+''',
+    "man/tessard.5": """
+.Sh NAME
+.Sh DESCRIPTION
+""",
+    "man/tessard.7": """
+.Sh NAME
+.Sh DESCRIPTION
+.It Ic get Ar key
+.It Ic set Ar key value
+.It Ic hgetall Ar key
+""",
+    "man/tessard.8": """
+.Sh NAME
+.Sh SYNOPSIS
+.Fl x
+.Sh DESCRIPTION
+.It Fl a Ar path , Fl -addr Ns = Ns Ar path
+.It Fl v , Fl -version
+.It Ic hostmon --showg
+""",
+    "man/tessctl.1": """
+.Sh NAME
+.Sh SYNOPSIS
+.Sh DESCRIPTION
+.It Fl a Ar path
+.It Fl h
+.It Fl -raw
+.It Ic top
+""",
 }
 
 
 def self_test():
+    seven, eight, one = "man/tessard.7", "man/tessard.8", "man/tessctl.1"
     changes = [
-        # what is changed, the file, the text that goes and the one that comes, words of each complaint in order
+        # what is changed, the file, the text that goes, the one that comes, words of each complaint
         ("nothing", "man/tessard.5", "", ""),
-        ("a command without entry", "man/tessard.7", ".It Ic set Ar key value\n", "", "no entry for the command set"),
-        ("an entry in the text alone", "man/tessard.7", ".It Ic get Ar key", ".Ic get", "no entry for the command get"),
-        ("a part of a name", "man/tessard.7", "Ic hgetall", "Ic hget", "no entry for the command hgetall", "for hget"),
-        ("an entry without command", "man/tessard.7", ".It Ic set", ".It Ic rpop\n.It Ic set", "for rpop, which is no"),
-        ("an entry twice", "man/tessard.7", ".It Ic set", ".It Ic get\n.It Ic set", "two entries for the command get"),
-        ("a command of the client", "man/tessctl.1", ".It Ic top\n", "", "no entry for the command top"),
-        ("an option of the daemon", "man/tessard.8", "Fl v , ", "", "tessard.8: no entry for the option v"),
-        ("a long option", "man/tessard.8", " , Fl -addr Ns = Ns Ar path", "", "no entry for the long option addr"),
-        ("an option of the client", "man/tessctl.1", ".It Fl h\n", "", "tessctl.1: no entry for the option h"),
-        ("an option unknown", "man/tessctl.1", ".It Fl h\n", ".It Fl h\n.It Fl q\n", "for q, which is no option"),
-        ("a long option unknown", "man/tessctl.1", "Fl -raw", "Fl -raw , Fl -boiled", "for boiled, which is no long"),
-        ("a section of all pages", "man/tessard.5", ".Sh DESCRIPTION\n", "", "tessard.5: no section DESCRIPTION"),
-        ("a section of programs", "man/tessard.8", ".Sh SYNOPSIS\n", "", "tessard.8: no section SYNOPSIS"),
+        ("a command without entry", seven, ".It Ic set Ar key value\n", "",
+         "no entry for the command set"),
+        ("an entry in the text alone", seven, ".It Ic get Ar key", ".Ic get",
+         "no entry for the command get"),
+        ("a part of a name", seven, "Ic hgetall", "Ic hget",
+         "no entry for the command hgetall", "for hget"),
+        ("an entry without command", seven, ".It Ic set", ".It Ic rpop\n.It Ic set",
+         "for rpop, which is no"),
+        ("an entry twice", seven, ".It Ic set", ".It Ic get\n.It Ic set",
+         "two entries for the command get"),
+        ("a command of the client", one, ".It Ic top\n", "", "no entry for the command top"),
+        ("an option of the daemon", eight, "Fl v , ", "",
+         "tessard.8: no entry for the option v"),
+        ("a long option", eight, " , Fl -addr Ns = Ns Ar path", "",
+         "no entry for the long option addr"),
+        ("an option of the client", one, ".It Fl h\n", "",
+         "tessctl.1: no entry for the option h"),
+        ("an option unknown", one, ".It Fl h\n", ".It Fl h\n.It Fl q\n",
+         "for q, which is no option"),
+        ("a long option unknown", one, "Fl -raw", "Fl -raw , Fl -boiled",
+         "for boiled, which is no long"),
+        ("a section of all pages", "man/tessard.5", ".Sh DESCRIPTION\n", "",
+         "tessard.5: no section DESCRIPTION"),
+        ("a section of programs", eight, ".Sh SYNOPSIS\n", "",
+         "tessard.8: no section SYNOPSIS"),
         ("a table that moved", CLIENT, "SUBCOMMANDS[]", "OWN[]", "no table of what tessctl.1"),
-        ("a page that is gone", "man/tessard.7", None, None, "no page tessard.7"),
+        ("a page that is gone", seven, None, None, "no page tessard.7"),
     ]
     wrong = 0
     for what, name, gone, come, *words in changes:

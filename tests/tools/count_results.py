@@ -3,8 +3,8 @@
 
     count_results.py FILE
 
-Each test case is looked at by itself, so that what is neither a pass nor a skip counts as a failure. Fails when the file
-holds no test.
+Each test case is looked at by itself, so that what is neither a pass nor a skip counts as a
+failure. Fails when the file holds no test.
 """
 
 import sys

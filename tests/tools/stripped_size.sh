@@ -1,7 +1,8 @@
 #!/bin/sh
 # stripped_size.sh STRIP PROGRAM [LIMIT]
 #
-# Prints the bytes of the program once it is stripped as for delivery; fails when they reach the limit.
+# Prints the bytes of the program once it is stripped as for delivery; fails when they reach the
+# limit.
 
 set -eu
 stripped=$(mktemp)
