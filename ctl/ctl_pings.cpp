@@ -4,7 +4,7 @@
 #include <stdint.h>
 
 #include "core/text.h"
-#include "stats/ping.h"
+#include "stats/formats.h"
 
 namespace {
 
@@ -17,9 +17,10 @@ struct figures {
 };
 
 figures entry_of(ctl_text snap, uint32_t target) {
-    const char* at = snap.bytes + (target - 1) * PING_ENTRY_SIZE;
-    return {text_get_be32(at), text_get_be32(at + 4), text_get_be32(at + 8), text_get_be32(at + 12),
-            text_get_be32(at + 16)};
+    const char* at = snap.bytes + ping_entry_offset(target);
+    return {text_get_be32(at + PING_AT_MAX), text_get_be32(at + PING_AT_MIN),
+            text_get_be32(at + PING_AT_AVG), text_get_be32(at + PING_AT_TOTAL),
+            text_get_be32(at + PING_AT_LOSS)};
 }
 
 /* A target without reports, and one that was cleared since. */

@@ -6,7 +6,7 @@
 #include "ctl/ctl_reply.h"
 
 /* "pings": prints the ping figures that the daemon has summed up in "ping.snap" (its bytes are
- * described in stats/ping.h), a line for each target that has reported.
+ * described in stats/formats.h), a line for each target that has reported.
  *
  * CTL_NIL, with a word on standard error, when there is no such key; CTL_ERROR, likewise, when its
  * value has not the length that it should have. With `raw` the daemon's reply to "get" is printed

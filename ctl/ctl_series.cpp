@@ -3,30 +3,22 @@
 #include <string.h>
 
 #include "core/text.h"
-#include "stats/history.h"
-#include "stats/ping.h"
+#include "stats/formats.h"
 
 namespace {
 
-enum header_offset : size_t {
-    AT_TIME = 0,
-    AT_PERIOD = 4,
-    AT_SLOTS = 8,
-    AT_FILLED = 12,
-    AT_HEAD = 16
-};
-
-constexpr ctl_kind CPU = {1, 1, 1, 100, false, {{"percent", "percent"}}};
-constexpr ctl_kind HOSTS = {4, 4, 1, 0, false, {{"hosts", "hosts"}}};
-constexpr ctl_kind CONNECTIONS = {4, 4, 1, 0, false, {{"connections", "connections"}}};
+constexpr ctl_kind CPU = {CPU_SAMPLE_SIZE, 1, 1, 100, false, {{"percent", "percent"}}};
+constexpr ctl_kind HOSTS = {HOST_SAMPLE_SIZE, 4, 1, 0, false, {{"hosts", "hosts"}}};
+constexpr ctl_kind CONNECTIONS = {
+    CONN_SAMPLE_SIZE, 4, 1, 0, false, {{"connections", "connections"}}};
 constexpr ctl_kind PING = {
-    20,
+    PING_ENTRY_SIZE,
     4,
     5,
     0,
     true,
     {{"max", nullptr}, {"min", nullptr}, {"avg", "avg"}, {"total", nullptr}, {"loss", "loss"}}};
-constexpr ctl_kind INTERFACE = {16,
+constexpr ctl_kind INTERFACE = {IFACE_SAMPLE_SIZE,
                                 4,
                                 4,
                                 0,
@@ -95,11 +87,11 @@ const char* ctl_series_decode(ctl_text key, ctl_text value, ctl_series* series) 
         return "it is too short for the header of a history";
     }
     series->kind = kind_of(key);
-    series->last = text_get_be32(value.bytes + AT_TIME);
-    series->period = text_get_be32(value.bytes + AT_PERIOD);
-    series->slots = text_get_be32(value.bytes + AT_SLOTS);
-    series->filled = text_get_be32(value.bytes + AT_FILLED);
-    series->head = text_get_be32(value.bytes + AT_HEAD);
+    series->last = text_get_be32(value.bytes + HISTORY_AT_TIME);
+    series->period = text_get_be32(value.bytes + HISTORY_AT_PERIOD);
+    series->slots = text_get_be32(value.bytes + HISTORY_AT_SLOTS);
+    series->filled = text_get_be32(value.bytes + HISTORY_AT_FILLED);
+    series->head = text_get_be32(value.bytes + HISTORY_AT_HEAD);
     series->ring = value.bytes + HISTORY_HEADER;
     const size_t room = value.length - HISTORY_HEADER;
     if (series->slots == 0) {

@@ -5,7 +5,7 @@
 #include "ctl/ctl_reply.h"
 
 /* Histories as they come from the daemon: the value of a key such as "cpu.10m", a header of five
- * numbers and a ring of samples (drawn byte by byte in stats/history.h), all numbers unsigned and
+ * numbers and a ring of samples (drawn byte by byte in stats/formats.h), all numbers unsigned and
  * big-endian.
  *
  * A client may have written anything under such a key, so the value is checked before it is

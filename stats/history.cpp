@@ -7,22 +7,7 @@
 #include "core/text.h"
 #include "store/dump.h"
 
-const history_span history_standard_spans[HISTORY_SPANS] = {
-    {"10m", 1, 600}, {"2h", 12, 600}, {"day", 360, 240}, {"week", 1440, 420}, {"mon", 2880, 900},
-};
-
-const history_span history_ping_spans[HISTORY_PING_SPANS] = {
-    {"day", 3, 288}, {"week", 21, 288}, {"mon", 90, 288}};
-
 namespace {
-
-enum ring_offset : uint32_t {
-    AT_TIME = 0,
-    AT_PERIOD = 4,
-    AT_SLOTS = 8,
-    AT_FILLED = 12,
-    AT_HEAD = 16
-};
 
 dump_skip_hook dump_skip_hooks[HISTORY_HOOKS_MAX];
 unsigned dump_skip_hook_count;
@@ -55,8 +40,8 @@ void clear_ring(const history_series* s, object* obj) {
         obj->string = sstr_new(nullptr, size);
     }
     memset(obj->string, 0, size_t{size} + 1);
-    text_put_be32(obj->string + AT_PERIOD, s->period);
-    text_put_be32(obj->string + AT_SLOTS, s->slots);
+    text_put_be32(obj->string + HISTORY_AT_PERIOD, s->period);
+    text_put_be32(obj->string + HISTORY_AT_SLOTS, s->slots);
 }
 
 /* Clears `count` samples, those that the value really has. */
@@ -78,8 +63,8 @@ void pad(history_series* s, sstr value, uint32_t count) {
     clear_samples(s, value, 0, cleared - before_turn);
     s->filled = cleared < s->slots - s->filled ? s->filled + cleared : s->slots;
     s->head = static_cast<uint32_t>((uint64_t{s->head} + count) % s->slots);
-    text_put_be32(value + AT_FILLED, s->filled);
-    text_put_be32(value + AT_HEAD, s->head);
+    text_put_be32(value + HISTORY_AT_FILLED, s->filled);
+    text_put_be32(value + HISTORY_AT_HEAD, s->head);
 }
 
 } // namespace
@@ -119,7 +104,7 @@ int history_tick(history_series* s, const void* sample) {
     sstr ring = ring_of(s);
     if (ring != nullptr) {
         history_push(s, ring, sample);
-        text_put_be32(ring + AT_TIME, now());
+        text_put_be32(ring + HISTORY_AT_TIME, now());
     }
     s->ticks = 0;
     return 1;
@@ -128,7 +113,7 @@ int history_tick(history_series* s, const void* sample) {
 void history_push(history_series* s, sstr value, const void* sample) {
     if (s->filled < s->slots) {
         s->filled++;
-        text_put_be32(value + AT_FILLED, s->filled);
+        text_put_be32(value + HISTORY_AT_FILLED, s->filled);
     }
     const uint32_t offset = HISTORY_HEADER + s->head * s->sample_size;
     /* A record may have been loaded into a value that is shorter than the ring. */
@@ -139,7 +124,7 @@ void history_push(history_series* s, sstr value, const void* sample) {
     if (s->head == s->slots) {
         s->head = 0;
     }
-    text_put_be32(value + AT_HEAD, s->head);
+    text_put_be32(value + HISTORY_AT_HEAD, s->head);
 }
 
 void history_reset(history_series* s) {
@@ -148,8 +133,8 @@ void history_reset(history_series* s) {
     s->head = 0;
     sstr ring = ring_of(s);
     if (ring != nullptr) {
-        text_put_be32(ring + AT_FILLED, 0);
-        text_put_be32(ring + AT_HEAD, 0);
+        text_put_be32(ring + HISTORY_AT_FILLED, 0);
+        text_put_be32(ring + HISTORY_AT_HEAD, 0);
     }
 }
 
@@ -203,8 +188,8 @@ void history_load(history_series* s, object* obj, const char* data, uint32_t len
     if (obj->string == nullptr || sstr_length(obj->string) < length || length < HISTORY_HEADER) {
         return;
     }
-    const uint32_t filled = text_get_be32(data + AT_FILLED);
-    const uint32_t head = text_get_be32(data + AT_HEAD);
+    const uint32_t filled = text_get_be32(data + HISTORY_AT_FILLED);
+    const uint32_t head = text_get_be32(data + HISTORY_AT_HEAD);
     if (filled > s->slots || head >= s->slots) {
         return;
     }
@@ -212,7 +197,7 @@ void history_load(history_series* s, object* obj, const char* data, uint32_t len
     s->head = head;
     memcpy(obj->string, data, length);
 
-    const uint32_t stamp = text_get_be32(data + AT_TIME);
+    const uint32_t stamp = text_get_be32(data + HISTORY_AT_TIME);
     const uint32_t present = now();
     const int64_t seconds = int64_t{s->period} * unit;
     const int32_t span =
@@ -225,7 +210,7 @@ void history_load(history_series* s, object* obj, const char* data, uint32_t len
         }
         pad(s, obj->string, static_cast<uint32_t>(span));
     }
-    text_put_be32(obj->string + AT_TIME, present);
+    text_put_be32(obj->string + HISTORY_AT_TIME, present);
 }
 
 void history_start() {

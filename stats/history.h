@@ -2,6 +2,7 @@
 
 #include <stdint.h>
 
+#include "stats/formats.h"
 #include "store/object.h"
 
 /* Histories: rings of samples inside the values of ordinary string keys, so that a client fetches a
@@ -11,34 +12,9 @@
  * accumulated sample on every tick; the series takes one of `period` of them. The key's object
  * points back to the descriptor and cannot be deleted, but a client can overwrite the value. A
  * value that no longer has the ring's length is left alone: ticks are counted, nothing is stored.
- *
- * The ring, all integers unsigned 32-bit big-endian:
- *
- *   offset  size                   what
- *   0       4                      time of the last sample, seconds; 0 until the first
- *   4       4                      period in ticks
- *   8       4                      slots
- *   12      4                      filled: samples written so far, at most slots
- *   16      4                      head: index of the slot written next
- *   20      slots * sample_size    samples; the oldest is slot 0 until all are filled, then head
+ * stats/formats.h draws the ring byte by byte and has the spans.
  *
  * Samples go straight into the value, so a history announces nothing. */
-
-constexpr uint32_t HISTORY_HEADER = 20;
-
-struct history_span {
-    const char* name;
-    uint32_t period; /* ticks for each sample */
-    uint32_t slots;  /* samples in the ring */
-};
-
-/* At one tick a second: ten minutes, two hours, a day, a week and 30 days. */
-constexpr unsigned HISTORY_SPANS = 5;
-extern const history_span history_standard_spans[HISTORY_SPANS];
-
-/* One tick is one ping report; at one report every 100 seconds a day, a week and 30 days. */
-constexpr unsigned HISTORY_PING_SPANS = 3;
-extern const history_span history_ping_spans[HISTORY_PING_SPANS];
 
 struct history_series {
     sstr name; /* the key: base name, ".", span name; owned */

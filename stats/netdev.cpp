@@ -17,7 +17,6 @@ namespace {
 constexpr char NETDEV_FILE[] = "/proc/net/dev";
 constexpr size_t LINE_SIZE = 1024;
 constexpr size_t NAME_LENGTH = sizeof(iface_stat::name) - 1;
-constexpr uint32_t SAMPLE_SIZE = 16;
 
 /* A delta from here on is a counter that was reset or whose low word wrapped. */
 constexpr uint32_t IMPLAUSIBLE_DELTA = 1000000000;
@@ -71,7 +70,7 @@ iface_stat* new_iface(const char* name) {
         fault_no_memory();
     }
     memcpy(iface->name, name, strnlen(name, NAME_LENGTH));
-    history_init_set(iface->history, iface->name, SAMPLE_SIZE);
+    history_init_set(iface->history, iface->name, IFACE_SAMPLE_SIZE);
     iface->next = state.ifaces;
     if (state.ifaces != nullptr) {
         state.ifaces->prev = iface;
@@ -99,11 +98,11 @@ void update_history(iface_stat* iface, unsigned span) {
     sum->rxp = condensed(sum->rxp, iface->rate.rxp);
     sum->txb = condensed(sum->txb, iface->rate.txb);
     sum->txp = condensed(sum->txp, iface->rate.txp);
-    char sample[SAMPLE_SIZE];
-    text_put_be32(sample, sum->rxb);
-    text_put_be32(sample + 4, sum->rxp);
-    text_put_be32(sample + 8, sum->txb);
-    text_put_be32(sample + 12, sum->txp);
+    char sample[IFACE_SAMPLE_SIZE];
+    text_put_be32(sample + IFACE_AT_RXB, sum->rxb);
+    text_put_be32(sample + IFACE_AT_RXP, sum->rxp);
+    text_put_be32(sample + IFACE_AT_TXB, sum->txb);
+    text_put_be32(sample + IFACE_AT_TXP, sum->txp);
     if (history_tick(&iface->history[span], sample) == 1) {
         *sum = {};
     }

@@ -7,8 +7,8 @@
 
 /* Interface traffic: once a second the kernel's counters of every interface of interest become
  * smoothed rates, a hash named after the interface ("rxb", "rxp", "txb", "txp", "txbrate",
- * "txprate", "rxbrate", "rxprate", "flags") that is announced once, and five histories of 16-byte
- * samples (the rates rxb, rxp, txb and txp of the span, unsigned 32-bit big-endian).
+ * "txprate", "rxbrate", "rxprate", "flags") that is announced once, and five histories whose
+ * samples are the rates of the span (stats/formats.h).
  *
  * Records are never removed: an interface that disappears keeps its last figures in the store. When
  * the kernel's file cannot be read, nothing changes. */
@@ -19,6 +19,7 @@ struct iface_rates {
     uint32_t txb;
     uint32_t txp;
 };
+static_assert(sizeof(iface_rates) == IFACE_SAMPLE_SIZE, "a sample has every rate");
 
 struct iface_stat {
     char name[32];

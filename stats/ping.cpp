@@ -19,6 +19,7 @@ struct ping_figures {
     uint32_t total; /* probes sent */
     uint32_t loss;  /* probes lost */
 };
+static_assert(sizeof(ping_figures) == PING_ENTRY_SIZE, "an entry has every figure");
 
 struct ping_stat {
     uint32_t id;
@@ -40,11 +41,11 @@ uint32_t larger(uint32_t a, uint32_t b) {
 }
 
 void put_figures(char* bytes, const ping_figures* f) {
-    text_put_be32(bytes, f->max);
-    text_put_be32(bytes + 4, f->min);
-    text_put_be32(bytes + 8, f->avg);
-    text_put_be32(bytes + 12, f->total);
-    text_put_be32(bytes + 16, f->loss);
+    text_put_be32(bytes + PING_AT_MAX, f->max);
+    text_put_be32(bytes + PING_AT_MIN, f->min);
+    text_put_be32(bytes + PING_AT_AVG, f->avg);
+    text_put_be32(bytes + PING_AT_TOTAL, f->total);
+    text_put_be32(bytes + PING_AT_LOSS, f->loss);
 }
 
 /* Understands a report; all six numbers must be there and the target in range. */
@@ -112,7 +113,7 @@ const object* find_snap() {
 /* Writes a target's entry; `snap` may be null, or replaced by something shorter. */
 void publish_summary(const object* snap, const ping_stat* target) {
     if (snap != nullptr && snap->string != nullptr && sstr_length(snap->string) >= PING_SNAP_SIZE) {
-        put_figures(snap->string + (target->id - 1) * PING_ENTRY_SIZE, &target->summary);
+        put_figures(snap->string + ping_entry_offset(target->id), &target->summary);
     }
 }
 

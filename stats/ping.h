@@ -10,13 +10,8 @@
  * instead of seconds. Writing an identifier to "ping.del" clears its figures; the target itself
  * stays.
  *
- * "ping.snap" is a string of 20 entries of 20 bytes, target i at offset (i - 1) * 20: max, min,
- * avg, total and loss of the summary, unsigned 32-bit big-endian. Samples of the histories have the
- * same five figures. What is malformed or out of range is ignored without a word. */
-
-constexpr uint32_t PING_TARGETS = 20;
-constexpr uint32_t PING_ENTRY_SIZE = 20;
-constexpr uint32_t PING_SNAP_SIZE = PING_TARGETS * PING_ENTRY_SIZE;
+ * "ping.snap" holds the summaries of all targets; stats/formats.h draws its entries, which are the
+ * samples of the histories as well. What is malformed or out of range is ignored without a word. */
 
 /* Forgets every target, makes "ping.snap", all zero, and registers the hooks below. The objects of
  * the targets' histories point to what is forgotten, so a second start needs a fresh keyspace. */

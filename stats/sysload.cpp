@@ -214,9 +214,9 @@ void module_stats_start() {
     history_free_set(state.hosts.history);
     history_free_set(state.connections.history);
     state = {};
-    history_init_set(state.cpu_load.history, "cpu", 1);
-    history_init_set(state.hosts.history, "host", 4);
-    history_init_set(state.connections.history, "conn", 4);
+    history_init_set(state.cpu_load.history, "cpu", CPU_SAMPLE_SIZE);
+    history_init_set(state.hosts.history, "host", HOST_SAMPLE_SIZE);
+    history_init_set(state.connections.history, "conn", CONN_SAMPLE_SIZE);
     loop_add_timer(TICK_MS, stats_ontimer, nullptr);
     object_register_string_hook(history_algor_hook);
 }

@@ -13,8 +13,8 @@
  *
  * The outside commands run on the loop's thread, which waits for them. */
 
-/* Makes the histories "cpu" (1 byte: percent), "host" and "conn" (4 bytes, big-endian), adds the
- * timer and lets clients choose the interface algorithm. Figures of an earlier start are forgotten.
+/* Makes the histories "cpu", "host" and "conn" (stats/formats.h), adds the timer and lets clients
+ * choose the interface algorithm. Figures of an earlier start are forgotten.
  */
 void module_stats_start();
 
