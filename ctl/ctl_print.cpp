@@ -1,6 +1,7 @@
 #include "ctl/ctl_print.h"
 
 #include <errno.h>
+#include <inttypes.h>
 #include <string.h>
 
 namespace {
@@ -84,25 +85,39 @@ ctl_status reply_status(const ctl_reply* reply) {
     return nil ? CTL_NIL : CTL_DONE;
 }
 
-/* Bytes of the printable UTF-8 character at i, more than one each; 0 when there is none. */
-size_t utf8_length(ctl_text text, size_t i) {
+/* Bytes of the UTF-8 character at i, more than one each, and its code; 0, with `*code` left alone,
+ * when there is none. */
+size_t utf8_length(ctl_text text, size_t i, uint32_t* code) {
     const unsigned first = byte_at(text, i);
     const size_t length = first >= 0xf0 ? 4 : first >= 0xe0 ? 3 : 2;
     if (first < 0xc2 || first > 0xf4 || text.length - i < length) {
         return 0;
     }
-    uint32_t code = first & (0x7fU >> length);
+    uint32_t bits = first & (0x7fU >> length);
     for (size_t k = 1; k < length; k++) {
         const unsigned next = byte_at(text, i + k);
         if ((next & 0xc0U) != 0x80) {
             return 0;
         }
-        code = code << 6U | (next & 0x3fU);
+        bits = bits << 6U | (next & 0x3fU);
     }
-    const bool overlong = (length == 3 && code < 0x800) || (length == 4 && code < 0x10000);
-    const bool surrogate = code >= 0xd800 && code <= 0xdfff;
-    /* U+0080 to U+009F are control characters, to terminals too. */
-    return code < 0xa0 || overlong || surrogate || code > 0x10ffff ? 0 : length;
+    const bool overlong = (length == 3 && bits < 0x800) || (length == 4 && bits < 0x10000);
+    const bool surrogate = bits >= 0xd800 && bits <= 0xdfff;
+    if (overlong || surrogate || bits > 0x10ffff) {
+        return 0;
+    }
+    *code = bits;
+    return length;
+}
+
+/* U+0080 to U+009F are control characters, to terminals too. */
+constexpr uint32_t FIRST_PRINTABLE = 0xa0;
+
+/* Bytes of the printable UTF-8 character at i, more than one each; 0 when there is none. */
+size_t printable_length(ctl_text text, size_t i) {
+    uint32_t code = 0;
+    const size_t length = utf8_length(text, i, &code);
+    return length > 0 && code >= FIRST_PRINTABLE ? length : 0;
 }
 
 bool is_plain(unsigned c) {
@@ -114,7 +129,7 @@ quoting quoting_needed(ctl_text text) {
     quoting needed = text.length == 0 ? QUOTE_SINGLE : QUOTE_NONE;
     for (size_t i = 0; i < text.length;) {
         const unsigned c = byte_at(text, i);
-        const size_t wide = c >= 0x80 ? utf8_length(text, i) : 0;
+        const size_t wide = printable_length(text, i);
         if (c < 0x20 || c == 0x7f || (c >= 0x80 && wide == 0)) {
             return QUOTE_ESCAPE;
         }
@@ -160,7 +175,7 @@ void put_escaped(FILE* out, ctl_text text) {
     fputs("$'", out);
     for (size_t i = 0; i < text.length;) {
         const unsigned c = byte_at(text, i);
-        const size_t wide = c >= 0x80 ? utf8_length(text, i) : 0;
+        const size_t wide = printable_length(text, i);
         if (wide > 0) {
             fwrite(text.bytes + i, 1, wide, out);
             i += wide;
@@ -231,16 +246,16 @@ void ctl_print_quoted(FILE* out, ctl_text text) {
 void ctl_print_json(FILE* out, ctl_text text) {
     fputc('"', out);
     for (size_t i = 0; i < text.length;) {
-        const unsigned c = byte_at(text, i);
-        const size_t wide = c >= 0x80 ? utf8_length(text, i) : 0;
-        if (wide > 0) {
-            fwrite(text.bytes + i, 1, wide, out);
-        } else if (c >= 0x80) {
+        uint32_t code = byte_at(text, i);
+        const size_t wide = utf8_length(text, i, &code);
+        if (code >= 0x80 && wide == 0) {
             fputs("\\ufffd", out);
-        } else if (c < 0x20 || c == 0x7f) {
-            fprintf(out, "\\u%04x", c);
+        } else if (code < 0x20 || (code >= 0x7f && code < FIRST_PRINTABLE)) {
+            fprintf(out, "\\u%04" PRIx32, code);
+        } else if (wide > 0) {
+            fwrite(text.bytes + i, 1, wide, out);
         } else {
-            fprintf(out, c == '"' || c == '\\' ? "\\%c" : "%c", static_cast<int>(c));
+            fprintf(out, code == '"' || code == '\\' ? "\\%c" : "%c", static_cast<int>(code));
         }
         i += wide > 0 ? wide : 1;
     }

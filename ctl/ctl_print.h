@@ -37,7 +37,8 @@ void ctl_print_event(FILE* out, const ctl_reply* reply);
  * with octal escapes when it holds control characters or bytes that are not UTF-8. */
 void ctl_print_quoted(FILE* out, ctl_text text);
 
-/* Writes the text as a JSON string, its quotes included. Bytes that are not UTF-8 become U+FFFD. */
+/* Writes the text as a JSON string, its quotes included, in valid UTF-8. Control characters, those
+ * from U+0080 to U+009F among them, are escaped; bytes that are not UTF-8 become U+FFFD each. */
 void ctl_print_json(FILE* out, ctl_text text);
 
 /* Flushes. CTL_OUTPUT, with a word on standard error, when anything written to `out` so far was not

@@ -245,6 +245,13 @@ TEST(tessctl_json, a_text_becomes_a_string_that_any_parser_reads) {
     EXPECT_EQ(as_json("\xff\xc3"), R"("\ufffd\ufffd")");
 }
 
+/* U+009B begins a command to some terminals. U+0080 and U+009F are the first and the last. */
+TEST(tessctl_json, control_characters_of_two_bytes_are_escaped) {
+    EXPECT_EQ(as_json("\xc2\x80"), R"("\u0080")");
+    EXPECT_EQ(as_json("a\xc2\x9b\x32J"), R"("a\u009b2J")");
+    EXPECT_EQ(as_json("\xc2\x9f\xc2\xa0"), "\"\\u009f\xc2\xa0\"");
+}
+
 TEST(tessctl_output, a_full_device_is_noticed) {
     FILE* full = fopen("/dev/full", "w");
     ASSERT_NE(full, nullptr);
