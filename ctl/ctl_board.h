@@ -4,6 +4,7 @@
 #include <stdio.h>
 
 #include "ctl/ctl_series.h"
+#include "ctl/ctl_text.h"
 
 /* The figures of the live screen, and how a screen of any size shows them. Nothing here asks the
  * daemon or knows the terminal but as a stream that takes ANSI sequences. */

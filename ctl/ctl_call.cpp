@@ -1,7 +1,6 @@
 #include "ctl/ctl_call.h"
 
 #include <stdio.h>
-#include <string.h>
 
 #include "ctl/ctl_print.h"
 
@@ -28,7 +27,7 @@ bool ctl_call_get(const ctl_call* call, char* name, ctl_text* value, ctl_status*
     if (!ctl_call_ask(call, 2, words, status)) {
         return false;
     }
-    const ctl_text key = {name, strlen(name)};
+    const ctl_text key = ctl_text_of(name);
     const ctl_reply* reply = &call->link->reply;
     if (reply->kind != '$') {
         *status = ctl_call_complain(key, "the daemon gives no string for it", CTL_ERROR);

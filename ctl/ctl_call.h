@@ -2,6 +2,7 @@
 
 #include "ctl/ctl_link.h"
 #include "ctl/ctl_status.h"
+#include "ctl/ctl_text.h"
 
 /* What a subcommand of tessctl's own is handed. It prints to standard output and standard error,
  * and what it returns is the exit status. The link is closed by whoever made it. */

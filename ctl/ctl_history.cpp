@@ -330,7 +330,7 @@ ctl_status ctl_history(ctl_call* call) {
     if (!ctl_call_get(call, name, &value, &status)) {
         return status;
     }
-    const ctl_text key = {name, strlen(name)};
+    const ctl_text key = ctl_text_of(name);
     ctl_series series;
     const char* why = ctl_series_decode(key, value, &series);
     if (why != nullptr) {

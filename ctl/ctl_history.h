@@ -4,6 +4,7 @@
 
 #include "ctl/ctl_call.h"
 #include "ctl/ctl_series.h"
+#include "ctl/ctl_text.h"
 
 /* "history [--csv|--json|--plot] KEY": prints the samples of a history, oldest first.
  *

@@ -3,7 +3,7 @@
 #include <stdio.h>
 
 #include "ctl/ctl_call.h"
-#include "ctl/ctl_reply.h"
+#include "ctl/ctl_text.h"
 
 /* "pings": prints the ping figures that the daemon has summed up in "ping.snap" (its bytes are
  * described in stats/formats.h), a line for each target that has reported.

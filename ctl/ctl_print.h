@@ -4,6 +4,7 @@
 
 #include "ctl/ctl_reply.h"
 #include "ctl/ctl_status.h"
+#include "ctl/ctl_text.h"
 
 /* Replies and events as people and scripts want them.
  *

@@ -3,6 +3,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "ctl/ctl_text.h"
+
 /* Frames of the daemon, taken apart as their bytes arrive:
  *
  *     +text\r\n                          status, one item: the text
@@ -35,12 +37,6 @@ enum ctl_state {
     CTL_MORE,   /* the frame is not whole yet */
     CTL_WHOLE,  /* the frame is whole, its items may be read */
     CTL_BROKEN, /* `broken` says why */
-};
-
-/* Bytes of an item, not terminated; valid until the reply is next given room, dropped or freed. */
-struct ctl_text {
-    const char* bytes; /* null for nil */
-    size_t length;
 };
 
 struct ctl_span {
@@ -83,8 +79,9 @@ void ctl_reply_next(ctl_reply* reply);
 /* True when not a byte of the frame has come. */
 bool ctl_reply_untouched(const ctl_reply* reply);
 
-/* Item i of a whole frame. */
+/* Item i of a whole frame: valid until the reply is next given room, dropped or freed. */
 ctl_text ctl_reply_item(const ctl_reply* reply, uint32_t i);
 
-/* The frame as it came: all of a whole one, of any other the bytes that are there. */
+/* The frame as it came: all of a whole one, of any other the bytes that are there. Valid as long as
+ * an item is. */
 ctl_text ctl_reply_bytes(const ctl_reply* reply);

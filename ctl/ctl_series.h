@@ -2,7 +2,7 @@
 
 #include <stdint.h>
 
-#include "ctl/ctl_reply.h"
+#include "ctl/ctl_text.h"
 
 /* Histories as they come from the daemon: the value of a key such as "cpu.10m", a header of five
  * numbers and a ring of samples (drawn byte by byte in stats/formats.h), all numbers unsigned and

@@ -11,6 +11,7 @@
 #include "ctl/ctl_plot.h"
 #include "ctl/ctl_screen.h"
 #include "ctl/ctl_series.h"
+#include "ctl/ctl_text.h"
 
 namespace {
 
@@ -79,10 +80,6 @@ bool read_number(ctl_text text, uint32_t* number) {
     return sum <= UINT32_MAX;
 }
 
-ctl_text text_of(const char* text) {
-    return {text, strlen(text)};
-}
-
 /* The history under a key, when there is one: valid until the next request. */
 ctl_status fetch_series(const char* key, ctl_series* series, bool* found) {
     const char* const words[] = {"get", key};
@@ -91,7 +88,7 @@ ctl_status fetch_series(const char* key, ctl_series* series, bool* found) {
     if (status == CTL_DONE && state.link->reply.kind == '$') {
         const ctl_text value = ctl_reply_item(&state.link->reply, 0);
         *found =
-            value.bytes != nullptr && ctl_series_decode(text_of(key), value, series) == nullptr;
+            value.bytes != nullptr && ctl_series_decode(ctl_text_of(key), value, series) == nullptr;
     }
     return status;
 }
@@ -224,7 +221,7 @@ void start(ctl_link* link) {
     state.board.clock = state.clock;
     state.board.count = SOURCE_COUNT;
     for (unsigned i = 0; i < SOURCE_COUNT; i++) {
-        ctl_gauge_init(&state.board.gauges[i], text_of(SOURCES[i].name), "", SOURCES[i].unit);
+        ctl_gauge_init(&state.board.gauges[i], ctl_text_of(SOURCES[i].name), "", SOURCES[i].unit);
     }
 }
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "ctl/ctl_reply.h"
+#include "ctl/ctl_text.h"
 #include "tests/support/big_endian.h"
 
 /* Values of history keys, put together byte by byte. */
