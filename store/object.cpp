@@ -14,26 +14,14 @@ namespace {
 enum event_name { EVENT_MSET, EVENT_DEL, EVENT_HMSET, EVENT_HDEL, EVENT_PUSH, EVENT_POP, EVENTS };
 
 const char* const event_texts[EVENTS] = {"MSET", "DEL", "HMSET", "HDEL", "PUSH", "POP"};
-const char* const type_texts[] = {"none", "string", "list", "hash"};
-constexpr unsigned TYPES = sizeof type_texts / sizeof type_texts[0];
 
 htable* keyspace;         /* made with the first object */
 sstr event_names[EVENTS]; /* made with the keyspace */
-sstr type_names[TYPES];   /* each made when first asked for */
-sstr empty_string;        /* what a string without value reads as */
 string_change_hook string_change_hooks[STRING_CHANGE_HOOKS_MAX];
 unsigned string_change_hook_count;
 
-bool has(const object* obj, unsigned flags) {
-    return (obj->flags & flags) != 0;
-}
-
-void clear_flags(object* obj, unsigned flags) {
-    obj->flags = static_cast<uint16_t>(obj->flags & ~flags);
-}
-
 void set_type(object* obj, unsigned type) {
-    clear_flags(obj, OBJ_TYPE_MASK);
+    object_clear_flags(obj, OBJ_TYPE_MASK);
     object_set_flags(obj, type);
 }
 
@@ -84,29 +72,6 @@ void give_type(object* obj, unsigned type) {
     }
 }
 
-void free_field(hash_field* field) {
-    sstr_free(&field->name);
-    sstr_free(&field->value);
-    pool_delete(field);
-}
-
-void free_list(dlist* list) {
-    for (const dlist_node* node = list->head; node != nullptr; node = node->next) {
-        sstr item = static_cast<sstr>(node->value);
-        sstr_free(&item);
-    }
-    dlist_free(list);
-}
-
-void free_hash(htable* hash) {
-    htable_walk walk = htable_walk_start(hash);
-    while (void* field = htable_walk_next(&walk)) {
-        /* The table is cleared below without looking at a key again. */
-        free_field(static_cast<hash_field*>(field));
-    }
-    htable_free(hash);
-}
-
 /* A new value discards a list or a hash, but keeps the flags: the change may be one of several
  * steps. */
 void become_string(object* obj) {
@@ -132,7 +97,7 @@ void trace_field(const object* obj, const hash_field* field) {
 
 void finish_change(object* obj) {
     object_set_flags(obj, OBJ_CHANGED);
-    if (!has(obj, OBJ_DEFERRED)) {
+    if (!object_has(obj, OBJ_DEFERRED)) {
         object_notify(obj);
     }
 }
@@ -187,7 +152,7 @@ void notify_string(object* obj) {
     for (unsigned i = 0; i < string_change_hook_count; i++) {
         string_change_hooks[i](obj);
     }
-    clear_flags(obj, OBJ_CHANGED);
+    object_clear_flags(obj, OBJ_CHANGED);
     event_send(event);
 }
 
@@ -217,7 +182,7 @@ void free_doomed(hash_field* last) {
     for (hash_field* field = last; field != nullptr; field = previous) {
         previous = previous_doomed(field);
         field->value = nullptr;
-        free_field(field);
+        hash_field_free(field);
     }
 }
 
@@ -257,7 +222,7 @@ void notify_hash(object* obj) {
     }
     remove_doomed(obj, doomed);
     if (any) {
-        clear_flags(obj, OBJ_CHANGED);
+        object_clear_flags(obj, OBJ_CHANGED);
     }
     event_send(deletions);
     event_send(updates);
@@ -267,7 +232,7 @@ void notify_hash(object* obj) {
 /* Marks a field as modified and announces it, unless a change in steps is under way. When the
  * object has no other change to announce, the table need not be walked for marks. */
 void finish_field_change(object* obj, hash_field* field) {
-    if (has(obj, OBJ_DEFERRED | OBJ_CHANGED)) {
+    if (object_has(obj, OBJ_DEFERRED | OBJ_CHANGED)) {
         field->fflags = static_cast<uint8_t>(field->fflags | FIELD_MODIFIED);
         finish_change(obj);
         return;
@@ -316,7 +281,7 @@ object* object_get_or_create(const char* key, uint32_t length, unsigned type) {
     if (obj == nullptr) {
         obj = new_object(key, length);
         entry->item = obj;
-    } else if (has(obj, OBJ_DEAD)) {
+    } else if (object_has(obj, OBJ_DEAD)) {
         object_free_value(obj, true);
     }
     if (object_type(obj) == OBJ_TNONE && type != OBJ_TNONE) {
@@ -330,7 +295,7 @@ object* object_lookup(const char* key) {
         return nullptr;
     }
     object* obj = static_cast<object*>(htable_get(keyspace, key));
-    return obj == nullptr || has(obj, OBJ_DEAD) ? nullptr : obj;
+    return obj == nullptr || object_has(obj, OBJ_DEAD) ? nullptr : obj;
 }
 
 object* object_lookup_type(const char* key, unsigned type) {
@@ -338,51 +303,8 @@ object* object_lookup_type(const char* key, unsigned type) {
     return obj == nullptr || object_type(obj) != type ? nullptr : obj;
 }
 
-sstr object_type_name(const object* obj) {
-    unsigned type = obj != nullptr ? object_type(obj) : OBJ_TNONE;
-    if (type >= TYPES) {
-        type = OBJ_TNONE;
-    }
-    if (type_names[type] == nullptr) {
-        type_names[type] = sstr_new(type_texts[type], SSTR_CSTRING);
-    }
-    return type_names[type];
-}
-
-sstr object_string(const object* obj) {
-    if (obj->string != nullptr) {
-        return obj->string;
-    }
-    if (empty_string == nullptr) {
-        empty_string = sstr_new("", 0);
-    }
-    return empty_string;
-}
-
-void object_free_value(object* obj, bool reset) {
-    if (obj->value != nullptr) {
-        switch (object_type(obj)) {
-        case OBJ_TSTRING:
-            sstr_free(&obj->string);
-            break;
-        case OBJ_TLIST:
-            free_list(obj->list);
-            break;
-        case OBJ_THASH:
-            free_hash(obj->hash);
-            break;
-        default:
-            break;
-        }
-    }
-    if (reset) {
-        obj->value = nullptr;
-        clear_flags(obj, OBJ_RESET_MASK);
-    }
-}
-
 int object_delete(object* obj) {
-    if (has(obj, OBJ_PROTECTED)) {
+    if (object_has(obj, OBJ_PROTECTED)) {
         return 0;
     }
     object_set_flags(obj, OBJ_DEAD);
@@ -390,18 +312,18 @@ int object_delete(object* obj) {
 }
 
 void object_flush(object* obj) {
-    if (!has(obj, OBJ_DEFERRED) || object_type(obj) == OBJ_TLIST) {
+    if (!object_has(obj, OBJ_DEFERRED) || object_type(obj) == OBJ_TLIST) {
         return;
     }
-    clear_flags(obj, OBJ_DEFERRED);
-    if (has(obj, OBJ_CHANGED | OBJ_DEAD)) {
+    object_clear_flags(obj, OBJ_DEFERRED);
+    if (object_has(obj, OBJ_CHANGED | OBJ_DEAD)) {
         object_notify(obj);
     }
 }
 
 void object_flush_list(object* obj) {
     if (object_type(obj) == OBJ_TLIST) {
-        clear_flags(obj, OBJ_DEFERRED);
+        object_clear_flags(obj, OBJ_DEFERRED);
     }
 }
 
@@ -409,7 +331,7 @@ void object_expire(object* obj, uint32_t ttl) {
     require_typed(obj, 567);
     obj->expire_base = static_cast<uint32_t>(time(nullptr));
     obj->expire_arg = ttl;
-    clear_flags(obj, OBJ_EXPIRE_MASK);
+    object_clear_flags(obj, OBJ_EXPIRE_MASK);
     object_set_flags(obj, OBJ_EXPIRE_TTL);
     if (log_wants(LOG_DEBUG)) {
         log_write(LOG_DEBUG, "\"%s\"(%s): set expire-TTL to %u", obj->key, object_type_name(obj),
@@ -421,17 +343,17 @@ void object_expire_at(object* obj, uint32_t when) {
     require_typed(obj, 576);
     obj->expire_base = static_cast<uint32_t>(time(nullptr));
     obj->expire_arg = when;
-    clear_flags(obj, OBJ_EXPIRE_MASK);
+    object_clear_flags(obj, OBJ_EXPIRE_MASK);
     object_set_flags(obj, OBJ_EXPIRE_ABSOLUTE);
 }
 
 int object_persist(object* obj) {
-    if (object_type(obj) == OBJ_TNONE || !has(obj, OBJ_EXPIRE_MASK)) {
+    if (object_type(obj) == OBJ_TNONE || !object_has(obj, OBJ_EXPIRE_MASK)) {
         return 0;
     }
     obj->expire_base = 0;
     obj->expire_arg = 0;
-    clear_flags(obj, OBJ_EXPIRE_MASK);
+    object_clear_flags(obj, OBJ_EXPIRE_MASK);
     if (log_wants(LOG_DEBUG)) {
         log_write(LOG_DEBUG, "\"%s\"(%s): remove expire-TTL", obj->key, object_type_name(obj));
     }
@@ -500,7 +422,7 @@ int object_hash_incr(object* obj, sstr field, int64_t* delta) {
 
 int object_hash_del(object* obj, const char* field) {
     require_hash(obj, 771);
-    if (has(obj, OBJ_FIELDS_PROTECTED)) {
+    if (object_has(obj, OBJ_FIELDS_PROTECTED)) {
         return 0;
     }
     hash_field* f = object_hash_field(obj, field);

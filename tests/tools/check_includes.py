@@ -29,6 +29,7 @@ FLOORS = [
     ["loop/connection", "loop/server", "loop/datagram", "loop/child"],
     ["proto/resp", "proto/request"],
     ["store/algor", "store/dlist"],
+    ["store/record"],
     ["proto/client", "proto/observe"],
     ["store/object", "store/expire", "store/seed"],
     ["store/dump"],
