@@ -4,21 +4,10 @@
 
 #include "core/log.h"
 #include "core/pool.h"
-#include "proto/observe.h"
-#include "proto/resp.h"
 
 namespace {
 
-/* Event names. Only "MSET", "HMSET" and "HDEL" are ever sent; the others are made as well and never
- * used, deliberately. */
-enum event_name { EVENT_MSET, EVENT_DEL, EVENT_HMSET, EVENT_HDEL, EVENT_PUSH, EVENT_POP, EVENTS };
-
-const char* const event_texts[EVENTS] = {"MSET", "DEL", "HMSET", "HDEL", "PUSH", "POP"};
-
-htable* keyspace;         /* made with the first object */
-sstr event_names[EVENTS]; /* made with the keyspace */
-string_change_hook string_change_hooks[STRING_CHANGE_HOOKS_MAX];
-unsigned string_change_hook_count;
+htable* keyspace; /* made with the first object */
 
 void set_type(object* obj, unsigned type) {
     object_clear_flags(obj, OBJ_TYPE_MASK);
@@ -46,13 +35,6 @@ void require_list(const object* obj, int line) {
 
 void require_typed(const object* obj, int line) {
     require(object_type(obj) != OBJ_TNONE, "obj->type != OBJ_TNONE", line);
-}
-
-void make_keyspace() {
-    keyspace = htable_new();
-    for (int i = 0; i < EVENTS; i++) {
-        event_names[i] = sstr_new(event_texts[i], SSTR_CSTRING);
-    }
 }
 
 object* new_object(const char* key, uint32_t length) {
@@ -95,13 +77,6 @@ void trace_field(const object* obj, const hash_field* field) {
     }
 }
 
-void finish_change(object* obj) {
-    object_set_flags(obj, OBJ_CHANGED);
-    if (!object_has(obj, OBJ_DEFERRED)) {
-        object_notify(obj);
-    }
-}
-
 void assign_string(object* obj, sstr value) {
     become_string(obj);
     if (value == nullptr) {
@@ -123,135 +98,10 @@ hash_field* field_or_new(object* obj, sstr name, bool* is_new) {
     return static_cast<hash_field*>(entry->item);
 }
 
-/* An event in the making: nothing is made when nobody would be told. */
-resp* event_begin(const object* obj, event_name name) {
-    if (observers == nullptr || obj->key[0] == '_') {
-        return nullptr;
-    }
-    resp* event = resp_new();
-    resp_add(event, event_names[name]);
-    resp_add(event, obj->key);
-    return event;
-}
-
-void event_send(resp* event) {
-    if (event != nullptr) {
-        notify_observers(event);
-        resp_free(event);
-    }
-}
-
-void notify_string(object* obj) {
-    if (obj->key[0] == '_') {
-        return;
-    }
-    resp* event = event_begin(obj, EVENT_MSET);
-    if (event != nullptr) {
-        resp_add(event, object_string(obj));
-    }
-    for (unsigned i = 0; i < string_change_hook_count; i++) {
-        string_change_hooks[i](obj);
-    }
-    object_clear_flags(obj, OBJ_CHANGED);
-    event_send(event);
-}
-
-/* The doomed fields of a walk, linked through their value, the last found first. */
-hash_field* previous_doomed(const hash_field* field) {
-    return reinterpret_cast<hash_field*>(field->value);
-}
-
-hash_field* chain_doomed(hash_field* field, hash_field* previous) {
-    sstr_free(&field->value);
-    field->value = reinterpret_cast<sstr>(previous);
-    field->fflags = static_cast<uint8_t>(field->fflags & ~FIELD_DOOMED);
-    return field;
-}
-
-void remove_doomed(const object* obj, const hash_field* last) {
-    for (const hash_field* field = last; field != nullptr; field = previous_doomed(field)) {
-        if (log_wants(LOG_DEBUG)) {
-            log_write(LOG_DEBUG, "\"%s\"(hash): field \"%s\" deleted", obj->key, field->name);
-        }
-        htable_del(obj->hash, field->name);
-    }
-}
-
-void free_doomed(hash_field* last) {
-    hash_field* previous;
-    for (hash_field* field = last; field != nullptr; field = previous) {
-        previous = previous_doomed(field);
-        field->value = nullptr;
-        hash_field_free(field);
-    }
-}
-
-/* Nothing without an event, which nobody would receive. */
-void add_field(resp* event, const hash_field* field) {
-    if (event != nullptr) {
-        resp_add(event, field->name);
-        resp_add(event, field->value);
-    }
-}
-
-void notify_hash(object* obj) {
-    resp* deletions = nullptr;
-    resp* updates = nullptr;
-    hash_field* doomed = nullptr;
-    bool any = false;
-    htable_walk walk = htable_walk_start(obj->hash);
-    while (hash_field* field = static_cast<hash_field*>(htable_walk_next(&walk))) {
-        if ((field->fflags & FIELD_DOOMED) != 0) {
-            /* Tested first: a field that was deleted and then set again within one command goes. */
-            if (deletions == nullptr) {
-                deletions = event_begin(obj, EVENT_HDEL);
-            }
-            if (deletions != nullptr) {
-                resp_add(deletions, field->name);
-            }
-            doomed = chain_doomed(field, doomed);
-            any = true;
-        } else if ((field->fflags & FIELD_MODIFIED) != 0) {
-            if (updates == nullptr) {
-                updates = event_begin(obj, EVENT_HMSET);
-            }
-            add_field(updates, field);
-            field->fflags = static_cast<uint8_t>(field->fflags & ~FIELD_MODIFIED);
-            any = true;
-        }
-    }
-    remove_doomed(obj, doomed);
-    if (any) {
-        object_clear_flags(obj, OBJ_CHANGED);
-    }
-    event_send(deletions);
-    event_send(updates);
-    free_doomed(doomed);
-}
-
-/* Marks a field as modified and announces it, unless a change in steps is under way. When the
- * object has no other change to announce, the table need not be walked for marks. */
-void finish_field_change(object* obj, hash_field* field) {
-    if (object_has(obj, OBJ_DEFERRED | OBJ_CHANGED)) {
-        field->fflags = static_cast<uint8_t>(field->fflags | FIELD_MODIFIED);
-        finish_change(obj);
-        return;
-    }
-    resp* event = event_begin(obj, EVENT_HMSET);
-    add_field(event, field);
-    event_send(event);
-}
-
 } // namespace
 
-void object_register_string_hook(string_change_hook hook) {
-    if (string_change_hook_count < STRING_CHANGE_HOOKS_MAX) {
-        string_change_hooks[string_change_hook_count++] = hook;
-    }
-}
-
 void object_reset() {
-    string_change_hook_count = 0;
+    event_reset();
     if (keyspace == nullptr) {
         return;
     }
@@ -263,9 +113,6 @@ void object_reset() {
     }
     htable_free(keyspace);
     keyspace = nullptr;
-    for (sstr& name : event_names) {
-        sstr_free(&name);
-    }
 }
 
 htable* object_keyspace() {
@@ -274,7 +121,8 @@ htable* object_keyspace() {
 
 object* object_get_or_create(const char* key, uint32_t length, unsigned type) {
     if (keyspace == nullptr) {
-        make_keyspace();
+        keyspace = htable_new();
+        event_make_names();
     }
     htable_entry* entry = htable_find(keyspace, key, nullptr, true);
     object* obj = static_cast<object*>(entry->item);
@@ -309,22 +157,6 @@ int object_delete(object* obj) {
     }
     object_set_flags(obj, OBJ_DEAD);
     return 1;
-}
-
-void object_flush(object* obj) {
-    if (!object_has(obj, OBJ_DEFERRED) || object_type(obj) == OBJ_TLIST) {
-        return;
-    }
-    object_clear_flags(obj, OBJ_DEFERRED);
-    if (object_has(obj, OBJ_CHANGED | OBJ_DEAD)) {
-        object_notify(obj);
-    }
-}
-
-void object_flush_list(object* obj) {
-    if (object_type(obj) == OBJ_TLIST) {
-        object_clear_flags(obj, OBJ_DEFERRED);
-    }
 }
 
 void object_expire(object* obj, uint32_t ttl) {
@@ -363,20 +195,20 @@ int object_persist(object* obj) {
 void object_set_string(object* obj, sstr value) {
     assign_string(obj, value);
     object_persist(obj);
-    finish_change(obj);
+    object_changed(obj);
 }
 
 void object_set_string_ttl(object* obj, uint32_t ttl, sstr value) {
     assign_string(obj, value);
     object_expire(obj, ttl);
-    finish_change(obj);
+    object_changed(obj);
 }
 
 void object_append(object* obj, sstr value) {
     require_string(obj, 686);
     sstr_append(&obj->string, value, sstr_length(value));
     trace_string(obj);
-    finish_change(obj);
+    object_changed(obj);
 }
 
 int object_incr(object* obj, int64_t* delta) {
@@ -385,7 +217,7 @@ int object_incr(object* obj, int64_t* delta) {
         return 0;
     }
     trace_string(obj);
-    finish_change(obj);
+    object_changed(obj);
     return 1;
 }
 
@@ -404,7 +236,7 @@ int object_hash_set(object* obj, sstr field, sstr value) {
     hash_field* f = field_or_new(obj, field, &is_new);
     sstr_assign(&f->value, value, sstr_length(value));
     trace_field(obj, f);
-    finish_field_change(obj, f);
+    object_field_changed(obj, f);
     return is_new ? 1 : 0;
 }
 
@@ -416,7 +248,7 @@ int object_hash_incr(object* obj, sstr field, int64_t* delta) {
         return 0;
     }
     trace_field(obj, f);
-    finish_field_change(obj, f);
+    object_field_changed(obj, f);
     return 1;
 }
 
@@ -434,7 +266,7 @@ int object_hash_del(object* obj, const char* field) {
                   f->name);
     }
     f->fflags = static_cast<uint8_t>(f->fflags | FIELD_DOOMED);
-    finish_change(obj);
+    object_changed(obj);
     return 1;
 }
 
@@ -503,13 +335,5 @@ void object_ltrim_tail(object* obj, int mode, uint32_t n) {
     for (uint32_t left = static_cast<uint16_t>(n); left > 0 && obj->list->count > 0; left--) {
         sstr item = static_cast<sstr>(dlist_pop_tail(obj->list));
         sstr_free(&item);
-    }
-}
-
-void object_notify(object* obj) {
-    if (object_type(obj) == OBJ_TSTRING) {
-        notify_string(obj);
-    } else if (object_type(obj) == OBJ_THASH) {
-        notify_hash(obj);
     }
 }

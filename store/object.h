@@ -4,6 +4,7 @@
 
 #include "core/sstr.h"
 #include "store/algor.h"
+#include "store/event.h"
 #include "store/record.h"
 
 /* The keyspace: typed objects by key, the operations that change them and the change events that
@@ -19,13 +20,6 @@
  *
  * The operations below that assert a type end the process through a fatal log line when it is
  * violated: callers look objects up by type first. */
-
-/* Called with a changed string object; the result is ignored. */
-typedef int (*string_change_hook)(object* obj);
-
-/* Filled at start-up, at most this many; called in order of registration. */
-constexpr unsigned STRING_CHANGE_HOOKS_MAX = 4;
-void object_register_string_hook(string_change_hook hook);
 
 /* Destroys the keyspace with every object and forgets the hooks, so that a test starts fresh. */
 void object_reset();
@@ -46,18 +40,6 @@ object* object_lookup_type(const char* key, unsigned type);
 
 /* Marks the object dead and returns 1; a protected one is refused with 0. */
 int object_delete(object* obj);
-
-/* Ends a change in steps: announces it, if there was one. Nothing for lists and when none was
- * begun. */
-void object_flush(object* obj);
-
-/* The same for a list: only clears the mark. */
-void object_flush_list(object* obj);
-
-/* Begins a change in steps. */
-inline void object_defer(object* obj) {
-    object_set_flags(obj, OBJ_DEFERRED);
-}
 
 /* --- Expiry: what a key carries; expire.h has the sweep that acts on it --- */
 
@@ -120,7 +102,3 @@ sstr object_lindex(object* obj, int64_t index);
 /* With `mode` 0, removes up to `n` items, taken as 16 bits, from the tail; nothing with any other
  * mode. Asserts a list. */
 void object_ltrim_tail(object* obj, int mode, uint32_t n);
-
-/* Announces the changes of a string or hash now. Keys that begin with "_" announce nothing, but
- * their doomed fields are removed all the same. */
-void object_notify(object* obj);

@@ -31,6 +31,7 @@ FLOORS = [
     ["store/algor", "store/dlist"],
     ["store/record"],
     ["proto/client", "proto/observe"],
+    ["store/event"],
     ["store/object", "store/expire", "store/seed"],
     ["store/dump"],
     ["proto/cmd", "proto/cmd_*"],
