@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/unit/support/made_objects.h"
 #include "tests/unit/support/store_test.h"
 #include "tests/unit/support/test_client.h"
 #include "tests/unit/support/text_string.h"
@@ -15,35 +16,9 @@ namespace {
 
 class object_keyspace_test : public store_test {};
 
-class string_objects_test : public store_test {
-  protected:
-    /* The object with a value, without any trace or event of it. */
-    static object* string_object(std::string_view key, std::string_view value) {
-        object* obj = make(key, OBJ_TSTRING);
-        sstr_assign(&obj->string, value.data(), static_cast<uint32_t>(value.size()));
-        return obj;
-    }
-};
+class string_objects_test : public store_test {};
 
-class hash_objects_test : public store_test {
-  protected:
-    static object* hash_object(std::string_view key,
-                               std::initializer_list<std::string_view> pairs) {
-        object* obj = make(key, OBJ_THASH);
-        for (auto p = pairs.begin(); p != pairs.end(); p += 2) {
-            hash_field* field = pool_new<hash_field>();
-            field->name = sstr_new(p[0].data(), static_cast<uint32_t>(p[0].size()));
-            field->value = sstr_new(p[1].data(), static_cast<uint32_t>(p[1].size()));
-            htable_put(obj->hash, field);
-        }
-        return obj;
-    }
-
-    static std::string_view value_of(const object* obj, const char* field) {
-        const hash_field* f = object_hash_field(obj, field);
-        return f != nullptr ? bytes_of(f->value) : "(no field)";
-    }
-};
+class hash_objects_test : public store_test {};
 
 class list_objects_test : public store_test {
   protected:
@@ -71,19 +46,6 @@ class list_objects_test : public store_test {
 
     typedef std::vector<std::string> texts;
 };
-
-/* What the hooks of a test saw: the hook's name, the key and its value. */
-std::vector<std::string> hook_calls;
-
-int first_hook(object* obj) {
-    hook_calls.push_back("first " + std::string(obj->key) + "=" + object_string(obj));
-    return 1;
-}
-
-int second_hook(object* obj) {
-    hook_calls.push_back("second " + std::string(obj->key) + "=" + object_string(obj));
-    return 0;
-}
 
 } // namespace
 
@@ -442,200 +404,6 @@ TEST_F(string_objects_test, a_failed_increment_changes_nothing_and_tells_nobody)
     EXPECT_EQ(observer.received(), "");
 }
 
-TEST_F(string_objects_test, deferred_changes_are_announced_once_by_the_flush) {
-    test_client observer;
-    observers_add(observer.record());
-    object* obj = make("k", OBJ_TSTRING);
-    object_defer(obj);
-    object_set_string(obj, text("1"));
-    object_append(obj, text("2"));
-    int64_t delta = 3;
-    object_incr(obj, &delta);
-    EXPECT_EQ(obj->flags, flags_of(OBJ_TSTRING, OBJ_DEFERRED | OBJ_CHANGED));
-    EXPECT_EQ(observer.received(), "");
-    object_flush(obj);
-    EXPECT_EQ(obj->flags, OBJ_TSTRING);
-    EXPECT_EQ(observer.received(), event({"MSET", "k", "15"}));
-}
-
-TEST_F(string_objects_test, a_flush_without_a_beginning_does_nothing) {
-    test_client observer;
-    observers_add(observer.record());
-    object* obj = string_object("k", "v");
-    obj->flags |= OBJ_CHANGED;
-    object_flush(obj);
-    EXPECT_EQ(obj->flags, flags_of(OBJ_TSTRING, OBJ_CHANGED));
-    EXPECT_EQ(observer.received(), "");
-}
-
-TEST_F(string_objects_test, a_flush_without_a_change_only_ends_the_steps) {
-    test_client observer;
-    observers_add(observer.record());
-    object* obj = string_object("k", "v");
-    object_defer(obj);
-    object_flush(obj);
-    EXPECT_EQ(obj->flags, OBJ_TSTRING);
-    EXPECT_EQ(observer.received(), "");
-}
-
-TEST_F(string_objects_test, a_flush_of_a_dead_object_announces_it) {
-    test_client observer;
-    observers_add(observer.record());
-    object* obj = string_object("k", "v");
-    object_defer(obj);
-    object_delete(obj);
-    object_flush(obj);
-    EXPECT_EQ(observer.received(), event({"MSET", "k", "v"}));
-}
-
-TEST_F(string_objects_test, the_flush_of_lists_is_not_for_strings) {
-    object* obj = string_object("k", "v");
-    object_defer(obj);
-    object_flush_list(obj);
-    EXPECT_EQ(obj->flags, flags_of(OBJ_TSTRING, OBJ_DEFERRED));
-}
-
-TEST_F(string_objects_test, private_keys_are_traced_but_not_announced) {
-    hook_calls.clear();
-    object_register_string_hook(first_hook);
-    test_client observer;
-    observers_add(observer.record());
-    object* obj = make("_k", OBJ_TSTRING);
-    log.start();
-    object_set_string(obj, text("v"));
-    EXPECT_EQ(log.text(), "debug *** \"_k\"(string): updated to \"v\"\n");
-    EXPECT_EQ(observer.received(), "");
-    EXPECT_TRUE(hook_calls.empty());
-}
-
-TEST_F(string_objects_test, the_empty_key_is_not_private) {
-    test_client observer;
-    observers_add(observer.record());
-    object_set_string(make("", OBJ_TSTRING), text("v"));
-    EXPECT_EQ(observer.received(), event({"MSET", "", "v"}));
-}
-
-TEST_F(string_objects_test, deletion_is_announced_to_nobody) {
-    hook_calls.clear();
-    object_register_string_hook(first_hook);
-    test_client observer;
-    observers_add(observer.record());
-    log.start();
-    object_delete(string_object("k", "v"));
-    EXPECT_EQ(observer.received(), "");
-    EXPECT_TRUE(hook_calls.empty());
-    EXPECT_EQ(log.text(), "");
-}
-
-/* --- The hooks of string changes --- */
-
-class string_change_hooks_test : public string_objects_test {
-  protected:
-    string_change_hooks_test() {
-        hook_calls.clear();
-    }
-
-    typedef std::vector<std::string> calls;
-};
-
-TEST_F(string_change_hooks_test, are_called_in_order_of_registration_whatever_they_return) {
-    object_register_string_hook(first_hook);
-    object_register_string_hook(second_hook);
-    object_set_string(make("k", OBJ_TSTRING), text("v"));
-    EXPECT_EQ(hook_calls, (calls{"first k=v", "second k=v"}));
-}
-
-TEST_F(string_change_hooks_test, are_called_for_each_kind_of_change) {
-    object_register_string_hook(first_hook);
-    object* obj = make("k", OBJ_TSTRING);
-    object_set_string_ttl(obj, 5, text("1"));
-    object_append(obj, text("0"));
-    int64_t delta = 1;
-    object_incr(obj, &delta);
-    EXPECT_EQ(hook_calls, (calls{"first k=1", "first k=10", "first k=11"}));
-}
-
-TEST_F(string_change_hooks_test, are_called_once_for_a_change_in_steps) {
-    object_register_string_hook(first_hook);
-    object* obj = make("k", OBJ_TSTRING);
-    object_defer(obj);
-    object_set_string(obj, text("1"));
-    object_set_string(obj, text("2"));
-    EXPECT_TRUE(hook_calls.empty());
-    object_flush(obj);
-    EXPECT_EQ(hook_calls, (calls{"first k=2"}));
-}
-
-TEST_F(string_change_hooks_test, are_not_called_for_hashes_and_lists) {
-    object_register_string_hook(first_hook);
-    object* hash = make("h", OBJ_THASH);
-    object_hash_set(hash, text("f"), text("v"));
-    object_hash_del(hash, "f");
-    object* list = make("l", OBJ_TLIST);
-    object_defer(list);
-    object_rpush(list, "v");
-    object_flush_list(list);
-    EXPECT_TRUE(hook_calls.empty());
-}
-
-namespace {
-
-test_client* watched;
-uint16_t flags_in_hook;
-
-int look_around(object* obj) {
-    hook_calls.push_back("received " + watched->received());
-    flags_in_hook = obj->flags;
-    return 0;
-}
-
-int write_another(object* obj) {
-    if (std::string_view(obj->key) == "k") {
-        object_set_string(object_get_or_create("copy", SSTR_CSTRING, OBJ_TSTRING),
-                          object_string(obj));
-    }
-    return 0;
-}
-
-} // namespace
-
-TEST_F(string_change_hooks_test, are_called_before_the_observers_and_before_the_change_is_done) {
-    test_client observer;
-    observers_add(observer.record());
-    watched = &observer;
-    object_register_string_hook(look_around);
-    object_set_string(make("k", OBJ_TSTRING), text("v"));
-    EXPECT_EQ(hook_calls, (calls{"received "}));
-    EXPECT_EQ(flags_in_hook, flags_of(OBJ_TSTRING, OBJ_CHANGED));
-    EXPECT_EQ(observer.received(), event({"MSET", "k", "v"}));
-}
-
-TEST_F(string_change_hooks_test, see_the_expiry_that_comes_with_the_value) {
-    test_client observer;
-    watched = &observer;
-    object_register_string_hook(look_around);
-    object* obj = make("k", OBJ_TSTRING);
-    object_set_string_ttl(obj, 5, text("v"));
-    EXPECT_EQ(flags_in_hook, flags_of(OBJ_TSTRING, OBJ_CHANGED | OBJ_EXPIRE_TTL));
-    object_set_string(obj, text("v"));
-    EXPECT_EQ(flags_in_hook, flags_of(OBJ_TSTRING, OBJ_CHANGED));
-}
-
-TEST_F(string_change_hooks_test, may_change_other_keys_which_are_then_announced_first) {
-    test_client observer;
-    observers_add(observer.record());
-    object_register_string_hook(write_another);
-    object_set_string(make("k", OBJ_TSTRING), text("v"));
-    EXPECT_EQ(observer.received(), event({"MSET", "copy", "v"}) + event({"MSET", "k", "v"}));
-}
-
-TEST_F(string_change_hooks_test, are_forgotten_by_a_reset) {
-    object_register_string_hook(first_hook);
-    object_reset();
-    object_set_string(make("k", OBJ_TSTRING), text("v"));
-    EXPECT_TRUE(hook_calls.empty());
-}
-
 /* --- Hashes --- */
 
 TEST_F(hash_objects_test, a_new_field_is_stored_traced_and_announced) {
@@ -676,32 +444,6 @@ TEST_F(hash_objects_test, a_protected_field_can_be_set) {
     EXPECT_EQ(object_hash_set(obj, text("f"), text("new")), 0);
     EXPECT_EQ(value_of(obj, "f"), "new");
     EXPECT_EQ(object_hash_field(obj, "f")->fflags, FIELD_PROTECTED);
-}
-
-TEST_F(hash_objects_test, three_deferred_fields_are_announced_together_in_table_order) {
-    test_client observer;
-    observers_add(observer.record());
-    object* obj = make("h", OBJ_THASH);
-    object_defer(obj);
-    object_hash_set(obj, text("a"), text("1"));
-    object_hash_set(obj, text("b"), text("2"));
-    object_hash_set(obj, text("c"), text("3"));
-    EXPECT_EQ(observer.received(), "");
-    EXPECT_EQ(object_hash_field(obj, "a")->fflags, FIELD_MODIFIED);
-    object_flush(obj);
-    /* The hashes 97, 98 and 99 stand in the buckets 9, 10 and 0 of 11. */
-    EXPECT_EQ(observer.received(), event({"HMSET", "h", "c", "3", "a", "1", "b", "2"}));
-    EXPECT_EQ(observer.received(), "");
-    EXPECT_EQ(obj->flags, OBJ_THASH);
-    EXPECT_EQ(object_hash_field(obj, "a")->fflags, 0);
-}
-
-TEST_F(hash_objects_test, only_fields_that_changed_are_announced) {
-    test_client observer;
-    observers_add(observer.record());
-    object* obj = hash_object("h", {"a", "1", "b", "2", "c", "3"});
-    object_hash_set(obj, text("b"), text("2"));
-    EXPECT_EQ(observer.received(), event({"HMSET", "h", "b", "2"}));
 }
 
 TEST_F(hash_objects_test, an_increment_stores_traces_and_announces_the_sum) {
@@ -798,124 +540,6 @@ TEST_F(hash_objects_test, protection_is_switched_on_and_off) {
     EXPECT_EQ(object_hash_protect(obj, "f", false), field);
     EXPECT_EQ(field->fflags, FIELD_MODIFIED);
     EXPECT_EQ(object_hash_protect(obj, "g", true), nullptr);
-}
-
-TEST_F(hash_objects_test, a_doomed_field_is_readable_until_the_flush) {
-    object* obj = hash_object("h", {"f", "v"});
-    object_defer(obj);
-    EXPECT_EQ(object_hash_del(obj, "f"), 1);
-    EXPECT_EQ(value_of(obj, "f"), "v");
-    EXPECT_EQ(object_hash_field(obj, "f")->fflags, FIELD_DOOMED);
-    EXPECT_EQ(obj->hash->count, 1u);
-    object_flush(obj);
-    EXPECT_EQ(object_hash_field(obj, "f"), nullptr);
-}
-
-TEST_F(hash_objects_test, a_field_that_is_doomed_twice_counts_twice_and_goes_once) {
-    test_client observer;
-    observers_add(observer.record());
-    object* obj = hash_object("h", {"f", "v"});
-    object_defer(obj);
-    EXPECT_EQ(object_hash_del(obj, "f"), 1);
-    EXPECT_EQ(object_hash_del(obj, "f"), 1);
-    object_flush(obj);
-    EXPECT_EQ(observer.received(), event({"HDEL", "h", "f"}));
-}
-
-TEST_F(hash_objects_test, deletions_are_announced_before_updates) {
-    test_client observer;
-    observers_add(observer.record());
-    object* obj = hash_object("h", {"a", "1", "b", "2"});
-    object_defer(obj);
-    object_hash_set(obj, text("b"), text("3"));
-    object_hash_del(obj, "a");
-    object_flush(obj);
-    EXPECT_EQ(observer.received(), event({"HDEL", "h", "a"}) + event({"HMSET", "h", "b", "3"}));
-}
-
-TEST_F(hash_objects_test, doomed_fields_are_announced_in_table_order_and_removed_in_reverse) {
-    test_client observer;
-    observers_add(observer.record());
-    object* obj = hash_object("h", {"a", "1", "b", "2", "c", "3", "d", "4"});
-    object_defer(obj);
-    object_hash_del(obj, "a");
-    object_hash_del(obj, "b");
-    object_hash_del(obj, "c");
-    log.start();
-    object_flush(obj);
-    log_set_level(LOG_FATAL);
-    /* Buckets 0 for "c", 9 for "a", 10 for "b". */
-    EXPECT_EQ(observer.received(), event({"HDEL", "h", "c", "a", "b"}));
-    const std::vector<std::string> lines = log.lines();
-    ASSERT_GE(lines.size(), 4u);
-    EXPECT_EQ(lines[0], "debug *** \"h\"(hash): field \"b\" deleted");
-    EXPECT_EQ(lines[1], "debug *** \"h\"(hash): field \"a\" deleted");
-    EXPECT_EQ(lines[2], "debug *** \"h\"(hash): field \"c\" deleted");
-    EXPECT_EQ(lines[3], "debug *** notified clients with: ");
-    EXPECT_EQ(value_of(obj, "d"), "4");
-    EXPECT_EQ(obj->hash->count, 1u);
-}
-
-TEST_F(hash_objects_test, setting_a_doomed_field_does_not_save_it) {
-    test_client observer;
-    observers_add(observer.record());
-    object* obj = hash_object("h", {"f", "v"});
-    object_defer(obj);
-    object_hash_del(obj, "f");
-    EXPECT_EQ(object_hash_set(obj, text("f"), text("w")), 0);
-    object_flush(obj);
-    EXPECT_EQ(observer.received(), event({"HDEL", "h", "f"}));
-    EXPECT_EQ(object_hash_field(obj, "f"), nullptr);
-}
-
-TEST_F(hash_objects_test, a_field_that_is_set_and_then_deleted_is_only_deleted) {
-    test_client observer;
-    observers_add(observer.record());
-    object* obj = make("h", OBJ_THASH);
-    object_defer(obj);
-    object_hash_set(obj, text("f"), text("v"));
-    object_hash_del(obj, "f");
-    object_flush(obj);
-    EXPECT_EQ(observer.received(), event({"HDEL", "h", "f"}));
-}
-
-TEST_F(hash_objects_test, fields_are_removed_without_observers_too) {
-    object* obj = hash_object("h", {"a", "1", "b", "2"});
-    object_defer(obj);
-    object_hash_del(obj, "a");
-    object_hash_set(obj, text("b"), text("3"));
-    object_flush(obj);
-    EXPECT_EQ(obj->hash->count, 1u);
-    EXPECT_EQ(object_hash_field(obj, "b")->fflags, 0);
-    EXPECT_EQ(obj->flags, OBJ_THASH);
-}
-
-TEST_F(hash_objects_test, a_private_hash_is_not_announced_but_its_doomed_fields_go) {
-    test_client observer;
-    observers_add(observer.record());
-    object* obj = hash_object("_h", {"a", "1", "b", "2"});
-    object_defer(obj);
-    object_hash_set(obj, text("b"), text("3"));
-    object_hash_del(obj, "a");
-    object_flush(obj);
-    EXPECT_EQ(observer.received(), "");
-    EXPECT_EQ(object_hash_field(obj, "a"), nullptr);
-    EXPECT_EQ(value_of(obj, "b"), "3");
-}
-
-TEST_F(hash_objects_test, many_doomed_fields_go_in_one_flush) {
-    object* obj = make("h", OBJ_THASH);
-    object_defer(obj);
-    for (int i = 0; i < 500; i++) {
-        object_hash_set(obj, text("field" + std::to_string(i)), text("v"));
-    }
-    for (int i = 0; i < 500; i += 2) {
-        object_hash_del(obj, ("field" + std::to_string(i)).c_str());
-    }
-    object_flush(obj);
-    EXPECT_EQ(obj->hash->count, 250u);
-    EXPECT_EQ(object_hash_field(obj, "field0"), nullptr);
-    EXPECT_NE(object_hash_field(obj, "field1"), nullptr);
 }
 
 /* --- Lists --- */
@@ -1059,13 +683,6 @@ TEST_F(list_objects_test, items_end_at_their_first_nul) {
     object* obj = make("l", OBJ_TLIST);
     object_rpush(obj, text(std::string_view("ab\0cd", 5)));
     EXPECT_EQ(items(obj), texts{"ab"});
-}
-
-TEST_F(list_objects_test, the_flush_of_lists_ends_the_steps) {
-    object* obj = make("l", OBJ_TLIST);
-    object_defer(obj);
-    object_flush_list(obj);
-    EXPECT_EQ(obj->flags, OBJ_TLIST);
 }
 
 /* --- Types that are asserted --- */
