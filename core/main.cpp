@@ -15,6 +15,7 @@
 #include "loop/loop.h"
 #include "loop/server.h"
 #include "proto/command.h"
+#include "proto/observe.h"
 #include "stats/modules.h"
 #include "store/expire.h"
 #include "store/seed.h"
@@ -109,6 +110,7 @@ int main(int argc, char** argv) {
     }
     listener->conn_ondata = client_ondata;
     listener->on_close = client_onclose;
+    observe_init();
     loop_add_timer(SWEEP_MS, expire_timer_cb, nullptr);
     modules_start();
     loop_run();

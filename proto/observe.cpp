@@ -3,6 +3,7 @@
 #include "core/buffer.h"
 #include "core/log.h"
 #include "proto/client.h"
+#include "store/event.h"
 
 client* observers;
 
@@ -24,7 +25,28 @@ void send_frame() {
     }
 }
 
+void* begin_event(sstr name, sstr key) {
+    resp* event = resp_new();
+    resp_add(event, name);
+    resp_add(event, key);
+    return event;
+}
+
+void add_to_event(void* event, sstr element) {
+    resp_add(static_cast<resp*>(event), element);
+}
+
+void send_event(void* event) {
+    resp* r = static_cast<resp*>(event);
+    notify_observers(r);
+    resp_free(r);
+}
+
 } // namespace
+
+void observe_init() {
+    event_announcer = {observers != nullptr, begin_event, add_to_event, send_event};
+}
 
 bool observers_add(client* c) {
     if (c->observe_prev != nullptr || c->observe_next != nullptr) {
@@ -36,6 +58,7 @@ bool observers_add(client* c) {
     }
     c->observe_prev = c;
     observers = c;
+    event_announcer.watched = true;
     return true;
 }
 
@@ -51,6 +74,7 @@ void observers_remove(client* c) {
         }
     } else {
         observers = next;
+        event_announcer.watched = next != nullptr;
         if (next != nullptr) {
             next->observe_prev = next;
         }

@@ -14,6 +14,9 @@ struct client;
 /* Head of the list of observers, null when nobody observes. */
 extern client* observers;
 
+/* Joins the store's change events (store/event.h) to the observers. Called once at start-up. */
+void observe_init();
+
 /* Puts a client at the head. Returns false, with the list unchanged, when it observes already. */
 bool observers_add(client* c);
 

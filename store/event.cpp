@@ -1,8 +1,8 @@
 #include "store/event.h"
 
 #include "core/log.h"
-#include "proto/observe.h"
-#include "proto/resp.h"
+
+event_announcer_hooks event_announcer;
 
 namespace {
 
@@ -16,21 +16,23 @@ sstr event_names[EVENTS]; /* made with the keyspace */
 string_change_hook string_change_hooks[STRING_CHANGE_HOOKS_MAX];
 unsigned string_change_hook_count;
 
-/* An event in the making: nothing is made when nobody would be told. */
-resp* event_begin(const object* obj, event_name name) {
-    if (observers == nullptr || obj->key[0] == '_') {
+/* An event in the making; null, for the calls below too, when nobody would be told. */
+void* begin_event(const object* obj, event_name name) {
+    if (!event_announcer.watched || obj->key[0] == '_') {
         return nullptr;
     }
-    resp* event = resp_new();
-    resp_add(event, event_names[name]);
-    resp_add(event, obj->key);
-    return event;
+    return event_announcer.begin(event_names[name], obj->key);
 }
 
-void event_send(resp* event) {
+void add_string(void* event, sstr element) {
     if (event != nullptr) {
-        notify_observers(event);
-        resp_free(event);
+        event_announcer.add(event, element);
+    }
+}
+
+void send_event(void* event) {
+    if (event != nullptr) {
+        event_announcer.send(event);
     }
 }
 
@@ -38,15 +40,13 @@ void notify_string(object* obj) {
     if (obj->key[0] == '_') {
         return;
     }
-    resp* event = event_begin(obj, EVENT_MSET);
-    if (event != nullptr) {
-        resp_add(event, object_string(obj));
-    }
+    void* event = begin_event(obj, EVENT_MSET);
+    add_string(event, object_string(obj));
     for (unsigned i = 0; i < string_change_hook_count; i++) {
         string_change_hooks[i](obj);
     }
     object_clear_flags(obj, OBJ_CHANGED);
-    event_send(event);
+    send_event(event);
 }
 
 /* The doomed fields of a walk, linked through their value, the last found first. */
@@ -79,17 +79,14 @@ void free_doomed(hash_field* last) {
     }
 }
 
-/* Nothing without an event, which nobody would receive. */
-void add_field(resp* event, const hash_field* field) {
-    if (event != nullptr) {
-        resp_add(event, field->name);
-        resp_add(event, field->value);
-    }
+void add_field(void* event, const hash_field* field) {
+    add_string(event, field->name);
+    add_string(event, field->value);
 }
 
 void notify_hash(object* obj) {
-    resp* deletions = nullptr;
-    resp* updates = nullptr;
+    void* deletions = nullptr;
+    void* updates = nullptr;
     hash_field* doomed = nullptr;
     bool any = false;
     htable_walk walk = htable_walk_start(obj->hash);
@@ -97,16 +94,14 @@ void notify_hash(object* obj) {
         if ((field->fflags & FIELD_DOOMED) != 0) {
             /* Tested first: a field that was deleted and then set again within one command goes. */
             if (deletions == nullptr) {
-                deletions = event_begin(obj, EVENT_HDEL);
+                deletions = begin_event(obj, EVENT_HDEL);
             }
-            if (deletions != nullptr) {
-                resp_add(deletions, field->name);
-            }
+            add_string(deletions, field->name);
             doomed = chain_doomed(field, doomed);
             any = true;
         } else if ((field->fflags & FIELD_MODIFIED) != 0) {
             if (updates == nullptr) {
-                updates = event_begin(obj, EVENT_HMSET);
+                updates = begin_event(obj, EVENT_HMSET);
             }
             add_field(updates, field);
             field->fflags = static_cast<uint8_t>(field->fflags & ~FIELD_MODIFIED);
@@ -117,8 +112,8 @@ void notify_hash(object* obj) {
     if (any) {
         object_clear_flags(obj, OBJ_CHANGED);
     }
-    event_send(deletions);
-    event_send(updates);
+    send_event(deletions);
+    send_event(updates);
     free_doomed(doomed);
 }
 
@@ -159,9 +154,9 @@ void object_field_changed(object* obj, hash_field* field) {
         object_changed(obj);
         return;
     }
-    resp* event = event_begin(obj, EVENT_HMSET);
+    void* event = begin_event(obj, EVENT_HMSET);
     add_field(event, field);
-    event_send(event);
+    send_event(event);
 }
 
 void object_notify(object* obj) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/sstr.h"
 #include "store/record.h"
 
 /* Change events: who is told of the change of a string or hash, when, and what.
@@ -10,6 +11,17 @@
  * key that begins with "_".
  *
  * A change is told at once, or, while the object is `deferred`, with all others by object_flush. */
+
+/* How an event leaves the store. Observation fills this in at start-up; the store does not know
+ * what an event is made of. The strings of an event are borrowed until it is sent. */
+struct event_announcer_hooks {
+    bool watched;                           /* somebody is to be told: no event is made otherwise */
+    void* (*begin)(sstr name, sstr key);    /* returns a new event */
+    void (*add)(void* event, sstr element); /* appends to it */
+    void (*send)(void* event);              /* tells everybody who watches, and frees it */
+};
+
+extern event_announcer_hooks event_announcer;
 
 /* Called with a changed string object, whose value it must not change: an event may borrow it. The
  * result is ignored. */

@@ -12,6 +12,7 @@
 
 #include "core/pool.h"
 #include "proto/resp.h"
+#include "store/event.h"
 #include "tests/unit/support/store_test.h"
 #include "tests/unit/support/test_client.h"
 #include "tests/unit/support/text_string.h"
@@ -149,6 +150,22 @@ TEST_F(observers_test, who_does_not_observe_is_left_alone) {
     observers_remove(a.record());
     observers_remove(a.record());
     EXPECT_EQ(observers, nullptr);
+}
+
+TEST_F(observers_test, the_store_makes_events_from_the_first_observer_to_the_last) {
+    test_client a;
+    test_client b;
+    EXPECT_FALSE(event_announcer.watched);
+    observers_add(a.record());
+    EXPECT_TRUE(event_announcer.watched);
+    observers_add(b.record());
+    observers_remove(b.record());
+    EXPECT_TRUE(event_announcer.watched);
+    observers_add(b.record());
+    observers_remove(a.record());
+    EXPECT_TRUE(event_announcer.watched);
+    observers_remove(b.record());
+    EXPECT_FALSE(event_announcer.watched);
 }
 
 /* --- Frames --- */

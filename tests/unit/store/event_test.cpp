@@ -29,7 +29,80 @@ int second_hook(object* obj) {
     return 0;
 }
 
+/* The way out of the store, replaced by one that writes down what goes through it. */
+std::vector<std::string> told;
+
+void* write_begin(sstr name, sstr key) {
+    told.push_back("begin " + std::string(name) + " " + key);
+    return &told;
+}
+
+void write_add(void* event, sstr element) {
+    told.push_back("add " + std::string(element));
+    EXPECT_EQ(event, &told);
+}
+
+void write_send(void* event) {
+    told.push_back("send");
+    EXPECT_EQ(event, &told);
+}
+
+int hook_that_is_told(object*) {
+    told.push_back("hook");
+    return 0;
+}
+
+class announcer_test : public store_test {
+  protected:
+    announcer_test() {
+        told.clear();
+        event_announcer = {true, write_begin, write_add, write_send};
+        object_register_string_hook(hook_that_is_told);
+    }
+
+    ~announcer_test() override {
+        event_announcer.watched = false;
+    }
+
+    typedef std::vector<std::string> steps;
+};
+
 } // namespace
+
+/* --- The way out of the store --- */
+
+TEST_F(announcer_test, an_event_is_made_before_the_hooks_and_sent_after_them) {
+    object_set_string(make("k", OBJ_TSTRING), text("v"));
+    EXPECT_EQ(told, (steps{"begin MSET k", "add v", "hook", "send"}));
+}
+
+TEST_F(announcer_test, deletions_of_fields_are_sent_before_updates_are) {
+    object* obj = hash_object("h", {"a", "1", "b", "2"});
+    object_defer(obj);
+    object_hash_set(obj, text("b"), text("3"));
+    object_hash_del(obj, "a");
+    object_flush(obj);
+    /* "a" stands in bucket 9, "b" in bucket 10. */
+    EXPECT_EQ(told,
+              (steps{"begin HDEL h", "add a", "begin HMSET h", "add b", "add 3", "send", "send"}));
+}
+
+TEST_F(announcer_test, no_event_is_made_while_nobody_watches) {
+    event_announcer.watched = false;
+    object_set_string(make("k", OBJ_TSTRING), text("v"));
+    object* obj = hash_object("h", {"a", "1"});
+    object_hash_set(obj, text("b"), text("2"));
+    object_hash_del(obj, "a");
+    EXPECT_EQ(told, (steps{"hook"}));
+}
+
+TEST_F(announcer_test, no_event_is_made_of_a_private_key) {
+    object_set_string(make("_k", OBJ_TSTRING), text("v"));
+    object* obj = hash_object("_h", {"a", "1"});
+    object_hash_set(obj, text("b"), text("2"));
+    object_hash_del(obj, "a");
+    EXPECT_TRUE(told.empty());
+}
 
 /* --- Changes in steps --- */
 

@@ -26,6 +26,7 @@ class store_test : public ::testing::Test {
         loop_init(1024, LOOP_SELECT);
         object_reset();
         expire_init();
+        observe_init();
     }
 
     ~store_test() override {
