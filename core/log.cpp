@@ -9,15 +9,14 @@
 #include <strings.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
 
 #include "core/buffer.h"
+#include "core/clock.h"
 #include "core/sstr.h"
 #include "core/text.h"
 #include "loop/endpoint.h"
-#include "loop/loop.h"
 
 namespace {
 
@@ -47,15 +46,14 @@ struct log_state {
     int fd; /* of the file or socket, -1 when none */
     bool colour;
     bool timestamps;
-    sstr target;          /* null means standard output */
-    uint32_t file_bytes;  /* written since the file was opened or wrapped */
-    uint32_t attempt_sec; /* last attempt to reconnect */
-    uint32_t attempt_usec;
+    sstr target;         /* null means standard output */
+    uint32_t file_bytes; /* written since the file was opened or wrapped */
+    clock_time attempt;  /* last one to reconnect */
     buffer line;
     bool initialised;
 };
 
-log_state state = {LOG_DEBUG, MODE_STDOUT, -1, true, true, nullptr, 0, 0, 0, BUFFER_EMPTY, false};
+log_state state = {LOG_DEBUG, MODE_STDOUT, -1, true, true, nullptr, 0, {}, BUFFER_EMPTY, false};
 
 bool begins_with(const char* text, const char* prefix) {
     return strncasecmp(text, prefix, strlen(prefix)) == 0;
@@ -203,17 +201,10 @@ void write_to_file() {
     }
 }
 
-void store_attempt_time() {
-    timeval now;
-    gettimeofday(&now, nullptr);
-    loop_store_time(&state.attempt_sec, &state.attempt_usec, &now);
-}
-
 void reconnect_when_due() {
-    timeval now;
-    gettimeofday(&now, nullptr);
-    if (loop_elapsed_ms(&state.attempt_sec, &state.attempt_usec, &now) > RECONNECT_MS) {
-        store_attempt_time();
+    const clock_time now = clock_now();
+    if (clock_elapsed_ms(&state.attempt, &now) > RECONNECT_MS) {
+        state.attempt = now;
         reopen();
     }
 }
@@ -226,7 +217,7 @@ void write_to_socket() {
     if (written < 0 && errno != EAGAIN && errno != EWOULDBLOCK) {
         close(state.fd);
         state.fd = -1;
-        store_attempt_time();
+        state.attempt = clock_now();
     }
 }
 

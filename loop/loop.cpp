@@ -20,9 +20,8 @@ struct handler_slot {
 struct loop_state {
     int maxfd;           /* every handled descriptor is below this */
     handler_slot* files; /* maxfd slots, by descriptor */
-    timeval now;
-    uint32_t scan_sec; /* last timer scan */
-    uint32_t scan_usec;
+    clock_time now;
+    clock_time scan;     /* last timer scan */
     loop_timer* timers;  /* newest first */
     loop_timer* running; /* whose callback is being called */
     unsigned char stop;
@@ -36,7 +35,7 @@ struct loop_state {
 loop_state loop;
 
 void read_clock() {
-    gettimeofday(&loop.now, nullptr);
+    loop.now = clock_now();
 }
 
 void unlink_timer(loop_timer* timer) {
@@ -61,8 +60,7 @@ void dispatch(const loop_event* events, int count) {
 }
 
 bool is_due(loop_timer* timer) {
-    return int64_t{timer->interval_ms} <=
-           loop_elapsed_ms(&timer->last_sec, &timer->last_usec, &loop.now);
+    return int64_t{timer->interval_ms} <= clock_elapsed_ms(&timer->last, &loop.now);
 }
 
 void scan_timers() {
@@ -72,7 +70,7 @@ void scan_timers() {
             next = timer->next;
             continue;
         }
-        loop_store_time(&timer->last_sec, &timer->last_usec, &loop.now);
+        timer->last = loop.now;
         loop.running = timer;
         const int remove = timer->callback(timer->argument);
         /* Only now: the callback may have deleted the timer that came next. */
@@ -86,10 +84,10 @@ void scan_timers() {
 
 void scan_timers_when_due() {
     read_clock();
-    if (loop_elapsed_ms(&loop.scan_sec, &loop.scan_usec, &loop.now) < SCAN_MS) {
+    if (clock_elapsed_ms(&loop.scan, &loop.now) < SCAN_MS) {
         return;
     }
-    loop_store_time(&loop.scan_sec, &loop.scan_usec, &loop.now);
+    loop.scan = loop.now;
     scan_timers();
 }
 
@@ -126,7 +124,7 @@ int loop_init(int limit, int selector) {
     if (loop.files == nullptr) {
         fault_no_memory();
     }
-    loop_store_time(&loop.scan_sec, &loop.scan_usec, &loop.now);
+    loop.scan = loop.now;
     buffer_init(&loop.request_scratch, 0, BUFFER_UNBOUNDED);
     buffer_init(&loop.reply_scratch, 0, BUFFER_UNBOUNDED);
     loop.backend = selector == LOOP_EPOLL ? &loop_epoll_backend : &loop_select_backend;
@@ -141,7 +139,7 @@ bool loop_has_handler(int fd) {
     return loop.files[fd].cb != nullptr;
 }
 
-const timeval* loop_now() {
+const clock_time* loop_now() {
     return &loop.now;
 }
 
@@ -176,7 +174,7 @@ void loop_remove_handler(int fd) {
 
 loop_timer* loop_add_timer(uint32_t interval_ms, loop_timer_callback callback, void* argument) {
     loop_timer* timer = pool_new<loop_timer>();
-    loop_store_time(&timer->last_sec, &timer->last_usec, &loop.now);
+    timer->last = loop.now;
     timer->interval_ms = interval_ms;
     timer->callback = callback;
     timer->argument = argument;
@@ -234,20 +232,6 @@ int loop_run() {
         destroy_closed();
     }
     return loop.stop;
-}
-
-void loop_store_time(uint32_t* sec, uint32_t* usec, const timeval* now) {
-    *sec = static_cast<uint32_t>(now->tv_sec);
-    *usec = static_cast<uint32_t>(now->tv_usec);
-}
-
-int64_t loop_elapsed_ms(uint32_t* sec, uint32_t* usec, const timeval* now) {
-    const int64_t elapsed = (int64_t{static_cast<uint32_t>(now->tv_sec)} - *sec) * 1000 +
-                            (static_cast<int64_t>(now->tv_usec) - *usec) / 1000;
-    if (elapsed < 0) {
-        loop_store_time(sec, usec, now);
-    }
-    return elapsed;
 }
 
 buffer* loop_request_scratch() {

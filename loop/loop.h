@@ -1,9 +1,9 @@
 #pragma once
 
 #include <stdint.h>
-#include <sys/time.h>
 
 #include "core/buffer.h"
+#include "core/clock.h"
 
 /* The reactor: descriptor handlers, interval timers and the run loop that everything in the daemon
  * runs from.
@@ -53,8 +53,7 @@ extern const loop_backend_operations loop_epoll_backend;
 /* An interval timer. It fires at the first scan at which its interval has passed and counts the
  * next interval from that scan, so firing times drift by up to the granularity of 100 ms. */
 struct loop_timer {
-    uint32_t last_sec; /* last fire time, or creation */
-    uint32_t last_usec;
+    clock_time last; /* fire time, or creation */
     uint32_t interval_ms;
     loop_timer_callback callback; /* null: deleted while it was running */
     void* argument;
@@ -82,7 +81,7 @@ int loop_maxfd();
 bool loop_has_handler(int fd);
 
 /* Current time as read at the top of the pass and again before the timer scan. */
-const timeval* loop_now();
+const clock_time* loop_now();
 
 /* Registers the handler of a descriptor and watches for `mask`. A handler that was there is
  * replaced. `fd` must not be negative. Aborts when it is not below the limit. */
@@ -117,13 +116,6 @@ void loop_stop();
 
 /* Runs until the loop is stopped. Returns the stop flag's value (not 0). */
 int loop_run();
-
-/* Stores a time in the 32 bits that records have for each part. */
-void loop_store_time(uint32_t* sec, uint32_t* usec, const timeval* now);
-
-/* Milliseconds from the stored time to now, the microseconds' share truncated toward zero. A clock
- * that was set back gives a negative value and resets the stored time to now. */
-int64_t loop_elapsed_ms(uint32_t* sec, uint32_t* usec, const timeval* now);
 
 /* Two scratch buffers for datagram servers: what came in and what goes out. */
 buffer* loop_request_scratch();

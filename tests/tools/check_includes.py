@@ -21,7 +21,7 @@ FOLDERS = ["core", "loop", "proto", "store", "stats", "ctl"]
 
 # From the ground. A name may be a pattern.
 FLOORS = [
-    ["core/fault", "core/pool", "core/text", "core/buffer"],
+    ["core/fault", "core/pool", "core/text", "core/buffer", "core/clock"],
     ["core/sstr", "core/pattern"],
     ["loop/loop"],
     ["loop/endpoint"],

@@ -20,7 +20,7 @@ inline void run_loop_by_tenths(int tenths, const std::function<void(int)>& look)
     struct run {
         const std::function<void(int)>& look;
         const int tenths;
-        const timeval start;
+        const clock_time start;
         int passed;
 
         static void step(int, unsigned, void* argument) {
@@ -31,8 +31,8 @@ inline void run_loop_by_tenths(int tenths, const std::function<void(int)>& look)
                 return;
             }
             r->passed++;
-            const int64_t usec = r->start.tv_usec + int64_t{r->passed} * 100000;
-            test_clock::set(r->start.tv_sec + usec / 1000000, usec % 1000000);
+            const int64_t usec = r->start.usec + int64_t{r->passed} * 100000;
+            test_clock::set(r->start.sec + usec / 1000000, usec % 1000000);
         }
     } r = {look, tenths, *loop_now(), 0};
     int ends[2];
@@ -40,7 +40,7 @@ inline void run_loop_by_tenths(int tenths, const std::function<void(int)>& look)
     ASSERT_EQ(write(ends[1], "x", 1), 1);
     /* Always ready, so no pass waits. */
     loop_add_handler(ends[0], LOOP_READABLE, run::step, &r);
-    const test_clock::frozen clock(r.start.tv_sec, r.start.tv_usec);
+    const test_clock::frozen clock(r.start.sec, r.start.usec);
     loop_run();
     loop_remove_handler(ends[0]);
     for (const int fd : ends) {
