@@ -3,9 +3,9 @@
 /* What becomes of a broken invariant in the ground floors.
  *
  * An invariant is something that our own code guarantees, never something that a client, a file or
- * the kernel says. The units `loop`, `buffer` and `algor` stand below the log, so they report
- * through the C library's assertion handler, in every build. The unit, line and function in the
- * message are fixed: they are handed in by the caller and do not move when the source is edited. */
+ * the kernel says. The units `loop`, `buffer` and `algor` report it without the log, through the C
+ * library's assertion handler, in every build. The unit, line and function in the message are
+ * fixed: they are handed in by the caller and do not move when the source is edited. */
 
 /* Prints the C library's assertion message for `expression` and aborts the process. Never returns.
  */

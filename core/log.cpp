@@ -16,7 +16,6 @@
 #include "core/clock.h"
 #include "core/sstr.h"
 #include "core/text.h"
-#include "loop/endpoint.h"
 
 namespace {
 
@@ -51,9 +50,11 @@ struct log_state {
     clock_time attempt;  /* last one to reconnect */
     buffer line;
     bool initialised;
+    const log_sockets* sockets; /* null: none can be reached */
 };
 
-log_state state = {LOG_DEBUG, MODE_STDOUT, -1, true, true, nullptr, 0, {}, BUFFER_EMPTY, false};
+log_state state = {LOG_DEBUG, MODE_STDOUT, -1,           true,  true,   nullptr,
+                   0,         {},          BUFFER_EMPTY, false, nullptr};
 
 bool begins_with(const char* text, const char* prefix) {
     return strncasecmp(text, prefix, strlen(prefix)) == 0;
@@ -80,13 +81,23 @@ bool is_socket(const char* path) {
 
 void open_local(const char* path) {
     state.mode = MODE_SOCKET;
-    (void)endpoint_connect_local(path, &state.fd);
+    if (state.sockets != nullptr) {
+        (void)state.sockets->connect_local(path, &state.fd);
+    }
 }
 
 void open_file(const char* path) {
     state.fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0664);
     state.mode = state.fd >= 0 ? MODE_FILE : MODE_STDOUT;
     state.file_bytes = 0;
+}
+
+void connect_network(const char* host, int port, bool datagram) {
+    if (datagram) {
+        (void)state.sockets->connect_udp(host, port, &state.fd);
+    } else {
+        (void)state.sockets->connect_tcp(host, port, false, &state.fd);
+    }
 }
 
 /* False when the text has no usable port: the target then is the name of a file. */
@@ -96,12 +107,10 @@ bool open_network(const char* text, bool datagram, bool any_host_is_local) {
     if (host == nullptr) {
         return false;
     }
-    const char* address = any_host_is_local && endpoint_is_local_host(host) ? "127.0.0.1" : host;
     state.mode = MODE_SOCKET;
-    if (datagram) {
-        (void)endpoint_connect_udp(address, port, &state.fd);
-    } else {
-        (void)endpoint_connect_tcp(address, port, false, &state.fd);
+    if (state.sockets != nullptr) {
+        const bool is_local = any_host_is_local && state.sockets->is_local_host(host);
+        connect_network(is_local ? "127.0.0.1" : host, port, datagram);
     }
     sstr_free(&host);
     return true;
@@ -270,6 +279,10 @@ void write_message(uint32_t level, const char* format, va_list arguments) {
 }
 
 } // namespace
+
+void log_use_sockets(const log_sockets* sockets) {
+    state.sockets = sockets;
+}
 
 uint32_t log_parse_level(const char* text) {
     for (uint32_t level = 0; level < LEVELS; level++) {

@@ -30,6 +30,19 @@ struct log_config {
     int32_t timestamps; /* likewise */
 };
 
+/* How the log reaches sockets, which stand above it. A connect stores a descriptor that is
+ * close-on-exec, or -1; what it returns beside is not looked at. */
+struct log_sockets {
+    int (*connect_local)(const char* path, int* fd);
+    int (*connect_tcp)(const char* host, int port, bool non_blocking, int* fd);
+    int (*connect_udp)(const char* host, int port, int* fd);
+    bool (*is_local_host)(const char* host); /* of a target "HOST:PORT" */
+};
+
+/* Start-up hands the record over before it opens the log; it must outlive the log. Without one, a
+ * target that is a socket is as one that nobody listens at. */
+void log_use_sockets(const log_sockets* sockets);
+
 /* The first level whose name the text begins with, in any case of letters ("Warning" is warn);
  * LOG_INFO when there is none. */
 uint32_t log_parse_level(const char* text);

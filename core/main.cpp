@@ -1,4 +1,6 @@
-/* The daemon: start-up in a fixed order, then the event loop for the rest of the process's life. */
+/* The daemon: start-up in a fixed order, then the event loop for the rest of the process's life.
+ *
+ * The one unit that knows all others: it hands to those below what they need of those above. */
 
 #include <fcntl.h>
 #include <signal.h>
@@ -26,6 +28,9 @@ constexpr int DESCRIPTOR_LIMIT = 100;
 constexpr uint32_t SWEEP_MS = 100;
 constexpr char PID_FILE[] = "/tmp/tessard.pid";
 constexpr char PROCESS_NAME[] = "tessard";
+
+const log_sockets sockets = {endpoint_connect_local, endpoint_connect_tcp, endpoint_connect_udp,
+                             endpoint_is_local_host};
 
 /* Reads at most 31 bytes of a file, ended with a NUL. Returns -1 when it cannot be read. */
 int read_small_file(const char* path, char (&text)[32]) {
@@ -93,6 +98,7 @@ int main(int argc, char** argv) {
 
     const pid_t self = getpid();
     loop_init(DESCRIPTOR_LIMIT, LOOP_SELECT);
+    log_use_sockets(&sockets);
     log_open(&o.log);
     if (log_wants(LOG_INFO)) {
         log_write(LOG_INFO, "application started with pid %u", static_cast<unsigned>(self));

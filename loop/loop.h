@@ -13,7 +13,7 @@
  * last scan, and at its end destroys what was closed during the pass. Handlers and timer callbacks
  * may add, change and remove handlers and timers, their own included, and may stop the loop.
  *
- * The unit never logs: the log is built on it. Broken invariants abort through fault_abort. */
+ * The unit never logs. Broken invariants abort through fault_abort. */
 
 /* Bits of an event mask. */
 enum loop_mask : unsigned { LOOP_READABLE = 1, LOOP_WRITABLE = 2, LOOP_ERROR = 4 };

@@ -23,9 +23,9 @@ FOLDERS = ["core", "loop", "proto", "store", "stats", "ctl"]
 FLOORS = [
     ["core/fault", "core/pool", "core/text", "core/buffer", "core/clock"],
     ["core/sstr", "core/pattern"],
+    ["core/log"],
     ["loop/loop"],
     ["loop/endpoint"],
-    ["core/log"],
     ["store/algor", "store/dlist"],
     ["store/record"],
     ["store/event"],

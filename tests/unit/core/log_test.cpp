@@ -24,6 +24,7 @@
 #include <string>
 #include <vector>
 
+#include "loop/endpoint.h"
 #include "tests/unit/support/test_clock.h"
 #include "tests/unit/support/test_kernel.h"
 
@@ -215,6 +216,9 @@ int descriptor_of(const std::string& path) {
     return -1;
 }
 
+const log_sockets sockets = {endpoint_connect_local, endpoint_connect_tcp, endpoint_connect_udp,
+                             endpoint_is_local_host};
+
 class log_test : public testing::Test {
   protected:
     void SetUp() override {
@@ -223,6 +227,7 @@ class log_test : public testing::Test {
         folder = fs::canonical(pattern);
         start_folder_ = fs::current_path();
         fs::current_path(folder);
+        log_use_sockets(&sockets);
     }
     void TearDown() override {
         test_clock::release();
@@ -738,6 +743,20 @@ TEST_F(log_test, a_port_that_refuses_stays_a_socket_and_makes_no_file) {
         EXPECT_FALSE(fs::exists(target));
     }
     close(fd);
+}
+
+TEST_F(log_test, a_log_that_can_reach_no_sockets_loses_the_lines_for_them) {
+    log_use_sockets(nullptr);
+    server s(path("log.sock"));
+    server tcp(SOCK_STREAM);
+    for (const std::string& target :
+         {path("log.sock"), "unix://" + path("log.sock"), "tcp://127.0.0.1" + tcp.colon_port(),
+          "udp://127.0.0.1" + tcp.colon_port(), "myhost" + tcp.colon_port()}) {
+        open(target);
+        EXPECT_EQ(shown_on_stdout("lost"), "") << target;
+    }
+    EXPECT_FALSE(s.has_waiting_connection());
+    EXPECT_FALSE(tcp.has_waiting_connection());
 }
 
 TEST_F(log_test, ports_from_1_to_65535_are_sockets) {
