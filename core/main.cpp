@@ -18,6 +18,7 @@
 #include "loop/server.h"
 #include "proto/command.h"
 #include "proto/observe.h"
+#include "stats/iface_algor.h"
 #include "stats/modules.h"
 #include "store/expire.h"
 #include "store/seed.h"
@@ -94,6 +95,7 @@ int main(int argc, char** argv) {
     hold_standard_descriptors();
     options o;
     options_init(&o);
+    o.on_history_algor = history_algor_option;
     options_parse(&o, argc, argv);
 
     const pid_t self = getpid();

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include "core/text.h"
-#include "stats/iface_algor.h"
 
 namespace {
 
@@ -125,7 +124,9 @@ void options_parse(options* o, int argc, char** argv) {
         case 'g':
             /* The choice is taken and the usage printed all the same: the daemon never starts with
              * -g. */
-            history_algor_option(optarg);
+            if (o->on_history_algor != nullptr) {
+                o->on_history_algor(optarg);
+            }
             print_usage(argv[0]);
         default:
             print_usage(argv[0]);

@@ -10,9 +10,12 @@ struct options {
     log_config log;
     sstr address; /* a Unix path or an IP address */
     int port;     /* 0 when none was given */
+    /* Called with the word behind -g; null: nobody wants it. */
+    void (*on_history_algor)(const char* word);
 };
 
-/* The defaults: log to /tmp/tessard.log at level info, listen on /tmp/tessard.sock. */
+/* The defaults: log to /tmp/tessard.log at level info, listen on /tmp/tessard.sock; nobody
+ * wants the word behind -g. */
 void options_init(options* o);
 
 /* Reads the arguments over `o`, in their order. -v prints the version and exits with 0; -d becomes

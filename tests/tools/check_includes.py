@@ -23,7 +23,7 @@ FOLDERS = ["core", "loop", "proto", "store", "stats", "ctl"]
 FLOORS = [
     ["core/fault", "core/pool", "core/text", "core/buffer", "core/clock"],
     ["core/sstr", "core/pattern"],
-    ["core/log"],
+    ["core/log", "core/options"],
     ["loop/loop"],
     ["loop/endpoint"],
     ["store/algor", "store/dlist"],
@@ -37,7 +37,7 @@ FLOORS = [
     ["proto/cmd", "proto/cmd_*"],
     ["proto/command"],
     ["stats/*"],
-    ["core/options", "core/main"],
+    ["core/main"],
     ["ctl/*"],
 ]
 

@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <deque>
@@ -17,7 +16,6 @@
 #include <string>
 #include <vector>
 
-#include "stats/iface_algor.h"
 #include "tests/unit/support/test_kernel.h"
 
 namespace {
@@ -105,14 +103,6 @@ TEST_F(options_test, defaults_log_to_the_file_in_tmp_and_listen_on_the_socket_in
     EXPECT_STREQ(o.address, "/tmp/tessard.sock");
     EXPECT_EQ(sstr_length(o.address), 17u);
     EXPECT_EQ(o.port, 0);
-}
-
-TEST_F(options_test, the_logs_fields_stand_in_their_order) {
-    EXPECT_EQ(offsetof(log_config, target), 0u);
-    EXPECT_EQ(offsetof(log_config, ident), sizeof(void*));
-    EXPECT_EQ(offsetof(log_config, level), 2 * sizeof(void*));
-    EXPECT_EQ(offsetof(log_config, colour), 2 * sizeof(void*) + 4);
-    EXPECT_EQ(offsetof(log_config, timestamps), 2 * sizeof(void*) + 8);
 }
 
 TEST_F(options_test, words_that_are_no_options_are_ignored) {
@@ -307,37 +297,25 @@ TEST_F(options_death_test, a_short_option_without_its_value_prints_the_usage_and
 
 namespace {
 
-void tell_algor() {
-    fprintf(stderr, "algor %d\n", history_iface_algor);
+void tell_algor(const char* word) {
+    fprintf(stderr, "algor \"%s\"\n", word);
 }
 
 } // namespace
 
-TEST_F(options_death_test, the_history_algorithm_is_set_and_the_usage_printed_all_the_same) {
-    struct {
-        int before;
-        const char* word;
-        int after;
-    } const rows[] = {
-        {1, "avg", 0}, {0, "max", 1},     {1, "max", 1}, {1, "AVG", 1},
-        {0, "Max", 0}, {1, "average", 1}, {0, "", 0},
-    };
-    for (const auto& row : rows) {
-        EXPECT_EXIT(
-            {
-                history_iface_algor = row.before;
-                atexit(tell_algor);
-                parse_and_hide_output({"-g", row.word});
-            },
-            ExitedWithCode(255), text(Eq("algor " + std::to_string(row.after) + "\n")))
-            << row.word;
-        EXPECT_EXIT(parse_and_show_output({"-g", row.word, "-p", "7000"}), ExitedWithCode(255),
-                    text(Eq(usage("tessard"))));
+TEST_F(options_death_test, the_history_algorithm_is_told_and_the_usage_printed_all_the_same) {
+    o.on_history_algor = tell_algor;
+    for (const char* word : {"avg", "max", "AVG", "average", ""}) {
+        EXPECT_EXIT(parse_and_hide_output({"-g", word}), ExitedWithCode(255),
+                    text(Eq("algor \"" + std::string(word) + "\"\n")));
     }
+    EXPECT_EXIT(parse_and_show_output({"-g", "avg", "-p", "7000"}), ExitedWithCode(255),
+                text(Eq("algor \"avg\"\n" + usage("tessard"))));
 }
 
-TEST_F(options_test, the_history_algorithm_is_max_by_default) {
-    EXPECT_EQ(history_iface_algor, 1);
+TEST_F(options_death_test, a_history_algorithm_that_nobody_asks_for_prints_the_usage) {
+    EXPECT_EXIT(parse_and_show_output({"-g", "avg"}), ExitedWithCode(255),
+                text(Eq(usage("tessard"))));
 }
 
 /* Daemon */
