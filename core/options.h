@@ -14,8 +14,8 @@ struct options {
     void (*on_history_algor)(const char* word);
 };
 
-/* The defaults: log to /tmp/tessard.log at level info, listen on /tmp/tessard.sock; nobody
- * wants the word behind -g. */
+/* The defaults: log to /tmp/tessard.log at level info, listen on /tmp/tessard.sock; nobody wants
+ * the word behind -g. */
 void options_init(options* o);
 
 /* Reads the arguments over `o`, in their order. -v prints the version and exits with 0; -d becomes

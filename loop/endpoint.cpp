@@ -8,22 +8,9 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include "core/pool.h"
-#include "loop/loop.h"
-
 namespace {
 
 constexpr int BACKLOG = 128;
-
-/* What a connection in the making needs when its first event comes. */
-struct connecting {
-    endpoint_connected callback;
-    void* argument;
-};
-
-const char* resolve_localhost(const char* host) {
-    return strcasecmp(host, "localhost") == 0 ? "127.0.0.1" : host;
-}
 
 void copy_path(sockaddr_un* local, const char* path, size_t most) {
     local->sun_family = AF_UNIX;
@@ -43,8 +30,7 @@ int give_up(int* fd) {
 int connect_ipv4(const char* host, int port, int type, int* fd) {
     endpoint_address address;
     *fd = -1;
-    if (endpoint_parse(resolve_localhost(host), port, &address) == 0 ||
-        address.any.sa_family != AF_INET) {
+    if (endpoint_parse_peer(host, port, &address) == 0 || address.any.sa_family != AF_INET) {
         return EINVAL;
     }
     *fd = socket(AF_INET, type, 0);
@@ -52,20 +38,6 @@ int connect_ipv4(const char* host, int port, int type, int* fd) {
         return *fd < 0 ? give_up(fd) : 0;
     }
     return errno == EINPROGRESS ? EINPROGRESS : give_up(fd);
-}
-
-void on_connecting(int fd, unsigned mask, void* argument) {
-    connecting* record = static_cast<connecting*>(argument);
-    const connecting pending = *record;
-    pool_delete(record);
-    loop_remove_handler(fd);
-    /* An error event alone, which epoll may give, is a failure too: nobody else would close the
-     * socket. */
-    const bool failed = (mask & LOOP_READABLE) != 0 || (mask & LOOP_WRITABLE) == 0;
-    if (failed) {
-        close(fd);
-    }
-    pending.callback(failed ? -1 : fd, failed ? EHOSTUNREACH : 0, pending.argument);
 }
 
 int add_flag(int fd, int get, int set, int flag) {
@@ -94,6 +66,10 @@ int endpoint_parse(const char* text, int port, endpoint_address* address) {
     address->ipv4.sin_family = AF_INET;
     address->ipv4.sin_port = network_port;
     return inet_pton(AF_INET, text, &address->ipv4.sin_addr) == 1;
+}
+
+int endpoint_parse_peer(const char* text, int port, endpoint_address* address) {
+    return endpoint_parse(strcasecmp(text, "localhost") == 0 ? "127.0.0.1" : text, port, address);
 }
 
 socklen_t endpoint_length(const endpoint_address* address) {
@@ -186,32 +162,6 @@ int endpoint_connect_tcp(const char* host, int port, bool non_blocking, int* fd)
 
 int endpoint_connect_udp(const char* host, int port, int* fd) {
     return connect_ipv4(host, port, SOCK_DGRAM | SOCK_CLOEXEC, fd);
-}
-
-int endpoint_connect_async(const char* text, int port, endpoint_connected callback,
-                           void* argument) {
-    endpoint_address address;
-    if (endpoint_parse(resolve_localhost(text), port, &address) == 0) {
-        return 0;
-    }
-    int fd = socket(address.any.sa_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd >= loop_maxfd()) {
-        errno = EMFILE;
-        callback(-1, give_up(&fd), argument);
-        return 1;
-    }
-    if (fd >= 0 && connect(fd, &address.any, endpoint_length(&address)) == 0) {
-        callback(fd, 0, argument);
-        return 1;
-    }
-    if (fd < 0 || errno != EINPROGRESS) {
-        callback(-1, give_up(&fd), argument);
-        return 1;
-    }
-    connecting* pending = pool_new<connecting>();
-    *pending = {callback, argument};
-    loop_add_handler(fd, LOOP_READABLE | LOOP_WRITABLE, on_connecting, pending);
-    return 1;
 }
 
 int endpoint_set_nonblocking(int fd) {

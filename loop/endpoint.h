@@ -33,6 +33,9 @@ bool endpoint_is_path(const char* text);
  * address. Returns 1, or 0 when inet_pton rejects the text. */
 int endpoint_parse(const char* text, int port, endpoint_address* address);
 
+/* The same for the other side of a connection: "localhost" in any case means 127.0.0.1. */
+int endpoint_parse_peer(const char* text, int port, endpoint_address* address);
+
 /* Bytes of the address that bind and connect are given: 110, 28 or 16. */
 socklen_t endpoint_length(const endpoint_address* address);
 
@@ -59,17 +62,6 @@ int endpoint_listen_datagram(const char* text, int port);
 int endpoint_connect_local(const char* path, int* fd);
 int endpoint_connect_tcp(const char* host, int port, bool non_blocking, int* fd);
 int endpoint_connect_udp(const char* host, int port, int* fd);
-
-/* Called with the connected descriptor and 0, or with -1 and an error number. */
-typedef void (*endpoint_connected)(int fd, int error, void* argument);
-
-/* Connects a stream without blocking; address texts as for endpoint_parse, and "localhost". Returns
- * 1 when the address parsed, and the callback is then called exactly once, perhaps before this
- * returns; 0 otherwise, with no call. A connection that fails after it was begun is reported as
- * EHOSTUNREACH, whatever the kernel says: a readable event is taken for the failure and the cause
- * is not asked for. A socket whose descriptor is not below the loop's limit is reported as EMFILE.
- */
-int endpoint_connect_async(const char* text, int port, endpoint_connected callback, void* argument);
 
 /* Add a descriptor flag. Return the result of fcntl, negative on failure. */
 int endpoint_set_nonblocking(int fd);
