@@ -5,9 +5,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "core/pool.h"
 #include "loop/loop.h"
+#include "loop/server.h"
 
 namespace {
+
+/* Who is to be told, kept at the pipe's connection. */
+struct completion {
+    child_completed completed;
+    void* argument;
+};
 
 /* Makes `fd` the descriptor `target`, which the command inherits. */
 void move_descriptor(int fd, int target) {
@@ -37,7 +45,9 @@ void move_descriptor(int fd, int target) {
 void on_data(connection*) {}
 
 void on_close(connection* c, int reason) {
-    c->completed(&c->input, c->user_data, reason);
+    completion* record = static_cast<completion*>(c->user_data);
+    record->completed(&c->input, record->argument, reason);
+    pool_delete(record);
     int status;
     (void)waitpid(-1, &status, WNOHANG);
 }
@@ -61,8 +71,9 @@ int child_spawn(const char* command, child_completed completed, void* argument) 
     }
     close(ends[1]);
     connection* c = loop_add_connection(ends[0], nullptr);
-    c->user_data = argument;
-    c->completed = completed;
+    completion* record = pool_new<completion>();
+    *record = {completed, argument};
+    c->user_data = record;
     c->conn_ondata = on_data;
     c->on_close = on_close;
     return 1;

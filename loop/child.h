@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/buffer.h"
 #include "loop/connection.h"
 
 /* Child processes: a shell command runs beside the loop, its standard output is collected through a
@@ -8,6 +9,10 @@
  *
  * The child's complaints go to /dev/null. Of the daemon's descriptors it has standard input alone.
  */
+
+/* The whole output of a child process: `output` is valid only during the call. The argument is the
+ * caller's. */
+typedef void (*child_completed)(buffer* output, void* argument, int reason);
 
 /* Starts the command. `completed` is called exactly once, with everything the child wrote and the
  * reason for which the pipe closed: CONNECTION_PEER_CLOSED when the child closed its output, as it

@@ -5,9 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "core/fault.h"
 #include "core/pool.h"
-#include "loop/endpoint.h"
 
 namespace {
 
@@ -212,17 +210,6 @@ void on_event(int fd, unsigned mask, void* argument) {
     }
 }
 
-void unlink_from_server(connection* c) {
-    if (c->prev != nullptr) {
-        c->prev->next = c->next;
-    } else {
-        c->owner->connections = c->next;
-    }
-    if (c->next != nullptr) {
-        c->next->prev = c->prev;
-    }
-}
-
 void destroy(loop_closing* closing) {
     connection* c = reinterpret_cast<connection*>(reinterpret_cast<char*>(closing) -
                                                   offsetof(connection, closing));
@@ -233,9 +220,8 @@ void destroy(loop_closing* closing) {
     buffer_free(&c->input);
     buffer_free(&c->output);
     buffer_free(&c->pending);
-    if (c->owner != nullptr) {
-        unlink_from_server(c);
-        server_unref(c->owner);
+    if (c->leave != nullptr) {
+        c->leave(c);
     }
     pool_delete(c);
 }
@@ -255,25 +241,10 @@ void close_with_reason(connection* c, int reason) {
 
 } // namespace
 
-connection* loop_add_connection(int fd, server* owner) {
-    if (!(fd < loop_maxfd() && !loop_has_handler(fd))) {
-        fault_abort("fd < maxfd && files[fd].cb == ((void *)0)", "loop", 690,
-                    "loop_add_connection");
-    }
-    (void)endpoint_set_nonblocking(fd);
-    (void)endpoint_set_cloexec(fd);
+connection* connection_open(int fd) {
     connection* c = pool_new<connection>();
     c->fd = fd;
-    c->owner = owner;
     c->closing.destroy = destroy;
-    if (owner != nullptr) {
-        c->next = owner->connections;
-        if (c->next != nullptr) {
-            c->next->prev = c;
-        }
-        owner->connections = c;
-        owner->references++;
-    }
     buffer_init(&c->input, CONNECTION_BUFFER_INITIAL, CONNECTION_INPUT_LIMIT);
     buffer_init(&c->output, CONNECTION_BUFFER_INITIAL, CONNECTION_OUTPUT_LIMIT);
     buffer_init(&c->pending, CONNECTION_BUFFER_INITIAL, CONNECTION_PENDING_LIMIT);
@@ -317,12 +288,5 @@ void connection_fail_output(connection* c) {
     if (c->fd >= 0) {
         c->error = CONNECTION_BUFFER_FULL;
         close_with_reason(c, CONNECTION_WRITE_FAILED);
-    }
-}
-
-void server_unref(server* s) {
-    s->references--;
-    if (s->references == 0) {
-        pool_delete(s);
     }
 }

@@ -52,54 +52,32 @@ typedef void (*connection_close_callback)(connection* c, int reason);
  * valid until the next call. */
 typedef const char* (*connection_producer)(connection* c, uint32_t* length);
 
-/* The whole output of a child process: `output` is valid only during the call. */
-typedef void (*child_completed)(buffer* output, void* argument, int reason);
-
-typedef void (*server_accept_callback)(connection* c);
-typedef void (*server_override)(server* s);
-
-/* Room for the address text, NUL included; a longer one is cut in the record. */
-constexpr uint32_t SERVER_ADDRESS_SIZE = 48;
-
-/* The listening server that a connection belongs to; server.h has its operations. It stands here
- * because the end of its last connection may be its own end. */
-struct server {
-    int32_t fd; /* -1 once released */
-    char address[SERVER_ADDRESS_SIZE];
-    int32_t port;
-    connection* connections; /* newest first */
-    connection_data_callback
-        conn_ondata; /* copied into each connection; set before the first accept */
-    connection_close_callback on_close; /* copied likewise */
-    server_accept_callback on_accept;   /* optional: called with each new connection */
-    server_override accept_override;    /* optional: called instead of accepting */
-    uint32_t references;
-};
+/* The connection is gone from the loop and about to be freed: who owns it forgets it. */
+typedef void (*connection_leave_callback)(connection* c);
 
 struct connection {
     int32_t fd; /* -1 once closed */
     buffer input;
     buffer output;
-    server* owner; /* null when it belongs to no server */
+    server* owner; /* null when it belongs to no server, and then it is no socket */
     connection_data_callback conn_ondata;
     connection_close_callback on_close;
     connection_producer producer;
     int16_t error;   /* what caused the close: an errno, a socket error or CONNECTION_BUFFER_FULL */
     int16_t reason;  /* connection_reason */
     void* user_data; /* owned by the layer above */
-    child_completed completed; /* used by child processes alone */
-    connection* prev;          /* in the server's list */
+    connection* prev; /* in the server's list */
     connection* next;
     buffer pending;
     jmp_buf* jump; /* innermost armed operation, null outside of one */
     loop_closing closing;
+    connection_leave_callback leave; /* null without an owner */
 };
 
-/* Wraps a descriptor, which the connection owns from now on: makes it non-blocking and
- * close-on-exec, links the record at the front of the server's list and takes a reference on the
- * server (null: none), and watches for input. Aborts when the descriptor is not below the loop's
- * limit or has a handler. */
-connection* loop_add_connection(int fd, server* owner);
+/* Wraps a descriptor, which is non-blocking and close-on-exec, below the loop's limit and without
+ * handler, and the connection's from now on. Watches it for input. The owner, which is the server's
+ * affair (loop_add_connection in loop/server.h), is none yet. */
+connection* connection_open(int fd);
 
 /* Sends `length` bytes, which are copied or written before this returns. May close the connection;
  * a closed one drops the bytes. */
@@ -118,6 +96,3 @@ void connection_close(connection* c);
 
 /* Closes because a frame could not be made whole: reason 2, error CONNECTION_BUFFER_FULL. */
 void connection_fail_output(connection* c);
-
-/* Gives up one reference to a server; the last one frees the record. */
-void server_unref(server* s);

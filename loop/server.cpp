@@ -8,6 +8,41 @@
 #include "core/pool.h"
 #include "loop/endpoint.h"
 
+namespace {
+
+/* Gives up one reference; the last one frees the record. */
+void unref(server* s) {
+    s->references--;
+    if (s->references == 0) {
+        pool_delete(s);
+    }
+}
+
+void leave(connection* c) {
+    if (c->prev != nullptr) {
+        c->prev->next = c->next;
+    } else {
+        c->owner->connections = c->next;
+    }
+    if (c->next != nullptr) {
+        c->next->prev = c->prev;
+    }
+    unref(c->owner);
+}
+
+void join(connection* c, server* owner) {
+    c->owner = owner;
+    c->leave = leave;
+    c->next = owner->connections;
+    if (c->next != nullptr) {
+        c->next->prev = c;
+    }
+    owner->connections = c;
+    owner->references++;
+}
+
+} // namespace
+
 server* server_open(const char* address, int port) {
     if (address == nullptr) {
         address = "0.0.0.0";
@@ -27,6 +62,20 @@ server* server_open(const char* address, int port) {
     memcpy(s->address, address, strnlen(address, sizeof s->address - 1));
     loop_add_handler(fd, LOOP_READABLE, cb_sserver, s);
     return s;
+}
+
+connection* loop_add_connection(int fd, server* owner) {
+    if (!(fd < loop_maxfd() && !loop_has_handler(fd))) {
+        fault_abort("fd < maxfd && files[fd].cb == ((void *)0)", "loop", 690,
+                    "loop_add_connection");
+    }
+    (void)endpoint_set_nonblocking(fd);
+    (void)endpoint_set_cloexec(fd);
+    connection* c = connection_open(fd);
+    if (owner != nullptr) {
+        join(c, owner);
+    }
+    return c;
 }
 
 void cb_sserver(int fd, unsigned mask, void* argument) {
@@ -62,5 +111,5 @@ void server_release(server* s) {
     loop_remove_handler(s->fd);
     close(s->fd);
     s->fd = -1;
-    server_unref(s);
+    unref(s);
 }

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <cwchar>
@@ -64,22 +63,6 @@ class buffer_test : public testing::Test {
 typedef buffer_test buffer_death_test;
 
 } // namespace
-
-TEST_F(buffer_test, fields_stand_in_their_order) {
-    const size_t offsets[] = {offsetof(buffer, base),     offsetof(buffer, mark),
-                              offsetof(buffer, capacity), offsetof(buffer, data),
-                              offsetof(buffer, length),   offsetof(buffer, initial),
-                              offsetof(buffer, limit)};
-    for (size_t i = 1; i < sizeof offsets / sizeof *offsets; i++) {
-        EXPECT_LT(offsets[i - 1], offsets[i]);
-        if (sizeof(void*) == 4) {
-            EXPECT_EQ(offsets[i], 4 * i);
-        }
-    }
-    if (sizeof(void*) == 4) {
-        EXPECT_EQ(sizeof(buffer), 28u);
-    }
-}
 
 TEST_F(buffer_test, init_allocates_nothing) {
     memset(&b, 0x5a, sizeof b);

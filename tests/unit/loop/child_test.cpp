@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "loop/loop.h"
+#include "loop/server.h"
 #include "tests/unit/support/own_world.h"
 
 using namespace unit_test;

@@ -13,6 +13,7 @@
 #include "loop/connection.h"
 #include "loop/endpoint.h"
 #include "loop/loop.h"
+#include "loop/server.h"
 #include "tests/unit/support/sockets.h"
 #include "tests/unit/support/test_kernel.h"
 

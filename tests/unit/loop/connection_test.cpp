@@ -5,7 +5,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <stddef.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -298,27 +297,6 @@ TEST_P(connection_test, has_three_empty_buffers_with_their_limits) {
     EXPECT_EQ(c->input.limit, 1048576u);
     EXPECT_EQ(c->output.limit, 65536u);
     EXPECT_EQ(c->pending.limit, 1048576u);
-}
-
-TEST(connection_record_test, fields_stand_in_their_order) {
-    const size_t offsets[] = {offsetof(connection, fd),          offsetof(connection, input),
-                              offsetof(connection, output),      offsetof(connection, owner),
-                              offsetof(connection, conn_ondata), offsetof(connection, on_close),
-                              offsetof(connection, producer),    offsetof(connection, error),
-                              offsetof(connection, reason),      offsetof(connection, user_data),
-                              offsetof(connection, completed),   offsetof(connection, prev),
-                              offsetof(connection, next),        offsetof(connection, pending),
-                              offsetof(connection, jump),        offsetof(connection, closing)};
-    const size_t on_device[] = {0, 4, 32, 60, 64, 68, 72, 76, 78, 80, 84, 88, 92, 96, 124, 128};
-    for (size_t i = 1; i < sizeof offsets / sizeof *offsets; i++) {
-        EXPECT_LT(offsets[i - 1], offsets[i]) << i;
-        if (sizeof(void*) == 4) {
-            EXPECT_EQ(offsets[i], on_device[i]) << i;
-        }
-    }
-    EXPECT_EQ(sizeof(connection::fd), 4u);
-    EXPECT_EQ(sizeof(connection::error), 2u);
-    EXPECT_EQ(sizeof(connection::reason), 2u);
 }
 
 TEST_P(connection_test, makes_its_descriptor_non_blocking_and_close_on_exec) {

@@ -7,7 +7,6 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <stddef.h>
 #include <stdlib.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -208,23 +207,6 @@ TEST_P(server_test, a_descriptor_at_the_limit_gives_null_and_is_closed) {
     for (const int fd : taken) {
         close(fd);
     }
-}
-
-TEST(server_record_test, fields_stand_in_their_order) {
-    const size_t offsets[] = {offsetof(server, fd),          offsetof(server, address),
-                              offsetof(server, port),        offsetof(server, connections),
-                              offsetof(server, conn_ondata), offsetof(server, on_close),
-                              offsetof(server, on_accept),   offsetof(server, accept_override),
-                              offsetof(server, references)};
-    const size_t on_device[] = {0, 4, 52, 56, 60, 64, 68, 72, 76};
-    for (size_t i = 1; i < sizeof offsets / sizeof *offsets; i++) {
-        EXPECT_LT(offsets[i - 1], offsets[i]) << i;
-        if (i < 4 || sizeof(void*) == 4) {
-            EXPECT_EQ(offsets[i], on_device[i]) << i;
-        }
-    }
-    EXPECT_EQ(sizeof(server::address), 48u);
-    EXPECT_EQ(sizeof(server::references), 4u);
 }
 
 /* Accepting. */
