@@ -1,5 +1,7 @@
 #include "stats/netdev.h"
 
+#include <ifaddrs.h>
+#include <net/if.h>
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
@@ -175,6 +177,21 @@ iface_stat* iface_find(const char* name) {
         iface = iface->next;
     }
     return iface;
+}
+
+void netdev_poll_flags() {
+    ifaddrs* addresses;
+    if (getifaddrs(&addresses) < 0) {
+        return;
+    }
+    for (const ifaddrs* a = addresses; a != nullptr; a = a->ifa_next) {
+        iface_stat* iface = iface_find(a->ifa_name);
+        if (iface != nullptr) {
+            iface->flags = ((a->ifa_flags & IFF_UP) != 0 ? 2U : 0U) +
+                           ((a->ifa_flags & IFF_RUNNING) != 0 ? 1U : 0U);
+        }
+    }
+    freeifaddrs(addresses);
 }
 
 void netdev_set_interval(uint32_t sec, uint32_t usec) {

@@ -10,8 +10,8 @@
  * "txprate", "rxbrate", "rxprate", "flags") that is announced once, and five histories whose
  * samples are the rates of the span (stats/formats.h).
  *
- * Records are never removed: an interface that disappears keeps its last figures in the store. When
- * the kernel's file cannot be read, nothing changes. */
+ * Records are never removed: an interface that disappears keeps its last figures and flags in the
+ * store. When the kernel's file or its list of addresses cannot be read, nothing changes. */
 
 struct iface_rates {
     uint32_t rxb; /* bytes and packets per second */
@@ -38,6 +38,9 @@ struct iface_stat {
 /* The record of an interface, compared ignoring case over 31 characters; null for a null name or an
  * unknown one. */
 iface_stat* iface_find(const char* name);
+
+/* Takes over which of the known interfaces are up and running; the next poll publishes it. */
+void netdev_poll_flags();
 
 /* One poll of /proc/net/dev. */
 void netdev_poll();

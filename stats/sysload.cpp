@@ -1,7 +1,5 @@
 #include "stats/sysload.h"
 
-#include <ifaddrs.h>
-#include <net/if.h>
 #include <string.h>
 
 #include "core/text.h"
@@ -69,21 +67,6 @@ void feed_history(counted* figure) {
             *maximum = 0;
         }
     }
-}
-
-void update_interface_flags() {
-    ifaddrs* addresses;
-    if (getifaddrs(&addresses) < 0) {
-        return;
-    }
-    for (const ifaddrs* a = addresses; a != nullptr; a = a->ifa_next) {
-        iface_stat* iface = iface_find(a->ifa_name);
-        if (iface != nullptr) {
-            iface->flags = ((a->ifa_flags & IFF_UP) != 0 ? 2U : 0U) +
-                           ((a->ifa_flags & IFF_RUNNING) != 0 ? 1U : 0U);
-        }
-    }
-    freeifaddrs(addresses);
 }
 
 void mem_poll() {
@@ -200,7 +183,7 @@ void conn_publish() {
 }
 
 int stats_ontimer(void*) {
-    update_interface_flags();
+    netdev_poll_flags();
     netdev_poll();
     cpu_poll();
     mem_poll();
