@@ -9,10 +9,10 @@
 
 #include "core/fault.h"
 #include "core/text.h"
-#include "stats/iface_algor.h"
 #include "stats/stat_value.h"
 
 uint32_t netdev_interval_us;
+int history_iface_algor = 1;
 
 namespace {
 
@@ -229,6 +229,21 @@ void netdev_poll() {
     netdev_set_interval(static_cast<uint32_t>(now.tv_sec), static_cast<uint32_t>(now.tv_usec));
     netdev_read(file);
     fclose(file);
+}
+
+void history_algor_option(const char* text) {
+    if (strcmp(text, "max") == 0) {
+        history_iface_algor = 1;
+    } else if (strcmp(text, "avg") == 0) {
+        history_iface_algor = 0;
+    }
+}
+
+int history_algor_hook(object* obj) {
+    if (object_key_is(obj, "history-iface-algor")) {
+        history_algor_option(object_string(obj));
+    }
+    return 0;
 }
 
 void netdev_reset() {

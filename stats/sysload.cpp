@@ -5,7 +5,6 @@
 #include "core/text.h"
 #include "loop/loop.h"
 #include "stats/history.h"
-#include "stats/iface_algor.h"
 #include "stats/netdev.h"
 #include "stats/stat_value.h"
 

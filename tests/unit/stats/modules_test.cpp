@@ -16,7 +16,6 @@
 #include <vector>
 
 #include "stats/history.h"
-#include "stats/iface_algor.h"
 #include "stats/netdev.h"
 #include "stats/ping.h"
 #include "store/dump.h"

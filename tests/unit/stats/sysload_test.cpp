@@ -24,7 +24,6 @@
 
 #include "core/pool.h"
 #include "stats/history.h"
-#include "stats/iface_algor.h"
 #include "stats/netdev.h"
 #include "stats/stat_value.h"
 #include "tests/support/big_endian.h"
