@@ -14,7 +14,7 @@
 #include "core/sstr.h"
 #include "core/text.h"
 #include "loop/loop.h"
-#include "stats/stat_value.h"
+#include "stats/tool.h"
 
 namespace {
 
@@ -167,7 +167,7 @@ void read_folder() {
 void start_script(const crond_task* task) {
     char command[sizeof FOLDER + NAME_SIZE + 1];
     snprintf(command, sizeof command, "%s%s&", FOLDER, task->name);
-    stat_command_run(command);
+    tool_run(command);
 }
 
 void tick(crond_task* task) {

@@ -9,7 +9,7 @@
 #include "core/log.h"
 #include "core/text.h"
 #include "loop/loop.h"
-#include "stats/stat_value.h"
+#include "stats/tool.h"
 #include "store/object.h"
 
 namespace {
@@ -71,9 +71,9 @@ bool has_serial_panel(const object* sys) {
 }
 
 const char* serial_port() {
-    char output[STAT_OUTPUT_SIZE];
+    char output[TOOL_OUTPUT_SIZE];
     char model[16] = {};
-    if (stat_command_output(MODEL_COMMAND, 1, output)) {
+    if (tool_output(MODEL_COMMAND, 1, output)) {
         (void)sscanf(output, "%15s", model);
     }
     for (const char* known : first_port_models) {

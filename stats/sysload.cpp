@@ -7,6 +7,7 @@
 #include "stats/history.h"
 #include "stats/netdev.h"
 #include "stats/stat_value.h"
+#include "stats/tool.h"
 
 namespace {
 
@@ -78,16 +79,16 @@ void mem_poll() {
 }
 
 void host_poll() {
-    char output[STAT_OUTPUT_SIZE];
-    if (stat_command_output(HOST_COMMAND, 2, output)) {
+    char output[TOOL_OUTPUT_SIZE];
+    if (tool_output(HOST_COMMAND, 2, output)) {
         host_update(output);
     }
     host_publish();
 }
 
 void conn_poll() {
-    char output[STAT_OUTPUT_SIZE];
-    if (stat_command_output(CONN_COMMAND, 1, output)) {
+    char output[TOOL_OUTPUT_SIZE];
+    if (tool_output(CONN_COMMAND, 1, output)) {
         conn_update(output);
     }
     conn_publish();
