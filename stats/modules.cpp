@@ -4,7 +4,7 @@
 #include "stats/history.h"
 #include "stats/lcd.h"
 #include "stats/ping.h"
-#include "stats/sysload.h"
+#include "stats/tick.h"
 
 namespace {
 

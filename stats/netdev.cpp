@@ -246,7 +246,7 @@ int history_algor_hook(object* obj) {
     return 0;
 }
 
-void netdev_reset() {
+void netdev_start() {
     while (state.ifaces != nullptr) {
         iface_stat* next = state.ifaces->next;
         history_free_set(state.ifaces->history);

@@ -65,6 +65,6 @@ int history_algor_hook(object* obj);
 /* Microseconds between the last two polls, 0 when unknown. */
 extern uint32_t netdev_interval_us;
 
-/* Forgets every record and the time of the last poll, so that a test starts fresh. The objects of
- * the rings point to what is freed here: object_reset comes first. */
-void netdev_reset();
+/* Forgets every record and the time of the last poll. The objects of the rings point to what is
+ * freed here, so a second start needs a fresh keyspace. */
+void netdev_start();

@@ -40,7 +40,6 @@ class statistics_modules_test : public store_test {
         tool("hostmon", "echo x >>" + folder + "/calls");
         tool("conntrack", "echo 'entries 1'");
         setenv("PATH", (folder + ":" + old_path).c_str(), 1);
-        netdev_reset();
         loop_init(1024, LOOP_SELECT);
         modules_start();
     }
@@ -48,16 +47,9 @@ class statistics_modules_test : public store_test {
     ~statistics_modules_test() override {
         setenv("PATH", old_path.c_str(), 1);
         std::filesystem::remove_all(folder);
-        htable_walk walk = htable_walk_start(object_keyspace());
-        while (const object* obj = static_cast<object*>(htable_walk_next(&walk))) {
-            if (obj->aux != nullptr &&
-                iface_find(std::string(obj->key, strcspn(obj->key, ".")).c_str()) == nullptr) {
-                history_free(obj->aux);
-            }
-        }
         loop_init(1024, LOOP_SELECT);
         object_reset();
-        netdev_reset();
+        netdev_start();
         history_start();
         history_iface_algor = 1;
     }

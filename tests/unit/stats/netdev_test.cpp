@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <ifaddrs.h>
+#include <net/if.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/resource.h>
@@ -15,6 +17,7 @@
 #include <vector>
 
 #include "tests/support/big_endian.h"
+#include "tests/unit/stats/statistics_test.h"
 #include "tests/unit/support/store_test.h"
 #include "tests/unit/support/test_client.h"
 #include "tests/unit/support/test_clock.h"
@@ -51,13 +54,13 @@ std::string line(const std::string& name, const counts& c) {
 class interface_traffic_test : public store_test {
   protected:
     interface_traffic_test() {
-        netdev_reset();
+        netdev_start();
         history_iface_algor = 1;
     }
 
     ~interface_traffic_test() override {
         object_reset();
-        netdev_reset();
+        netdev_start();
         history_iface_algor = 1;
     }
 
@@ -188,6 +191,32 @@ class interface_algorithm_test : public store_test {
         object_set_string(make(key, OBJ_TSTRING), text(value));
     }
 };
+
+/* On a machine whose addresses are the test's own. */
+class interface_flags_test : public statistics_machine_test {
+  protected:
+    /* One tick with these addresses: the interface's flags as it publishes them. */
+    static std::string flags_after(std::vector<ifaddrs> addresses) {
+        for (size_t i = 0; i + 1 < addresses.size(); i++) {
+            addresses[i].ifa_next = &addresses[i + 1];
+        }
+        machine.addresses = addresses.data();
+        netdev_poll_flags();
+        netdev_poll();
+        machine.addresses = nullptr;
+        const object* hash = object_lookup_type("eth0", OBJ_THASH);
+        const hash_field* flags = hash != nullptr ? object_hash_field(hash, "flags") : nullptr;
+        return flags != nullptr ? std::string(bytes_of(flags->value)) : "(none)";
+    }
+
+    static ifaddrs address(const char* interface, unsigned flags) {
+        ifaddrs one = {};
+        one.ifa_name = const_cast<char*>(interface);
+        one.ifa_flags = flags;
+        return one;
+    }
+};
+
 } // namespace
 
 /* --- The first polls --- */
@@ -257,7 +286,7 @@ TEST_F(interface_traffic_test, rates_are_per_second_and_cut_to_whole_numbers) {
                                         {3000000u, 166u},
                                         {100000u, 5000u}}) {
         object_reset();
-        netdev_reset();
+        netdev_start();
         advance(0, {});
         advance(elapsed, {1000, 0, 0, 0});
         EXPECT_EQ(netdev_interval_us, elapsed);
@@ -295,13 +324,13 @@ TEST_F(interface_traffic_test,
           {4294u, 967297u, 1u},
           {4295u, 0u, 32704u},
           {1000000000u, 0u, 0u}}) {
-        netdev_reset();
+        netdev_start();
         netdev_set_interval(1000, 0);
         netdev_set_interval(1000 + elapsed_sec, elapsed_usec);
         EXPECT_EQ(netdev_interval_us, interval) << elapsed_sec << "." << elapsed_usec;
     }
     /* The seconds' own turn of 32 bits. */
-    netdev_reset();
+    netdev_start();
     netdev_set_interval(4294967295u, 500000);
     netdev_set_interval(0, 500000);
     EXPECT_EQ(netdev_interval_us, 1000000u);
@@ -311,7 +340,7 @@ TEST_F(interface_traffic_test, only_a_time_of_all_zero_is_no_time) {
     netdev_set_interval(0, 0);
     netdev_set_interval(7, 0);
     EXPECT_EQ(netdev_interval_us, 0u);
-    netdev_reset();
+    netdev_start();
     netdev_set_interval(0, 5);
     netdev_set_interval(0, 25);
     EXPECT_EQ(netdev_interval_us, 20u);
@@ -334,7 +363,7 @@ TEST_F(interface_traffic_test, without_an_interval_counters_are_stored_and_rates
 TEST_F(interface_traffic_test, a_delta_of_a_thousand_million_skips_the_polls_rates) {
     for (uint64_t counts::*counter : {&counts::rxb, &counts::rxp, &counts::txb, &counts::txp}) {
         object_reset();
-        netdev_reset();
+        netdev_start();
         advance(0, {});
         advance(1000000, {1000, 10, 2000, 100});
         counts more = {5, 5, 5, 5};
@@ -364,7 +393,7 @@ TEST_F(interface_traffic_test, a_counter_that_goes_backwards_is_a_reset) {
     for (uint64_t counts::*counter : {&counts::rxb, &counts::rxp, &counts::txb, &counts::txp}) {
         for (const uint64_t back : {1, 500}) {
             object_reset();
-            netdev_reset();
+            netdev_start();
             eth0 = {100000, 1000, 50000, 500};
             advance(0, {});
             advance(1000000, {1000, 10, 2000, 100});
@@ -723,6 +752,38 @@ TEST_F(interface_traffic_test, long_spans_collect_until_their_period_ends) {
         EXPECT_EQ(sample("eth0.day", n), be32(7000) + std::string(12, '\0'));
     }
     EXPECT_EQ(sample("eth0.mon", 0), be32(7000) + std::string(12, '\0'));
+}
+
+/* --- Flags --- */
+
+TEST_F(interface_flags_test, flags_are_read_before_traffic_and_of_up_two_and_running_one_is_made) {
+    EXPECT_EQ(flags_after({address("eth0", IFF_UP | IFF_RUNNING)}), "0") << "not known yet";
+    EXPECT_EQ(flags_after({address("eth0", IFF_UP | IFF_RUNNING)}), "3");
+    EXPECT_EQ(flags_after({address("eth0", IFF_UP)}), "2");
+    EXPECT_EQ(flags_after({address("eth0", IFF_RUNNING)}), "1");
+    EXPECT_EQ(flags_after({address("eth0", ~static_cast<unsigned>(IFF_UP | IFF_RUNNING))}), "0");
+    EXPECT_EQ(flags_after({address("eth0", ~0U)}), "3");
+}
+
+TEST_F(interface_flags_test, the_last_address_of_an_interface_tells_its_flags) {
+    flags_after({});
+    EXPECT_EQ(
+        flags_after({address("lo", IFF_UP), address("eth0", IFF_UP), address(nullptr, IFF_RUNNING),
+                     address("eth0", IFF_RUNNING), address("wlan0", IFF_UP)}),
+        "1");
+    EXPECT_EQ(flags_after({address("eth0", IFF_UP | IFF_RUNNING), address("eth0", 0)}), "0");
+}
+
+TEST_F(interface_flags_test, flags_stay_when_an_interface_has_no_address_or_none_can_be_had) {
+    flags_after({});
+    EXPECT_EQ(flags_after({address("eth0", IFF_UP | IFF_RUNNING)}), "3");
+    EXPECT_EQ(flags_after({}), "3");
+    EXPECT_EQ(flags_after({address("lo", IFF_UP)}), "3");
+    machine.addresses_fail = true;
+    EXPECT_EQ(flags_after({address("eth0", IFF_UP)}), "3")
+        << "what a failed call leaves is no list";
+    machine.addresses_fail = false;
+    EXPECT_EQ(flags_after({address("eth0", IFF_UP)}), "2");
 }
 
 /* --- The choice of the algorithm --- */
