@@ -519,6 +519,50 @@ TEST_F(interface_traffic_test, figures_that_are_missing_count_as_zero) {
     EXPECT_EQ(field_of("eth0", "txp"), "0");
 }
 
+TEST_F(interface_traffic_test, figures_are_read_up_to_the_first_that_is_none) {
+    poll(0, "eth0: 5 6 7 x 9 10 11 12 13 14\n"
+            "eth1: 5 6 7 8 9 10 11 12 13 many\n"
+            "eth2: 5 - 7 8 9 10 11 12 13 14\n"
+            "eth3: 0x5 6 7 8 9 10 11 12 13 14\n"
+            "eth4: none\n"
+            "eth5:5.6 7\n");
+    const std::pair<const char*, const char*> expected[] = {
+        {"eth0", "5 6 0 0"}, {"eth1", "5 6 13 0"}, {"eth2", "5 0 0 0"},
+        {"eth3", "0 0 0 0"}, {"eth4", "0 0 0 0"},  {"eth5", "5 0 0 0"}};
+    for (const auto& [name, figures] : expected) {
+        EXPECT_EQ(field_of(name, "rxb") + " " + field_of(name, "rxp") + " " +
+                      field_of(name, "txb") + " " + field_of(name, "txp"),
+                  figures)
+            << name;
+    }
+}
+
+TEST_F(interface_traffic_test, figures_may_have_a_sign_and_saturate_at_64_bits) {
+    poll(0,
+         "eth0: -1 -2 3-4+5 6 7 8 +9 -10 \n"
+         "eth1: 99999999999999999999 99999999999999999999 3 4 5 6 7 8 -99999999999999999999 10\n");
+    EXPECT_EQ(field_of("eth0", "rxb"), "18446744073709551615");
+    EXPECT_EQ(field_of("eth0", "rxp"), "4294967294");
+    EXPECT_EQ(field_of("eth0", "txb"), "9") << "a sign begins the next figure without a blank";
+    EXPECT_EQ(field_of("eth0", "txp"), "4294967286");
+    EXPECT_EQ(field_of("eth1", "rxb"), "18446744073709551615");
+    EXPECT_EQ(field_of("eth1", "rxp"), "4294967295");
+    EXPECT_EQ(field_of("eth1", "txb"), "18446744073709551615");
+    EXPECT_EQ(field_of("eth1", "txp"), "10");
+}
+
+TEST_F(interface_traffic_test, a_name_ends_at_a_blank_a_colon_or_a_nul_and_counts_without_figures) {
+    poll(0, "\v\f\r eth0 : 1 2 3 4 5 6 7 8 9 10\neth1\t: 1 2\neth2:eth3: 1 2\neth4");
+    read(std::string("eth5: 1 2\0 3 4 5 6 7 8 9 10\n", 28));
+    EXPECT_EQ(field_of("eth0", "rxb"), "0") << "the colon does not follow the name";
+    EXPECT_EQ(field_of("eth1\t", "rxb"), "1");
+    EXPECT_EQ(field_of("eth2", "rxb"), "0");
+    EXPECT_EQ(field_of("eth4", "rxb"), "0");
+    EXPECT_EQ(field_of("eth5", "rxp"), "2");
+    EXPECT_EQ(iface_find("eth3"), nullptr);
+    EXPECT_EQ(iface_find("eth1"), nullptr);
+}
+
 TEST_F(interface_traffic_test, names_are_kept_to_31_characters) {
     const std::string name = "eth-4567890123456789012345678901";
     ASSERT_EQ(name.size(), 32u);
@@ -546,6 +590,22 @@ TEST_F(interface_traffic_test, records_are_found_in_any_case_of_letters) {
         EXPECT_EQ(iface_find(name), nullptr) << name;
     }
     EXPECT_EQ(iface_find(nullptr), nullptr);
+}
+
+TEST_F(interface_traffic_test, records_are_found_in_any_order) {
+    const std::vector<std::string> names = {"eth0", "eth1", "br-lan", "p-1", "l2tp-wan"};
+    std::string lines;
+    for (const std::string& name : names) {
+        lines += line(name, {1, 2, 3, 4});
+    }
+    poll(0, lines);
+    for (const std::string& first : names) {
+        for (const std::string& second : names) {
+            EXPECT_EQ(iface_find(first.c_str())->name, first);
+            EXPECT_EQ(iface_find("eth2"), nullptr);
+            EXPECT_EQ(iface_find(second.c_str())->name, second) << "behind " << first;
+        }
+    }
 }
 
 TEST_F(interface_traffic_test, the_newest_record_heads_the_list) {
