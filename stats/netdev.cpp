@@ -34,6 +34,8 @@ struct counters {
 
 struct netdev_state {
     iface_stat* ifaces; /* newest first */
+    iface_stat* oldest; /* the last of them */
+    iface_stat* found;  /* the record found or made last; null when there is none */
     uint32_t last_sec;  /* time of the last poll, 0 before the first */
     uint32_t last_usec;
     uint32_t most_ifaces; /* the most selected in one poll */
@@ -76,8 +78,11 @@ iface_stat* new_iface(const char* name) {
     iface->next = state.ifaces;
     if (state.ifaces != nullptr) {
         state.ifaces->prev = iface;
+    } else {
+        state.oldest = iface;
     }
     state.ifaces = iface;
+    state.found = iface;
     return iface;
 }
 
@@ -169,14 +174,18 @@ void update_iface(const char* name, const counters* read) {
 } // namespace
 
 iface_stat* iface_find(const char* name) {
-    if (name == nullptr) {
+    if (name == nullptr || state.found == nullptr) {
         return nullptr;
     }
-    iface_stat* iface = state.ifaces;
-    while (iface != nullptr && strncasecmp(iface->name, name, NAME_LENGTH) != 0) {
-        iface = iface->next;
-    }
-    return iface;
+    iface_stat* iface = state.found;
+    do {
+        if (strncasecmp(iface->name, name, NAME_LENGTH) == 0) {
+            state.found = iface;
+            return iface;
+        }
+        iface = iface->prev != nullptr ? iface->prev : state.oldest;
+    } while (iface != state.found);
+    return nullptr;
 }
 
 void netdev_poll_flags() {

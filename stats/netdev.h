@@ -36,7 +36,8 @@ struct iface_stat {
 };
 
 /* The record of an interface, compared ignoring case over 31 characters; null for a null name or an
- * unknown one. */
+ * unknown one. The search goes from the record found last to the newer ones, and round: the
+ * kernel lists interfaces in the order in which it did when their records were made. */
 iface_stat* iface_find(const char* name);
 
 /* Takes over which of the known interfaces are up and running; the next poll publishes it. */
