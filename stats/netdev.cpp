@@ -18,6 +18,7 @@ namespace {
 
 constexpr char NETDEV_FILE[] = "/proc/net/dev";
 constexpr size_t LINE_SIZE = 1024;
+constexpr size_t LINE_FIGURES = 10;
 constexpr size_t NAME_LENGTH = sizeof(iface_stat::name) - 1;
 
 /* A delta from here on is a counter that was reset or whose low word wrapped. */
@@ -52,20 +53,40 @@ bool is_of_interest(const char* name) {
     return false;
 }
 
+/* Takes the figures of a line from the first on, up to one that is missing. Each is read as scanf's
+ * "%llu" reads it: blanks and a sign may stand before it, and it saturates. */
+void parse_figures(const char* text, uint64_t (&figures)[LINE_FIGURES]) {
+    for (uint64_t& figure : figures) {
+        char* end;
+        const uint64_t value = strtoull(text, &end, 10);
+        if (end == text) {
+            return;
+        }
+        figure = value;
+        text = end;
+    }
+}
+
 /* Understands a line such as
  *   "  eth0: 1296 14 0 0 0 0 0 0 2592 28 0 0 0 0 0 0"
- * (received bytes and packets, six others, transmitted bytes and packets). Packet counters are cut
- * to 32 bits. False for the two header lines, which have a "|", and for lines without a name. */
-bool parse_line(const char* line, char (&name)[LINE_SIZE], counters* read) {
+ * (received bytes and packets, six others, transmitted bytes and packets), as scanf does with
+ * " %[^ :]:" and ten figures: a name that no colon follows has none, and what is missing is 0.
+ * Packet counters are cut to 32 bits. Returns the name, which is ended in the line; null for the
+ * two header lines, which have a "|", and for lines without a name. */
+const char* parse_line(char* line, counters* read) {
     if (strchr(line, '|') != nullptr) {
-        return false;
+        return nullptr;
     }
-    unsigned long long values[4] = {};
-    const int matched = sscanf(line, " %1023[^ :]:%llu %llu %*u %*u %*u %*u %*u %*u %llu %llu",
-                               name, &values[0], &values[1], &values[2], &values[3]);
-    *read = {values[0], static_cast<uint32_t>(values[1]), values[2],
-             static_cast<uint32_t>(values[3])};
-    return matched >= 1;
+    char* name = line + strspn(line, " \t\n\v\f\r");
+    char* end = name + strcspn(name, " :");
+    uint64_t figures[LINE_FIGURES] = {};
+    if (*end == ':') {
+        parse_figures(end + 1, figures);
+    }
+    *end = '\0';
+    *read = {figures[0], static_cast<uint32_t>(figures[1]), figures[8],
+             static_cast<uint32_t>(figures[9])};
+    return end != name ? name : nullptr;
 }
 
 iface_stat* new_iface(const char* name) {
@@ -214,11 +235,11 @@ void netdev_set_interval(uint32_t sec, uint32_t usec) {
 
 void netdev_read(FILE* file) {
     char line[LINE_SIZE];
-    char name[LINE_SIZE];
     counters read;
     uint32_t selected = 0;
     while (fgets(line, sizeof line, file) != nullptr) {
-        if (parse_line(line, name, &read) && is_of_interest(name)) {
+        const char* name = parse_line(line, &read);
+        if (name != nullptr && is_of_interest(name)) {
             update_iface(name, &read);
             selected++;
         }
