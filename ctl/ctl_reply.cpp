@@ -42,33 +42,10 @@ ctl_state find_line(ctl_reply* reply, size_t from, ctl_span* line, size_t* end) 
     return CTL_WHOLE;
 }
 
-/* Reads the whole of the text as a decimal number; false when it is none, or none of 64 bits. */
-bool read_number(const char* text, size_t length, int64_t* number) {
-    const bool negative = length > 0 && text[0] == '-';
-    const uint64_t limit =
-        negative ? static_cast<uint64_t>(INT64_MAX) + 1 : static_cast<uint64_t>(INT64_MAX);
-    uint64_t magnitude = 0;
-    size_t i = negative ? 1 : 0;
-    if (i == length) {
-        return false;
-    }
-    for (; i < length; i++) {
-        if (text[i] < '0' || text[i] > '9') {
-            return false;
-        }
-        const uint64_t digit = static_cast<uint64_t>(text[i] - '0');
-        if (magnitude > (limit - digit) / 10) {
-            return false;
-        }
-        magnitude = magnitude * 10 + digit;
-    }
-    *number = static_cast<int64_t>(negative ? 0 - magnitude : magnitude);
-    return true;
-}
-
 /* The number behind the first byte of a line. */
 bool line_number(const ctl_reply* reply, ctl_span line, int64_t* number) {
-    return read_number(reply->data + reply->start + line.offset + 1, line.length - 1, number);
+    const ctl_text text = {reply->data + reply->start + line.offset + 1, line.length - 1};
+    return ctl_text_number(text, INT64_MIN, INT64_MAX, number);
 }
 
 /* Items grow with those that have come, not with the number announced. */

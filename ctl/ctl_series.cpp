@@ -34,18 +34,11 @@ bool base_is(ctl_text base, const char* name) {
 
 /* "ping" and a number from 1 to 20 as the daemon writes it. */
 bool is_ping(ctl_text base) {
-    if (base.length < 5 || base.length > 6 || memcmp(base.bytes, "ping", 4) != 0 ||
-        base.bytes[4] == '0') {
+    if (base.length < 5 || memcmp(base.bytes, "ping", 4) != 0 || base.bytes[4] == '0') {
         return false;
     }
-    uint32_t number = 0;
-    for (size_t i = 4; i < base.length; i++) {
-        if (base.bytes[i] < '0' || base.bytes[i] > '9') {
-            return false;
-        }
-        number = number * 10 + static_cast<uint32_t>(base.bytes[i] - '0');
-    }
-    return number <= PING_TARGETS;
+    int64_t target;
+    return ctl_text_number({base.bytes + 4, base.length - 4}, 1, PING_TARGETS, &target);
 }
 
 /* The kind that the key's name promises; null for a name without a "." or with nothing before it.

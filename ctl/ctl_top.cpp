@@ -64,22 +64,6 @@ ctl_status ask(const char* const* words, int count) {
     return ctl_link_ask(state.link, count, copies);
 }
 
-/* All of the text as a number of 32 bits; false for anything else. */
-bool read_number(ctl_text text, uint32_t* number) {
-    uint64_t sum = 0;
-    if (text.bytes == nullptr || text.length == 0 || text.length > 10) {
-        return false;
-    }
-    for (size_t i = 0; i < text.length; i++) {
-        if (text.bytes[i] < '0' || text.bytes[i] > '9') {
-            return false;
-        }
-        sum = sum * 10 + static_cast<uint64_t>(text.bytes[i] - '0');
-    }
-    *number = static_cast<uint32_t>(sum);
-    return sum <= UINT32_MAX;
-}
-
 /* The history under a key, when there is one: valid until the next request. */
 ctl_status fetch_series(const char* key, ctl_series* series, bool* found) {
     const char* const words[] = {"get", key};
@@ -103,7 +87,9 @@ ctl_status collect_values() {
     const bool whole = status == CTL_DONE && reply->kind == '*' && reply->count == SOURCE_COUNT;
     for (unsigned i = 0; i < SOURCE_COUNT; i++) {
         ctl_gauge* gauge = &state.board.gauges[i];
-        gauge->known = whole && read_number(ctl_reply_item(reply, i), &gauge->value);
+        int64_t value = 0;
+        gauge->known = whole && ctl_text_number(ctl_reply_item(reply, i), 0, UINT32_MAX, &value);
+        gauge->value = static_cast<uint32_t>(value);
         if (gauge->known && SOURCES[i].history == nullptr) {
             ctl_gauge_push(gauge, gauge->value);
         }

@@ -18,6 +18,7 @@
 #include "ctl/ctl_pings.h"
 #include "ctl/ctl_print.h"
 #include "ctl/ctl_status.h"
+#include "ctl/ctl_text.h"
 #include "ctl/ctl_top.h"
 
 namespace {
@@ -87,16 +88,12 @@ __attribute__((format(printf, 1, 2))) ctl_status wrong_usage(const char* format,
     return CTL_USAGE;
 }
 
-/* The whole text as a number from 1 to most, or 0. */
-int parse_number(const char* text, int most) {
-    int number = 0;
-    for (const char* at = text; *at != '\0'; at++) {
-        if (*at < '0' || *at > '9' || number > most / 10) {
-            return 0;
-        }
-        number = number * 10 + (*at - '0');
-    }
-    return number <= most ? number : 0;
+/* The word of an option, a number from 1 to `most`. */
+bool read_number(int most, int* number) {
+    int64_t value = 0;
+    const bool good = ctl_text_number(ctl_text_of(optarg), 1, most, &value);
+    *number = static_cast<int>(value);
+    return good;
 }
 
 ctl_status read_option(int option, settings* s) {
@@ -105,14 +102,14 @@ ctl_status read_option(int option, settings* s) {
         s->address = optarg;
         return CTL_DONE;
     case 'p':
-        s->port = parse_number(optarg, MAX_PORT);
-        return s->port != 0 ? CTL_DONE
-                            : wrong_usage("%s is no port from 1 to %d", optarg, MAX_PORT);
+        return read_number(MAX_PORT, &s->port)
+                   ? CTL_DONE
+                   : wrong_usage("%s is no port from 1 to %d", optarg, MAX_PORT);
     case 't':
-        s->wait_seconds = parse_number(optarg, MAX_WAIT_SECONDS);
-        return s->wait_seconds != 0 ? CTL_DONE
-                                    : wrong_usage("%s is no number of seconds from 1 to %d", optarg,
-                                                  MAX_WAIT_SECONDS);
+        return read_number(MAX_WAIT_SECONDS, &s->wait_seconds)
+                   ? CTL_DONE
+                   : wrong_usage("%s is no number of seconds from 1 to %d", optarg,
+                                 MAX_WAIT_SECONDS);
     case OPTION_RAW:
         s->raw = true;
         return CTL_DONE;
