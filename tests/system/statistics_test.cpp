@@ -575,7 +575,7 @@ TEST_F(statistics, outside_tools_may_say_anything_or_nothing) {
     }
     EXPECT_EQ(figures(), "13 of 12, 0");
     for (const char* name : {"hostmon", "conntrack"}) {
-        unlink(sandbox::workspace(std::string("ctl/") + name).c_str());
+        sandbox::remove_tool(name);
     }
     tick one = tick_from_now();
     EXPECT_EQ(one.strings["host.num"] + " of " + one.strings["host.maxnum"], "13 of 12");
@@ -588,7 +588,7 @@ TEST_F(statistics, the_real_connection_tool_is_read) {
     ASSERT_NO_FATAL_FAILURE(start_running());
     EXPECT_EQ(tick_from_now().strings["conn"], "123");
 
-    unlink(sandbox::workspace("ctl/conntrack").c_str());
+    sandbox::remove_tool("conntrack");
     process tool({"conntrack", "-S"});
     int status = tool.wait_exit();
     if (status == 127) {

@@ -1,5 +1,7 @@
 #include "tests/system/support/sandbox.h"
 
+#include <gtest/gtest.h>
+
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -254,7 +256,11 @@ std::string emulator() {
 }
 
 void add_tool(const std::string& name, const std::string& body) {
-    write_file(workspace("ctl/") + name, "#!/bin/sh\n" + body, 0755);
+    write_file(workspace("tools/") + name, "#!/bin/sh\n" + body, 0755);
+}
+
+void remove_tool(const std::string& name) {
+    EXPECT_EQ(unlink((workspace("tools/") + name).c_str()), 0) << "no tool " << name;
 }
 
 void add_plugin(const std::string& name, const std::string& body, mode_t mode) {

@@ -54,6 +54,10 @@ std::string emulator();
  * the "#!" line. */
 void add_tool(const std::string& name, const std::string& body);
 
+/* Takes it away again, so that the machine's own tool of that name, if any, is found in its place.
+ */
+void remove_tool(const std::string& name);
+
 /* Puts a shell script into the plug-in folder. Mode 0755 makes it run. */
 void add_plugin(const std::string& name, const std::string& body, mode_t mode = 0755);
 
