@@ -1,6 +1,6 @@
 /*
- * The expiry of keys as time passes. The sweep looks at most once a second, so each test here takes
- * a few seconds; as many keys as possible share one daemon and one stretch of time.
+ * The expiry of keys as time passes. The sweep looks at most once a second, and so each test that
+ * waits for it takes a second or more: the keys of a test share one daemon and one stretch of time.
  */
 
 #include <stdint.h>
@@ -13,6 +13,7 @@
 #include <map>
 #include <optional>
 
+#include "tests/system/model/frames.h"
 #include "tests/system/support/daemon_test.h"
 #include "tests/system/support/log_text.h"
 
@@ -37,6 +38,10 @@ int64_t wall_ms() {
     timeval now = {};
     gettimeofday(&now, nullptr);
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_usec / 1000;
+}
+
+std::string in_an_hour() {
+    return std::to_string(time(nullptr) + 3600);
 }
 
 /* The second in which the daemon takes an expiry to be set. Around the turn of a second this clock
@@ -102,15 +107,13 @@ class expiry : public daemon_test {
         }
     }
 
-    bool watch_until_gone(const words& expected) {
-        return eventually(
-            [&] {
-                look();
-                return std::all_of(expected.begin(), expected.end(), [&](const std::string& key) {
-                    return lives[key].found_gone != 0;
-                });
-            },
-            LIMIT_MS);
+    /* Looks until every watched key is gone. */
+    bool watch_until_gone() {
+        return eventually([&] {
+            look();
+            return std::all_of(lives.begin(), lives.end(),
+                               [](const auto& one) { return one.second.found_gone != 0; });
+        });
     }
 
     /* The key was there until so many seconds of the clock were over, counted from that in which it
@@ -158,6 +161,16 @@ class expiry : public daemon_test {
         EXPECT_EQ(call({"exists", key}), ":1\r\n") << key;
     }
 
+    /* This is all that the daemon has said of ends since it started. */
+    void expect_traced(const words& expected) {
+        words traced;
+        EXPECT_TRUE(eventually([&] {
+            traced = log_messages(daemon->out(), {"expire-TTL", "expired", "destroyed"});
+            return traced.size() >= expected.size();
+        }));
+        EXPECT_EQ(traced, expected);
+    }
+
     process* daemon = nullptr;
     std::optional<resp_client> client;
     int64_t launched_at = 0;
@@ -169,216 +182,240 @@ class expiry : public daemon_test {
 
 TEST_F(expiry, comes_when_the_seconds_are_over_and_not_before) {
     launch_daemon();
-    resp_client observer;
-    EXPECT_EQ(observer.call({"observe"}), OK);
-
-    /* These are never over, or were given another life before the end. */
-    for (const char* key : {"k.stays", "k.negative"}) {
-        EXPECT_EQ(call({"set", key, "v"}), OK);
-    }
-    EXPECT_EQ(call({"expire", "k.negative", "-1"}), ":1\r\n");
-    const std::string in_an_hour = std::to_string(time(nullptr) + 3600);
-    const auto outlives = [&](const std::string& key, const words& first, const words& second,
-                              const std::string& reply) {
-        EXPECT_EQ(replies_in_one_second(key, {first, second}), (words{":1\r\n", reply})) << key;
-    };
-    outlives("k.persisted", {"expire", "k.persisted", "1"}, {"persist", "k.persisted"}, ":1\r\n");
-    outlives("k.set", {"expire", "k.set", "1"}, {"set", "k.set", "w"}, OK);
-    outlives("k.mset", {"expire", "k.mset", "1"}, {"mset", "k.mset", "w"}, OK);
-    outlives("k.getset", {"expire", "k.getset", "1"}, {"getset", "k.getset", "w"}, bulk("v"));
-    outlives("k.renewed", {"expire", "k.renewed", "1"}, {"expire", "k.renewed", "1000"}, ":1\r\n");
-    outlives("k.relative", {"expireat", "k.relative", in_an_hour}, {"expire", "k.relative", "1000"},
-             ":1\r\n");
-
-    /* A deleted key's record goes with its expiry. */
-    EXPECT_EQ(replies_in_one_second(
-                  "k.deleted",
-                  {{"expire", "k.deleted", "1"}, {"del", "k.deleted"}, {"keys", "k.deleted"}}),
-              (words{":1\r\n", ":1\r\n", "*1\r\n" + bulk("k.deleted")}));
-    EXPECT_EQ(call({"set", "k.dead", "v"}), OK);
-    EXPECT_EQ(call({"del", "k.dead"}), ":1\r\n");
-    EXPECT_EQ(call({"keys", "k.dead"}), "*1\r\n" + bulk("k.dead"));
-
-    words will_go = {"k.0", "k.3", "k.list", "k.hash", "k.setex", "k.wrapped"};
-    for (const char* key : {"k.0", "k.3", "k.wrapped", "k.past"}) {
-        EXPECT_EQ(call({"set", key, "v"}), OK);
-    }
+    EXPECT_EQ(call({"mset", "k.0", "v", "k.1", "v", "k.3", "v", "k.wrapped", "v"}), OK);
     EXPECT_EQ(call({"rpush", "k.list", "a", "b"}), ":2\r\n");
     EXPECT_EQ(call({"hset", "k.hash", "f", "v"}), ":1\r\n");
-
     give_seconds("k.0", "0");
+    give_seconds("k.1", "1");
     give_seconds("k.list", "1");
     give_seconds("k.hash", "1");
     give("k.setex", {"setex", "k.setex", "1", "v"}, OK);
     give_seconds("k.wrapped", "4294967297");
-
-    /* What changes a value leaves its end as it is. */
-    words changed;
-    EXPECT_TRUE(in_one_second([&] {
-        EXPECT_EQ(call({"set", "k.incr", "1"}), OK);
-        give_seconds("k.incr", "1");
-        changed = {call({"incr", "k.incr"}), call({"append", "k.incr", "0"})};
-    }));
-    EXPECT_EQ(changed, (words{":2\r\n", ":2\r\n"}));
-    will_go.push_back("k.incr");
-
-    /* The protection of the settings is one against deletion only. */
-    give_seconds("fhour.interval", "1");
-    give_seconds("tessard.run", "1");
-    will_go.insert(will_go.end(), {"fhour.interval", "tessard.run"});
-
-    /* An absolute time is only shown: whatever it is, the key goes after the second in which it was
-     * given. */
-    EXPECT_TRUE(in_one_second([&] {
-        EXPECT_EQ(call({"mset", "k.future", "v", "k.1", "v"}), OK);
-        give("k.future", {"expireat", "k.future", in_an_hour}, ":1\r\n");
-        give_seconds("k.1", "1");
-    }));
-    give("k.past", {"expireat", "k.past", "1"}, ":1\r\n");
     give_seconds("k.3", "3");
-    will_go.insert(will_go.end(), {"k.1", "k.future", "k.past"});
-
-    ASSERT_TRUE(watch_until_gone(will_go));
-
+    ASSERT_TRUE(watch_until_gone());
     expect_gone_after("k.0", 0);
-    for (const char* key : {"k.1", "k.list", "k.hash", "k.setex", "k.incr", "k.wrapped",
-                            "fhour.interval", "tessard.run", "k.future", "k.past"}) {
+    for (const char* key : {"k.1", "k.list", "k.hash", "k.setex", "k.wrapped"}) {
         expect_gone_after(key, 1);
     }
     expect_gone_after("k.3", 3);
+}
+
+TEST_F(expiry, is_left_as_it_is_by_what_changes_the_value) {
+    launch_daemon();
+    words replies;
+    EXPECT_TRUE(in_one_second([&] {
+        EXPECT_EQ(call({"set", "k", "1"}), OK);
+        give_seconds("k", "1");
+        replies = {call({"incr", "k"}), call({"append", "k", "0"})};
+    }));
+    EXPECT_EQ(replies, (words{":2\r\n", ":2\r\n"}));
+    ASSERT_TRUE(watch_until_gone());
+    expect_gone_after("k", 1);
+}
+
+TEST_F(expiry, is_not_put_off_by_an_absolute_time) {
+    /* Such a time is only shown: whatever it is, the key goes after the second in which it was
+     * given. */
+    launch_daemon();
+    EXPECT_TRUE(in_one_second([&] {
+        EXPECT_EQ(call({"mset", "k.future", "v", "k.past", "v", "k.1", "v"}), OK);
+        give("k.future", {"expireat", "k.future", in_an_hour()}, ":1\r\n");
+        give_seconds("k.1", "1");
+    }));
+    give("k.past", {"expireat", "k.past", "1"}, ":1\r\n");
+    ASSERT_TRUE(watch_until_gone());
+    for (const char* key : {"k.future", "k.past", "k.1"}) {
+        expect_gone_after(key, 1);
+    }
     /* Both were over in the second after that in which they were given, so the same look found
      * them. */
     EXPECT_LE(std::abs(lives["k.1"].round - lives["k.future"].round), 1);
-    /* The first tick only takes the time, and the first look comes a second after it at the
-     * earliest. */
-    EXPECT_GE(lives["k.0"].found_gone - launched_at, 1000);
+}
 
-    for (const char* key : {"k.stays", "k.negative", "k.persisted", "k.set", "k.mset", "k.getset",
-                            "k.renewed", "k.relative"}) {
-        expect_still_there(key);
+TEST_F(expiry, does_not_come_to_what_got_another_life) {
+    launch_daemon();
+    const struct {
+        const char* key;
+        words first;
+        words second;
+        std::string reply;
+    } others[] = {
+        {"k.persisted", {"expire", "k.persisted", "1"}, {"persist", "k.persisted"}, ":1\r\n"},
+        {"k.set", {"expire", "k.set", "1"}, {"set", "k.set", "w"}, OK},
+        {"k.mset", {"expire", "k.mset", "1"}, {"mset", "k.mset", "w"}, OK},
+        {"k.getset", {"expire", "k.getset", "1"}, {"getset", "k.getset", "w"}, bulk("v")},
+        {"k.renewed", {"expire", "k.renewed", "1"}, {"expire", "k.renewed", "1000"}, ":1\r\n"},
+        {"k.relative",
+         {"expireat", "k.relative", in_an_hour()},
+         {"expire", "k.relative", "1000"},
+         ":1\r\n"},
+    };
+    for (const auto& one : others) {
+        EXPECT_EQ(replies_in_one_second(one.key, {one.first, one.second}),
+                  (words{":1\r\n", one.reply}))
+            << one.key;
     }
+    EXPECT_EQ(call({"mset", "k.stays", "v", "k.negative", "v", "k.last", "v"}), OK);
+    EXPECT_EQ(call({"expire", "k.negative", "-1"}), ":1\r\n");
+    /* Whoever goes after a second goes with this one at the latest. */
+    give_seconds("k.last", "1");
+    ASSERT_TRUE(watch_until_gone());
+    for (const auto& one : others) {
+        expect_still_there(one.key);
+    }
+    expect_still_there("k.stays");
+    expect_still_there("k.negative");
     EXPECT_EQ(call({"get", "k.getset"}), bulk("w"));
+}
 
-    /* What is gone is no longer listed, and answers as if it had never been there. */
-    EXPECT_EQ(call({"keys", "k.[013]"}), "*0\r\n");
-    EXPECT_EQ(call({"keys", "k.deleted"}), "*0\r\n");
-    EXPECT_EQ(call({"keys", "k.dead"}), "*1\r\n" + bulk("k.dead"));
-    EXPECT_EQ(call({"get", "k.1"}), "$-1\r\n");
-    EXPECT_EQ(call({"ttl", "k.1"}), ":-2\r\n");
-    EXPECT_EQ(call({"llen", "k.list"}), ":0\r\n");
-    EXPECT_EQ(call({"hgetall", "k.hash"}), "*0\r\n");
+TEST_F(expiry, takes_the_settings_that_are_protected_from_deletion) {
+    launch_daemon();
+    give_seconds("fhour.interval", "0");
+    give_seconds("tessard.run", "1");
+    ASSERT_TRUE(watch_until_gone());
+    expect_gone_after("fhour.interval", 0);
+    expect_gone_after("tessard.run", 1);
     EXPECT_EQ(call({"hget", "tessard.run", "pid"}), "$-1\r\n");
 
-    /* What is made again is new, of any type, without expiry and without protection. */
-    EXPECT_EQ(call({"hset", "k.1", "f", "v"}), ":1\r\n");
-    EXPECT_EQ(call({"ttl", "k.1"}), ":-1\r\n");
-    EXPECT_EQ(call({"append", "k.hash", "x"}), ":1\r\n");
+    /* What is made in their place has no protection. */
     EXPECT_EQ(call({"rpush", "fhour.interval", "x"}), ":1\r\n");
     EXPECT_EQ(call({"del", "fhour.interval"}), ":1\r\n");
     EXPECT_EQ(call({"hset", "tessard.run", "pid", "x"}), ":1\r\n");
     EXPECT_EQ(call({"hdel", "tessard.run", "pid"}), ":1\r\n");
-
-    /* The observer hears of values alone: the last thing that was said of any of these keys is a
-     * value. */
-    EXPECT_EQ(call({"set", "k.end", "v"}), OK);
-    std::string event;
-    std::vector<std::string> of_ours;
-    const int64_t asked = now_ms();
-    do {
-        event = observer.frame();
-        ASSERT_EQ(event[0], '!') << event;
-        ASSERT_LT(now_ms() - asked, LIMIT_MS) << "the last event does not come";
-        if (event.find("\r\nk.") != std::string::npos ||
-            event.find("tessard.run") != std::string::npos ||
-            event.find("fhour.interval") != std::string::npos) {
-            of_ours.push_back(event);
-        }
-    } while (event.find("k.end") == std::string::npos);
-    const std::string mset = "!3\r\n" + bulk("MSET");
-    std::vector<std::string> after_the_last_expiry(
-        of_ours.end() - std::min<long>(5, std::ssize(of_ours)), of_ours.end());
-    EXPECT_EQ(after_the_last_expiry,
-              (words{"!4\r\n" + bulk("HMSET") + bulk("k.1") + bulk("f") + bulk("v"),
-                     mset + bulk("k.hash") + bulk("x"),
-                     "!4\r\n" + bulk("HMSET") + bulk("tessard.run") + bulk("pid") + bulk("x"),
-                     "!3\r\n" + bulk("HDEL") + bulk("tessard.run") + bulk("pid"),
-                     mset + bulk("k.end") + bulk("v")}));
-    EXPECT_EQ(std::count_if(
-                  of_ours.begin(), of_ours.end(),
-                  [](const std::string& one) { return one.find("DEL\r\n") != std::string::npos; }),
-              1);
 }
 
-TEST_F(expiry, is_looked_for_once_a_second_and_traced_key_by_key) {
-    words order;
-    const auto make_keys = [&] {
-        EXPECT_EQ(call({"mset", "e.a", "v", "e.kept", "v"}), OK);
-        EXPECT_EQ(call({"rpush", "e.b", "x"}), ":1\r\n");
-        EXPECT_EQ(call({"hset", "e.c", "f", "v"}), ":1\r\n");
-        const std::string listed = call({"keys", "e.*"});
-        order = {"e.a", "e.b", "e.c"};
-        std::sort(order.begin(), order.end(), [&](const std::string& a, const std::string& b) {
-            return listed.find(a) < listed.find(b);
-        });
-        EXPECT_EQ(call({"expire", "e.kept", "4294967295"}), ":1\r\n");
-        EXPECT_EQ(call({"persist", "e.kept"}), ":1\r\n");
-        EXPECT_EQ(call({"persist", "e.kept"}), ":0\r\n");
-    };
-    const auto give_ends = [&] {
-        EXPECT_EQ(call({"expireat", "e.kept", "2000000000"}), ":1\r\n");
-        EXPECT_EQ(call({"set", "e.kept", "w"}), OK);
-        for (const std::string& key : order) {
-            give_seconds(key, "1");
-        }
-    };
+TEST_F(expiry, leaves_no_trace_of_a_key) {
+    launch_daemon();
+    EXPECT_EQ(call({"mset", "k.0", "v", "k.1", "v"}), OK);
+    EXPECT_EQ(call({"rpush", "k.list", "a", "b"}), ":2\r\n");
+    EXPECT_EQ(call({"hset", "k.hash", "f", "v"}), ":1\r\n");
+    for (const char* key : {"k.0", "k.1", "k.list", "k.hash"}) {
+        give_seconds(key, "0");
+    }
+    ASSERT_TRUE(watch_until_gone());
+    EXPECT_EQ(call({"keys", "k.*"}), "*0\r\n");
+    EXPECT_EQ(call({"get", "k.1"}), "$-1\r\n");
+    EXPECT_EQ(call({"ttl", "k.1"}), ":-2\r\n");
+    EXPECT_EQ(call({"llen", "k.list"}), ":0\r\n");
+    EXPECT_EQ(call({"hgetall", "k.hash"}), "*0\r\n");
+
+    /* What is made again is new, of any type and without expiry. */
+    EXPECT_EQ(call({"hset", "k.1", "f", "v"}), ":1\r\n");
+    EXPECT_EQ(call({"ttl", "k.1"}), ":-1\r\n");
+    EXPECT_EQ(call({"append", "k.hash", "x"}), ":1\r\n");
+}
+
+TEST_F(expiry, takes_the_record_of_a_deleted_key_along) {
+    launch_daemon();
+    EXPECT_EQ(replies_in_one_second(
+                  "k.expires",
+                  {{"expire", "k.expires", "1"}, {"del", "k.expires"}, {"keys", "k.expires"}}),
+              (words{":1\r\n", ":1\r\n", "*1\r\n" + bulk("k.expires")}));
+    EXPECT_EQ(call({"mset", "k.never", "v", "k.last", "v"}), OK);
+    EXPECT_EQ(call({"del", "k.never"}), ":1\r\n");
+    EXPECT_EQ(call({"keys", "k.never"}), "*1\r\n" + bulk("k.never"));
+    give_seconds("k.last", "1");
+    ASSERT_TRUE(watch_until_gone());
+    EXPECT_EQ(call({"keys", "k.expires"}), "*0\r\n");
+    EXPECT_EQ(call({"keys", "k.never"}), "*1\r\n" + bulk("k.never"));
+}
+
+TEST_F(expiry, is_announced_to_nobody) {
+    launch_daemon();
+    resp_client observer;
+    EXPECT_EQ(observer.call({"observe"}), OK);
+    EXPECT_EQ(call({"set", "k.string", "v"}), OK);
+    EXPECT_EQ(call({"hset", "k.hash", "f", "v"}), ":1\r\n");
+    for (const char* key : {"k.string", "k.hash", "tessard.run"}) {
+        give_seconds(key, "0");
+    }
+    ASSERT_TRUE(watch_until_gone());
+    EXPECT_EQ(call({"hset", "k.string", "f", "v"}), ":1\r\n");
+    EXPECT_EQ(call({"append", "k.hash", "x"}), ":1\r\n");
+    EXPECT_EQ(call({"hset", "tessard.run", "pid", "x"}), ":1\r\n");
+    EXPECT_EQ(call({"hdel", "tessard.run", "pid"}), ":1\r\n");
+    EXPECT_EQ(call({"set", "k.end", "v"}), OK);
+
+    words heard;
+    const int64_t asked = now_ms();
+    do {
+        ASSERT_LT(now_ms() - asked, LIMIT_MS) << "the last event does not come";
+        heard.push_back(next_frame(observer));
+    } while (heard.back().starts_with('!') && heard.back().find("k.end") == std::string::npos);
+    EXPECT_EQ(
+        heard,
+        (words{event_frame({"MSET", "k.string", "v"}), event_frame({"HMSET", "k.hash", "f", "v"}),
+               event_frame({"HMSET", "k.string", "f", "v"}), event_frame({"MSET", "k.hash", "x"}),
+               event_frame({"HMSET", "tessard.run", "pid", "x"}),
+               event_frame({"HDEL", "tessard.run", "pid"}), event_frame({"MSET", "k.end", "v"})}));
+}
+
+TEST_F(expiry, is_looked_for_once_a_second) {
+    launch_daemon({"-l", "debug", "-f", "stdout"});
+    EXPECT_EQ(call({"mset", "k.first", "v", "k.next", "v"}), OK);
+    give_seconds("k.first", "0");
+    ASSERT_TRUE(watch_until_gone());
+    expect_gone_after("k.first", 0);
+    /* The first tick only takes the time, and the first look comes a second after it at the
+     * earliest. */
+    EXPECT_GE(lives["k.first"].found_gone - launched_at, 1000);
+
+    /* A key that is over at once stays until the next look, a second after the last. */
+    give_seconds("k.next", "0");
+    ASSERT_TRUE(watch_until_gone());
+    expect_gone_after("k.next", 0);
+    EXPECT_GE(lives["k.next"].found_gone - lives["k.first"].last_seen, 990);
+
+    expect_traced({"\"k.first\"(string): set expire-TTL to 0", "add to expired list",
+                   "\"k.first\"(string): expired.", "\"k.first\"(string): destroyed",
+                   "\"k.next\"(string): set expire-TTL to 0", "add to expired list",
+                   "\"k.next\"(string): expired.", "\"k.next\"(string): destroyed"});
+}
+
+TEST_F(expiry, that_is_given_and_taken_is_traced) {
+    launch_daemon({"-l", "debug", "-f", "stdout"});
+    EXPECT_EQ(call({"set", "k", "v"}), OK);
+    EXPECT_EQ(call({"expire", "k", "4294967295"}), ":1\r\n");
+    EXPECT_EQ(call({"persist", "k"}), ":1\r\n");
+    EXPECT_EQ(call({"persist", "k"}), ":0\r\n");
+    EXPECT_EQ(call({"expireat", "k", "2000000000"}), ":1\r\n");
+    EXPECT_EQ(call({"set", "k", "w"}), OK);
+    EXPECT_EQ(call({"setex", "k", "77", "x"}), OK);
+    expect_traced({"\"k\"(string): set expire-TTL to 4294967295",
+                   "\"k\"(string): remove expire-TTL", "\"k\"(string): remove expire-TTL",
+                   "\"k\"(string): set expire-TTL to 77"});
+}
+
+TEST_F(expiry, of_keys_that_go_in_one_look_is_traced_from_the_last_found_to_the_first) {
+    const std::map<std::string, std::string> types = {
+        {"e.a", "string"}, {"e.b", "list"}, {"e.c", "hash"}};
+    words order; /* in which a walk finds them */
     /* One look finds them all when they got their ends in one second. The trace is compared from
        its start, so a daemon whose keys a slow machine has set apart gives way to another. */
     ASSERT_TRUE(eventually([&] {
         launch_daemon({"-l", "debug", "-f", "stdout"});
-        make_keys();
+        EXPECT_EQ(call({"set", "e.a", "v"}), OK);
+        EXPECT_EQ(call({"rpush", "e.b", "x"}), ":1\r\n");
+        EXPECT_EQ(call({"hset", "e.c", "f", "v"}), ":1\r\n");
+        order = elements_of(call({"keys", "e.*"}));
         wait_for_a_new_second();
-        return fell_into_one_second(give_ends);
+        return fell_into_one_second([&] {
+            for (const std::string& key : order) {
+                give_seconds(key, "1");
+            }
+        });
     }));
-    ASSERT_TRUE(watch_until_gone(order));
-    /* All went in one look, the one that was found last first. */
-    int64_t first_look_after = 0;
-    for (const std::string& key : order) {
-        first_look_after = std::max(first_look_after, lives[key].last_seen);
-    }
+    ASSERT_TRUE(watch_until_gone());
 
-    /* A key that is over at once stays until the next look, a second after the last. */
-    EXPECT_EQ(call({"set", "e.next", "v"}), OK);
-    give_seconds("e.next", "0");
-    ASSERT_TRUE(watch_until_gone({"e.next"}));
-    EXPECT_GE(lives["e.next"].found_gone - first_look_after, 990);
-    expect_gone_after("e.next", 0);
-    EXPECT_EQ(call({"setex", "e.kept", "77", "x"}), OK);
-
-    const std::map<std::string, std::string> types = {
-        {"e.a", "string"}, {"e.b", "list"}, {"e.c", "hash"}};
-    words expected = {"\"e.kept\"(string): set expire-TTL to 4294967295",
-                      "\"e.kept\"(string): remove expire-TTL",
-                      "\"e.kept\"(string): remove expire-TTL"};
+    words expected;
     for (const std::string& key : order) {
         expected.push_back("\"" + key + "\"(" + types.at(key) + "): set expire-TTL to 1");
     }
-    for (size_t i = 0; i < order.size(); i++) {
-        expected.push_back("add to expired list");
+    expected.insert(expected.end(), order.size(), "add to expired list");
+    std::reverse(order.begin(), order.end());
+    for (const std::string& key : order) {
+        const std::string who = "\"" + key + "\"(" + types.at(key) + "): ";
+        expected.insert(expected.end(), {who + "expired.", who + "destroyed"});
     }
-    for (size_t i = order.size(); i > 0; i--) {
-        const std::string who = "\"" + order[i - 1] + "\"(" + types.at(order[i - 1]) + "): ";
-        expected.push_back(who + "expired.");
-        expected.push_back(who + "destroyed");
-    }
-    for (const char* line : {"\"e.next\"(string): set expire-TTL to 0", "add to expired list",
-                             "\"e.next\"(string): expired.", "\"e.next\"(string): destroyed",
-                             "\"e.kept\"(string): set expire-TTL to 77"}) {
-        expected.push_back(line);
-    }
-    words traced;
-    EXPECT_TRUE(eventually([&] {
-        traced = log_messages(daemon->out(), {"expire-TTL", "expired", "destroyed"});
-        return traced.size() >= expected.size();
-    }));
-    EXPECT_EQ(traced, expected);
+    expect_traced(expected);
 }
