@@ -63,8 +63,9 @@ void cmd_hmset(
     client* c);           /* key field value...: OK, announced as one change; another type: error */
 void cmd_hdel(client* c); /* key field...: :number deleted; protected fields stay */
 
-/* cmd_list.cpp */
-void cmd_lpush(client* c);   /* key item...: :length, at most the cap; another type: see README */
+/* cmd_list.cpp. While any client observes, lpush and rpush answer a key of another type with
+ * silence. */
+void cmd_lpush(client* c);   /* key item...: :length, at most the cap; another type: error */
 void cmd_lpushx(client* c);  /* key item: :length; missing or another type: :0 */
 void cmd_lpop(client* c);    /* key: bulk or nil */
 void cmd_rpush(client* c);   /* as lpush */
