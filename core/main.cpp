@@ -18,8 +18,8 @@
 #include "loop/server.h"
 #include "proto/command.h"
 #include "proto/observe.h"
-#include "stats/iface_algor.h"
 #include "stats/modules.h"
+#include "stats/netdev.h"
 #include "store/expire.h"
 #include "store/seed.h"
 
