@@ -83,3 +83,10 @@ void log_write_buffer(uint32_t level, buffer* text);
 /* A broken invariant of the units above the log: a fatal line with the expression, unit and line,
  * and with it the end of the process. */
 [[noreturn]] void log_assert_failed(const char* expression, const char* unit, int line);
+
+/* Ends the process so when the invariant does not hold. */
+inline void log_require(bool holds, const char* expression, const char* unit, int line) {
+    if (!holds) {
+        log_assert_failed(expression, unit, line);
+    }
+}

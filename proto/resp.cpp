@@ -9,9 +9,7 @@ namespace {
 
 /* In the log this unit is called "proto", and the lines are those of this file. */
 void require(bool holds, const char* expression, int line) {
-    if (!holds) {
-        log_assert_failed(expression, "proto", line);
-    }
+    log_require(holds, expression, "proto", line);
 }
 
 void require_empty(const resp* r, int line) {

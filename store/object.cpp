@@ -16,9 +16,7 @@ void set_type(object* obj, unsigned type) {
 
 /* The line numbers of these checks are fixed: they do not move when the source is edited. */
 void require(bool holds, const char* expression, int line) {
-    if (!holds) {
-        log_assert_failed(expression, "object", line);
-    }
+    log_require(holds, expression, "object", line);
 }
 
 void require_string(const object* obj, int line) {
