@@ -4,6 +4,7 @@
 
 #include "core/log.h"
 #include "core/pool.h"
+#include "store/check.h"
 
 namespace {
 
@@ -14,25 +15,20 @@ void set_type(object* obj, unsigned type) {
     object_set_flags(obj, type);
 }
 
-/* The line numbers of these checks are fixed: they do not move when the source is edited. */
-void require(bool holds, const char* expression, int line) {
-    log_require(holds, expression, "object", line);
+void require_string(const object* obj, object_line line) {
+    object_require(object_type(obj) == OBJ_TSTRING, "obj->type == OBJ_TSTRING", line);
 }
 
-void require_string(const object* obj, int line) {
-    require(object_type(obj) == OBJ_TSTRING, "obj->type == OBJ_TSTRING", line);
+void require_hash(const object* obj, object_line line) {
+    object_require(object_type(obj) == OBJ_THASH, "obj->type == OBJ_THASH", line);
 }
 
-void require_hash(const object* obj, int line) {
-    require(object_type(obj) == OBJ_THASH, "obj->type == OBJ_THASH", line);
+void require_list(const object* obj, object_line line) {
+    object_require(object_type(obj) == OBJ_TLIST, "obj->type == OBJ_TLIST", line);
 }
 
-void require_list(const object* obj, int line) {
-    require(object_type(obj) == OBJ_TLIST, "obj->type == OBJ_TLIST", line);
-}
-
-void require_typed(const object* obj, int line) {
-    require(object_type(obj) != OBJ_TNONE, "obj->type != OBJ_TNONE", line);
+void require_typed(const object* obj, object_line line) {
+    object_require(object_type(obj) != OBJ_TNONE, "obj->type != OBJ_TNONE", line);
 }
 
 object* new_object(const char* key, uint32_t length) {
@@ -158,7 +154,7 @@ int object_delete(object* obj) {
 }
 
 void object_expire(object* obj, uint32_t ttl) {
-    require_typed(obj, 567);
+    require_typed(obj, OBJECT_LINE_EXPIRE);
     obj->expire_base = static_cast<uint32_t>(time(nullptr));
     obj->expire_arg = ttl;
     object_clear_flags(obj, OBJ_EXPIRE_MASK);
@@ -170,7 +166,7 @@ void object_expire(object* obj, uint32_t ttl) {
 }
 
 void object_expire_at(object* obj, uint32_t when) {
-    require_typed(obj, 576);
+    require_typed(obj, OBJECT_LINE_EXPIRE_AT);
     obj->expire_base = static_cast<uint32_t>(time(nullptr));
     obj->expire_arg = when;
     object_clear_flags(obj, OBJ_EXPIRE_MASK);
@@ -203,14 +199,14 @@ void object_set_string_ttl(object* obj, uint32_t ttl, sstr value) {
 }
 
 void object_append(object* obj, sstr value) {
-    require_string(obj, 686);
+    require_string(obj, OBJECT_LINE_APPEND);
     sstr_append(&obj->string, value, sstr_length(value));
     trace_string(obj);
     object_changed(obj);
 }
 
 int object_incr(object* obj, int64_t* delta) {
-    require_string(obj, 697);
+    require_string(obj, OBJECT_LINE_INCR);
     if (sstr_incr(&obj->string, delta) == 0) {
         return 0;
     }
@@ -224,8 +220,8 @@ hash_field* object_hash_field(const object* obj, const char* field) {
 }
 
 int object_hash_set(object* obj, sstr field, sstr value) {
-    require(object_type(obj) == OBJ_THASH || object_type(obj) == OBJ_TNONE,
-            "obj->type == OBJ_THASH || obj->type == OBJ_TNONE", 718);
+    object_require(object_type(obj) == OBJ_THASH || object_type(obj) == OBJ_TNONE,
+                   "obj->type == OBJ_THASH || obj->type == OBJ_TNONE", OBJECT_LINE_HASH_SET);
     set_type(obj, OBJ_THASH);
     if (obj->hash == nullptr) {
         obj->hash = htable_new();
@@ -239,7 +235,7 @@ int object_hash_set(object* obj, sstr field, sstr value) {
 }
 
 int object_hash_incr(object* obj, sstr field, int64_t* delta) {
-    require_hash(obj, 749);
+    require_hash(obj, OBJECT_LINE_HASH_INCR);
     bool is_new;
     hash_field* f = field_or_new(obj, field, &is_new);
     if (sstr_incr(&f->value, delta) == 0) {
@@ -251,7 +247,7 @@ int object_hash_incr(object* obj, sstr field, int64_t* delta) {
 }
 
 int object_hash_del(object* obj, const char* field) {
-    require_hash(obj, 771);
+    require_hash(obj, OBJECT_LINE_HASH_DEL);
     if (object_has(obj, OBJ_FIELDS_PROTECTED)) {
         return 0;
     }
@@ -269,7 +265,7 @@ int object_hash_del(object* obj, const char* field) {
 }
 
 hash_field* object_hash_protect(object* obj, const char* field, bool on) {
-    require_hash(obj, 791);
+    require_hash(obj, OBJECT_LINE_HASH_PROTECT);
     hash_field* f = object_hash_field(obj, field);
     if (f != nullptr) {
         f->fflags =
@@ -303,7 +299,7 @@ void object_rpush(object* obj, const char* text) {
 }
 
 sstr object_rpop(object* obj) {
-    require_list(obj, 815);
+    require_list(obj, OBJECT_LINE_RPOP);
     sstr item = static_cast<sstr>(dlist_pop_tail(obj->list));
     if (item != nullptr && log_wants(LOG_DEBUG)) {
         log_write(LOG_DEBUG, "\"%s\"(list): rpop \"%s\"", obj->key, item);
@@ -312,7 +308,7 @@ sstr object_rpop(object* obj) {
 }
 
 sstr object_lpop(object* obj) {
-    require_list(obj, 841);
+    require_list(obj, OBJECT_LINE_LPOP);
     sstr item = static_cast<sstr>(dlist_pop_head(obj->list));
     if (item != nullptr && log_wants(LOG_DEBUG)) {
         log_write(LOG_DEBUG, "\"%s\"(list): lpop \"%s\"", obj->key, item);
@@ -321,12 +317,12 @@ sstr object_lpop(object* obj) {
 }
 
 sstr object_lindex(object* obj, int64_t index) {
-    require_list(obj, 854);
+    require_list(obj, OBJECT_LINE_LINDEX);
     return static_cast<sstr>(dlist_index(obj->list, index));
 }
 
 void object_ltrim_tail(object* obj, int mode, uint32_t n) {
-    require_list(obj, 861);
+    require_list(obj, OBJECT_LINE_LTRIM_TAIL);
     if (mode != 0) {
         return;
     }
