@@ -7,6 +7,7 @@
 /* The lines at which the log reports them. Operators recognise them, so they do not move with the
  * sources. */
 enum object_line : int {
+    OBJECT_LINE_STRING_HOOK = 96,
     OBJECT_LINE_EXPIRE = 567,
     OBJECT_LINE_EXPIRE_AT = 576,
     OBJECT_LINE_APPEND = 686,

@@ -1,6 +1,7 @@
 #include "store/event.h"
 
 #include "core/log.h"
+#include "store/check.h"
 
 event_announcer_hooks event_announcer;
 
@@ -120,9 +121,9 @@ void notify_hash(object* obj) {
 } // namespace
 
 void object_register_string_hook(string_change_hook hook) {
-    if (string_change_hook_count < STRING_CHANGE_HOOKS_MAX) {
-        string_change_hooks[string_change_hook_count++] = hook;
-    }
+    object_require(string_change_hook_count < STRING_CHANGE_HOOKS_MAX,
+                   "string_change_hook_count < STRING_CHANGE_HOOKS_MAX", OBJECT_LINE_STRING_HOOK);
+    string_change_hooks[string_change_hook_count++] = hook;
 }
 
 void object_flush(object* obj) {

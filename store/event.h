@@ -27,7 +27,8 @@ extern event_announcer_hooks event_announcer;
  * result is ignored. */
 typedef int (*string_change_hook)(object* obj);
 
-/* Filled at start-up, at most this many; called in order of registration. */
+/* Adds a hook, at start-up; they are called in order of registration. One more than fit ends the
+ * process through a fatal log line: a unit that does not hear of its key must not look alive. */
 constexpr unsigned STRING_CHANGE_HOOKS_MAX = 4;
 void object_register_string_hook(string_change_hook hook);
 

@@ -121,6 +121,8 @@ TEST_F(ping_test, a_start_clears_a_table_of_400_bytes) {
 
 TEST_F(ping_test, a_start_replaces_a_table_of_another_length) {
     for (const size_t length : {0u, 1u, 399u, 401u, 4000u}) {
+        object_reset();
+        history_start();
         set("ping.snap", std::string(length, 'x'));
         module_ping_start();
         EXPECT_EQ(snap(), std::string(400, '\0')) << length;

@@ -302,6 +302,16 @@ TEST_F(string_change_hooks_test, may_change_other_keys_which_are_then_announced_
     EXPECT_EQ(observer.received(), event({"MSET", "copy", "v"}) + event({"MSET", "k", "v"}));
 }
 
+TEST_F(string_change_hooks_test, are_at_most_four) {
+    for (int i = 0; i < 4; i++) {
+        object_register_string_hook(first_hook);
+    }
+    object_set_string(make("k", OBJ_TSTRING), text("v"));
+    EXPECT_EQ(hook_calls.size(), 4u);
+    EXPECT_ASSERTION(object_register_string_hook(second_hook),
+                     "string_change_hook_count < STRING_CHANGE_HOOKS_MAX", "object", 96);
+}
+
 TEST_F(string_change_hooks_test, are_forgotten_by_a_reset) {
     object_register_string_hook(first_hook);
     object_reset();
