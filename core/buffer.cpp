@@ -8,6 +8,9 @@
 
 namespace {
 
+/* The line in the assertion's message. It does not follow the source: operators know it. */
+constexpr int FORMAT_FAULT_LINE = 70;
+
 uint32_t space_before_mark(const buffer* b) {
     return static_cast<uint32_t>(b->mark - b->base);
 }
@@ -92,7 +95,7 @@ uint32_t buffer_vprintf(buffer* b, const char* format, va_list arguments) {
     va_copy(again, arguments);
     const int size = vsnprintf(area, sizeof area, format, arguments);
     if (size < 0) {
-        fault_abort("siz >= 0", "buffer", 70, "buffer_vprintf");
+        fault_abort("siz >= 0", "buffer", FORMAT_FAULT_LINE, "buffer_vprintf");
     }
     const uint32_t length = static_cast<uint32_t>(size);
     uint32_t result = length;

@@ -145,7 +145,7 @@ const clock_time* loop_now() {
 
 void loop_add_handler(int fd, unsigned mask, loop_handler handler, void* argument) {
     if (!(fd < loop.maxfd)) {
-        fault_abort("fd < maxfd", "loop", 515, "loop_add_handler");
+        fault_abort("fd < maxfd", "loop", LOOP_FAULT_ADD_HANDLER, "loop_add_handler");
     }
     loop.files[fd].cb = handler;
     loop.files[fd].argument = argument;

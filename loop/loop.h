@@ -15,6 +15,14 @@
  *
  * The unit never logs. Broken invariants abort through fault_abort. */
 
+/* The lines in the messages of the assertions. They do not follow the source, and they are those of
+ * one unit `loop`, whatever unit of this folder finds the fault: operators know them. */
+enum loop_fault_line : int {
+    LOOP_FAULT_ADD_HANDLER = 515,
+    LOOP_FAULT_ACCEPT = 551,
+    LOOP_FAULT_ADD_CONNECTION = 690
+};
+
 /* Bits of an event mask. */
 enum loop_mask : unsigned { LOOP_READABLE = 1, LOOP_WRITABLE = 2, LOOP_ERROR = 4 };
 

@@ -66,7 +66,7 @@ server* server_open(const char* address, int port) {
 
 connection* loop_add_connection(int fd, server* owner) {
     if (!(fd < loop_maxfd() && !loop_has_handler(fd))) {
-        fault_abort("fd < maxfd && files[fd].cb == ((void *)0)", "loop", 690,
+        fault_abort("fd < maxfd && files[fd].cb == ((void *)0)", "loop", LOOP_FAULT_ADD_CONNECTION,
                     "loop_add_connection");
     }
     (void)endpoint_set_nonblocking(fd);
@@ -88,7 +88,7 @@ void cb_sserver(int fd, unsigned mask, void* argument) {
         return;
     }
     if (s->conn_ondata == nullptr) {
-        fault_abort("s->conn_ondata != ((void *)0)", "loop", 551, "cb_sserver");
+        fault_abort("s->conn_ondata != ((void *)0)", "loop", LOOP_FAULT_ACCEPT, "cb_sserver");
     }
     const int accepted = accept(fd, nullptr, nullptr);
     if (accepted < 0) {
