@@ -76,20 +76,20 @@ void sstr_append(sstr* s, const char* bytes, uint32_t length) {
     *s = joined;
 }
 
-int sstr_incr(sstr* s, int64_t* value) {
+bool sstr_incr(sstr* s, int64_t* value) {
     uint32_t length;
     if (*s == nullptr) {
         const char* text = text_number(*value, &length);
         *s = sstr_copy(text, length);
-        return 1;
+        return true;
     }
     int64_t parsed;
     if (!parse_number(*s, &parsed)) {
-        return 0;
+        return false;
     }
     const uint32_t sum = static_cast<uint32_t>(parsed) + static_cast<uint32_t>(*value);
     *value = static_cast<int32_t>(sum);
     const char* text = text_number(*value, &length);
     sstr_assign(s, text, length);
-    return 1;
+    return true;
 }

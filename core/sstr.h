@@ -66,5 +66,5 @@ void sstr_append(sstr* s, const char* bytes, uint32_t length);
  * The first number keeps its 64 bits; every later sum wraps at 32 bits and is sign-extended, on
  * purpose.
  *
- * Returns 1, or 0 with nothing changed when the string does not begin with a number. */
-int sstr_incr(sstr* s, int64_t* value);
+ * False, with nothing changed, when the string does not begin with a number. */
+bool sstr_incr(sstr* s, int64_t* value);

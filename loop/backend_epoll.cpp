@@ -35,7 +35,7 @@ void control(int operation, int fd, unsigned bits) {
     (void)epoll_ctl(state.fd, operation, fd, &event);
 }
 
-int backend_init(int limit) {
+bool backend_init(int limit) {
     if (state.fd < 0) {
         state.fd = epoll_create1(EPOLL_CLOEXEC);
         if (state.fd >= 0) {

@@ -32,10 +32,10 @@ bool is_registered(int fd) {
     return (any & bit_of(fd)) != 0;
 }
 
-int backend_init(int) {
+bool backend_init(int) {
     state = {};
     state.highest = -1;
-    return 1;
+    return true;
 }
 
 void backend_add(int fd, unsigned mask) {

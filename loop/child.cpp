@@ -54,17 +54,17 @@ void on_close(connection* c, int reason) {
 
 } // namespace
 
-int child_spawn(const char* command, child_completed completed, void* argument) {
+bool child_spawn(const char* command, child_completed completed, void* argument) {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) < 0) {
-        return 0;
+        return false;
     }
     /* A pipe that the loop cannot watch would end the daemon. */
     const pid_t pid = ends[0] < loop_maxfd() ? fork() : -1;
     if (pid < 0) {
         close(ends[0]);
         close(ends[1]);
-        return 0;
+        return false;
     }
     if (pid == 0) {
         run_command(command, ends);
@@ -76,5 +76,5 @@ int child_spawn(const char* command, child_completed completed, void* argument) 
     c->user_data = record;
     c->conn_ondata = on_data;
     c->on_close = on_close;
-    return 1;
+    return true;
 }

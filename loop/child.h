@@ -22,5 +22,5 @@ typedef void (*child_completed)(buffer* output, void* argument, int reason);
  * Each completion reaps at most one child that has ended, whichever it is; a child that lives on
  * after closing its output is reaped by a later completion.
  *
- * Returns 1, or 0 when no child could be started; nothing is called then. */
-int child_spawn(const char* command, child_completed completed, void* argument);
+ * False when no child could be started; nothing is called then. */
+bool child_spawn(const char* command, child_completed completed, void* argument);

@@ -40,10 +40,10 @@ int begin(int fd, const endpoint_address* address) {
 
 } // namespace
 
-int connect_async(const char* text, int port, connect_async_done done, void* argument) {
+bool connect_async(const char* text, int port, connect_async_done done, void* argument) {
     endpoint_address address;
-    if (endpoint_parse_peer(text, port, &address) == 0) {
-        return 0;
+    if (!endpoint_parse_peer(text, port, &address)) {
+        return false;
     }
     const int fd = socket(address.any.sa_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     const int error = begin(fd, &address);
@@ -51,11 +51,11 @@ int connect_async(const char* text, int port, connect_async_done done, void* arg
         connecting* record = pool_new<connecting>();
         *record = {done, argument};
         loop_add_handler(fd, LOOP_READABLE | LOOP_WRITABLE, on_connecting, record);
-        return 1;
+        return true;
     }
     if (error != 0 && fd >= 0) {
         close(fd);
     }
     done(error == 0 ? fd : -1, error, argument);
-    return 1;
+    return true;
 }

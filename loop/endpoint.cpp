@@ -30,7 +30,7 @@ int give_up(int* fd) {
 int connect_ipv4(const char* host, int port, int type, int* fd) {
     endpoint_address address;
     *fd = -1;
-    if (endpoint_parse_peer(host, port, &address) == 0 || address.any.sa_family != AF_INET) {
+    if (!endpoint_parse_peer(host, port, &address) || address.any.sa_family != AF_INET) {
         return EINVAL;
     }
     *fd = socket(AF_INET, type, 0);
@@ -51,11 +51,11 @@ bool endpoint_is_path(const char* text) {
     return strchr(text, '/') != nullptr;
 }
 
-int endpoint_parse(const char* text, int port, endpoint_address* address) {
+bool endpoint_parse(const char* text, int port, endpoint_address* address) {
     *address = {};
     if (endpoint_is_path(text)) {
         copy_path(&address->local, text, ENDPOINT_MAX_PATH);
-        return 1;
+        return true;
     }
     const uint16_t network_port = htons(static_cast<uint16_t>(port));
     if (strchr(text, ':') != nullptr) {
@@ -68,7 +68,7 @@ int endpoint_parse(const char* text, int port, endpoint_address* address) {
     return inet_pton(AF_INET, text, &address->ipv4.sin_addr) == 1;
 }
 
-int endpoint_parse_peer(const char* text, int port, endpoint_address* address) {
+bool endpoint_parse_peer(const char* text, int port, endpoint_address* address) {
     return endpoint_parse(strcasecmp(text, "localhost") == 0 ? "127.0.0.1" : text, port, address);
 }
 
@@ -108,7 +108,7 @@ void endpoint_unlink(const char* text) {
 
 int endpoint_listen(const char* text, int port, int type) {
     endpoint_address address;
-    if (endpoint_parse(text, port, &address) == 0) {
+    if (!endpoint_parse(text, port, &address)) {
         return -1;
     }
     if (address.any.sa_family == AF_UNIX) {

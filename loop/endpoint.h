@@ -7,9 +7,13 @@
 /* Addresses and sockets: one rule that turns a text and a port into a socket address, listening
  * sockets, outgoing connections and descriptor flags.
  *
- * Host names are not resolved: the daemon must never wait for a name server. Only the connect
- * helpers take the word "localhost". Nothing here logs; failures are returned. Every descriptor
- * made here is close-on-exec and owned by the caller. */
+ * Host names are not resolved: the daemon must never wait for a name server. Only the other side of
+ * a connection may be the word "localhost". Every descriptor made here is close-on-exec and owned
+ * by the caller.
+ *
+ * Nothing here logs. Failures are told in three ways: a truth is a bool; what hands out a number or
+ * sets a flag returns a negative value; connecting, of which the caller may want the reason,
+ * returns 0 or an error number. */
 
 union endpoint_address {
     sockaddr any;
@@ -30,11 +34,11 @@ constexpr unsigned ENDPOINT_TEXT_SIZE = 110;
 bool endpoint_is_path(const char* text);
 
 /* Text with "/": a Unix path (the port is ignored); with ":": an IPv6 address; else an IPv4
- * address. Returns 1, or 0 when inet_pton rejects the text. */
-int endpoint_parse(const char* text, int port, endpoint_address* address);
+ * address. False when inet_pton rejects the text. */
+bool endpoint_parse(const char* text, int port, endpoint_address* address);
 
 /* The same for the other side of a connection: "localhost" in any case means 127.0.0.1. */
-int endpoint_parse_peer(const char* text, int port, endpoint_address* address);
+bool endpoint_parse_peer(const char* text, int port, endpoint_address* address);
 
 /* Bytes of the address that bind and connect are given: 110, 28 or 16. */
 socklen_t endpoint_length(const endpoint_address* address);
@@ -47,27 +51,26 @@ void endpoint_format(const endpoint_address* address, char* text, int* port);
 void endpoint_unlink(const char* text);
 
 /* Listening, non-blocking sockets of the given type (SOCK_STREAM or SOCK_DGRAM). A Unix path is
- * unlinked first; SO_REUSEADDR is set; streams listen with a backlog of 128. Return the descriptor
- * or a negative value. */
+ * unlinked first; SO_REUSEADDR is set; streams listen with a backlog of 128. */
 int endpoint_listen(const char* text, int port, int type);
 int endpoint_listen_stream(const char* text, int port);
 int endpoint_listen_local(const char* path);
 int endpoint_listen_datagram(const char* text, int port);
 
-/* Outgoing connections. Return 0 or an error number; `*fd` is -1 on failure. `localhost` in any
- * case means 127.0.0.1; TCP and UDP take IPv4 only. A Unix listener whose queue is full is not
- * waited for (EAGAIN), so that one that never accepts cannot stop the daemon; the descriptor blocks
- * as usual. With `non_blocking`, EINPROGRESS is returned with a valid descriptor, and the caller
- * waits for it to become writable. */
+/* Outgoing connections. `*fd` is -1 on failure. `localhost` in any case means 127.0.0.1; TCP and
+ * UDP take IPv4 only. A Unix listener whose queue is full is not waited for (EAGAIN), so that one
+ * that never accepts cannot stop the daemon; the descriptor blocks as usual. With `non_blocking`,
+ * EINPROGRESS is returned with a valid descriptor, and the caller waits for it to become writable.
+ */
 int endpoint_connect_local(const char* path, int* fd);
 int endpoint_connect_tcp(const char* host, int port, bool non_blocking, int* fd);
 int endpoint_connect_udp(const char* host, int port, int* fd);
 
-/* Add a descriptor flag. Return the result of fcntl, negative on failure. */
+/* Add a descriptor flag. Return what fcntl says. */
 int endpoint_set_nonblocking(int fd);
 int endpoint_set_cloexec(int fd);
 
-/* Bytes that wait to be read, -1 on failure. */
+/* How many bytes wait to be read. */
 int endpoint_bytes_readable(int fd);
 
 /* Whether a host of the log's host:port form is this machine. Always true: logs stay on the device.

@@ -24,7 +24,7 @@ struct loop_state {
     clock_time scan;     /* last timer scan */
     loop_timer* timers;  /* newest first */
     loop_timer* running; /* whose callback is being called */
-    unsigned char stop;
+    bool stop;
     loop_closing* closing; /* closed during this pass, oldest first */
     loop_closing** closing_end;
     buffer request_scratch;
@@ -51,7 +51,7 @@ void unlink_timer(loop_timer* timer) {
 }
 
 void dispatch(const loop_event* events, int count) {
-    for (int i = 0; i < count && loop.stop == 0; i++) {
+    for (int i = 0; i < count && !loop.stop; i++) {
         const int fd = events[i].fd;
         if (fd < loop.maxfd && loop.files[fd].cb != nullptr) {
             loop.files[fd].cb(fd, events[i].mask, loop.files[fd].argument);
@@ -105,7 +105,7 @@ void destroy_closed() {
 
 } // namespace
 
-int loop_init(int limit, int selector) {
+bool loop_init(int limit, int selector) {
     if (loop.backend != nullptr) {
         loop.backend->fini();
     }
@@ -217,16 +217,16 @@ void loop_destroy_later(loop_closing* closing) {
 }
 
 void loop_stop() {
-    loop.stop = 1;
+    loop.stop = true;
 }
 
-int loop_run() {
+bool loop_run() {
     loop_event events[LOOP_MAX_EVENTS];
-    while (loop.stop == 0) {
+    while (!loop.stop) {
         read_clock();
         const int count = loop.backend->wait(WAIT_MS, events);
         dispatch(events, count);
-        if (loop.stop == 0) {
+        if (!loop.stop) {
             scan_timers_when_due();
         }
         destroy_closed();

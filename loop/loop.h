@@ -44,7 +44,7 @@ constexpr int LOOP_MAX_EVENTS = 100;
 
 /* How the loop learns of readiness. `add` and `del` take LOOP_READABLE and LOOP_WRITABLE. */
 struct loop_backend_operations {
-    int (*init)(int limit);             /* non-zero on success */
+    bool (*init)(int limit);            /* false: nothing can be watched */
     void (*add)(int fd, unsigned mask); /* watch for these too */
     void (*del)(int fd, unsigned mask); /* watch for these no longer */
     int (*wait)(int timeout_ms,
@@ -79,8 +79,8 @@ struct loop_closing {
 
 /* Makes the loop fresh: no handlers, no timers, the clock read. Every descriptor that is registered
  * later must be below `limit`. LOOP_EPOLL chooses epoll, any other selector select. Returns what
- * the backend's init returns: non-zero on success. */
-int loop_init(int limit, int selector);
+ * the backend's init returns. */
+bool loop_init(int limit, int selector);
 
 /* The descriptor limit given to loop_init. */
 int loop_maxfd();
@@ -122,8 +122,8 @@ void loop_destroy_later(loop_closing* closing);
  * cases. */
 void loop_stop();
 
-/* Runs until the loop is stopped. Returns the stop flag's value (not 0). */
-int loop_run();
+/* Runs until the loop is stopped. Returns the flag that stopped it, true. */
+bool loop_run();
 
 /* Two scratch buffers for datagram servers: what came in and what goes out. */
 buffer* loop_request_scratch();

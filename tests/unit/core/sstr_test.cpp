@@ -35,7 +35,7 @@ class sstr_test : public testing::Test {
     }
     void expect_sum(const std::string& text, int64_t add, int64_t sum, const char* result) {
         set(text);
-        EXPECT_EQ(sstr_incr(&s, &add), 1) << text;
+        EXPECT_TRUE(sstr_incr(&s, &add)) << text;
         EXPECT_EQ(add, sum) << text;
         EXPECT_EQ(whole(), with_nul(result)) << text;
     }
@@ -254,20 +254,20 @@ TEST_F(sstr_test, increment_adds_to_the_number_and_tells_the_sum) {
 
 TEST_F(sstr_test, increment_without_a_string_writes_the_value) {
     int64_t value = -3;
-    EXPECT_EQ(sstr_incr(&s, &value), 1);
+    EXPECT_TRUE(sstr_incr(&s, &value));
     EXPECT_EQ(value, -3);
     EXPECT_EQ(whole(), std::string("-3\0", 3));
 }
 
 TEST_F(sstr_test, the_first_number_keeps_its_64_bits) {
     int64_t value = 9223372036854775807;
-    EXPECT_EQ(sstr_incr(&s, &value), 1);
+    EXPECT_TRUE(sstr_incr(&s, &value));
     EXPECT_EQ(value, 9223372036854775807);
     EXPECT_EQ(whole(), with_nul("9223372036854775807"));
 
     sstr_free(&s);
     value = INT64_MIN;
-    EXPECT_EQ(sstr_incr(&s, &value), 1);
+    EXPECT_TRUE(sstr_incr(&s, &value));
     EXPECT_EQ(value, INT64_MIN);
     EXPECT_EQ(whole(), with_nul("-9223372036854775808"));
 }
@@ -342,7 +342,7 @@ TEST_F(sstr_test, increment_of_what_is_no_number_changes_nothing) {
         set(text);
         char* before = s;
         int64_t value = 5;
-        EXPECT_EQ(sstr_incr(&s, &value), 0) << text;
+        EXPECT_FALSE(sstr_incr(&s, &value)) << text;
         EXPECT_EQ(value, 5) << text;
         EXPECT_EQ(s, before) << text;
         EXPECT_EQ(whole(), with_nul(text));

@@ -97,7 +97,7 @@ void kill_and_reap(pid_t pid) {
 
 struct children_test : testing::Test {
     void SetUp() override {
-        ASSERT_NE(loop_init(1024, LOOP_SELECT), 0);
+        ASSERT_TRUE(loop_init(1024, LOOP_SELECT));
     }
 
     void TearDown() override {
@@ -132,7 +132,7 @@ struct children_test : testing::Test {
     /* Runs the command to its completion, and three tenths of a second beyond. */
     static outcome run_command(const std::string& command) {
         outcome o;
-        EXPECT_EQ(child_spawn(command.c_str(), take, &o), 1);
+        EXPECT_TRUE(child_spawn(command.c_str(), take, &o));
         int steps = 0;
         run([&] { return o.calls > 0 && ++steps > 3; });
         EXPECT_EQ(o.calls, 1);
@@ -208,7 +208,7 @@ TEST_F(children_test, a_command_that_writes_for_ever_is_ended_by_its_closed_pipe
     const auto before = signal(SIGPIPE, SIG_IGN);
     const std::string file = temporary_file();
     outcome o;
-    ASSERT_EQ(child_spawn(("yes 0123456; echo $? >" + file).c_str(), take, &o), 1);
+    ASSERT_TRUE(child_spawn(("yes 0123456; echo $? >" + file).c_str(), take, &o));
     run([&] { return o.calls > 0 && !content(file).empty(); });
     signal(SIGPIPE, before);
     EXPECT_EQ(o.calls, 1);
@@ -245,7 +245,7 @@ TEST_F(children_test, a_missing_shell_is_an_empty_output_and_status_127) {
             outcome o;
             /* The completion reaps this one, so that the status of the other stays to be seen. */
             const pid_t older = ended_child();
-            ASSERT_EQ(child_spawn("echo never", take, &o), 1);
+            ASSERT_TRUE(child_spawn("echo never", take, &o));
             run([&] { return o.calls > 0; });
             EXPECT_EQ(o.output, "");
             EXPECT_EQ(o.reason, 4);
@@ -329,7 +329,7 @@ TEST_F(children_test, the_loop_goes_on_while_a_child_runs) {
     ASSERT_GE(writer, 0);
     outcome o;
     int steps_before = 0;
-    ASSERT_EQ(child_spawn(("read word <" + fifo + "; echo $word").c_str(), take, &o), 1);
+    ASSERT_TRUE(child_spawn(("read word <" + fifo + "; echo $word").c_str(), take, &o));
     run([&] {
         if (o.calls == 0 && ++steps_before == 3) {
             EXPECT_EQ(write(writer, "done\n", 5), 5);
@@ -345,7 +345,7 @@ TEST_F(children_test, the_loop_goes_on_while_a_child_runs) {
 TEST_F(children_test, each_completion_has_the_argument_of_its_own_child) {
     std::vector<outcome> all(20);
     for (size_t i = 0; i < all.size(); i++) {
-        ASSERT_EQ(child_spawn(("echo " + std::to_string(i)).c_str(), take, &all[i]), 1);
+        ASSERT_TRUE(child_spawn(("echo " + std::to_string(i)).c_str(), take, &all[i]));
     }
     run([&] {
         for (const outcome& o : all) {
@@ -366,9 +366,9 @@ TEST_F(children_test, a_completion_may_start_the_next_child) {
     static outcome second;
     second = {};
     const auto start_second = [](buffer*, void*, int) {
-        EXPECT_EQ(child_spawn("echo second", take, &second), 1);
+        EXPECT_TRUE(child_spawn("echo second", take, &second));
     };
-    ASSERT_EQ(child_spawn("echo first", start_second, nullptr), 1);
+    ASSERT_TRUE(child_spawn("echo first", start_second, nullptr));
     run([] { return second.calls > 0; });
     EXPECT_EQ(second.output, "second\n");
 }
@@ -379,7 +379,7 @@ TEST_F(children_test,
     outcome second;
     pid_t living = 0;
     /* The descriptor with which a background process could hold the pipe is gone too. */
-    ASSERT_EQ(child_spawn(LIVES_ON, take, &first), 1);
+    ASSERT_TRUE(child_spawn(LIVES_ON, take, &first));
     run([&] {
         if (first.calls == 0) {
             return false;
@@ -391,7 +391,7 @@ TEST_F(children_test,
             kill(living, SIGKILL);
             EXPECT_TRUE(eventually([&] { return is_zombie(living); }));
             /* It is the only one that has ended when the second one completes. */
-            EXPECT_EQ(child_spawn(LIVES_ON, take, &second), 1);
+            EXPECT_TRUE(child_spawn(LIVES_ON, take, &second));
         }
         return second.calls > 0;
     });
@@ -406,12 +406,12 @@ TEST_F(children_test, each_completion_reaps_one_child_at_most) {
     outcome o[2];
     bool second_started = false;
     /* These live on, so that the two that have ended are all there is to reap. */
-    ASSERT_EQ(child_spawn(LIVES_ON, take, &o[0]), 1);
+    ASSERT_TRUE(child_spawn(LIVES_ON, take, &o[0]));
     run([&] {
         if (o[0].calls > 0 && !second_started) {
             second_started = true;
             EXPECT_NE(is_zombie(one), is_zombie(two)) << "one of two is reaped";
-            EXPECT_EQ(child_spawn(LIVES_ON, take, &o[1]), 1);
+            EXPECT_TRUE(child_spawn(LIVES_ON, take, &o[1]));
         }
         return o[1].calls > 0;
     });
@@ -433,7 +433,7 @@ TEST_F(children_test, the_completion_is_called_before_a_child_is_reaped) {
         l->living = atoi(std::string(output->data, output->length).c_str());
         l->waits_to_be_reaped = is_zombie(l->ended);
     };
-    ASSERT_EQ(child_spawn(LIVES_ON, look_at_ended, &seen), 1);
+    ASSERT_TRUE(child_spawn(LIVES_ON, look_at_ended, &seen));
     run([&] { return seen.living != 0; });
     EXPECT_TRUE(seen.waits_to_be_reaped);
     EXPECT_EQ(state_of(seen.ended), '\0');
@@ -444,8 +444,8 @@ TEST_F(children_test, two_that_end_together_are_reaped_by_two_further_completion
     outcome pair[2];
     outcome later[2];
     bool ended = false;
-    ASSERT_EQ(child_spawn(LIVES_ON, take, &pair[0]), 1);
-    ASSERT_EQ(child_spawn(LIVES_ON, take, &pair[1]), 1);
+    ASSERT_TRUE(child_spawn(LIVES_ON, take, &pair[0]));
+    ASSERT_TRUE(child_spawn(LIVES_ON, take, &pair[1]));
     run([&] {
         if (pair[0].calls + pair[1].calls == 2 && !ended) {
             ended = true;
@@ -455,7 +455,7 @@ TEST_F(children_test, two_that_end_together_are_reaped_by_two_further_completion
                 EXPECT_TRUE(eventually([pid] { return is_zombie(pid); }));
             }
             for (outcome& o : later) {
-                EXPECT_EQ(child_spawn(LIVES_ON, take, &o), 1);
+                EXPECT_TRUE(child_spawn(LIVES_ON, take, &o));
             }
         }
         return later[0].calls + later[1].calls == 2;
@@ -476,10 +476,10 @@ TEST_F(children_test, no_ended_children_pile_up) {
     static child_completed next;
     next = [](buffer*, void*, int) {
         if (++completed < ROUNDS) {
-            EXPECT_EQ(child_spawn(":", next, nullptr), 1);
+            EXPECT_TRUE(child_spawn(":", next, nullptr));
         }
     };
-    ASSERT_EQ(child_spawn(":", next, nullptr), 1);
+    ASSERT_TRUE(child_spawn(":", next, nullptr));
     const size_t before = open_descriptors();
     run([] { return completed == ROUNDS; });
     /* Those whose pipe closed just before they ended wait for later completions: a few, more on a
@@ -499,7 +499,7 @@ TEST_F(children_test, no_descriptor_of_the_daemon_is_inherited) {
     outcome running;
     outcome o;
     const std::string file = temporary_file();
-    ASSERT_EQ(child_spawn(("echo $$ >" + file + "; exec sleep 60").c_str(), take, &running), 1);
+    ASSERT_TRUE(child_spawn(("echo $$ >" + file + "; exec sleep 60").c_str(), take, &running));
     /* Links such as "socket:[4711]" and "pipe:[4712]". */
     std::vector<std::string> links;
     for (int fd = 3; fd < 1024; fd++) {
@@ -510,7 +510,7 @@ TEST_F(children_test, no_descriptor_of_the_daemon_is_inherited) {
         }
     }
     ASSERT_GE(links.size(), 3u);
-    ASSERT_EQ(child_spawn("exec ls -l /proc/self/fd", take, &o), 1);
+    ASSERT_TRUE(child_spawn("exec ls -l /proc/self/fd", take, &o));
     bool closed = false;
     run([&] {
         if (!closed && o.calls > 0 && !content(file).empty()) {
@@ -535,7 +535,7 @@ TEST_F(children_test, no_descriptor_of_the_daemon_is_inherited) {
 TEST_F(children_test, the_pipe_is_read_without_blocking_and_not_inherited) {
     const size_t before = open_descriptors();
     outcome o;
-    ASSERT_EQ(child_spawn("sleep 0.3; echo x", take, &o), 1);
+    ASSERT_TRUE(child_spawn("sleep 0.3; echo x", take, &o));
     EXPECT_EQ(open_descriptors(), before + 1) << "the write end belongs to the child alone";
     bool found = false;
     for (int fd = 0; fd < loop_maxfd(); fd++) {
@@ -559,7 +559,7 @@ TEST_F(children_test, without_a_pipe_none_is_started) {
         limit.rlim_cur = 3;
         ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
         outcome o;
-        EXPECT_EQ(child_spawn("echo x", take, &o), 0);
+        EXPECT_FALSE(child_spawn("echo x", take, &o));
         limit.rlim_cur = old;
         setrlimit(RLIMIT_NOFILE, &limit);
         int steps = 0;
@@ -578,7 +578,7 @@ TEST_F(children_test, when_the_fork_fails_both_ends_of_the_pipe_are_closed) {
             _exit(NO_WORLD);
         }
         outcome o;
-        EXPECT_EQ(child_spawn("echo x", take, &o), 0);
+        EXPECT_FALSE(child_spawn("echo x", take, &o));
         int steps = 0;
         run([&] { return ++steps == 2; });
         EXPECT_EQ(o.calls, 0);
@@ -588,10 +588,10 @@ TEST_F(children_test, when_the_fork_fails_both_ends_of_the_pipe_are_closed) {
 
 TEST_F(children_test, a_descriptor_that_the_loop_cannot_watch_starts_none) {
     run_in_own_world(nothing_special, [] {
-        ASSERT_NE(loop_init(3, LOOP_SELECT), 0);
+        ASSERT_TRUE(loop_init(3, LOOP_SELECT));
         const size_t before = open_descriptors();
         outcome o;
-        EXPECT_EQ(child_spawn("echo x", take, &o), 0);
+        EXPECT_FALSE(child_spawn("echo x", take, &o));
         EXPECT_EQ(open_descriptors(), before);
         EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "nothing was forked";
         int steps = 0;

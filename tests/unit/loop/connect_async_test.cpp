@@ -44,7 +44,7 @@ int stop_the_loop(void*) {
 
 struct connect_async_test : testing::TestWithParam<loop_backend> {
     void SetUp() override {
-        ASSERT_NE(loop_init(LIMIT, GetParam()), 0);
+        ASSERT_TRUE(loop_init(LIMIT, GetParam()));
     }
 
     /* Runs until the callback was called, at most some seconds. */
@@ -62,7 +62,7 @@ INSTANTIATE_TEST_SUITE_P(backends, connect_async_test, testing::Values(LOOP_SELE
                          });
 
 TEST_P(connect_async_test, an_address_that_does_not_parse_gives_zero_and_no_call) {
-    EXPECT_EQ(connect_async("example.org", 80, on_connected, &result), 0);
+    EXPECT_FALSE(connect_async("example.org", 80, on_connected, &result));
     EXPECT_EQ(result.calls, 0);
 }
 
@@ -70,7 +70,7 @@ TEST_P(connect_async_test, an_immediate_success_is_reported_at_once) {
     folder there;
     const std::string path = there.file("s");
     const descriptor listener(endpoint_listen_local(path.c_str()));
-    EXPECT_EQ(connect_async(path.c_str(), 0, on_connected, &result), 1);
+    EXPECT_TRUE(connect_async(path.c_str(), 0, on_connected, &result));
     const descriptor connected(result.fd);
     EXPECT_EQ(result.calls, 1);
     EXPECT_EQ(result.error, 0);
@@ -83,7 +83,7 @@ TEST_P(connect_async_test, an_immediate_success_is_reported_at_once) {
 TEST_P(connect_async_test, an_immediate_failure_is_reported_at_once_with_its_error_number) {
     folder there;
     const int before = next_descriptor();
-    EXPECT_EQ(connect_async(there.file("s").c_str(), 0, on_connected, &result), 1);
+    EXPECT_TRUE(connect_async(there.file("s").c_str(), 0, on_connected, &result));
     EXPECT_EQ(result.calls, 1);
     EXPECT_EQ(result.fd, -1);
     EXPECT_EQ(result.error, ENOENT);
@@ -93,7 +93,7 @@ TEST_P(connect_async_test, an_immediate_failure_is_reported_at_once_with_its_err
 TEST_P(connect_async_test, without_a_socket_the_reason_is_reported_at_once) {
     {
         const no_descriptors none;
-        EXPECT_EQ(connect_async("127.0.0.1", 80, on_connected, &result), 1);
+        EXPECT_TRUE(connect_async("127.0.0.1", 80, on_connected, &result));
     }
     EXPECT_EQ(result.calls, 1);
     EXPECT_EQ(result.fd, -1);
@@ -102,7 +102,7 @@ TEST_P(connect_async_test, without_a_socket_the_reason_is_reported_at_once) {
 
 TEST_P(connect_async_test, a_connection_is_reported_when_it_becomes_writable) {
     const descriptor listener(endpoint_listen_stream("127.0.0.1", 0));
-    EXPECT_EQ(connect_async("127.0.0.1", port_of(listener.fd), on_connected, &result), 1);
+    EXPECT_TRUE(connect_async("127.0.0.1", port_of(listener.fd), on_connected, &result));
     EXPECT_EQ(result.calls, 0);
     run();
     const descriptor connected(result.fd);
@@ -115,7 +115,7 @@ TEST_P(connect_async_test, a_connection_is_reported_when_it_becomes_writable) {
 
 TEST_P(connect_async_test, localhost_in_any_case_means_the_loopback_address) {
     const descriptor listener(endpoint_listen_stream("127.0.0.1", 0));
-    EXPECT_EQ(connect_async("LocalHost", port_of(listener.fd), on_connected, &result), 1);
+    EXPECT_TRUE(connect_async("LocalHost", port_of(listener.fd), on_connected, &result));
     run();
     const descriptor connected(result.fd);
     EXPECT_EQ(result.calls, 1);
@@ -135,7 +135,7 @@ TEST_P(connect_async_test, an_i_pv_6_address_is_connected) {
     endpoint_address bound = {};
     socklen_t size = sizeof bound;
     ASSERT_EQ(getsockname(listener.fd, &bound.any, &size), 0);
-    EXPECT_EQ(connect_async("::1", format(bound).port, on_connected, &result), 1);
+    EXPECT_TRUE(connect_async("::1", format(bound).port, on_connected, &result));
     run();
     const descriptor connected(result.fd);
     EXPECT_EQ(result.calls, 1);
@@ -155,7 +155,7 @@ TEST_P(connect_async_test, a_descriptor_at_the_limit_is_closed_and_reported_as_t
         taken.push_back(dup(STDOUT_FILENO));
         ASSERT_GE(taken.back(), 0);
     } while (taken.back() < LIMIT - 1);
-    EXPECT_EQ(connect_async("127.0.0.1", port, on_connected, &result), 1);
+    EXPECT_TRUE(connect_async("127.0.0.1", port, on_connected, &result));
     EXPECT_EQ(next_descriptor(), LIMIT);
     for (const int fd : taken) {
         close(fd);
@@ -168,7 +168,7 @@ TEST_P(connect_async_test, a_descriptor_at_the_limit_is_closed_and_reported_as_t
 TEST_P(connect_async_test, a_closed_local_port_is_reported_as_unreachable) {
     const closed_port port;
     const int fd = next_descriptor();
-    EXPECT_EQ(connect_async("127.0.0.1", port.number, on_connected, &result), 1);
+    EXPECT_TRUE(connect_async("127.0.0.1", port.number, on_connected, &result));
     EXPECT_EQ(result.calls, 0);
     run();
     EXPECT_EQ(result.calls, 1);
@@ -186,7 +186,7 @@ TEST_P(connect_async_test, the_callback_may_make_a_connection_of_the_descriptor)
         made = loop_add_connection(fd, nullptr);
         loop_stop();
     };
-    EXPECT_EQ(connect_async("127.0.0.1", port_of(listener.fd), make_connection, nullptr), 1);
+    EXPECT_TRUE(connect_async("127.0.0.1", port_of(listener.fd), make_connection, nullptr));
     run();
     ASSERT_NE(made, nullptr);
     EXPECT_TRUE(loop_has_handler(made->fd));
@@ -207,9 +207,9 @@ TEST_P(connect_async_test, the_callback_of_a_failure_may_try_again_at_once) {
     const auto try_again = [](int, int error, void* argument) {
         EXPECT_EQ(error, EHOSTUNREACH);
         attempts* a = static_cast<attempts*>(argument);
-        EXPECT_EQ(connect_async("127.0.0.1", a->next_port, on_connected, &a->second), 1);
+        EXPECT_TRUE(connect_async("127.0.0.1", a->next_port, on_connected, &a->second));
     };
-    EXPECT_EQ(connect_async("127.0.0.1", port.number, try_again, &all), 1);
+    EXPECT_TRUE(connect_async("127.0.0.1", port.number, try_again, &all));
     run();
     const descriptor connected(all.second.fd);
     EXPECT_EQ(all.second.calls, 1);
@@ -220,7 +220,7 @@ TEST_P(connect_async_test,
        a_readable_event_is_taken_for_a_failure_even_when_the_peer_only_spoke_first) {
     const descriptor listener(endpoint_listen_stream("127.0.0.1", 0));
     const int fd = next_descriptor();
-    EXPECT_EQ(connect_async("127.0.0.1", port_of(listener.fd), on_connected, &result), 1);
+    EXPECT_TRUE(connect_async("127.0.0.1", port_of(listener.fd), on_connected, &result));
     endpoint_set_nonblocking(listener.fd);
     int client = -1;
     for (int i = 0; i < 10000 && client < 0; i++) {
@@ -241,11 +241,11 @@ TEST_P(connect_async_test,
 
 /* Only epoll reports errors. */
 TEST(connect_async_by_epoll_test, an_error_event_alone_is_a_failure_too) {
-    ASSERT_NE(loop_init(LIMIT, LOOP_EPOLL), 0);
+    ASSERT_TRUE(loop_init(LIMIT, LOOP_EPOLL));
     outcome result = {0, -7, -7};
     const descriptor listener(endpoint_listen_stream("127.0.0.1", 0));
     const int fd = next_descriptor();
-    EXPECT_EQ(connect_async("127.0.0.1", port_of(listener.fd), on_connected, &result), 1);
+    EXPECT_TRUE(connect_async("127.0.0.1", port_of(listener.fd), on_connected, &result));
     ASSERT_TRUE(loop_has_handler(fd));
     test_kernel::epoll_answers = {{{EPOLLERR, {.fd = fd}}}};
     loop_add_timer(10000, stop_the_loop, nullptr);

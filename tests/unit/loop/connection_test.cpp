@@ -97,7 +97,7 @@ struct connection_test : testing::TestWithParam<loop_backend> {
     typedef std::function<bool()> step;
 
     void SetUp() override {
-        ASSERT_NE(loop_init(LIMIT, GetParam()), 0);
+        ASSERT_TRUE(loop_init(LIMIT, GetParam()));
         owner.fd = -1;
         owner.references = 1;
         send_answers.clear();

@@ -69,7 +69,7 @@ struct datagram_test : testing::TestWithParam<loop_backend> {
         requests.clear();
         on_request = {};
         meanwhile = {};
-        ASSERT_NE(loop_init(LIMIT, GetParam()), 0);
+        ASSERT_TRUE(loop_init(LIMIT, GetParam()));
         s = datagram_open("127.0.0.1", 0, take_request);
         ASSERT_NE(s, nullptr);
         sockaddr_in bound = {};

@@ -66,7 +66,7 @@ endpoint_address filled_address() {
 
 TEST(endpoint_parse_test, a_text_with_a_slash_is_a_unix_path_whatever_the_port) {
     endpoint_address address = filled_address();
-    EXPECT_EQ(endpoint_parse("/tmp/x.sock", 80, &address), 1);
+    EXPECT_TRUE(endpoint_parse("/tmp/x.sock", 80, &address));
     EXPECT_EQ(address.any.sa_family, AF_UNIX);
     EXPECT_STREQ(address.local.sun_path, "/tmp/x.sock");
     EXPECT_EQ(endpoint_length(&address), 110u);
@@ -74,10 +74,10 @@ TEST(endpoint_parse_test, a_text_with_a_slash_is_a_unix_path_whatever_the_port) 
 
 TEST(endpoint_parse_test, a_slash_wins_over_a_colon_and_over_digits) {
     endpoint_address address;
-    EXPECT_EQ(endpoint_parse("run:1/s", 1, &address), 1);
+    EXPECT_TRUE(endpoint_parse("run:1/s", 1, &address));
     EXPECT_EQ(address.any.sa_family, AF_UNIX);
     EXPECT_STREQ(address.local.sun_path, "run:1/s");
-    EXPECT_EQ(endpoint_parse("127.0.0.1/", 1, &address), 1);
+    EXPECT_TRUE(endpoint_parse("127.0.0.1/", 1, &address));
     EXPECT_EQ(address.any.sa_family, AF_UNIX);
 }
 
@@ -85,7 +85,7 @@ TEST(endpoint_parse_test, a_path_is_cut_at_107_bytes) {
     for (const size_t length : {106u, 107u, 108u, 109u, 300u}) {
         const std::string path = "/" + std::string(length - 1, 'p');
         endpoint_address address = filled_address();
-        EXPECT_EQ(endpoint_parse(path.c_str(), 0, &address), 1);
+        EXPECT_TRUE(endpoint_parse(path.c_str(), 0, &address));
         EXPECT_EQ(std::string(address.local.sun_path, strnlen(address.local.sun_path, 108)),
                   path.substr(0, 107))
             << length;
@@ -95,13 +95,13 @@ TEST(endpoint_parse_test, a_path_is_cut_at_107_bytes) {
 TEST(endpoint_parse_test, a_slash_behind_the_cut_still_makes_a_path) {
     const std::string path = std::string(120, 'p') + "/";
     endpoint_address address;
-    EXPECT_EQ(endpoint_parse(path.c_str(), 0, &address), 1);
+    EXPECT_TRUE(endpoint_parse(path.c_str(), 0, &address));
     EXPECT_EQ(address.any.sa_family, AF_UNIX);
 }
 
 TEST(endpoint_parse_test, a_text_with_a_colon_is_an_i_pv_6_address) {
     endpoint_address address = filled_address();
-    EXPECT_EQ(endpoint_parse("::1", 80, &address), 1);
+    EXPECT_TRUE(endpoint_parse("::1", 80, &address));
     EXPECT_EQ(address.any.sa_family, AF_INET6);
     EXPECT_EQ(memcmp(&address.ipv6.sin6_addr, &in6addr_loopback, sizeof in6addr_loopback), 0);
     EXPECT_EQ(address.ipv6.sin6_flowinfo, 0u);
@@ -112,7 +112,7 @@ TEST(endpoint_parse_test, a_text_with_a_colon_is_an_i_pv_6_address) {
 
 TEST(endpoint_parse_test, any_other_text_is_an_i_pv_4_address) {
     endpoint_address address = filled_address();
-    EXPECT_EQ(endpoint_parse("127.0.0.1", 8080, &address), 1);
+    EXPECT_TRUE(endpoint_parse("127.0.0.1", 8080, &address));
     EXPECT_EQ(address.any.sa_family, AF_INET);
     const unsigned char ip[] = {127, 0, 0, 1};
     EXPECT_EQ(memcmp(&address.ipv4.sin_addr, ip, sizeof ip), 0);
@@ -126,15 +126,15 @@ TEST(endpoint_parse_test, names_and_malformed_addresses_fail) {
     for (const char* text :
          {"localhost", "LOCALHOST", "", " ", "256.0.0.1", "127.0.0.1 ", " 127.0.0.1", "127.1",
           "127.0.0.1:80", ":", ":::", "::1%lo", "[::1]", "12345::", "example.org"}) {
-        EXPECT_EQ(endpoint_parse(text, 80, &address), 0) << '"' << text << '"';
+        EXPECT_FALSE(endpoint_parse(text, 80, &address)) << '"' << text << '"';
     }
 }
 
 TEST(endpoint_parse_test, a_port_keeps_its_lower_16_bits) {
     endpoint_address address;
-    EXPECT_EQ(endpoint_parse("127.0.0.1", 65535, &address), 1);
+    EXPECT_TRUE(endpoint_parse("127.0.0.1", 65535, &address));
     EXPECT_EQ(ntohs(address.ipv4.sin_port), 65535);
-    EXPECT_EQ(endpoint_parse("127.0.0.1", 65536 + 80, &address), 1);
+    EXPECT_TRUE(endpoint_parse("127.0.0.1", 65536 + 80, &address));
     EXPECT_EQ(ntohs(address.ipv4.sin_port), 80);
 }
 
@@ -151,7 +151,7 @@ TEST(endpoint_is_path_test, looks_for_a_slash_anywhere) {
 
 formatted parse_and_format(const char* text, int port) {
     endpoint_address address;
-    EXPECT_EQ(endpoint_parse(text, port, &address), 1) << text;
+    EXPECT_TRUE(endpoint_parse(text, port, &address)) << text;
     return format(address);
 }
 

@@ -49,7 +49,7 @@ void on_pass(int fd, unsigned mask, void* argument);
 struct loop_test : testing::TestWithParam<loop_backend> {
     void SetUp() override {
         advance(0);
-        ASSERT_NE(loop_init(LIMIT, GetParam()), 0);
+        ASSERT_TRUE(loop_init(LIMIT, GetParam()));
         pass_descriptor = eventfd(1, EFD_CLOEXEC);
         loop_add_handler(pass_descriptor, LOOP_READABLE, on_pass, this);
     }
@@ -67,7 +67,7 @@ struct loop_test : testing::TestWithParam<loop_backend> {
      * and dispatches. */
     void run_passes(std::vector<int64_t> milliseconds) {
         elapsed = std::move(milliseconds);
-        EXPECT_NE(loop_run(), 0);
+        EXPECT_TRUE(loop_run());
     }
 
     loop_timer* add(const std::string& name, uint32_t interval, int result = 0,
@@ -438,7 +438,7 @@ TEST_P(loop_test, without_any_event_a_pass_ends_after_100_milliseconds) {
     timespec after;
     clock_gettime(CLOCK_MONOTONIC, &before);
     loop_add_timer(100, stop_on_fire, nullptr);
-    EXPECT_NE(loop_run(), 0);
+    EXPECT_TRUE(loop_run());
     clock_gettime(CLOCK_MONOTONIC, &after);
     const int64_t milliseconds =
         int64_t{after.tv_sec - before.tv_sec} * 1000 + (after.tv_nsec - before.tv_nsec) / 1000000;
@@ -462,7 +462,7 @@ TEST_P(loop_test, a_handler_is_called_with_its_descriptor_mask_and_argument) {
             loop_stop();
         },
         &seen);
-    EXPECT_NE(loop_run(), 0);
+    EXPECT_TRUE(loop_run());
     EXPECT_EQ(seen.fd, fd);
     EXPECT_EQ(seen.mask, 3u);
     close(fd);
@@ -504,13 +504,13 @@ TEST_P(loop_test, events_are_dispatched_in_the_order_in_which_the_backend_gives_
             batch.push_back({EPOLLIN, {.fd = fd}});
         }
         test_kernel::epoll_answers = {batch};
-        EXPECT_NE(loop_run(), 0);
+        EXPECT_TRUE(loop_run());
         EXPECT_EQ(order, (names{"middle", "higher", "lower"}));
     } else {
         /* The lower descriptor comes first, whichever was registered first. */
         loop_remove_handler(lower.fd);
         loop_add_handler(lower.fd, LOOP_READABLE, on_ready, &lower);
-        EXPECT_NE(loop_run(), 0);
+        EXPECT_TRUE(loop_run());
         EXPECT_EQ(order, (names{"lower", "middle", "higher"}));
     }
 }
@@ -638,7 +638,7 @@ TEST_P(loop_test, more_ready_descriptors_than_a_batch_holds_are_served_in_later_
         };
     }
     loop_add_timer(5000, stop_on_fire, nullptr);
-    EXPECT_NE(loop_run(), 0);
+    EXPECT_TRUE(loop_run());
     EXPECT_EQ(served, COUNT);
 }
 
@@ -648,7 +648,7 @@ TEST_P(loop_test, a_stop_is_honoured_between_two_events_of_a_batch) {
     remove_pass_handler();
     ready_descriptor& one = add_ready([](unsigned) { loop_stop(); });
     ready_descriptor& other = add_ready([](unsigned) { loop_stop(); });
-    EXPECT_NE(loop_run(), 0);
+    EXPECT_TRUE(loop_run());
     EXPECT_EQ(one.calls + other.calls, 1);
 }
 
@@ -659,14 +659,14 @@ TEST_P(loop_test, after_a_stop_from_a_handler_timers_are_not_scanned) {
         advance(1000);
         loop_stop();
     });
-    EXPECT_NE(loop_run(), 0);
+    EXPECT_TRUE(loop_run());
     EXPECT_EQ(fired, names{});
 }
 
 TEST_P(loop_test, a_loop_that_is_stopped_before_it_runs_makes_no_pass) {
     ready_descriptor& r = add_ready();
     loop_stop();
-    EXPECT_NE(loop_run(), 0);
+    EXPECT_TRUE(loop_run());
     EXPECT_EQ(r.calls, 0);
 }
 
@@ -726,7 +726,7 @@ TEST_P(loop_test, a_record_is_destroyed_in_the_pass_that_stops_the_loop) {
         loop_stop();
     });
     remove_pass_handler();
-    EXPECT_NE(loop_run(), 0);
+    EXPECT_TRUE(loop_run());
     EXPECT_EQ(record.destroyed, 1);
 }
 
@@ -767,13 +767,13 @@ unsigned mask_of_broken_pipe() {
 }
 
 TEST(loop_init_test, selector_one_chooses_epoll) {
-    ASSERT_NE(loop_init(LIMIT, 1), 0);
+    ASSERT_TRUE(loop_init(LIMIT, 1));
     EXPECT_NE(mask_of_broken_pipe() & LOOP_ERROR, 0u);
 }
 
 TEST(loop_init_test, every_other_selector_chooses_select) {
     for (const int selector : {-1, 0, 2, 7, -100}) {
-        ASSERT_NE(loop_init(LIMIT, selector), 0);
+        ASSERT_TRUE(loop_init(LIMIT, selector));
         EXPECT_EQ(mask_of_broken_pipe(), 2u) << selector;
     }
 }
@@ -782,7 +782,7 @@ TEST_P(loop_test, init_makes_the_loop_fresh) {
     add("a", 0);
     ready_descriptor& r = add_ready();
     loop_stop();
-    ASSERT_NE(loop_init(50, GetParam()), 0);
+    ASSERT_TRUE(loop_init(50, GetParam()));
     EXPECT_EQ(loop_maxfd(), 50);
     EXPECT_FALSE(loop_has_handler(r.fd));
     loop_add_handler(pass_descriptor, LOOP_READABLE, on_pass, this);

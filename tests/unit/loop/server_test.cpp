@@ -63,7 +63,7 @@ struct server_test : testing::TestWithParam<loop_backend> {
         closed_with = -1;
         accepted.clear();
         overridden.clear();
-        ASSERT_NE(loop_init(LIMIT, GetParam()), 0);
+        ASSERT_TRUE(loop_init(LIMIT, GetParam()));
         path = testing::TempDir() + "tessard-server-XXXXXX";
         const int fd = mkstemp(path.data());
         ASSERT_GE(fd, 0);
