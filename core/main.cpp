@@ -9,6 +9,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include "core/descriptor.h"
 #include "core/log.h"
 #include "core/options.h"
 #include "core/sstr.h"
@@ -35,7 +36,7 @@ const log_sockets sockets = {endpoint_connect_local, endpoint_connect_tcp, endpo
 
 /* Reads at most 31 bytes of a file, ended with a NUL. Returns -1 when it cannot be read. */
 int read_small_file(const char* path, char (&text)[32]) {
-    const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    const int fd = descriptor_open_untrusted(path, O_RDONLY);
     if (fd < 0) {
         return -1;
     }
@@ -65,8 +66,7 @@ void kill_stale_instance(pid_t self) {
 }
 
 void write_pid_file(pid_t self) {
-    const int fd =
-        open(PID_FILE, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0644);
+    const int fd = descriptor_open_untrusted(PID_FILE, O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (fd < 0) {
         return;
     }
@@ -77,22 +77,10 @@ void write_pid_file(pid_t self) {
     close(fd);
 }
 
-/* Started without its standard descriptors, the daemon would give their numbers to clients, and
- * what is written to standard output or standard error would reach one of them. */
-void hold_standard_descriptors() {
-    int fd;
-    do {
-        fd = open("/dev/null", O_RDWR);
-    } while (fd >= 0 && fd <= STDERR_FILENO);
-    if (fd > STDERR_FILENO) {
-        close(fd);
-    }
-}
-
 } // namespace
 
 int main(int argc, char** argv) {
-    hold_standard_descriptors();
+    descriptor_hold_standard(true);
     options o;
     options_init(&o);
     o.on_history_algor = history_algor_option;

@@ -1,0 +1,16 @@
+#pragma once
+
+#include <sys/types.h>
+
+/* Descriptors, and what may go wrong when a program gets one. */
+
+/* Opens a file or device at a path where others may have put something else. Waits for nothing (the
+ * other end of a FIFO, a carrier), takes no terminal as the controlling one, and no program that is
+ * started inherits the descriptor, which is non-blocking. `flags` are those of open beside that,
+ * `mode` is for a file that is made. Returns the descriptor, or -1 with errno set. */
+int descriptor_open_untrusted(const char* path, int flags, mode_t mode = 0);
+
+/* Fills the places of closed standard descriptors with /dev/null: otherwise their numbers would be
+ * given to connections and files, which would then get what is printed. When they are not
+ * `working`, reading from and writing to them fails, so that whoever needs them notices. */
+void descriptor_hold_standard(bool working);
