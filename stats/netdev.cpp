@@ -44,6 +44,14 @@ struct netdev_state {
 
 netdev_state state;
 
+/* The fields of an interface's hash. */
+enum field { RXB, RXP, TXB, TXP, TXBRATE, TXPRATE, RXBRATE, RXPRATE, FLAGS, FIELDS };
+
+const char* const field_texts[FIELDS] = {"rxb",     "rxp",     "txb",     "txp",  "txbrate",
+                                         "txprate", "rxbrate", "rxprate", "flags"};
+
+sstr field_names[FIELDS]; /* made once, for all interfaces and ticks */
+
 bool is_of_interest(const char* name) {
     for (const char* prefix : name_prefixes) {
         if (strncmp(name, prefix, strlen(prefix)) == 0) {
@@ -163,17 +171,17 @@ void publish(const char* name, const iface_stat* iface) {
         return;
     }
     object_defer(hash);
-    stat_hset_u64(hash, "rxb", static_cast<uint32_t>(iface->rx_bytes),
+    stat_hset_u64(hash, field_names[RXB], static_cast<uint32_t>(iface->rx_bytes),
                   static_cast<uint32_t>(iface->rx_bytes >> 32));
-    stat_hset_u32(hash, "rxp", iface->rx_packets);
-    stat_hset_u64(hash, "txb", static_cast<uint32_t>(iface->tx_bytes),
+    stat_hset_u32(hash, field_names[RXP], iface->rx_packets);
+    stat_hset_u64(hash, field_names[TXB], static_cast<uint32_t>(iface->tx_bytes),
                   static_cast<uint32_t>(iface->tx_bytes >> 32));
-    stat_hset_u32(hash, "txp", iface->tx_packets);
-    stat_hset_u32(hash, "txbrate", iface->rate.txb);
-    stat_hset_u32(hash, "txprate", iface->rate.txp);
-    stat_hset_u32(hash, "rxbrate", iface->rate.rxb);
-    stat_hset_u32(hash, "rxprate", iface->rate.rxp);
-    stat_hset_u32(hash, "flags", iface->flags);
+    stat_hset_u32(hash, field_names[TXP], iface->tx_packets);
+    stat_hset_u32(hash, field_names[TXBRATE], iface->rate.txb);
+    stat_hset_u32(hash, field_names[TXPRATE], iface->rate.txp);
+    stat_hset_u32(hash, field_names[RXBRATE], iface->rate.rxb);
+    stat_hset_u32(hash, field_names[RXPRATE], iface->rate.rxp);
+    stat_hset_u32(hash, field_names[FLAGS], iface->flags);
     object_flush(hash);
 }
 
@@ -285,4 +293,8 @@ void netdev_start() {
     }
     state = {};
     netdev_interval_us = 0;
+    for (unsigned i = 0; i < FIELDS; i++) {
+        sstr_free(&field_names[i]);
+        field_names[i] = sstr_new(field_texts[i], SSTR_CSTRING);
+    }
 }

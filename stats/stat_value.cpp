@@ -14,17 +14,15 @@ void stat_set_number(const char* key, uint32_t value) {
     sstr_free(&text);
 }
 
-void stat_hset_u64(object* hash, const char* field, uint32_t low, uint32_t high) {
+void stat_hset_u64(object* hash, sstr field, uint32_t low, uint32_t high) {
     uint32_t length;
     const char* digits = text_unsigned(uint64_t{high} << 32 | low, &length);
-    sstr name = sstr_new(field, SSTR_CSTRING);
     sstr text = sstr_new(digits, length);
-    object_hash_set(hash, name, text);
-    sstr_free(&name);
+    object_hash_set(hash, field, text);
     sstr_free(&text);
 }
 
-void stat_hset_u32(object* hash, const char* field, uint32_t value) {
+void stat_hset_u32(object* hash, sstr field, uint32_t value) {
     stat_hset_u64(hash, field, value, 0);
 }
 

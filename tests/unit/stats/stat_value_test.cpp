@@ -79,11 +79,11 @@ TEST_F(stat_values_test, a_deleted_key_comes_back) {
 
 TEST_F(stat_values_test, a_field_takes_the_two_halves_of_a_64_bit_number) {
     object* hash = make("eth0", OBJ_THASH);
-    stat_hset_u64(hash, "zero", 0, 0);
-    stat_hset_u64(hash, "low", 4294967295u, 0);
-    stat_hset_u64(hash, "high", 0, 1);
-    stat_hset_u64(hash, "mixed", 705032704, 1);
-    stat_hset_u64(hash, "all", 4294967295u, 4294967295u);
+    stat_hset_u64(hash, text("zero"), 0, 0);
+    stat_hset_u64(hash, text("low"), 4294967295u, 0);
+    stat_hset_u64(hash, text("high"), 0, 1);
+    stat_hset_u64(hash, text("mixed"), 705032704, 1);
+    stat_hset_u64(hash, text("all"), 4294967295u, 4294967295u);
     EXPECT_EQ(field_of(hash, "zero"), "0");
     EXPECT_EQ(field_of(hash, "low"), "4294967295");
     EXPECT_EQ(field_of(hash, "high"), "4294967296");
@@ -93,9 +93,9 @@ TEST_F(stat_values_test, a_field_takes_the_two_halves_of_a_64_bit_number) {
 
 TEST_F(stat_values_test, a_field_takes_a_32_bit_number) {
     object* hash = make("eth0", OBJ_THASH);
-    stat_hset_u32(hash, "f", 0);
+    stat_hset_u32(hash, text("f"), 0);
     EXPECT_EQ(field_of(hash, "f"), "0");
-    stat_hset_u32(hash, "f", 4294967295u);
+    stat_hset_u32(hash, text("f"), 4294967295u);
     EXPECT_EQ(field_of(hash, "f"), "4294967295");
 }
 
