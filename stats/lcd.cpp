@@ -66,8 +66,10 @@ void decide(lcd_mode mode, const char* path, lcd_writer writer) {
 }
 
 bool has_serial_panel(const object* sys) {
+    constexpr char PANEL[] = "LCD";
     const hash_field* pnp = object_hash_field(sys, "pnp");
-    return pnp != nullptr && pnp->value != nullptr && strcmp(pnp->value, "LCD") == 0;
+    return pnp != nullptr && pnp->value != nullptr && sstr_length(pnp->value) == strlen(PANEL) &&
+           strcmp(pnp->value, PANEL) == 0;
 }
 
 const char* serial_port() {

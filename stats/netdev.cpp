@@ -279,7 +279,11 @@ void history_algor_option(const char* text) {
 
 int history_algor_hook(object* obj) {
     if (object_key_is(obj, "history-iface-algor")) {
-        history_algor_option(object_string(obj));
+        const char* word = object_string(obj);
+        /* One that goes on behind a NUL is neither of the two. */
+        if (strlen(word) == sstr_length(word)) {
+            history_algor_option(word);
+        }
     }
     return 0;
 }

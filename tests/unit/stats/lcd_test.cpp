@@ -757,7 +757,9 @@ TEST_F(panel_test, a_system_without_pnp_has_no_panel_for_good) {
 }
 
 TEST_F(panel_test, anything_but_lcd_is_no_panel) {
-    for (const char* pnp : {"", "lcd", "LCD ", "LCD2", "LC", " LCD"}) {
+    using namespace std::string_view_literals;
+    for (const std::string_view pnp :
+         {""sv, "lcd"sv, "LCD "sv, "LCD2"sv, "LC"sv, " LCD"sv, "LCD\0"sv, "LCD\0 panel"sv}) {
         SCOPED_TRACE(pnp);
         in_own_devices([&] {
             hset("sys", "pnp", pnp);

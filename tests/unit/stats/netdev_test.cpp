@@ -873,6 +873,14 @@ TEST_F(interface_algorithm_test, other_words_leave_the_choice_as_it_is) {
     }
 }
 
+TEST_F(interface_algorithm_test, a_word_that_goes_on_behind_a_nul_is_another_word) {
+    set("history-iface-algor", std::string_view("avg\0", 4));
+    EXPECT_EQ(history_iface_algor, MAXIMUM);
+    set("history-iface-algor", "avg");
+    set("history-iface-algor", std::string_view("max\0imum", 8));
+    EXPECT_EQ(history_iface_algor, AVERAGE);
+}
+
 TEST_F(interface_algorithm_test, a_client_chooses_by_writing_the_key) {
     test_client client;
     EXPECT_EQ(client.call({"set", "history-iface-algor", "avg"}), "+OK\r\n");
