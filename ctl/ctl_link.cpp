@@ -11,6 +11,10 @@
 
 namespace {
 
+/* A Unix socket carries bytes in pieces of 32 kB and a little more. The daemon takes what is there
+ * for a whole request, and with more than one piece it may look while the next is being copied. */
+constexpr size_t WHOLE_MAX = 32768;
+
 constexpr const char* NOT_AWAITED = "another kind of frame was due";
 
 /* "tessctl: ADDRESS: " and the text. */
@@ -80,6 +84,16 @@ ctl_status read_frame(ctl_link* link, int64_t deadline, bool events) {
     return state == CTL_WHOLE ? CTL_DONE : complain_broken(link);
 }
 
+/* Most requests that are larger do arrive, so this is no reason not to send one. */
+void warn_of_size(const ctl_link* link, size_t length) {
+    if (link->address.any.sa_family == AF_UNIX && length > WHOLE_MAX) {
+        fprintf(stderr,
+                "tessctl: this request has %zu bytes; above 32 kB it may not arrive in one piece, "
+                "and the daemon closes on the rest\n",
+                length);
+    }
+}
+
 ctl_status send_request(ctl_link* link, const char* request, size_t length, int64_t deadline) {
     if (link->fd < 0) {
         const int fd = ctl_net_connect(&link->address, length, deadline);
@@ -89,6 +103,7 @@ ctl_status send_request(ctl_link* link, const char* request, size_t length, int6
         }
         link->fd = fd;
     }
+    warn_of_size(link, length);
     const int error = ctl_net_send(link->fd, request, length, deadline);
     /* A daemon that has closed may have replied before; reading finds out. */
     if (error < 0 && error != -EPIPE && error != -ECONNRESET) {

@@ -24,7 +24,8 @@ bool ctl_link_init(ctl_link* link, const char* text, int port, int wait_seconds)
 /* Closes the connection and frees the reply. */
 void ctl_link_close(ctl_link* link);
 
-/* Sends the words as one request, connecting first when need be, and waits for the whole reply.
+/* Sends the words as one request, connecting first when need be, and waits for the whole reply. A
+ * request that may not arrive in one piece, above 32 kB on a Unix socket, is sent with a warning.
  * With CTL_DONE it is in `link->reply` until the next call; an error reply is a reply. With any
  * other status `link->reply` holds the bytes that did come. */
 ctl_status ctl_link_ask(ctl_link* link, int count, char* const* words);

@@ -173,6 +173,13 @@ TEST_F(tessctl, sends_many_arguments_in_one_request) {
     expect_prints({"lindex", "l", "-1"}, "item999\n");
 }
 
+TEST_F(tessctl, sends_32_kB_without_a_word) {
+    start();
+    /* 30 bytes of the request are not the value's. */
+    expect_prints({"set", "k", std::string(32738, 'v')}, "OK\n");
+    expect_prints({"strlen", "k"}, "32738\n");
+}
+
 TEST_F(tessctl, reaches_a_daemon_on_another_path) {
     start({"-a", "/tmp/other.sock"}, "/tmp/other.sock");
     expect_prints({"-a", "/tmp/other.sock", "ping"}, "OK\n");
@@ -522,6 +529,18 @@ TEST_F(tessctl_and_a_strange_daemon, gets_the_request_whole) {
     EXPECT_TRUE(daemon.say("+OK\r\n"));
     EXPECT_EQ(client.wait_exit(), DONE);
     EXPECT_EQ(client.out(), "OK\n");
+}
+
+TEST_F(tessctl_and_a_strange_daemon, is_sent_more_than_32_kB_with_a_warning) {
+    player daemon;
+    process client(command({"set", "k", std::string(32739, 'v')}));
+    daemon.take_request();
+    EXPECT_TRUE(daemon.say("+OK\r\n"));
+    EXPECT_EQ(client.wait_exit(), DONE);
+    EXPECT_EQ(client.out(), "OK\n");
+    EXPECT_EQ(client.err(),
+              "tessctl: this request has 32769 bytes; above 32 kB it may not arrive in one piece, "
+              "and the daemon closes on the rest\n");
 }
 
 TEST_F(tessctl_and_a_strange_daemon, may_send_the_reply_in_pieces) {
