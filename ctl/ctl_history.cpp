@@ -8,6 +8,7 @@
 
 #include "ctl/ctl_plot.h"
 #include "ctl/ctl_print.h"
+#include "ctl/ctl_sample.h"
 
 namespace {
 
@@ -19,15 +20,6 @@ constexpr unsigned SHARED_HEIGHT = 8;
 
 constexpr int64_t DAY = 86400;
 
-constexpr size_t TIME_SIZE = 48;
-
-enum stamp_form {
-    STAMP_LOCAL,
-    STAMP_LOCAL_MINUTE,
-    STAMP_LOCAL_CLOCK, /* the time of day alone */
-    STAMP_UTC,
-};
-
 enum form { FORM_TABLE, FORM_CSV, FORM_JSON, FORM_PLOT };
 
 struct form_option {
@@ -37,47 +29,6 @@ struct form_option {
 
 constexpr form_option FORM_OPTIONS[] = {
     {"--csv", FORM_CSV}, {"--json", FORM_JSON}, {"--plot", FORM_PLOT}};
-
-size_t format_parts(char (&text)[TIME_SIZE], const tm* parts, stamp_form wanted) {
-    switch (wanted) {
-    case STAMP_LOCAL:
-        return strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", parts);
-    case STAMP_LOCAL_MINUTE:
-        return strftime(text, sizeof text, "%Y-%m-%d %H:%M", parts);
-    case STAMP_LOCAL_CLOCK:
-        return strftime(text, sizeof text, "%H:%M:%S", parts);
-    case STAMP_UTC:
-        return strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", parts);
-    }
-    return 0;
-}
-
-/* A clock of 32 bits may not reach the time; then the plain number of seconds is left. */
-void format_time(char (&text)[TIME_SIZE], int64_t seconds, stamp_form wanted) {
-    const time_t when = static_cast<time_t>(seconds);
-    tm parts;
-    if (when != seconds ||
-        (wanted == STAMP_UTC ? gmtime_r : localtime_r)(&when, &parts) == nullptr ||
-        format_parts(text, &parts, wanted) == 0) {
-        snprintf(text, sizeof text, "%" PRId64, seconds);
-    }
-}
-
-/* The time of a sample, or else its number. Returns whether it is the time. */
-bool format_sample(char (&text)[TIME_SIZE], const ctl_series* series, uint32_t sample,
-                   stamp_form wanted) {
-    int64_t seconds;
-    if (ctl_series_time(series, sample, &seconds)) {
-        format_time(text, seconds, wanted);
-        return true;
-    }
-    snprintf(text, sizeof text, "%" PRIu32, sample + 1);
-    return false;
-}
-
-const char* plural(uint32_t number) {
-    return number == 1 ? "" : "s";
-}
 
 bool has_times(const ctl_series* series) {
     return !series->kind->reports && series->last != 0;
@@ -93,18 +44,13 @@ void explain_numbers(FILE* out, ctl_text key, const ctl_series* series) {
         return;
     }
     fprintf(out, ": a sample is %" PRIu32 " report%s, at times not known; numbered from the oldest",
-            series->period, plural(series->period));
+            series->period, ctl_sample_plural(series->period));
     if (series->last != 0) {
-        char last[TIME_SIZE];
-        format_time(last, series->last, STAMP_LOCAL);
+        char last[CTL_SAMPLE_TEXT];
+        ctl_sample_time(last, series->last, CTL_STAMP_LOCAL);
         fprintf(out, ",\nthe last at %s", last);
     }
     fputc('\n', out);
-}
-
-void say_empty(FILE* out, ctl_text key) {
-    ctl_print_quoted(out, key);
-    fputs(": no samples yet\n", out);
 }
 
 unsigned terminal_width() {
@@ -119,9 +65,9 @@ void plot_title(FILE* out, ctl_text key, const ctl_series* series, const char* c
                 unsigned width) {
     const uint32_t filled = series->filled;
     ctl_print_quoted(out, key);
-    fprintf(out, ": %s, %" PRIu32 " sample%s", caption, filled, plural(filled));
+    fprintf(out, ": %s, %" PRIu32 " sample%s", caption, filled, ctl_sample_plural(filled));
     if (series->kind->reports) {
-        fprintf(out, " of %" PRIu32 " report%s", series->period, plural(series->period));
+        fprintf(out, " of %" PRIu32 " report%s", series->period, ctl_sample_plural(series->period));
     }
     const uint32_t each = (filled + width - 1) / width;
     if (each > 1) {
@@ -140,17 +86,18 @@ uint32_t largest(const uint32_t* columns, unsigned count) {
 }
 
 /* Times of day when the samples lie within one, else days too. */
-stamp_form label_form(const ctl_series* series) {
-    return int64_t{series->filled} * series->period <= DAY ? STAMP_LOCAL_CLOCK : STAMP_LOCAL_MINUTE;
+ctl_stamp label_form(const ctl_series* series) {
+    return int64_t{series->filled} * series->period <= DAY ? CTL_STAMP_LOCAL_CLOCK
+                                                           : CTL_STAMP_LOCAL_MINUTE;
 }
 
 void plot_figure(FILE* out, const ctl_series* series, const ctl_plot* plain) {
     ctl_plot plot = *plain;
-    char labels[3][TIME_SIZE];
+    char labels[3][CTL_SAMPLE_TEXT];
     const uint32_t samples[3] = {0, ctl_series_at(series, plot.width / 2, plot.width),
                                  series->filled - 1};
     for (unsigned i = 0; i < 3; i++) {
-        format_sample(labels[i], series, samples[i], label_form(series));
+        ctl_sample_name(labels[i], series, samples[i], label_form(series));
         plot.labels[i] = labels[i];
     }
     const uint32_t most = series->kind->most;
@@ -223,7 +170,7 @@ ctl_status read_words(const ctl_call* call, form* wanted, char** key) {
 void ctl_history_table(FILE* out, ctl_text key, const ctl_series* series) {
     const ctl_kind* kind = series->kind;
     if (series->filled == 0) {
-        say_empty(out, key);
+        ctl_sample_none(out, key);
         return;
     }
     const bool timed = has_times(series);
@@ -237,8 +184,8 @@ void ctl_history_table(FILE* out, ctl_text key, const ctl_series* series) {
     }
     fputc('\n', out);
     for (uint32_t sample = 0; sample < series->filled; sample++) {
-        char text[TIME_SIZE];
-        format_sample(text, series, sample, STAMP_LOCAL);
+        char text[CTL_SAMPLE_TEXT];
+        ctl_sample_name(text, series, sample, CTL_STAMP_LOCAL);
         fprintf(out, "%*s", column, text);
         for (unsigned i = 0; i < kind->count; i++) {
             fprintf(out, " %11" PRIu32, ctl_series_value(series, sample, i));
@@ -255,8 +202,8 @@ void ctl_history_csv(FILE* out, const ctl_series* series) {
     }
     fputc('\n', out);
     for (uint32_t sample = 0; sample < series->filled; sample++) {
-        char text[TIME_SIZE];
-        format_sample(text, series, sample, STAMP_UTC);
+        char text[CTL_SAMPLE_TEXT];
+        ctl_sample_name(text, series, sample, CTL_STAMP_UTC);
         fputs(text, out);
         for (unsigned i = 0; i < kind->count; i++) {
             fprintf(out, ",%" PRIu32, ctl_series_value(series, sample, i));
@@ -267,11 +214,11 @@ void ctl_history_csv(FILE* out, const ctl_series* series) {
 
 void ctl_history_json(FILE* out, ctl_text key, const ctl_series* series) {
     const ctl_kind* kind = series->kind;
-    char text[TIME_SIZE];
+    char text[CTL_SAMPLE_TEXT];
     fputs("{\"key\":", out);
     ctl_print_json(out, key);
     if (series->last != 0) {
-        format_time(text, series->last, STAMP_UTC);
+        ctl_sample_time(text, series->last, CTL_STAMP_UTC);
         fprintf(out, ",\"last\":\"%s\"", text);
     } else {
         fputs(",\"last\":null", out);
@@ -279,7 +226,7 @@ void ctl_history_json(FILE* out, ctl_text key, const ctl_series* series) {
     fprintf(out, ",\"period_%s\":%" PRIu32 ",\"slots\":%" PRIu32 ",\"samples\":[\n",
             kind->reports ? "reports" : "seconds", series->period, series->slots);
     for (uint32_t sample = 0; sample < series->filled; sample++) {
-        const bool timed = format_sample(text, series, sample, STAMP_UTC);
+        const bool timed = ctl_sample_name(text, series, sample, CTL_STAMP_UTC);
         fprintf(out, timed ? "{\"time\":\"%s\"" : "{\"sample\":%s", text);
         for (unsigned i = 0; i < kind->count; i++) {
             fprintf(out, ",\"%s\":%" PRIu32, kind->figures[i].name,
@@ -308,7 +255,7 @@ void ctl_history_plot(FILE* out, ctl_text key, const ctl_series* series, unsigne
         ctl_plot plot = {};
         plot.width = ctl_series_spread(series, i, columns, room);
         if (plot.width == 0) {
-            say_empty(out, key);
+            ctl_sample_none(out, key);
             return;
         }
         plot.columns = columns;
