@@ -6,6 +6,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "ctl/ctl_form.h"
 #include "ctl/ctl_plot.h"
 #include "ctl/ctl_print.h"
 #include "ctl/ctl_sample.h"
@@ -29,29 +30,6 @@ struct form_option {
 
 constexpr form_option FORM_OPTIONS[] = {
     {"--csv", FORM_CSV}, {"--json", FORM_JSON}, {"--plot", FORM_PLOT}};
-
-bool has_times(const ctl_series* series) {
-    return !series->kind->reports && series->last != 0;
-}
-
-/* Why there are numbers where times are expected. */
-void explain_numbers(FILE* out, ctl_text key, const ctl_series* series) {
-    ctl_print_quoted(out, key);
-    if (!series->kind->reports) {
-        fputs(
-            ": the time of the last sample is not known, so samples are numbered from the oldest\n",
-            out);
-        return;
-    }
-    fprintf(out, ": a sample is %" PRIu32 " report%s, at times not known; numbered from the oldest",
-            series->period, ctl_sample_plural(series->period));
-    if (series->last != 0) {
-        char last[CTL_SAMPLE_TEXT];
-        ctl_sample_time(last, series->last, CTL_STAMP_LOCAL);
-        fprintf(out, ",\nthe last at %s", last);
-    }
-    fputc('\n', out);
-}
 
 unsigned terminal_width() {
     winsize size = {};
@@ -108,13 +86,13 @@ void plot_figure(FILE* out, const ctl_series* series, const ctl_plot* plain) {
 void print_form(FILE* out, form wanted, ctl_text key, const ctl_series* series) {
     switch (wanted) {
     case FORM_TABLE:
-        ctl_history_table(out, key, series);
+        ctl_form_table(out, key, series);
         break;
     case FORM_CSV:
-        ctl_history_csv(out, series);
+        ctl_form_csv(out, series);
         break;
     case FORM_JSON:
-        ctl_history_json(out, key, series);
+        ctl_form_json(out, key, series);
         break;
     case FORM_PLOT:
         ctl_history_plot(out, key, series, terminal_width(), ctl_plot_utf8());
@@ -166,76 +144,6 @@ ctl_status read_words(const ctl_call* call, form* wanted, char** key) {
 }
 
 } // namespace
-
-void ctl_history_table(FILE* out, ctl_text key, const ctl_series* series) {
-    const ctl_kind* kind = series->kind;
-    if (series->filled == 0) {
-        ctl_sample_none(out, key);
-        return;
-    }
-    const bool timed = has_times(series);
-    const int column = timed ? -19 : 6;
-    if (!timed) {
-        explain_numbers(out, key, series);
-    }
-    fprintf(out, "%*s", column, timed ? "time" : "sample");
-    for (unsigned i = 0; i < kind->count; i++) {
-        fprintf(out, " %11s", kind->figures[i].name);
-    }
-    fputc('\n', out);
-    for (uint32_t sample = 0; sample < series->filled; sample++) {
-        char text[CTL_SAMPLE_TEXT];
-        ctl_sample_name(text, series, sample, CTL_STAMP_LOCAL);
-        fprintf(out, "%*s", column, text);
-        for (unsigned i = 0; i < kind->count; i++) {
-            fprintf(out, " %11" PRIu32, ctl_series_value(series, sample, i));
-        }
-        fputc('\n', out);
-    }
-}
-
-void ctl_history_csv(FILE* out, const ctl_series* series) {
-    const ctl_kind* kind = series->kind;
-    fputs(has_times(series) ? "time" : "sample", out);
-    for (unsigned i = 0; i < kind->count; i++) {
-        fprintf(out, ",%s", kind->figures[i].name);
-    }
-    fputc('\n', out);
-    for (uint32_t sample = 0; sample < series->filled; sample++) {
-        char text[CTL_SAMPLE_TEXT];
-        ctl_sample_name(text, series, sample, CTL_STAMP_UTC);
-        fputs(text, out);
-        for (unsigned i = 0; i < kind->count; i++) {
-            fprintf(out, ",%" PRIu32, ctl_series_value(series, sample, i));
-        }
-        fputc('\n', out);
-    }
-}
-
-void ctl_history_json(FILE* out, ctl_text key, const ctl_series* series) {
-    const ctl_kind* kind = series->kind;
-    char text[CTL_SAMPLE_TEXT];
-    fputs("{\"key\":", out);
-    ctl_print_json(out, key);
-    if (series->last != 0) {
-        ctl_sample_time(text, series->last, CTL_STAMP_UTC);
-        fprintf(out, ",\"last\":\"%s\"", text);
-    } else {
-        fputs(",\"last\":null", out);
-    }
-    fprintf(out, ",\"period_%s\":%" PRIu32 ",\"slots\":%" PRIu32 ",\"samples\":[\n",
-            kind->reports ? "reports" : "seconds", series->period, series->slots);
-    for (uint32_t sample = 0; sample < series->filled; sample++) {
-        const bool timed = ctl_sample_name(text, series, sample, CTL_STAMP_UTC);
-        fprintf(out, timed ? "{\"time\":\"%s\"" : "{\"sample\":%s", text);
-        for (unsigned i = 0; i < kind->count; i++) {
-            fprintf(out, ",\"%s\":%" PRIu32, kind->figures[i].name,
-                    ctl_series_value(series, sample, i));
-        }
-        fputs(sample + 1 < series->filled ? "},\n" : "}\n", out);
-    }
-    fputs("]}\n", out);
-}
 
 void ctl_history_plot(FILE* out, ctl_text key, const ctl_series* series, unsigned width,
                       bool utf8) {

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "ctl/ctl_form.h"
 #include "tests/unit/ctl/ring_value.h"
 #include "tests/unit/ctl/text_stream.h"
 
@@ -36,17 +37,17 @@ class tessctl_history : public ::testing::Test {
 
     std::string table() {
         stream out;
-        ctl_history_table(out, text_of(key), &s);
+        ctl_form_table(out, text_of(key), &s);
         return out.text();
     }
     std::string csv() {
         stream out;
-        ctl_history_csv(out, &s);
+        ctl_form_csv(out, &s);
         return out.text();
     }
     std::string json() {
         stream out;
-        ctl_history_json(out, text_of(key), &s);
+        ctl_form_json(out, text_of(key), &s);
         return out.text();
     }
     std::vector<std::string> plot(unsigned width, bool utf8 = false) {
