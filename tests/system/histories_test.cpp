@@ -97,6 +97,15 @@ ring ring_of(const ring& span, uint32_t size) {
     return {span.period, span.slots, size};
 }
 
+void expect_said_once(const words& lines, const std::string& beginning, const std::string& ending) {
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                            [&](const std::string& line) {
+                                return line.starts_with(beginning) && line.ends_with(ending);
+                            }),
+              1)
+        << beginning << "..." << ending;
+}
+
 class histories : public daemon_test {
   protected:
     void SetUp() override {
@@ -149,6 +158,24 @@ class histories : public daemon_test {
         EXPECT_TRUE(value.size() >= 4 && value.substr(4) == expected.rest()) << key;
     }
 
+    /* Loads a ring for every source and span and returns them: those not yet full, those just
+     * full, and those full and turned. */
+    std::map<std::string, ring> load_rings_of_all_kinds() {
+        std::map<std::string, ring> rings;
+        for (const auto& [base, size] :
+             {std::pair("cpu", 1u), {"host", 4u}, {"conn", 4u}, {"eth0", 16u}}) {
+            rings.emplace(base + std::string(".day"), ring_of(DAY, size).fill(5));
+            rings.emplace(base + std::string(".week"), ring_of(WEEK, size).fill(420));
+            rings.emplace(base + std::string(".mon"), ring_of(MONTH, size).fill(903));
+        }
+        std::string file;
+        for (const auto& [key, one] : rings) {
+            file += record(key, one.data(seconds()));
+        }
+        EXPECT_EQ(load(file), ":0\r\n");
+        return rings;
+    }
+
     /* Waits for so many samples of the ten-minute history. */
     void wait_for_ticks(uint32_t count) {
         uint32_t from = word_at(get("conn.10m"), 12);
@@ -173,46 +200,41 @@ class histories : public daemon_test {
 
 } // namespace
 
-TEST_F(histories, a_restart_brings_day_week_and_month_back_with_the_gap_padded) {
+TEST_F(histories, are_loaded_as_a_dump_holds_them) {
     ASSERT_NO_FATAL_FAILURE(begin());
-
-    /* Rings not yet full, just full, and full and turned. */
-    std::map<std::string, ring> rings;
-    for (const auto& [base, size] :
-         {std::pair("cpu", 1u), {"host", 4u}, {"conn", 4u}, {"eth0", 16u}}) {
-        rings.emplace(base + std::string(".day"), ring_of(DAY, size).fill(5));
-        rings.emplace(base + std::string(".week"), ring_of(WEEK, size).fill(420));
-        rings.emplace(base + std::string(".mon"), ring_of(MONTH, size).fill(903));
-    }
-    std::string file;
-    for (const auto& [key, expected] : rings) {
-        file += record(key, expected.data(seconds()));
-    }
-    uint32_t since = seconds();
-    ASSERT_EQ(load(file), ":0\r\n");
+    const uint32_t since = seconds();
+    const std::map<std::string, ring> rings = load_rings_of_all_kinds();
     for (const auto& [key, expected] : rings) {
         expect_ring(key, expected, since);
     }
+}
 
-    /* The dump has the filled part of each, in the table's order; the plain rings are whole. */
-    ASSERT_EQ(client->call({"set", "cpu.10m", std::string(620, MARK)}), OK);
+TEST_F(histories, are_dumped_as_far_as_they_are_filled) {
+    ASSERT_NO_FATAL_FAILURE(begin());
+    const std::map<std::string, ring> rings = load_rings_of_all_kinds();
     ASSERT_EQ(client->call({"set", "nobody.day", "has no series"}), OK);
-    file = dump("*");
+    const std::string file = dump("*");
     for (const auto& [key, expected] : rings) {
         EXPECT_NE(file.find(record(key, expected.data(word_at(get(key), 0)))), std::string::npos)
             << key;
     }
-    EXPECT_EQ(file.find("nobody.day"), std::string::npos) << "a history's name without a history";
-    size_t plain = file.find(be32(7) + "cpu.10m" + be32(620));
-    ASSERT_NE(plain, std::string::npos);
-    file.replace(plain + 15, 620, 620, MARK);
+    EXPECT_NE(file.find(be32(7) + "cpu.10m" + be32(620)), std::string::npos)
+        << "a plain ring is whole";
     EXPECT_NE(file.find(be32(9) + "ping.snap" + be32(400)), std::string::npos);
+    EXPECT_EQ(file.find("nobody.day"), std::string::npos) << "a history's name without a history";
+}
+
+TEST_F(histories, come_back_after_a_restart_with_the_gap_padded) {
+    ASSERT_NO_FATAL_FAILURE(begin());
+    std::map<std::string, ring> rings = load_rings_of_all_kinds();
+    ASSERT_EQ(client->call({"set", "nobody.day", "has no series"}), OK);
+    std::string file = dump("*");
 
     /* The daemon was down for 10000 seconds: 27 periods of a day's history, 6 of a week's, 3 of a
      * month's. */
     daemon->stop();
     for (const auto& [key, expected] : rings) {
-        size_t at = file.find(be32(static_cast<uint32_t>(key.size())) + key) + 8 + key.size();
+        const size_t at = file.find(be32(static_cast<uint32_t>(key.size())) + key) + 8 + key.size();
         file.replace(at, 4, be32(word_at(file, at) - 10000));
     }
     unlink("/tmp/tessard.log");
@@ -220,44 +242,39 @@ TEST_F(histories, a_restart_brings_day_week_and_month_back_with_the_gap_padded) 
     for (const auto& [key, expected] : rings) {
         EXPECT_EQ(word_at(get(key), 12), 0u) << key << " is empty until it is loaded";
     }
-    uint32_t before = word_at(get("cpu.10m"), 12);
-    since = seconds();
+    const uint32_t since = seconds();
     ASSERT_EQ(load(file), ":0\r\n");
-    uint32_t after = word_at(get("conn.10m"), 12);
-    words lines = log_messages(read_file("/tmp/tessard.log"), {"loading "});
+    const words lines = log_messages(read_file("/tmp/tessard.log"), {"loading "});
     EXPECT_EQ(lines.size(), 12u);
     for (auto& [key, expected] : rings) {
-        unsigned span = 10000 / expected.period;
-        std::string ending =
-            ")/(" + std::to_string(expected.period) + "*1)  -> span = " + std::to_string(span);
-        EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
-                                [&](const std::string& line) {
-                                    return line.find("loading " + key + ": (") == 0 &&
-                                           line.size() > ending.size() &&
-                                           line.substr(line.size() - ending.size()) == ending;
-                                }),
-                  1)
-            << key;
+        const uint32_t span = 10000 / expected.period;
+        expect_said_once(lines, "loading " + key + ": (",
+                         ")/(" + std::to_string(expected.period) +
+                             "*1)  -> span = " + std::to_string(span));
         expect_ring(key, expected.pad(span), since);
     }
+    EXPECT_EQ(client->call({"exists", "nobody.day"}), ":0\r\n");
+}
 
-    /* The plain ring came back whole, and goes on from the counts of this daemon. */
+TEST_F(histories, of_ten_minutes_come_back_whole_and_go_on_from_the_counts_of_the_daemon) {
+    ASSERT_NO_FATAL_FAILURE(begin());
+    const uint32_t before = word_at(get("cpu.10m"), 12);
+    ASSERT_EQ(load(record("cpu.10m", std::string(620, MARK))), ":0\r\n");
+    const uint32_t after = word_at(get("conn.10m"), 12);
     wait_for_ticks(2);
     std::string value = get("cpu.10m");
-    uint32_t head = word_at(value, 16);
+    const uint32_t head = word_at(value, 16);
     EXPECT_EQ(word_at(value, 12), head);
     EXPECT_GE(head, before + 2);
     value.erase(0, 20);
     /* How many samples there were when the file was loaded: it lies between what was seen before
-     * and after.
-     */
-    size_t at_load = value.find_first_not_of(MARK);
+     * and after. */
+    const size_t at_load = value.find_first_not_of(MARK);
     EXPECT_GE(at_load, before);
     EXPECT_LE(at_load, after);
     ASSERT_LT(at_load, head);
     EXPECT_EQ(value.substr(at_load, head - at_load).find(MARK), std::string::npos);
     EXPECT_EQ(value.substr(head), std::string(600 - head, MARK));
-    EXPECT_EQ(client->call({"exists", "nobody.day"}), ":0\r\n");
 }
 
 TEST_F(histories, time_stamps_of_any_age_cost_no_more_than_the_ring) {
@@ -342,12 +359,10 @@ TEST_F(histories, records_that_do_not_fit_change_nothing) {
     EXPECT_TRUE(daemon->running());
 }
 
-TEST_F(histories, clients_may_overwrite_a_ring_and_harm_nothing_but_it) {
+TEST_F(histories, that_clients_overwrote_are_dumped_and_loaded_no_further_than_the_value_goes) {
     ASSERT_NO_FATAL_FAILURE(begin());
-    ring expected = ring_of(DAY, 4).fill(6);
+    const ring expected = ring_of(DAY, 4).fill(6);
     ASSERT_EQ(load(record("conn.day", expected.data(seconds()))), ":0\r\n");
-
-    /* A dump never reads beyond the value that is really there. */
     for (const std::string& value : words{"", "x", std::string(19, 'y'), std::string(30, 'z')}) {
         EXPECT_EQ(client->call({"set", "conn.day", value}), OK);
         EXPECT_EQ(dump("conn.day"), record("conn.day", value));
@@ -358,37 +373,46 @@ TEST_F(histories, clients_may_overwrite_a_ring_and_harm_nothing_but_it) {
     EXPECT_EQ(client->call({"set", "conn.day", std::string(43, 'v')}), OK);
     EXPECT_EQ(load(record("conn.day", expected.data(seconds()))), ":0\r\n");
     EXPECT_EQ(get("conn.day"), std::string(43, 'v')) << "shorter than the record";
+    EXPECT_TRUE(daemon->running());
+}
 
-    /* A ring of another length is left alone; of the right length it is written on. */
+TEST_F(histories, of_another_length_than_their_own_are_left_alone) {
+    ASSERT_NO_FATAL_FAILURE(begin());
     EXPECT_EQ(client->call({"append", "cpu.10m", "x"}), ":621\r\n");
     EXPECT_EQ(client->call({"set", "host.10m", "short"}), OK);
-    EXPECT_EQ(client->call({"set", "eth0.10m", std::string(20 + 600 * 16, 'e')}), OK);
-    std::string longer = get("cpu.10m");
+    const std::string longer = get("cpu.10m");
     wait_for_ticks(2);
     EXPECT_EQ(get("cpu.10m"), longer);
     EXPECT_EQ(get("host.10m"), "short");
-    std::string value = get("eth0.10m");
-    uint32_t head = word_at(value, 16);
-    EXPECT_EQ(value.substr(4, 8), "eeeeeeee") << "period and slots are not written again";
-    EXPECT_EQ(word_at(value, 12), head);
-    ASSERT_GE(head, 2u);
-    ASSERT_LT(head, 100u);
-    EXPECT_EQ(value.substr(20 + (head - 1) * 16, 16), std::string(16, '\0')) << "no traffic";
-    EXPECT_EQ(value.substr(20 + head * 16), std::string((600 - head) * 16, 'e'));
+}
 
+TEST_F(histories, that_clients_overwrote_with_the_right_length_are_written_on) {
+    ASSERT_NO_FATAL_FAILURE(begin());
     uint32_t ticks = word_at(get("conn.10m"), 12);
+    EXPECT_EQ(client->call({"set", "eth0.10m", std::string(20 + 600 * 16, 'e')}), OK);
     EXPECT_EQ(client->call({"set", "cpu.10m", std::string(620, MARK)}), OK);
     wait_for_ticks(2);
-    value = get("cpu.10m").substr(20);
+    const std::string traffic = get("eth0.10m");
+    const std::string load = get("cpu.10m").substr(20);
     ticks = word_at(get("conn.10m"), 12) - ticks;
-    EXPECT_EQ(value.size(), 600u);
-    EXPECT_GE(std::count(value.begin(), value.end(), '\0'), 2);
-    EXPECT_LE(static_cast<uint32_t>(std::count(value.begin(), value.end(), '\0')), ticks + 1);
-    EXPECT_EQ(std::count(value.begin(), value.end(), '\0') +
-                  std::count(value.begin(), value.end(), MARK),
-              600);
 
-    /* A history's key can expire like any other, and what comes in its place is no history. */
+    const uint32_t head = word_at(traffic, 16);
+    EXPECT_EQ(traffic.substr(4, 8), "eeeeeeee") << "period and slots are not written again";
+    EXPECT_EQ(word_at(traffic, 12), head);
+    ASSERT_GE(head, 2u);
+    ASSERT_LT(head, 100u);
+    EXPECT_EQ(traffic.substr(20 + (head - 1) * 16, 16), std::string(16, '\0')) << "no traffic";
+    EXPECT_EQ(traffic.substr(20 + head * 16), std::string((600 - head) * 16, 'e'));
+
+    const auto idle = std::count(load.begin(), load.end(), '\0');
+    EXPECT_EQ(load.size(), 600u);
+    EXPECT_GE(idle, 2);
+    EXPECT_LE(static_cast<uint32_t>(idle), ticks + 1);
+    EXPECT_EQ(std::count(load.begin(), load.end(), MARK), 600 - idle);
+}
+
+TEST_F(histories, expire_like_any_key_and_what_comes_in_their_place_is_none) {
+    ASSERT_NO_FATAL_FAILURE(begin());
     EXPECT_EQ(client->call({"del", "cpu.10m"}), ":0\r\n");
     EXPECT_EQ(client->call({"expireat", "host.week", "1"}), ":1\r\n");
     EXPECT_TRUE(eventually([&] { return client->call({"exists", "host.week"}) == ":0\r\n"; }));
