@@ -22,6 +22,9 @@ namespace {
 const std::string OK = "+OK\r\n";
 const std::string CLEAR("\xCC\xB1\xAA\xD0", 4);
 
+/* What the tool that knows the model is asked. */
+const std::string QUESTION = "get product_params.vendor.standardtype\n";
+
 std::string work(const std::string& name) {
     return sandbox::workspace("work/") + name;
 }
@@ -44,6 +47,10 @@ std::string text_of(const std::string& one, const std::string& two, const std::s
     return text;
 }
 
+/* The screen for the figures of the serial panels. */
+const std::string FIGURES =
+    frame_of("CPU : 40% MEM: 100%", "UP  : 123.46MB/s", "DOWN: 999KB/s", "Hosts Online:  12");
+
 /* What can be read without waiting. */
 std::string read_all(int fd) {
     std::string all;
@@ -54,9 +61,14 @@ std::string read_all(int fd) {
     return all;
 }
 
-bool ends_with(const std::string& text, const std::string& end) {
-    return text.size() >= end.size() &&
-           text.compare(text.size() - end.size(), end.size(), end) == 0;
+/* What comes until there are so many bytes. */
+std::string read_bytes(int fd, size_t size) {
+    std::string all;
+    EXPECT_TRUE(eventually([&] {
+        all += read_all(fd);
+        return all.size() >= size;
+    }));
+    return all;
 }
 
 class panel : public daemon_test {
@@ -103,6 +115,41 @@ class panel : public daemon_test {
     resp_client client{"/nonexistent"};
 };
 
+/* A panel on the first serial port, and a daemon with figures for it. */
+class serial_panel : public panel {
+  protected:
+    void plug_in() {
+        set_model("KT7030-B");
+        side = sandbox::add_terminal("/dev/ttyS0");
+        ASSERT_GE(side, 0);
+    }
+
+    void start_with_figures() {
+        start_with_client();
+        expect_ok({"set", "cpu.load", "80"});
+        expect_ok({"set", "mem.load", "100"});
+        expect_ok({"hset", "lan", "rxbrate", "123456789"});
+        expect_ok({"hset", "lan", "txbrate", "999999"});
+        expect_ok({"set", "sys.lan", "lan"});
+        expect_ok({"hset", "sys", "pnp", "LCD"});
+    }
+
+    /* As when the panel stops reading. */
+    static void fill_the_line() {
+        const int port = open("/dev/ttyS0", O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+        /* The kernel goes on moving what it took, which makes room again for a while. */
+        for (int refused = 0; refused < 10;) {
+            if (write(port, "x", 1) < 0) {
+                refused++;
+                usleep(10000);
+            }
+        }
+        ::close(port);
+    }
+
+    int side = -1; /* the panel's end of the line */
+};
+
 } // namespace
 
 TEST_F(panel, a_driver_node_gets_the_screen_as_text_and_is_waited_for_by_nobody) {
@@ -116,13 +163,9 @@ TEST_F(panel, a_driver_node_gets_the_screen_as_text_and_is_waited_for_by_nobody)
 
     int reader = open("/dev/st7565", O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     ASSERT_GE(reader, 0);
-    std::string seen;
     const std::string idle =
         text_of("CPU : 40% MEM:  37%", "UP  :   0B/s", "DOWN:   0B/s", "Hosts Online:  12");
-    ASSERT_TRUE(eventually([&] {
-        seen += read_all(reader);
-        return seen.size() >= idle.size();
-    }));
+    std::string seen = read_bytes(reader, idle.size());
     EXPECT_EQ(seen, idle);
 
     expect_ok({"hset", "lan0", "rxbrate", "1000"});
@@ -135,23 +178,21 @@ TEST_F(panel, a_driver_node_gets_the_screen_as_text_and_is_waited_for_by_nobody)
         text_of("CPU : 40% MEM:  37%", "UP  :   1KB/s", "DOWN: 1.50MB/s", "Hosts Online:  12");
     ASSERT_TRUE(eventually([&] {
         seen += read_all(reader);
-        return ends_with(seen, both);
+        return seen.ends_with(both);
     }));
     EXPECT_EQ(client.call({"get", "sys.lan"}), std::string("$9\r\nlan0\0lan1\r\n", 15))
         << "the stored list is split where it stands";
     ASSERT_TRUE(eventually([&] {
         seen += read_all(reader);
-        return seen.size() % 128 == 0 && !ends_with(seen, both);
+        return seen.size() % 128 == 0 && !seen.ends_with(both);
     }));
-    EXPECT_TRUE(ends_with(seen, both + first)) << "only the first name is left";
+    EXPECT_TRUE(seen.ends_with(both + first)) << "only the first name is left";
     EXPECT_FALSE(file_exists(work("asked"))) << "a node needs no model";
     ::close(reader);
 }
 
-TEST_F(panel, a_serial_panel_is_set_up_cleared_and_gets_frames_as_long_as_it_takes_them) {
-    set_model("KT7030-B");
-    int side = sandbox::add_terminal("/dev/ttyS0");
-    ASSERT_GE(side, 0);
+TEST_F(serial_panel, is_set_up_and_cleared_before_its_first_frame) {
+    ASSERT_NO_FATAL_FAILURE(plug_in());
     termios line = {};
     ASSERT_EQ(tcgetattr(side, &line), 0);
     line.c_cflag |= CS7 | CSTOPB | PARENB;
@@ -159,22 +200,8 @@ TEST_F(panel, a_serial_panel_is_set_up_cleared_and_gets_frames_as_long_as_it_tak
     cfsetispeed(&line, B115200);
     cfsetospeed(&line, B115200);
     ASSERT_EQ(tcsetattr(side, TCSANOW, &line), 0);
-
-    start_with_client();
-    expect_ok({"set", "cpu.load", "80"});
-    expect_ok({"set", "mem.load", "100"});
-    expect_ok({"hset", "lan", "rxbrate", "123456789"});
-    expect_ok({"hset", "lan", "txbrate", "999999"});
-    expect_ok({"set", "sys.lan", "lan"});
-    expect_ok({"hset", "sys", "pnp", "LCD"});
-    const std::string frame =
-        frame_of("CPU : 40% MEM: 100%", "UP  : 123.46MB/s", "DOWN: 999KB/s", "Hosts Online:  12");
-    std::string seen;
-    ASSERT_TRUE(eventually([&] {
-        seen += read_all(side);
-        return seen.size() >= 95;
-    }));
-    EXPECT_EQ(seen, CLEAR + frame);
+    start_with_figures();
+    EXPECT_EQ(read_bytes(side, 95), CLEAR + FIGURES);
 
     ASSERT_EQ(tcgetattr(side, &line), 0);
     EXPECT_EQ(line.c_cflag & CSIZE, static_cast<tcflag_t>(CS8));
@@ -184,19 +211,15 @@ TEST_F(panel, a_serial_panel_is_set_up_cleared_and_gets_frames_as_long_as_it_tak
     EXPECT_EQ(line.c_cc[VTIME], 150);
     EXPECT_EQ(cfgetispeed(&line), static_cast<speed_t>(B9600));
     EXPECT_EQ(cfgetospeed(&line), static_cast<speed_t>(B9600));
-    EXPECT_EQ(read_file(work("asked")), "get product_params.vendor.standardtype\n");
+    EXPECT_EQ(read_file(work("asked")), QUESTION);
+}
 
-    /* The panel stops reading: its line fills up. */
-    int other = open("/dev/ttyS0", O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-    /* The kernel goes on moving what it took, which makes room again for a while. */
-    for (int refused = 0; refused < 10;) {
-        if (write(other, "x", 1) < 0) {
-            refused++;
-            usleep(10000);
-        }
-    }
-    ::close(other);
-    size_t full_at = ticks();
+TEST_F(serial_panel, that_stops_reading_loses_screens_and_holds_nobody_up) {
+    ASSERT_NO_FATAL_FAILURE(plug_in());
+    start_with_figures();
+    EXPECT_EQ(read_bytes(side, 95), CLEAR + FIGURES);
+    fill_the_line();
+    const size_t full_at = ticks();
     ASSERT_TRUE(eventually([&] {
         EXPECT_EQ(client.call({"ping"}), OK) << "the loop goes on";
         return ticks() >= full_at + 4;
@@ -204,16 +227,14 @@ TEST_F(panel, a_serial_panel_is_set_up_cleared_and_gets_frames_as_long_as_it_tak
     EXPECT_TRUE(daemon->running());
 
     /* It reads again: what it was too slow for is lost, what comes then is whole. */
-    std::string drained = read_all(side);
-    EXPECT_EQ(drained.find(frame), std::string::npos);
+    EXPECT_EQ(read_all(side).find(FIGURES), std::string::npos);
     std::string afterwards;
     EXPECT_TRUE(eventually([&] {
         afterwards += read_all(side);
-        return ends_with(afterwards, frame);
+        return afterwards.ends_with(FIGURES);
     }));
     EXPECT_EQ(failures(), std::vector<std::string>{});
-    EXPECT_EQ(read_file(work("asked")), "get product_params.vendor.standardtype\n")
-        << "decided once";
+    EXPECT_EQ(read_file(work("asked")), QUESTION) << "decided once";
 }
 
 TEST_F(panel, the_question_stays_open_until_the_system_is_described_and_the_port_can_be_opened) {
@@ -232,15 +253,9 @@ TEST_F(panel, the_question_stays_open_until_the_system_is_described_and_the_port
     ASSERT_GE(side, 0);
     const std::string frame =
         frame_of("CPU :  0% MEM:   0%", "UP  :   0B/s", "DOWN:   0B/s", "Hosts Online:  12");
-    std::string seen;
-    ASSERT_TRUE(eventually([&] {
-        seen += read_all(side);
-        return seen.size() >= 95;
-    }));
-    EXPECT_EQ(seen, CLEAR + frame);
+    EXPECT_EQ(read_bytes(side, 95), CLEAR + frame);
     EXPECT_EQ(daemon->err(), message);
-    EXPECT_EQ(read_file(work("asked")), "get product_params.vendor.standardtype\n"
-                                        "get product_params.vendor.standardtype\n");
+    EXPECT_EQ(read_file(work("asked")), QUESTION + QUESTION);
 }
 
 TEST_F(panel, a_system_without_pnp_has_no_panel_for_the_rest_of_the_process) {
