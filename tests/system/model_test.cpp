@@ -10,6 +10,7 @@
 #include <deque>
 #include <set>
 
+#include "tests/support/commands.h"
 #include "tests/system/model/frames.h"
 #include "tests/system/model/random_commands.h"
 #include "tests/system/support/daemon_test.h"
@@ -180,6 +181,14 @@ class random_commands_test : public daemon_test, public ::testing::WithParamInte
 };
 
 } // namespace
+
+TEST(store_model_test, knows_every_command_and_is_asked_it_but_observe) {
+    for (const described_command& one : COMMAND_LIST) {
+        const bool expected = one.name != std::string("observe");
+        EXPECT_EQ(store_model::has(one.name), expected) << one.name;
+        EXPECT_EQ(random_commands::has(one.name), expected) << one.name;
+    }
+}
 
 TEST_P(random_commands_test, are_answered_and_announced_as_the_model_says) {
     fill_both();

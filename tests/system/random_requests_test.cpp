@@ -13,6 +13,7 @@
 #include <optional>
 #include <random>
 
+#include "tests/support/commands.h"
 #include "tests/system/support/daemon_test.h"
 
 using namespace system_test;
@@ -133,26 +134,6 @@ const char* const REPORTS[] = {
 
 const char* const FILES[] = {"dump0", "dump1", "none"};
 
-/* What a command takes: k key, f field, v value, n number, p pattern, d file; the last letter may
-   come again any number of times when a "+" follows, the last two when "++" does. */
-struct shape {
-    const char* name;
-    const char* takes;
-};
-
-const shape SHAPES[] = {
-    {"hello", "v"},     {"ping", ""},       {"dump", "dp"},    {"load", "d"},    {"keys", "p"},
-    {"exists", "k"},    {"expire", "kn"},   {"persist", "k"},  {"del", "k+"},    {"expireat", "kn"},
-    {"ttl", "k"},       {"type", "k"},      {"append", "kv"},  {"incr", "k"},    {"decr", "k"},
-    {"decrby", "kn"},   {"incrby", "kn"},   {"get", "k"},      {"set", "kv"},    {"getset", "kv"},
-    {"strlen", "k"},    {"setex", "knv"},   {"setnx", "kv"},   {"mget", "k+"},   {"mset", "kv++"},
-    {"msetnx", "kv++"}, {"hlen", "k"},      {"hexists", "kf"}, {"hkeys", "k"},   {"hvals", "k"},
-    {"hgetall", "k"},   {"hget", "kf"},     {"hmget", "kf+"},  {"hset", "kfv"},  {"hsetnx", "kfv"},
-    {"hincrby", "kfn"}, {"hmset", "kfv++"}, {"hdel", "kf+"},   {"lpush", "kv+"}, {"lpushx", "kv"},
-    {"lpop", "k"},      {"rpush", "kv+"},   {"rpushx", "kv"},  {"rpop", "k"},    {"llen", "k"},
-    {"lmaxlen", "kn"},  {"lrange", "knn"},  {"lindex", "kn"},  {"observe", ""},
-};
-
 std::string random_bytes(dice& d, size_t length) {
     std::string bytes;
     for (size_t i = 0; i < length; i++) {
@@ -200,11 +181,11 @@ std::string random_argument(dice& d, char kind) {
 
 /* A command with arguments that it accepts. */
 words random_command(dice& d) {
-    const shape& s = d.of(SHAPES);
-    const std::string takes = s.takes;
+    const described_command& chosen = d.of(COMMAND_LIST);
+    const std::string takes = chosen.takes;
     const size_t kinds = std::min(takes.find('+'), takes.size());
     const size_t again = takes.size() - kinds;
-    words command = {s.name};
+    words command = {chosen.name};
     for (size_t i = 0; i < kinds; i++) {
         command.push_back(random_argument(d, takes[i]));
     }

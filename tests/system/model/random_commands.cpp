@@ -1,5 +1,7 @@
 #include "tests/system/model/random_commands.h"
 
+#include <algorithm>
+
 namespace system_test {
 
 namespace {
@@ -127,6 +129,11 @@ const texts& seconds() {
     return values;
 }
 
+const texts& no_numbers() {
+    static const texts values = {"none", "", "-", "x5"};
+    return values;
+}
+
 const texts& patterns() {
     static const texts values = {"k*",   "_*",   "k?1*", "k[sh]*", "k*7",   "k",
                                  "kl1?", "k\\*", "none", "[k_]*",  "k[!l]*"};
@@ -195,6 +202,8 @@ const std::vector<random_commands::shape>& random_commands::shapes() {
         {3, "type", {p::any_key}, {}, 0},
         {2, "keys", {p::pattern}, {}, 0},
         {1, "expire", {p::any_key, p::seconds}, {}, 0},
+        /* An absolute time would end the key within the test, whatever it is. */
+        {1, "expireat", {p::any_key, p::no_number}, {}, 0},
         {2, "persist", {p::any_key}, {}, 0},
         {2, "ttl", {p::any_key}, {}, 0},
         {1, "ping", {}, {p::text}, 2},
@@ -204,6 +213,11 @@ const std::vector<random_commands::shape>& random_commands::shapes() {
         {1, "nonsense", {p::text}, {p::text}, 2},
     };
     return all;
+}
+
+bool random_commands::has(const std::string& name) {
+    return std::any_of(shapes().begin(), shapes().end(),
+                       [&](const shape& s) { return name == s.name; });
 }
 
 std::string random_commands::text() {
@@ -246,6 +260,8 @@ std::string random_commands::word_for(part p) {
         return one_of(caps());
     case part::seconds:
         return one_of(seconds());
+    case part::no_number:
+        return one_of(no_numbers());
     case part::pattern:
         return one_of(patterns());
     case part::path:

@@ -27,6 +27,9 @@ class random_commands {
     /* Any command but "observe". The model is asked what depends on the clock. */
     std::vector<std::string> next(store_model& model);
 
+    /* True when next() may return the command. */
+    static bool has(const std::string& name);
+
     /* 0 to count - 1 */
     size_t below(size_t count) {
         return source() % count;
@@ -45,6 +48,7 @@ class random_commands {
         index,
         cap,
         seconds,
+        no_number,
         pattern,
         path,
         any_key

@@ -130,6 +130,7 @@ const store_model::command store_model::commands[] = {
     {"expire", two_or_more, &store_model::expire},
     {"persist", one_or_more, &store_model::persist},
     {"del", one_or_more, &store_model::del},
+    {"expireat", two_or_more, &store_model::expireat},
     {"ttl", one_or_more, &store_model::ttl},
     {"type", one_or_more, &store_model::type},
     {"append", two_or_more, &store_model::append},
@@ -215,6 +216,11 @@ store_model::key_entry* store_model::lookup_or_create(const std::string& key, ki
     return found->item.type == type ? found : nullptr;
 }
 
+bool store_model::has(const std::string& name) {
+    return std::any_of(std::begin(commands), std::end(commands),
+                       [&](const command& one) { return name == one.name; });
+}
+
 bool store_model::expires(const std::string& key) {
     const key_entry* found = lookup(key);
     return found != nullptr && found->item.expires;
@@ -261,6 +267,10 @@ std::string store_model::expire(const text_list& arguments) {
     }
     key->item.expires = true;
     return integer(1);
+}
+
+std::string store_model::expireat(const text_list&) {
+    return integer(0);
 }
 
 std::string store_model::persist(const text_list& arguments) {

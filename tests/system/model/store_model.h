@@ -6,7 +6,8 @@
  * byte.
  *
  * Left out: what depends on the clock. Keys may carry an expiry, but it must lie beyond the end of
- * the test, and "ttl" must not be asked of such a key (see expires()).
+ * the test, so that "expireat" must not get a number, and "ttl" must not be asked of such a key
+ * (see expires()).
  */
 
 #include <stdint.h>
@@ -44,6 +45,9 @@ class store_model {
     /* Carries out a command. `observed` tells whether any client observes at that moment, the
        issuer included. For "load", `file` is what stands in the file; files are always there. */
     outcome run(const std::vector<std::string>& words, bool observed, const std::string& file = "");
+
+    /* True when it knows the command. */
+    static bool has(const std::string& name);
 
     bool expires(const std::string& key);
     size_t key_count() const {
@@ -105,6 +109,7 @@ class store_model {
     std::string list_keys(const text_list&);
     std::string exists(const text_list&);
     std::string expire(const text_list&);
+    std::string expireat(const text_list&);
     std::string persist(const text_list&);
     std::string del(const text_list&);
     std::string ttl(const text_list&);
