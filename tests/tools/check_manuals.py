@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
-"""Proves that the manual pages name every command and every option, and no other.
+"""Proves that the manual pages name every command and every option, and no other, and that the
+README counts the commands.
 
-    check_manuals.py ROOT         checks the pages in ROOT/man
+    check_manuals.py ROOT         checks the pages in ROOT/man and ROOT/README.md
     check_manuals.py --self-test  shows that the check finds what it is for
 
 What there is to name is read from the tables in the sources. A page names a command with a line
@@ -28,6 +29,10 @@ TABLES = [
     ("tessctl.1", "option", CLIENT, r'getopt_long\(argc, argv, "([^"]*)"'),
     ("tessctl.1", "long option", CLIENT, r"LONG_OPTIONS\[\] = \{(.*?)\n *\};"),
 ]
+
+# What the README says of the commands.
+README = "README.md"
+COUNT = r"\b(\d+) commands\b"
 
 SECTIONS = ["NAME", "DESCRIPTION"]
 PROGRAM_SECTIONS = ["SYNOPSIS"]  # of pages of sections 1 and 8
@@ -69,6 +74,14 @@ def check_sections(path, page):
     return [f"{path.name}: no section {section}" for section in wanted if section not in found]
 
 
+def check_count(root, commands):
+    counts = re.findall(COUNT, (root / README).read_text(encoding="utf-8"))
+    if not counts:
+        return [f"{README}: does not say how many commands there are"]
+    return [f"{README}: {count} commands instead of {len(commands)}"
+            for count in counts if int(count) != len(commands)]
+
+
 def check(root):
     """The complaints about a tree."""
     paths = sorted((root / "man").glob("*.[1-9]"))
@@ -84,10 +97,13 @@ def check(root):
             complaints.append(f"{source}: no table of what {page} has an entry for: {kind}")
         elif page in pages:
             complaints += compare(page, kind, wanted, names_of_page(kind, pages[page]))
+        if source == COMMANDS:
+            complaints += check_count(root, wanted)
     return complaints
 
 
 TREE = {
+    README: "All 3 commands of it.\n",
     COMMANDS: '''
 const command command_table[COMMANDS] = {
     {"get", cmd_get, RULE_ONE}, {"set", cmd_set, RULE_TWO},
@@ -174,6 +190,8 @@ def self_test():
         ("a section of programs", eight, ".Sh SYNOPSIS\n", "",
          "tessard.8: no section SYNOPSIS"),
         ("a table that moved", CLIENT, "SUBCOMMANDS[]", "OWN[]", "no table of what tessctl.1"),
+        ("a count too low", README, "3", "2", "2 commands instead of 3"),
+        ("no count", README, "3", "many", "does not say how many"),
         ("a page that is gone", seven, None, None, "no page tessard.7"),
     ]
     wrong = 0
@@ -188,4 +206,4 @@ def self_test():
     return wrong
 
 
-run(__doc__, check, self_test, "the manual pages name every command and option")
+run(__doc__, check, self_test, "the manuals name every command and option, and the README counts the commands")
