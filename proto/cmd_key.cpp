@@ -1,10 +1,10 @@
 #include <time.h>
 
 #include "core/log.h"
-#include "core/pattern.h"
 #include "core/text.h"
 #include "proto/cmd.h"
 #include "proto/observe.h"
+#include "store/selection.h"
 
 void cmd_hello(client* c) {
     const sstr name = cmd_arg(c, 0);
@@ -28,16 +28,13 @@ void cmd_observe(client* c) {
 
 /* A key that was deleted is listed as long as its record stands: only the type is looked at. */
 void cmd_keys(client* c) {
-    pattern wanted;
-    pattern_compile(&wanted, cmd_arg(c, 0));
+    selection found;
+    selection_make(&found, cmd_arg(c, 0), SELECT_TYPED);
     resp_add(c->reply, nullptr);
-    htable_walk walk = htable_walk_start(object_keyspace());
-    while (const object* obj = static_cast<object*>(htable_walk_next(&walk))) {
-        if (object_type(obj) != OBJ_TNONE && pattern_match(&wanted, obj->key)) {
-            resp_add(c->reply, obj->key);
-        }
+    for (uint32_t i = 0; i < found.count; i++) {
+        resp_add(c->reply, found.objects[i]->key);
     }
-    pattern_free(&wanted);
+    selection_free(&found);
 }
 
 void cmd_exists(client* c) {

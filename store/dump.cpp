@@ -10,8 +10,8 @@
 #include <unistd.h>
 
 #include "core/log.h"
-#include "core/pattern.h"
 #include "core/text.h"
+#include "store/selection.h"
 
 dump_history_hooks dump_history;
 
@@ -37,6 +37,20 @@ void dump_object(object* obj, int fd) {
     } else if (dump_history.write_record != nullptr) {
         dump_history.write_record(obj, fd);
     }
+}
+
+/* Returns 0, or the error number of the failed creation. */
+int dump_objects(const selection* s, const char* path) {
+    const int fd =
+        open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        return errno;
+    }
+    for (uint32_t i = 0; i < s->count; i++) {
+        dump_object(s->objects[i], fd);
+    }
+    close(fd);
+    return 0;
 }
 
 void load_record(const char* key, const char* data, uint32_t length) {
@@ -151,29 +165,18 @@ bool is_history_key(const char* key) {
 }
 
 int dump_keys(const char* path, const char* keys) {
-    const int fd =
-        open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0644);
-    if (fd < 0) {
-        const int error = errno;
-        if (log_wants(LOG_INFO)) {
-            log_write(LOG_INFO, "failed to dump %s to %s: %d", keys, path, error);
-        }
-        return error;
-    }
-    pattern wanted;
-    pattern_compile(&wanted, keys);
-    htable_walk walk = htable_walk_start(object_keyspace());
-    while (object* obj = static_cast<object*>(htable_walk_next(&walk))) {
-        if (object_type(obj) == OBJ_TSTRING && pattern_match(&wanted, obj->key)) {
-            dump_object(obj, fd);
-        }
-    }
-    pattern_free(&wanted);
-    close(fd);
+    selection wanted;
+    selection_make(&wanted, keys, SELECT_STRINGS);
+    const int error = dump_objects(&wanted, path);
+    selection_free(&wanted);
     if (log_wants(LOG_INFO)) {
-        log_write(LOG_INFO, "dumped %s to %s", keys, path);
+        if (error != 0) {
+            log_write(LOG_INFO, "failed to dump %s to %s: %d", keys, path, error);
+        } else {
+            log_write(LOG_INFO, "dumped %s to %s", keys, path);
+        }
     }
-    return 0;
+    return error;
 }
 
 void dump_write_record(int fd, const char* key, uint32_t namelen, const char* data,
