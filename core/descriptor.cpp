@@ -1,10 +1,38 @@
 #include "core/descriptor.h"
 
+#include <errno.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+namespace {
+
+bool is_plain(int fd) {
+    struct stat status;
+    return fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink <= 1;
+}
+
+} // namespace
 
 int descriptor_open_untrusted(const char* path, int flags, mode_t mode) {
     return open(path, flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, mode);
+}
+
+int descriptor_open_plain(const char* path, int flags, mode_t mode) {
+    const int fd = descriptor_open_untrusted(path, (flags & ~O_TRUNC) | O_NOFOLLOW, mode);
+    if (fd < 0) {
+        return -1;
+    }
+    int error = is_plain(fd) ? 0 : ELOOP;
+    if (error == 0 && (flags & O_TRUNC) != 0 && ftruncate(fd, 0) < 0) {
+        error = errno;
+    }
+    if (error != 0) {
+        close(fd);
+        errno = error;
+        return -1;
+    }
+    return fd;
 }
 
 void descriptor_hold_standard(bool working) {

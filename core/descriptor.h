@@ -10,6 +10,12 @@
  * `mode` is for a file that is made. Returns the descriptor, or -1 with errno set. */
 int descriptor_open_untrusted(const char* path, int flags, mode_t mode = 0);
 
+/* The same for a file of our own in a folder where others may make files too. What stands there
+ * must be a plain file with this one name; it is not opened through a symbolic link, and what is
+ * opened is emptied (O_TRUNC) only when all that is known. Returns -1 with ELOOP for anything else.
+ */
+int descriptor_open_plain(const char* path, int flags, mode_t mode = 0);
+
 /* Fills the places of closed standard descriptors with /dev/null: otherwise their numbers would be
  * given to connections and files, which would then get what is printed. When they are not
  * `working`, reading from and writing to them fails, so that whoever needs them notices. */

@@ -88,7 +88,7 @@ void open_local(const char* path) {
 }
 
 void open_file(const char* path) {
-    state.fd = descriptor_open_untrusted(path, O_WRONLY | O_CREAT | O_TRUNC, 0664);
+    state.fd = descriptor_open_plain(path, O_WRONLY | O_CREAT | O_TRUNC, 0664);
     state.mode = state.fd >= 0 ? MODE_FILE : MODE_STDOUT;
     state.file_bytes = 0;
 }

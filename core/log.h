@@ -7,7 +7,7 @@
 /* The process-wide log: lines to standard output, to a file that is used as a ring of about 31 KiB,
  * to a Unix, TCP or UDP socket, or nowhere.
  *
- * Call sites ask log_wants first, so that nothing is formatted for a message that is not written.
+ * Call sites use LOG, so that nothing is formatted for a message that is not written.
  * Text that came from outside is an argument, never the format.
  *
  * The log never reports its own failures and never blocks on a socket that is connected: a file
@@ -52,9 +52,12 @@ uint32_t log_parse_level(const char* text);
  *   "syslog"                  nowhere
  *   "unix://PATH"             Unix stream socket
  *   "tcp://HOST:PORT", "udp://HOST:PORT"
- *   "/PATH"                   the socket at that path, if it is one, else a file, which is emptied
+ *   "/PATH"                   the socket at that path, if it is one, else a file
  *   "HOST:PORT"               TCP to this machine, whatever the host
- *   anything else             a file */
+ *   anything else             a file
+ * A file is emptied. One that has another name too, or is reached through a symbolic link, is as
+ * one that cannot be created: others may have laid it there to have their target overwritten. A
+ * link to a socket is followed, since nothing is lost behind it. */
 void log_open(const log_config* config);
 
 /* Replaces the target and reopens it; null does nothing. */
@@ -70,6 +73,14 @@ uint32_t log_configured_level();
 inline bool log_wants(uint32_t level) {
     return log_configured_level() < level + 1;
 }
+
+/* Writes one line if its level is wanted; else nothing is formatted and no argument evaluated. */
+#define LOG(level, ...)                                                                            \
+    do {                                                                                           \
+        if (log_wants(level)) {                                                                    \
+            log_write(level, __VA_ARGS__);                                                         \
+        }                                                                                          \
+    } while (false)
 
 /* Writes one line, whatever the configured level. A message of 512 bytes or more ends in a NUL
  * before the line feed. LOG_FATAL ends the process with exit status 255 and does not return. Opens

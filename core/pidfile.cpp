@@ -1,5 +1,6 @@
 #include "core/pidfile.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
@@ -7,29 +8,30 @@
 #include <unistd.h>
 
 #include "core/descriptor.h"
+#include "core/log.h"
 #include "core/text.h"
 
 namespace {
 
 constexpr char PROCESS_NAME[] = "tessard";
 
-/* Reads at most 31 bytes of a file, ended with a NUL. Returns -1 when it cannot be read. */
-int read_small_file(const char* path, char (&text)[32]) {
-    const int fd = descriptor_open_untrusted(path, O_RDONLY);
+/* Reads at most 31 bytes of what was opened and closes it. The text ends with a NUL. False when it
+ * was not opened or cannot be read. */
+bool read_and_close(int fd, char (&text)[32]) {
     if (fd < 0) {
-        return -1;
+        return false;
     }
     const ssize_t size = read(fd, text, sizeof text - 1);
     close(fd);
     text[size > 0 ? size : 0] = '\0';
-    return size < 0 ? -1 : 0;
+    return size >= 0;
 }
 
 /* A predecessor that still runs is ended. Its name is looked at, since the pid may have been given
  * to another process in the meantime. */
 void end_predecessor(const char* file, pid_t self) {
     char text[32];
-    if (read_small_file(file, text) < 0) {
+    if (!read_and_close(descriptor_open_plain(file, O_RDONLY), text)) {
         return;
     }
     const int pid = text_parse_int32(text, nullptr, 10);
@@ -38,14 +40,17 @@ void end_predecessor(const char* file, pid_t self) {
     }
     char path[32];
     snprintf(path, sizeof path, "/proc/%d/comm", pid);
-    if (read_small_file(path, text) == 0 &&
+    if (read_and_close(descriptor_open_untrusted(path, O_RDONLY), text) &&
         strncmp(text, PROCESS_NAME, strlen(PROCESS_NAME)) == 0) {
         (void)kill(pid, SIGKILL);
     }
 }
 
 void write_own(const char* path, pid_t self) {
-    const int fd = descriptor_open_untrusted(path, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    const int fd = descriptor_open_plain(path, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (fd < 0 && errno == ELOOP) {
+        LOG(LOG_WARN, "%s is no plain file of one name and was left alone", path);
+    }
     if (fd < 0) {
         return;
     }

@@ -244,6 +244,30 @@ TEST_F(log_targets, a_fifo_at_the_files_place_leaves_standard_output) {
     EXPECT_TRUE(S_ISFIFO(mode_of(LOG_FILE)));
 }
 
+TEST_F(log_targets, a_link_at_the_files_place_is_not_followed_and_leaves_standard_output) {
+    write_file("/tmp/precious", "somebody's text");
+    ASSERT_EQ(symlink("precious", LOG_FILE), 0);
+    process& daemon = start();
+    EXPECT_EQ(log_messages(daemon.out()), std::vector<std::string>{started_line(daemon)});
+    EXPECT_EQ(read_file("/tmp/precious"), "somebody's text");
+    EXPECT_TRUE(S_ISLNK(mode_of(LOG_FILE)));
+}
+
+TEST_F(log_targets, a_link_to_nothing_at_the_files_place_makes_nothing) {
+    ASSERT_EQ(symlink("/tmp/made", LOG_FILE), 0);
+    process& daemon = start();
+    EXPECT_EQ(log_messages(daemon.out()), std::vector<std::string>{started_line(daemon)});
+    EXPECT_FALSE(file_exists("/tmp/made"));
+}
+
+TEST_F(log_targets, a_file_with_another_name_is_not_emptied_and_leaves_standard_output) {
+    write_file("/tmp/precious", "somebody's text");
+    ASSERT_EQ(link("/tmp/precious", LOG_FILE), 0);
+    process& daemon = start();
+    EXPECT_EQ(log_messages(daemon.out()), std::vector<std::string>{started_line(daemon)});
+    EXPECT_EQ(read_file("/tmp/precious"), "somebody's text");
+}
+
 TEST_F(log_targets, a_closed_standard_output_harms_nothing) {
     process_options options;
     options.before_exec = [] { close(1); };
@@ -366,6 +390,16 @@ TEST_F(log_socket, a_listening_socket_at_the_files_place_gets_coloured_records) 
     EXPECT_EQ(records[0].reset, "\033[0m");
     EXPECT_EQ(daemon.out(), "");
     EXPECT_TRUE(S_ISSOCK(mode_of(LOG_FILE)));
+}
+
+TEST_F(log_socket, a_link_to_a_listening_socket_leads_there) {
+    listen_at_log();
+    ASSERT_EQ(rename(LOG_FILE, "/tmp/reader.sock"), 0);
+    ASSERT_EQ(symlink("reader.sock", LOG_FILE), 0);
+    process& daemon = start();
+    ASSERT_TRUE(take_stream());
+    EXPECT_TRUE(receives(started_line(daemon)));
+    EXPECT_EQ(daemon.out(), "");
 }
 
 TEST_F(log_socket, records_follow_as_they_are_written) {

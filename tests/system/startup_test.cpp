@@ -80,6 +80,13 @@ class start_up : public daemon_test {
         return "application started with pid " + std::to_string(pid);
     }
 
+    static std::vector<log_record> warnings() {
+        std::vector<log_record> records = parse_log(read_file("/tmp/tessard.log"));
+        const auto is_other = [](const log_record& r) { return r.level != "warn  *** "; };
+        records.erase(std::remove_if(records.begin(), records.end(), is_other), records.end());
+        return records;
+    }
+
     static mode_t mode_of(const std::string& path) {
         struct stat info = {};
         lstat(path.c_str(), &info);
@@ -410,6 +417,40 @@ TEST_F(start_up, a_fifo_in_place_of_the_pid_file_holds_up_nobody) {
     EXPECT_TRUE(S_ISFIFO(mode_of("/tmp/tessard.pid")));
 }
 
+TEST_F(start_up, a_link_in_place_of_the_pid_file_is_not_followed) {
+    write_file("/tmp/precious", "somebody's text");
+    ASSERT_EQ(symlink("precious", "/tmp/tessard.pid"), 0);
+    start();
+    resp_client client;
+    EXPECT_EQ(client.call({"ping"}), "+OK\r\n");
+    EXPECT_EQ(read_file("/tmp/precious"), "somebody's text");
+    EXPECT_TRUE(S_ISLNK(mode_of("/tmp/tessard.pid")));
+    const std::vector<log_record> warning = warnings();
+    ASSERT_EQ(warning.size(), 1u);
+    EXPECT_NE(warning[0].text.find("/tmp/tessard.pid"), std::string::npos) << warning[0].text;
+}
+
+TEST_F(start_up, a_link_to_nothing_in_place_of_the_pid_file_makes_nothing) {
+    ASSERT_EQ(symlink("/tmp/made", "/tmp/tessard.pid"), 0);
+    start();
+    EXPECT_FALSE(file_exists("/tmp/made"));
+    EXPECT_EQ(warnings().size(), 1u);
+}
+
+TEST_F(start_up, a_pid_file_with_another_name_is_left_alone) {
+    write_file("/tmp/precious", "somebody's text");
+    ASSERT_EQ(link("/tmp/precious", "/tmp/tessard.pid"), 0);
+    start();
+    EXPECT_EQ(read_file("/tmp/precious"), "somebody's text");
+    EXPECT_EQ(warnings().size(), 1u);
+}
+
+TEST_F(start_up, a_pid_file_of_its_own_is_no_reason_for_a_warning) {
+    write_file("/tmp/tessard.pid", "1");
+    start();
+    EXPECT_EQ(warnings().size(), 0u);
+}
+
 TEST_F(start_up, pid_file_and_socket_stay_behind) {
     process& daemon = start();
     daemon.stop();
@@ -657,6 +698,14 @@ TEST_F(predecessor, a_pid_file_without_a_positive_number_kills_nobody) {
         EXPECT_EQ(other.wait_exit(0), STILL_RUNNING);
         daemon.stop();
     }
+}
+
+TEST_F(predecessor, a_pid_file_that_is_a_link_kills_nobody) {
+    named_process other("tessard");
+    write_file("/tmp/elsewhere", std::to_string(other.pid()));
+    ASSERT_EQ(symlink("elsewhere", "/tmp/tessard.pid"), 0);
+    expect_spared(other);
+    EXPECT_EQ(read_file("/tmp/elsewhere"), std::to_string(other.pid()));
 }
 
 TEST_F(predecessor, a_pid_that_is_no_longer_in_use_is_passed_over) {

@@ -5,6 +5,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -26,6 +27,17 @@ class descriptor_open_test : public testing::Test {
     void TearDown() override {
         unlink(path.c_str());
         rmdir(folder.c_str());
+    }
+
+    void write_text(const char* text) const {
+        const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+        ASSERT_EQ(write(fd, text, strlen(text)), static_cast<ssize_t>(strlen(text)));
+        close(fd);
+    }
+    off_t size() const {
+        struct stat status = {};
+        EXPECT_EQ(stat(path.c_str(), &status), 0);
+        return status.st_size;
     }
 
     std::string folder;
@@ -68,6 +80,63 @@ TEST_F(descriptor_open_test, the_other_end_of_a_fifo_is_not_waited_for) {
 TEST_F(descriptor_open_test, what_is_not_there_gives_the_reason) {
     EXPECT_EQ(descriptor_open_untrusted(path.c_str(), O_RDONLY), -1);
     EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(descriptor_open_test, a_plain_file_is_made_and_emptied) {
+    int fd = descriptor_open_plain(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(write(fd, "old text", 8), 8);
+    close(fd);
+    fd = descriptor_open_plain(path.c_str(), O_WRONLY);
+    EXPECT_EQ(size(), 8) << "emptied without being asked to";
+    close(fd);
+    fd = descriptor_open_plain(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    EXPECT_EQ(size(), 0);
+    EXPECT_NE(fcntl(fd, F_GETFL) & O_NONBLOCK, 0);
+    EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);
+    close(fd);
+}
+
+TEST_F(descriptor_open_test, a_symbolic_link_is_no_plain_file) {
+    const std::string link_path = folder + "/link";
+    write_text("precious");
+    for (const char* target : {"file", "nothing"}) {
+        ASSERT_EQ(symlink(target, link_path.c_str()), 0);
+        for (const int flags : {O_RDONLY, O_WRONLY | O_CREAT | O_TRUNC}) {
+            EXPECT_EQ(descriptor_open_plain(link_path.c_str(), flags, 0600), -1) << target;
+            EXPECT_EQ(errno, ELOOP) << target;
+        }
+        unlink(link_path.c_str());
+    }
+    EXPECT_EQ(size(), 8);
+    EXPECT_NE(access((folder + "/nothing").c_str(), F_OK), 0);
+}
+
+TEST_F(descriptor_open_test, a_file_of_two_names_is_no_plain_file_and_keeps_its_text) {
+    const std::string other = folder + "/other";
+    write_text("precious");
+    ASSERT_EQ(link(path.c_str(), other.c_str()), 0);
+    EXPECT_EQ(descriptor_open_plain(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), -1);
+    EXPECT_EQ(errno, ELOOP);
+    EXPECT_EQ(size(), 8);
+    unlink(other.c_str());
+}
+
+TEST_F(descriptor_open_test, what_is_no_file_at_all_is_no_plain_file) {
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    EXPECT_EQ(descriptor_open_plain(path.c_str(), O_RDWR), -1);
+    EXPECT_EQ(errno, ELOOP);
+    EXPECT_EQ(descriptor_open_plain("/dev/null", O_WRONLY), -1);
+    EXPECT_EQ(errno, ELOOP);
+    EXPECT_EQ(descriptor_open_plain(folder.c_str(), O_RDONLY), -1);
+    EXPECT_EQ(errno, ELOOP);
+}
+
+TEST_F(descriptor_open_test, what_is_refused_leaves_no_descriptor) {
+    const int next = dup(STDOUT_FILENO);
+    close(next);
+    EXPECT_EQ(descriptor_open_plain("/dev/null", O_WRONLY), -1);
+    EXPECT_EQ(fcntl(next, F_GETFD), -1);
 }
 
 TEST(descriptor_standard_test, closed_ones_are_filled_with_null_in_both_directions) {
