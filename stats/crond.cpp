@@ -167,7 +167,7 @@ void read_folder() {
 void start_script(const crond_task* task) {
     char command[sizeof FOLDER + NAME_SIZE + 1];
     snprintf(command, sizeof command, "%s%s&", FOLDER, task->name);
-    tool_run(command);
+    tool_start(command);
 }
 
 void tick(crond_task* task) {

@@ -16,19 +16,20 @@ namespace {
 
 constexpr uint32_t REFRESH_MS = 3000;
 constexpr char DRIVER_NODE[] = "/dev/st7565";
-constexpr char MODEL_COMMAND[] = "uci get product_params.vendor.standardtype";
 constexpr size_t SCREEN_SIZE = 128;
 constexpr size_t FRAME_SIZE = 91;
 constexpr unsigned FRAME_LINES = 4;
 constexpr size_t LINE_WIDTH = 20;
 constexpr char CLEAR_TEXT[] = "__clear";
 constexpr size_t RATE_SIZE = 12;
+constexpr size_t MODEL_SIZE = 16;
 
 enum lcd_mode { MODE_NONE, MODE_NODE, MODE_SERIAL };
 
 typedef int (*lcd_writer)(int fd, const char* text, size_t length);
 
 struct lcd_state {
+    tool model_tool;
     bool decided; /* false until the kind of panel is settled */
     lcd_mode mode;
     const char* path;  /* the device; null without a panel */
@@ -72,11 +73,26 @@ bool has_serial_panel(const object* sys) {
            strcmp(pnp->value, PANEL) == 0;
 }
 
+/* Takes the first word of the tool's output, cut to what fits; none leaves the model empty. Returns
+ * where the reading stopped. */
+const char* read_model(const char* output, char (&model)[MODEL_SIZE]) {
+    int end = 0;
+    (void)sscanf(output, "%15s%n", model, &end);
+    return output + end;
+}
+
+/* The word has an end, or is longer than what is looked at. */
+bool is_model_complete(const char* output) {
+    char model[MODEL_SIZE] = {};
+    const char* end = read_model(output, model);
+    return strlen(model) == sizeof model - 1 || (end != output && *end != '\0');
+}
+
 const char* serial_port() {
     char output[TOOL_OUTPUT_SIZE];
-    char model[16] = {};
-    if (tool_output(MODEL_COMMAND, 1, output)) {
-        (void)sscanf(output, "%15s", model);
+    char model[MODEL_SIZE] = {};
+    if (tool_ask(&state.model_tool, output)) {
+        (void)read_model(output, model);
     }
     for (const char* known : first_port_models) {
         if (strncmp(model, known, 6) == 0) {
@@ -288,6 +304,7 @@ int lcd_ontimer(void*) {
 
 void module_lcd_start() {
     state = {};
+    state.model_tool = {"uci get product_params.vendor.standardtype", is_model_complete, false, 0};
     for (lcd_stat_key& stat : lcd_stat_keys) {
         stat.value = 0;
     }

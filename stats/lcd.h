@@ -12,6 +12,9 @@
  *   "sys" with any other pnp    no panel, for good
  *   no "sys" yet                asked again on the next run
  *
+ * A "uci" that gives no answer, or does not end (stats/tool.h), names no model: the panel is then
+ * looked for on the second port.
+ *
  * A frame is 91 bytes, always written whole:
  *
  *   offset       size     what

@@ -5,14 +5,22 @@
 #include <string>
 
 #include "tests/support/big_endian.h"
+#include "tests/unit/stats/fast_clock.h"
 #include "tests/unit/stats/statistics_test.h"
 
 using namespace unit_test;
 
 namespace {
 
-class tracked_connections_test : public statistics_test {
+class tracked_connections_test : public statistics_tools_test {
   protected:
+    /* One poll of a tool that does this. */
+    std::string connections_of_tool(const std::string& body) const {
+        tool("conntrack", body);
+        conn_poll();
+        return get("conn");
+    }
+
     static std::string connections(const std::string& text) {
         conn_update(text.c_str());
         conn_publish();
@@ -52,4 +60,23 @@ TEST_F(tracked_connections_test, connection_histories_keep_the_maximum) {
     EXPECT_EQ(samples("conn.10m", 2, 4), be32(100000) + be32(200000));
     EXPECT_EQ(filled("conn.2h"), be32(1));
     EXPECT_EQ(samples("conn.2h", 2, 4), be32(600000) + be32(0));
+}
+
+/* --- The tool --- */
+
+TEST_F(tracked_connections_test, are_the_second_word_of_the_tools_first_line) {
+    EXPECT_EQ(connections_of_tool("echo 'entries\t 4711 4712'; echo 'searched 5'"), "4711");
+    EXPECT_EQ(connections_of_tool("echo 'cpu=0 \tfound=0 invalid=12'"), "0");
+    EXPECT_EQ(connections_of_tool("echo 'entries 12'; exec yes"), "12");
+}
+
+TEST_F(tracked_connections_test, are_zero_without_a_number_and_stay_when_the_tool_does_not_end) {
+    EXPECT_EQ(connections_of_tool("echo 'entries 12'"), "12");
+    {
+        const fast_clock fast;
+        EXPECT_EQ(connections_of_tool("exec sleep 7"), "12");
+        EXPECT_EQ(connections_of_tool("echo 'entries 13'; exec sleep 7"), "12");
+    }
+    EXPECT_EQ(connections_of_tool("exit 1"), "0");
+    EXPECT_EQ(samples("conn.10m", 4, 4), be32(12) + be32(12) + be32(12) + be32(0));
 }

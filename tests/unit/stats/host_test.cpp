@@ -5,14 +5,22 @@
 #include <string>
 
 #include "tests/support/big_endian.h"
+#include "tests/unit/stats/fast_clock.h"
 #include "tests/unit/stats/statistics_test.h"
 
 using namespace unit_test;
 
 namespace {
 
-class online_hosts_test : public statistics_test {
+class online_hosts_test : public statistics_tools_test {
   protected:
+    /* One poll of a tool that does this. */
+    std::string hosts_of_tool(const std::string& body) const {
+        tool("hostmon", body);
+        host_poll();
+        return get("host.num") + " of " + get("host.maxnum");
+    }
+
     static std::string hosts(const std::string& text) {
         host_update(text.c_str());
         host_publish();
@@ -66,4 +74,36 @@ TEST_F(online_hosts_test, host_histories_keep_the_maximum_whatever_interfaces_do
     EXPECT_EQ(filled("host.2h"), be32(2));
     EXPECT_EQ(samples("host.2h", 2, 4), be32(300) + be32(24));
     EXPECT_EQ(filled("conn.10m"), be32(0)) << "each figure has histories of its own";
+}
+
+/* --- The tool --- */
+
+TEST_F(online_hosts_test, are_read_however_the_tool_breaks_its_lines) {
+    EXPECT_EQ(hosts_of_tool("printf 'Online hosts:\\n5\\nMax Online hosts: 9'"), "5 of 9");
+    EXPECT_EQ(hosts_of_tool("printf 'Online hosts:\\n\\n6 \\n\\n  Max Online hosts:\\n10\\n'"),
+              "6 of 10");
+    EXPECT_EQ(hosts_of_tool("printf 'Online hosts: 7 Max\\nOnline\\thosts:11 of them\\n'"),
+              "7 of 11");
+    EXPECT_EQ(hosts_of_tool("printf '\\nOnline hosts: 8\\nMax Online hosts: 12\\n'"), "7 of 11")
+        << "nothing stands before them";
+}
+
+TEST_F(online_hosts_test, are_read_whole_although_the_digits_come_one_by_one) {
+    EXPECT_EQ(
+        hosts_of_tool("printf 'Online hosts: 1'; sleep 0.05; printf '2\\nMax Online hosts: 3';"
+                      "sleep 0.05; echo 4"),
+        "12 of 34");
+}
+
+TEST_F(online_hosts_test, are_read_before_a_list_of_any_length) {
+    EXPECT_EQ(hosts_of_tool("echo 'Online hosts: 5'; echo 'Max Online hosts: 9'; exec yes host"),
+              "5 of 9");
+}
+
+TEST_F(online_hosts_test, stay_when_the_tool_does_not_end) {
+    EXPECT_EQ(hosts_of_tool("echo 'Online hosts: 5'; echo 'Max Online hosts: 9'"), "5 of 9");
+    const fast_clock fast;
+    EXPECT_EQ(hosts_of_tool("echo 'Online hosts: 6'; echo 'Max Online hosts: 10'; exec sleep 7"),
+              "5 of 9");
+    EXPECT_EQ(samples("host.10m", 2, 4), be32(5) + be32(5)) << "the histories go on";
 }

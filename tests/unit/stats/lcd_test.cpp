@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "loop/loop.h"
+#include "tests/unit/stats/fast_clock.h"
 #include "tests/unit/support/loop_by_tenths.h"
 #include "tests/unit/support/own_world.h"
 #include "tests/unit/support/store_test.h"
@@ -812,6 +813,22 @@ TEST_F(panel_test, without_an_answer_the_panel_is_on_the_second_port) {
         unlink("/srv/uci");
         EXPECT_EQ(errors_of_run(), "") << "the tool's complaints go nowhere";
         EXPECT_EQ(read_all(terminal).size(), 4u + 91u);
+    });
+}
+
+TEST_F(panel_test, a_tool_that_does_not_end_gives_no_answer) {
+    in_own_devices([&] {
+        serial_device("", "/dev/ttyS1");
+        std::ofstream("/srv/uci") << "#!/bin/sh\necho KT7010\nexec sleep 7\n";
+        log.start(LOG_WARN);
+        {
+            const fast_clock fast;
+            EXPECT_EQ(sent_by_run().size(), 4u + 91u);
+        }
+        EXPECT_THAT(log.lines(),
+                    ElementsAre("warn  *** outside tool (uci get "
+                                "product_params.vendor.standardtype) has not ended after 5 "
+                                "seconds and is killed"));
     });
 }
 

@@ -1,80 +1,142 @@
 #include "stats/tool.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
-#include <string_view>
+
+#include "tests/unit/stats/fast_clock.h"
+#include "tests/unit/support/log_capture.h"
+
+using namespace unit_test;
+using testing::ElementsAre;
+using testing::IsEmpty;
 
 namespace {
 
-struct own_folder {
-    own_folder() : path(::testing::TempDir() + "tessard-commands-XXXXXX") {
-        EXPECT_NE(mkdtemp(path.data()), nullptr);
-    }
-    ~own_folder() {
-        std::filesystem::remove_all(path);
-    }
-    own_folder(const own_folder&) = delete;
-    own_folder& operator=(const own_folder&) = delete;
+/* While this is set, nothing that the program kills dies. */
+bool undying;
 
-    std::string path;
-};
+bool never(const char*) {
+    return false;
+}
 
-/* Commands are started as in the daemon, which ignores SIGPIPE. */
+bool has_a_whole_line(const char* output) {
+    return strchr(output, '\n') != nullptr;
+}
+
+/* Tools are asked as by the daemon, which ignores two signals. */
 class outside_tools_test : public ::testing::Test {
   protected:
-    outside_tools_test() {
-        (void)signal(SIGPIPE, SIG_IGN);
+    outside_tools_test() : folder(::testing::TempDir() + "tessard-tools-XXXXXX") {
+        EXPECT_NE(mkdtemp(folder.data()), nullptr);
+        for (const int number : {SIGPIPE, SIGXFSZ}) {
+            (void)signal(number, SIG_IGN);
+        }
     }
+
     ~outside_tools_test() override {
-        (void)signal(SIGPIPE, SIG_DFL);
+        for (const int number : {SIGPIPE, SIGXFSZ}) {
+            (void)signal(number, SIG_DFL);
+        }
+        std::filesystem::remove_all(folder);
     }
 
-    static std::string output_of(const char* command) {
-        char text[TOOL_OUTPUT_SIZE];
-        EXPECT_TRUE(tool_output(command, 1000, text));
-        return text;
+    static std::string output_of(const std::string& command) {
+        return output_of(command, never);
     }
 
-    /* All bytes that were read for so many lines, NULs included. */
-    static std::string first_lines(const char* command, unsigned lines) {
-        char text[TOOL_OUTPUT_SIZE];
-        memset(text, '?', sizeof text);
-        EXPECT_TRUE(tool_output(command, lines, text));
-        const std::string_view all(text, sizeof text);
-        const size_t end = all.find('?');
-        EXPECT_TRUE(end != std::string_view::npos && end > 0 && all[end - 1] == '\0');
-        return std::string(all.substr(0, end - 1));
+    static std::string output_of(const std::string& command, bool (*is_complete)(const char*)) {
+        char output[TOOL_OUTPUT_SIZE];
+        tool t = {command.c_str(), is_complete, false, 0};
+        EXPECT_TRUE(tool_ask(&t, output)) << command;
+        return output;
+    }
+
+    /* Asks a tool that does not end, by a clock that makes its time short. */
+    static bool ask_by_fast_clock(tool* t) {
+        const fast_clock fast;
+        char output[TOOL_OUTPUT_SIZE];
+        return tool_ask(t, output);
+    }
+
+    static bool answers_by_fast_clock(const std::string& command) {
+        tool t = {command.c_str(), never, false, 0};
+        return ask_by_fast_clock(&t);
     }
 
     static long open_descriptors() {
         return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
     }
 
-    static bool pipe_signal_is_ignored() {
-        struct sigaction now = {};
-        sigaction(SIGPIPE, nullptr, &now);
-        return now.sa_handler == SIG_IGN;
+    /* Waits for a file, ten seconds at most. */
+    bool appears(const std::string& name) const {
+        for (int i = 0; i < 1000 && !std::filesystem::exists(folder + "/" + name); i++) {
+            usleep(10000);
+        }
+        return std::filesystem::exists(folder + "/" + name);
     }
+
+    /* The process that wrote its number into a file has ended, within ten seconds. */
+    bool has_ended(const std::string& name) const {
+        std::string pid;
+        std::getline(std::ifstream(folder + "/" + name), pid);
+        EXPECT_NE(pid, "") << name;
+        for (int i = 0; i < 1000; i++) {
+            std::string stat;
+            std::getline(std::ifstream("/proc/" + pid + "/stat"), stat);
+            /* Whose parent has ended too waits for the machine's first process to reap it. */
+            if (stat.empty() || stat.substr(stat.rfind(')'), 3) == ") Z") {
+                return true;
+            }
+            usleep(10000);
+        }
+        return false;
+    }
+
+    static void expect_no_child() {
+        EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+        EXPECT_EQ(errno, ECHILD);
+    }
+
+    std::string folder;
+    log_capture log;
 };
 
 } // namespace
 
-TEST_F(outside_tools_test, the_output_of_a_pipeline_is_read) {
+/* Defined in the program, this takes precedence over the C library's. */
+extern "C" int kill(pid_t pid, int number) noexcept {
+    return undying ? 0 : static_cast<int>(syscall(SYS_kill, pid, number));
+}
+
+/* --- Answers --- */
+
+TEST_F(outside_tools_test, are_pipelines_as_well) {
     EXPECT_EQ(output_of("printf 'a 1\\nb 2\\n' | head -n 1 | awk '{print $2}'"), "1\n");
 }
 
-TEST_F(outside_tools_test, complaints_go_nowhere) {
+TEST_F(outside_tools_test, say_all_that_they_write_in_pieces_too) {
+    EXPECT_EQ(output_of("echo Online; sleep 0.1; echo hosts:; sleep 0.1; echo 5"),
+              "Online\nhosts:\n5\n");
+    EXPECT_EQ(output_of("true"), "");
+}
+
+TEST_F(outside_tools_test, complain_to_nobody) {
     ::testing::internal::CaptureStderr();
     EXPECT_EQ(output_of("echo complaint >&2; echo figure"), "figure\n");
     EXPECT_EQ(output_of("tessard-no-such-tool --showg"), "");
@@ -82,91 +144,179 @@ TEST_F(outside_tools_test, complaints_go_nowhere) {
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
 }
 
-TEST_F(outside_tools_test, a_command_that_writes_for_ever_ends_with_its_reader) {
+TEST_F(outside_tools_test, are_waited_for_also_when_all_is_said) {
+    EXPECT_EQ(output_of("echo 7; sleep 0.2; : >" + folder + "/mark", has_a_whole_line), "7\n");
+    EXPECT_TRUE(std::filesystem::exists(folder + "/mark"));
+    EXPECT_EQ(output_of("echo 7; exec >&-; sleep 0.2; : >" + folder + "/too"), "7\n");
+    EXPECT_TRUE(std::filesystem::exists(folder + "/too")) << "the closed output is no end";
+}
+
+TEST_F(outside_tools_test, that_write_for_ever_end_with_their_reader) {
     const std::string output = output_of("exec yes 12345");
     EXPECT_EQ(output.substr(0, 6), "12345\n");
     EXPECT_EQ(output.size(), TOOL_OUTPUT_SIZE - 1);
+    EXPECT_EQ(output_of("exec yes ''"), std::string(TOOL_OUTPUT_SIZE - 1, '\n'));
 }
 
-TEST_F(outside_tools_test, a_command_that_does_not_look_at_its_failures_ends_with_its_reader_too) {
-    const own_folder folder;
+TEST_F(outside_tools_test, that_write_for_ever_but_slowly_end_when_all_is_said) {
+    EXPECT_EQ(output_of("while :; do echo 5; sleep 0.1; done", has_a_whole_line), "5\n");
+}
+
+TEST_F(outside_tools_test, that_do_not_look_at_their_failures_end_with_their_reader_too) {
     /* Far more than a pipe holds. */
-    const std::string command =
-        "i=0; while [ $i -lt 30000 ]; do echo 12345; i=$((i + 1)); done; : >" + folder.path +
-        "/all";
-    EXPECT_EQ(output_of(command.c_str()).size(), TOOL_OUTPUT_SIZE - 1);
-    EXPECT_FALSE(std::filesystem::exists(folder.path + "/all"));
+    EXPECT_EQ(output_of("i=0; while [ $i -lt 30000 ]; do echo 12345; i=$((i + 1)); done; : >" +
+                        folder + "/all")
+                  .size(),
+              TOOL_OUTPUT_SIZE - 1);
+    EXPECT_FALSE(std::filesystem::exists(folder + "/all"));
 }
 
-TEST_F(outside_tools_test, a_process_that_is_left_behind_with_the_output_open_is_not_waited_for) {
-    const own_folder folder;
-    const std::string left_behind =
-        "(n=0; while [ ! -e " + folder.path +
-        "/go ] && [ $n -lt 300 ]; do sleep 0.1; n=$((n + 1)); done; : >" + folder.path +
-        "/ended) &";
-    char text[TOOL_OUTPUT_SIZE];
-    ASSERT_TRUE(tool_output(
-        ("echo Online hosts: 5; echo Max Online hosts: 9; " + left_behind).c_str(), 2, text));
-    EXPECT_STREQ(text, "Online hosts: 5\nMax Online hosts: 9\n");
-    EXPECT_FALSE(std::filesystem::exists(folder.path + "/ended"));
-    std::ofstream(folder.path + "/go").close();
-    for (int i = 0; i < 1000 && !std::filesystem::exists(folder.path + "/ended"); i++) {
-        usleep(10000);
-    }
+TEST_F(outside_tools_test, are_not_waited_for_longer_than_the_shell_that_started_them) {
+    const std::string left_behind = "(n=0; while [ ! -e " + folder +
+                                    "/go ] && [ $n -lt 300 ]; do sleep 0.1; n=$((n + 1)); done; "
+                                    ": >" +
+                                    folder + "/ended) &";
+    EXPECT_EQ(output_of("echo 5; " + left_behind), "5\n") << "it has the output open";
+    EXPECT_FALSE(std::filesystem::exists(folder + "/ended"));
+    std::ofstream(folder + "/go").close();
+    EXPECT_TRUE(appears("ended")) << "and is left alone";
 }
 
-TEST_F(outside_tools_test, blank_lines_are_read_but_not_counted) {
-    EXPECT_EQ(first_lines("echo; echo ' '; echo 7; echo 8", 1), "\n \n7\n");
-    EXPECT_EQ(first_lines("printf '\\t\\n\\r\\n\\v\\n\\f\\n \\t\\r\\v\\f\\n7\\n8\\n'", 1),
-              "\t\n\r\n\v\n\f\n \t\r\v\f\n7\n");
-}
-
-TEST_F(outside_tools_test, blanks_beside_a_figure_make_no_blank_line) {
-    EXPECT_EQ(first_lines("printf ' \\t\\r\\v\\f7\\n8\\n'", 1), " \t\r\v\f7\n");
-    EXPECT_EQ(first_lines("printf '7 \\t\\r\\v\\f\\n8\\n'", 1), "7 \t\r\v\f\n");
-    EXPECT_EQ(first_lines("printf '7\\n\\n8 \\n9\\n'", 2), "7\n\n8 \n");
-}
-
-TEST_F(outside_tools_test, a_nul_is_no_blank_and_ends_the_text_where_it_stands) {
-    EXPECT_EQ(first_lines("printf '\\0\\n7\\n'", 1), std::string("\0\n", 2));
-    EXPECT_EQ(first_lines("printf '\\0 7\\n8\\n'", 1), std::string("\0 7\n", 4));
-    EXPECT_EQ(first_lines("printf ' \\0\\n7\\n'", 1), std::string(" \0\n", 3));
+TEST_F(outside_tools_test, end_their_text_with_a_nul) {
     EXPECT_EQ(output_of("printf '7\\0008\\n'"), "7");
+    EXPECT_EQ(output_of("printf '\\000 7\\n'"), "");
 }
 
-TEST_F(outside_tools_test, one_that_cannot_be_started_is_told_from_one_that_says_nothing) {
-    char text[TOOL_OUTPUT_SIZE];
-    EXPECT_TRUE(tool_output("true", 1, text));
-    EXPECT_STREQ(text, "");
-    strcpy(text, "left from before");
+TEST_F(outside_tools_test, that_cannot_be_started_are_told_from_those_that_say_nothing) {
     rlimit before;
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
     const rlimit none = {0, before.rlim_max};
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-    const bool started = tool_output("echo 7", 1, text);
+    char output[TOOL_OUTPUT_SIZE];
+    tool t = {"echo 7", never, false, 0};
+    const bool started = tool_ask(&t, output);
     EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
     EXPECT_FALSE(started);
-    EXPECT_STREQ(text, "");
-    EXPECT_TRUE(pipe_signal_is_ignored());
+    EXPECT_TRUE(tool_ask(&t, output));
 }
 
-TEST_F(outside_tools_test, the_daemon_goes_on_ignoring_the_pipe_signal) {
+/* --- Tools that do not end --- */
+
+TEST_F(outside_tools_test, that_hang_are_killed_after_five_seconds) {
+    char output[TOOL_OUTPUT_SIZE];
+    tool t = {"echo 7; exec sleep 60", has_a_whole_line, false, 0};
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(tool_ask(&t, output)) << "what it said before does not count";
+    const auto taken = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(taken, std::chrono::milliseconds(4990));
+    EXPECT_LT(taken, std::chrono::milliseconds(5900));
+    expect_no_child();
+}
+
+TEST_F(outside_tools_test, that_hang_are_killed_with_their_children) {
+    EXPECT_FALSE(answers_by_fast_clock("echo $$ >" + folder + "/shell; sh -c 'echo $$ >" + folder +
+                                       "/child; sleep 60 & echo $! >" + folder +
+                                       "/grandchild; wait' | cat"));
+    EXPECT_TRUE(has_ended("shell"));
+    EXPECT_TRUE(has_ended("child"));
+    EXPECT_TRUE(has_ended("grandchild"));
+    expect_no_child();
+}
+
+TEST_F(outside_tools_test, hang_whatever_they_do_with_their_output) {
+    EXPECT_FALSE(answers_by_fast_clock("exec >&-; exec sleep 60"));
+    EXPECT_FALSE(answers_by_fast_clock("while :; do printf .; sleep 0.01; done"));
+    EXPECT_FALSE(answers_by_fast_clock("trap '' PIPE TERM HUP; while :; do sleep 60; done"));
+    EXPECT_FALSE(answers_by_fast_clock("kill -STOP $$"));
+    expect_no_child();
+}
+
+TEST_F(outside_tools_test, that_ended_have_answered_although_something_goes_on_writing) {
+    EXPECT_TRUE(answers_by_fast_clock("(while :; do printf . || exit; sleep 0.01; done) &"));
+}
+
+TEST_F(outside_tools_test, that_hang_are_spoken_of_once_each) {
+    log.start(LOG_WARN);
+    tool one = {"sleep 61", never, false, 0};
+    tool other = {"sleep 62", never, false, 0};
+    for (int i = 0; i < 2; i++) {
+        EXPECT_FALSE(ask_by_fast_clock(&one));
+        EXPECT_FALSE(ask_by_fast_clock(&other));
+    }
+    EXPECT_THAT(
+        log.lines(),
+        ElementsAre("warn  *** outside tool (sleep 61) has not ended after 5 seconds and is killed",
+                    "warn  *** outside tool (sleep 62) has not ended after 5 seconds and is "
+                    "killed"));
+}
+
+TEST_F(outside_tools_test, that_hang_while_warnings_are_off_are_spoken_of_later) {
+    tool t = {"sleep 60", never, false, 0};
+    EXPECT_FALSE(ask_by_fast_clock(&t));
+    EXPECT_THAT(log.lines(), IsEmpty());
+    log.start(LOG_WARN);
+    EXPECT_FALSE(ask_by_fast_clock(&t));
+    EXPECT_EQ(log.lines().size(), 1u);
+}
+
+TEST_F(outside_tools_test, that_cannot_be_killed_are_not_asked_again_until_they_have_gone) {
+    const std::string command = "echo x >>" + folder + "/calls; while [ ! -e " + folder +
+                                "/go ]; do sleep 0.05; done; : >" + folder + "/gone";
+    tool t = {command.c_str(), never, false, 0};
+    undying = true;
+    EXPECT_FALSE(ask_by_fast_clock(&t));
+    EXPECT_FALSE(ask_by_fast_clock(&t));
+    undying = false;
+    EXPECT_EQ(std::filesystem::file_size(folder + "/calls"), 2u) << "one line";
+    std::ofstream(folder + "/go").close();
+    ASSERT_TRUE(appears("gone"));
+    bool answered = false;
+    char output[TOOL_OUTPUT_SIZE];
+    for (int i = 0; i < 1000 && !answered; i++) {
+        usleep(10000);
+        answered = tool_ask(&t, output);
+    }
+    EXPECT_TRUE(answered);
+    EXPECT_EQ(std::filesystem::file_size(folder + "/calls"), 4u);
+    expect_no_child();
+}
+
+/* --- What they are started with --- */
+
+TEST_F(outside_tools_test, have_the_default_actions_of_the_signals_that_the_daemon_ignores) {
+    /* A shell whose signals are ignored cannot say otherwise: it dies of neither. */
+    const std::string file = folder + "/large";
+    const std::string writes_too_much = "(ulimit -f 1; exec dd if=/dev/zero of=" + file +
+                                        " bs=4096 count=9); [ $? -gt 128 ] && echo ended";
+    EXPECT_EQ(output_of(writes_too_much), "ended\n");
+    EXPECT_EQ(output_of("kill -PIPE $$; echo lives"), "");
+    tool_start(("kill -PIPE $$; : >" + folder + "/lives").c_str());
+    EXPECT_FALSE(std::filesystem::exists(folder + "/lives"));
+    tool_start(("exec 2>/dev/null; " + writes_too_much + " >" + folder + "/told").c_str());
+    std::string told;
+    std::getline(std::ifstream(folder + "/told"), told);
+    EXPECT_EQ(told, "ended");
+}
+
+TEST_F(outside_tools_test, leave_the_daemon_ignoring_the_pipe_signal) {
     output_of("true");
-    EXPECT_TRUE(pipe_signal_is_ignored());
-    tool_run("true");
-    EXPECT_TRUE(pipe_signal_is_ignored());
+    tool_start("true");
+    struct sigaction now = {};
+    sigaction(SIGPIPE, nullptr, &now);
+    EXPECT_EQ(now.sa_handler, SIG_IGN);
 }
 
-TEST_F(outside_tools_test, no_descriptor_is_left_open) {
+TEST_F(outside_tools_test, leave_no_descriptor_and_no_child) {
     output_of("true");
     const long before = open_descriptors();
     for (int i = 0; i < 20; i++) {
         output_of(i % 2 == 0 ? "echo 1" : "tessard-no-such-tool");
     }
     EXPECT_EQ(open_descriptors(), before);
+    expect_no_child();
 }
 
-TEST_F(outside_tools_test, no_other_program_inherits_the_output) {
+TEST_F(outside_tools_test, inherit_nothing_of_each_other) {
     /* The command looks up at what descriptor its reader has its output, and how that was opened.
      */
     const std::string flags =
@@ -179,8 +329,8 @@ TEST_F(outside_tools_test, no_other_program_inherits_the_output) {
     EXPECT_NE(strtoul(flags.c_str(), nullptr, 8) & O_CLOEXEC, 0u) << flags;
 }
 
-TEST_F(outside_tools_test, a_command_that_is_only_run_is_waited_for) {
-    const own_folder folder;
-    tool_run(("sleep 0.2; : >" + folder.path + "/mark").c_str());
-    EXPECT_TRUE(std::filesystem::exists(folder.path + "/mark"));
+TEST_F(outside_tools_test, that_are_only_started_are_waited_for) {
+    tool_start(("sleep 0.2; : >" + folder + "/mark").c_str());
+    EXPECT_TRUE(std::filesystem::exists(folder + "/mark"));
+    expect_no_child();
 }
