@@ -10,11 +10,10 @@
 #include <unistd.h>
 
 #include "core/log.h"
-#include "core/pool.h"
-#include "core/sstr.h"
 #include "core/text.h"
 #include "loop/loop.h"
 #include "stats/tool.h"
+#include "store/algor.h"
 
 namespace {
 
@@ -22,7 +21,7 @@ constexpr uint32_t TICK_MS = 1000;
 constexpr char FOLDER[] = "/usr/lib/lua/tplugins/";
 constexpr uint32_t TASK_LIMIT = 33;
 constexpr uint32_t LIST_MAX = 32;
-constexpr uint32_t REFUSED_LIMIT = 64;
+constexpr uint32_t REFUSED_MARKS = 4096;
 constexpr size_t NAME_SIZE = 64;
 
 struct crond_task {
@@ -40,17 +39,10 @@ struct crond_task_list {
     crond_task* head; /* in order of insertion */
 };
 
-/* A name that was refused and said so; the first REFUSED_LIMIT of them are remembered. */
-struct refused_name {
-    sstr name;
-    refused_name* next;
-};
-
 struct crond_state {
-    bool started;           /* the first tick has come */
-    crond_task_list* tasks; /* made on the first tick; null when that failed */
-    refused_name* refused;  /* newest first */
-    uint32_t refused_count;
+    bool started;                         /* the first tick has come */
+    crond_task_list* tasks;               /* made on the first tick; null when that failed */
+    uint32_t refused[REFUSED_MARKS / 32]; /* a bit for the hashes of names that were spoken of */
 };
 
 crond_state state;
@@ -116,19 +108,13 @@ void remove_task(const char* name) {
 }
 
 void refuse(const char* name) {
-    for (const refused_name* r = state.refused; r != nullptr; r = r->next) {
-        if (strcmp(r->name, name) == 0) {
-            return;
-        }
-    }
-    if (state.refused_count == REFUSED_LIMIT || !log_wants(LOG_WARN)) {
+    const uint32_t mark = htable_hash(name) % REFUSED_MARKS;
+    uint32_t* word = &state.refused[mark / 32];
+    const uint32_t bit = 1U << mark % 32;
+    if ((*word & bit) != 0 || !log_wants(LOG_WARN)) {
         return;
     }
-    refused_name* r = pool_new<refused_name>();
-    r->name = sstr_new(name, SSTR_CSTRING);
-    r->next = state.refused;
-    state.refused = r;
-    state.refused_count++;
+    *word |= bit;
     log_write(LOG_WARN, "plug-in (%s) is not listed: its name has more than %d bytes", name,
               static_cast<int>(NAME_SIZE - 1));
 }
@@ -196,12 +182,6 @@ void forget_all() {
         state.tasks->head = next;
     }
     free(state.tasks);
-    while (state.refused != nullptr) {
-        refused_name* next = state.refused->next;
-        sstr_free(&state.refused->name);
-        pool_delete(state.refused);
-        state.refused = next;
-    }
     state = {};
 }
 

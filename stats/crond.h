@@ -13,9 +13,13 @@
  * folder entry's name alone, so a task 30_a.sh hides an entry 30_a, and taking the x bit off 30_a
  * removes the task 30_a.sh.
  *
- * At most 33 tasks are listed. Names of 64 bytes and more are refused, the first 64 of them with
- * one line each at warn level. The name goes into the shell's command as it is, so blanks split it.
- * Scripts run in the background, and the daemon neither waits for them nor looks at their result.
+ * At most 33 tasks are listed. Names of 64 bytes and more are refused, which is said once for each
+ * at warn level. What was said is remembered by one of 4096 marks, which the name's hash chooses: a
+ * name whose mark another one has left is refused without a word.
+ *
+ * The name goes into the shell's command as it is: blanks split it, and what means something to the
+ * shell means it here. Scripts run in the background, and the daemon neither waits for them nor
+ * looks at their result.
  */
 
 void module_crond_start();
