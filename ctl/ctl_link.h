@@ -18,7 +18,8 @@ struct ctl_link {
     ctl_reply reply;
 };
 
-/* `text` must outlive the link. False when it is no address. Nothing is connected yet. */
+/* `text`, as endpoint_parse_peer takes it, must outlive the link. False when it is no address.
+ * Nothing is connected yet. */
 bool ctl_link_init(ctl_link* link, const char* text, int port, int wait_seconds);
 
 /* Closes the connection and frees the reply. */

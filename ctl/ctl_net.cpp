@@ -6,7 +6,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <strings.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -124,11 +123,6 @@ int64_t ctl_net_now() {
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
-
-bool ctl_net_address(const char* text, int port, endpoint_address* address) {
-    return endpoint_parse(strcasecmp(text, "localhost") == 0 ? "127.0.0.1" : text, port, address) ==
-           1;
 }
 
 char* ctl_net_compose(int count, char* const* words, size_t* length) {

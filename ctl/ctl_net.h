@@ -16,10 +16,6 @@ constexpr int64_t CTL_FOREVER = INT64_MAX;
 /* Milliseconds of a clock that never jumps; deadlines are times of this clock. */
 int64_t ctl_net_now();
 
-/* The address as endpoint_parse reads it, and "localhost" in any case for 127.0.0.1. False when the
- * text is none. */
-bool ctl_net_address(const char* text, int port, endpoint_address* address);
-
 /* The words as one request, an array of bulk strings. Returns malloc'ed bytes, `*length` of them,
  * or null when memory is exhausted. */
 char* ctl_net_compose(int count, char* const* words, size_t* length);

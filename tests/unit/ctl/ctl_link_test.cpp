@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -82,6 +83,30 @@ TEST_F(tessctl_link, warns_of_a_larger_request_and_sends_it) {
 
 TEST_F(tessctl_link, has_nothing_to_say_about_large_requests_on_other_sockets) {
     EXPECT_EQ(said_for("127.0.0.1", 32769), "");
+}
+
+TEST(tessctl_address, of_each_family_is_read) {
+    ctl_link link;
+    ASSERT_TRUE(ctl_link_init(&link, "/tmp/tessard.sock", 7000, 1));
+    EXPECT_EQ(link.address.any.sa_family, AF_UNIX);
+    EXPECT_STREQ(link.address.local.sun_path, "/tmp/tessard.sock");
+    EXPECT_EQ(link.port, 0);
+    ASSERT_TRUE(ctl_link_init(&link, "127.0.0.1", 7000, 1));
+    EXPECT_EQ(link.address.any.sa_family, AF_INET);
+    EXPECT_EQ(ntohs(link.address.ipv4.sin_port), 7000);
+    EXPECT_EQ(link.port, 7000);
+    ASSERT_TRUE(ctl_link_init(&link, "::1", 7000, 1));
+    EXPECT_EQ(link.address.any.sa_family, AF_INET6);
+    ASSERT_TRUE(ctl_link_init(&link, "LocalHost", 7000, 1));
+    EXPECT_EQ(ntohl(link.address.ipv4.sin_addr.s_addr), INADDR_LOOPBACK);
+}
+
+TEST(tessctl_address, that_is_none_is_refused) {
+    ctl_link link;
+    for (const char* text :
+         {"", "tessard.sock", "example.org", "1.2.3", "1.2.3.4.5", ":", "::1::", "localhost."}) {
+        EXPECT_FALSE(ctl_link_init(&link, text, 7000, 1)) << text;
+    }
 }
 
 } // namespace
