@@ -7,26 +7,43 @@
 
 namespace {
 
-constexpr ctl_kind CPU = {CPU_SAMPLE_SIZE, 1, 1, 100, false, {{"percent", "percent"}}};
-constexpr ctl_kind HOSTS = {HOST_SAMPLE_SIZE, 4, 1, 0, false, {{"hosts", "hosts"}}};
-constexpr ctl_kind CONNECTIONS = {
-    CONN_SAMPLE_SIZE, 4, 1, 0, false, {{"connections", "connections"}}};
-constexpr ctl_kind PING = {
-    PING_ENTRY_SIZE,
-    4,
-    5,
-    0,
-    true,
-    {{"max", nullptr}, {"min", nullptr}, {"avg", "avg"}, {"total", nullptr}, {"loss", "loss"}}};
-constexpr ctl_kind INTERFACE = {IFACE_SAMPLE_SIZE,
-                                4,
-                                4,
-                                0,
-                                false,
-                                {{"rxb", "rxb, bytes per second"},
-                                 {"rxp", nullptr},
-                                 {"txb", "txb, bytes per second"},
-                                 {"txp", nullptr}}};
+constexpr ctl_kind CPU = {.sample_size = CPU_SAMPLE_SIZE,
+                          .figure_size = CPU_SAMPLE_SIZE,
+                          .count = 1,
+                          .most = 100,
+                          .reports = false,
+                          .figures = {{"percent", "percent", 0}}};
+constexpr ctl_kind HOSTS = {.sample_size = HOST_SAMPLE_SIZE,
+                            .figure_size = HOST_SAMPLE_SIZE,
+                            .count = 1,
+                            .most = 0,
+                            .reports = false,
+                            .figures = {{"hosts", "hosts", 0}}};
+constexpr ctl_kind CONNECTIONS = {.sample_size = CONN_SAMPLE_SIZE,
+                                  .figure_size = CONN_SAMPLE_SIZE,
+                                  .count = 1,
+                                  .most = 0,
+                                  .reports = false,
+                                  .figures = {{"connections", "connections", 0}}};
+constexpr ctl_kind PING = {.sample_size = PING_ENTRY_SIZE,
+                           .figure_size = sizeof(uint32_t),
+                           .count = 5,
+                           .most = 0,
+                           .reports = true,
+                           .figures = {{"max", nullptr, PING_AT_MAX},
+                                       {"min", nullptr, PING_AT_MIN},
+                                       {"avg", "avg", PING_AT_AVG},
+                                       {"total", nullptr, PING_AT_TOTAL},
+                                       {"loss", "loss", PING_AT_LOSS}}};
+constexpr ctl_kind INTERFACE = {.sample_size = IFACE_SAMPLE_SIZE,
+                                .figure_size = sizeof(uint32_t),
+                                .count = 4,
+                                .most = 0,
+                                .reports = false,
+                                .figures = {{"rxb", "rxb, bytes per second", IFACE_AT_RXB},
+                                            {"rxp", nullptr, IFACE_AT_RXP},
+                                            {"txb", "txb, bytes per second", IFACE_AT_TXB},
+                                            {"txp", nullptr, IFACE_AT_TXP}}};
 
 bool base_is(ctl_text base, const char* name) {
     return base.length == strlen(name) && memcmp(base.bytes, name, base.length) == 0;
@@ -111,7 +128,7 @@ const char* ctl_series_decode(ctl_text key, ctl_text value, ctl_series* series) 
 uint32_t ctl_series_value(const ctl_series* series, uint32_t sample, unsigned figure) {
     const ctl_kind* kind = series->kind;
     const char* at = series->ring + size_t{slot_of(series, sample)} * kind->sample_size +
-                     size_t{figure} * kind->figure_size;
+                     kind->figures[figure].at;
     return kind->figure_size == 1 ? static_cast<unsigned char>(*at) : text_get_be32(at);
 }
 

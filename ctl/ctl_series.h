@@ -17,15 +17,17 @@ constexpr unsigned CTL_FIGURES_MAX = 5;
 struct ctl_figure {
     const char* name;
     const char* caption; /* what a plot of it is called; null for a figure that is not plotted */
+    uint32_t at;         /* bytes from the beginning of the sample */
 };
 
-/* What the samples are. The size of a sample and the key's name before its last "." tell:
+/* What the samples are. The key's name before its last "." tells, and the size of a sample must
+ * agree. The figures are called:
  *
- *     "cpu"             1 byte      percent
- *     "host"            4 bytes     hosts
- *     "conn"            4 bytes     connections
- *     "ping1".."ping20" 20 bytes    max, min, avg, total, loss; a period is in reports
- *     any other         16 bytes    rxb, rxp, txb, txp of the interface, per second */
+ *     "cpu"             percent
+ *     "host"            hosts
+ *     "conn"            connections
+ *     "ping1".."ping20" max, min, avg, total, loss; a period is in reports
+ *     any other         rxb, rxp, txb, txp of the interface, per second */
 struct ctl_kind {
     uint32_t sample_size; /* bytes */
     uint32_t figure_size; /* bytes */
