@@ -7,10 +7,6 @@
 
 namespace {
 
-bool has_times(const ctl_series* series) {
-    return !series->kind->reports && series->last != 0;
-}
-
 /* Why there are numbers where times are expected. */
 void explain_numbers(FILE* out, ctl_text key, const ctl_series* series) {
     ctl_print_quoted(out, key);
@@ -38,7 +34,7 @@ void ctl_form_table(FILE* out, ctl_text key, const ctl_series* series) {
         ctl_sample_none(out, key);
         return;
     }
-    const bool timed = has_times(series);
+    const bool timed = ctl_series_is_timed(series);
     const int column = timed ? -19 : 6;
     if (!timed) {
         explain_numbers(out, key, series);
@@ -61,7 +57,7 @@ void ctl_form_table(FILE* out, ctl_text key, const ctl_series* series) {
 
 void ctl_form_csv(FILE* out, const ctl_series* series) {
     const ctl_kind* kind = series->kind;
-    fputs(has_times(series) ? "time" : "sample", out);
+    fputs(ctl_series_is_timed(series) ? "time" : "sample", out);
     for (unsigned i = 0; i < kind->count; i++) {
         fprintf(out, ",%s", kind->figures[i].name);
     }

@@ -125,6 +125,14 @@ const char* ctl_series_decode(ctl_text key, ctl_text value, ctl_series* series) 
     return nullptr;
 }
 
+bool ctl_series_is_interface(const ctl_series* series) {
+    return series->kind == &INTERFACE;
+}
+
+bool ctl_series_is_timed(const ctl_series* series) {
+    return !series->kind->reports && series->last != 0;
+}
+
 uint32_t ctl_series_value(const ctl_series* series, uint32_t sample, unsigned figure) {
     const ctl_kind* kind = series->kind;
     const char* at = series->ring + size_t{slot_of(series, sample)} * kind->sample_size +
@@ -133,7 +141,7 @@ uint32_t ctl_series_value(const ctl_series* series, uint32_t sample, unsigned fi
 }
 
 bool ctl_series_time(const ctl_series* series, uint32_t sample, int64_t* seconds) {
-    if (series->kind->reports || series->last == 0) {
+    if (!ctl_series_is_timed(series)) {
         return false;
     }
     const int64_t periods = int64_t{series->filled} - 1 - sample;

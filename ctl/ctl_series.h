@@ -37,6 +37,14 @@ struct ctl_kind {
     ctl_figure figures[CTL_FIGURES_MAX];
 };
 
+/* The figures of an interface, as ctl_series_value counts them. */
+enum ctl_interface_figure : unsigned {
+    CTL_INTERFACE_RXB,
+    CTL_INTERFACE_RXP,
+    CTL_INTERFACE_TXB,
+    CTL_INTERFACE_TXP,
+};
+
 struct ctl_series {
     const ctl_kind* kind;
     uint32_t last;   /* time of the last sample, seconds; 0 when not known */
@@ -52,11 +60,17 @@ struct ctl_series {
  */
 const char* ctl_series_decode(ctl_text key, ctl_text value, ctl_series* series);
 
+/* True when the samples are those of an interface: the key's name is none of the others. */
+bool ctl_series_is_interface(const ctl_series* series);
+
+/* True when the times of the samples are known. */
+bool ctl_series_is_timed(const ctl_series* series);
+
 /* A figure of a sample; sample 0 is the oldest, filled - 1 the last. */
 uint32_t ctl_series_value(const ctl_series* series, uint32_t sample, unsigned figure);
 
 /* When the sample was taken, seconds, as far as the last sample's time tells: one period lies
- * between two. False when that is not known. */
+ * between two. False when the times are not known. */
 bool ctl_series_time(const ctl_series* series, uint32_t sample, int64_t* seconds);
 
 /* Spreads the samples over at most `width` columns, oldest first, and returns how many are used.

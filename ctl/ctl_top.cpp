@@ -176,11 +176,11 @@ ctl_status collect_interfaces() {
         bool found;
         status = fetch_series(state.histories[i], &series, &found);
         /* Anybody may have made a key of such a name. */
-        if (found && series.kind->count == 4) {
+        if (found && ctl_series_is_interface(&series)) {
             const ctl_text name = {state.histories[i],
                                    strlen(state.histories[i]) - strlen(HISTORY_SUFFIX)};
-            add_gauge(name, " rx", &series, 0);
-            add_gauge(name, " tx", &series, 2);
+            add_gauge(name, " rx", &series, CTL_INTERFACE_RXB);
+            add_gauge(name, " tx", &series, CTL_INTERFACE_TXB);
         }
     }
     return status;

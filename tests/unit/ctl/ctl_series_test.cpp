@@ -106,6 +106,16 @@ TEST_F(tessctl_series, has_four_figures_for_an_interface) {
         EXPECT_EQ(figures(i), (numbers{1 + i, 5 + i}));
     }
     EXPECT_FALSE(s.kind->reports);
+    EXPECT_TRUE(ctl_series_is_interface(&s));
+    EXPECT_EQ(figures(CTL_INTERFACE_RXB), (numbers{1, 5}));
+    EXPECT_EQ(figures(CTL_INTERFACE_TXB), (numbers{3, 7}));
+}
+
+TEST_F(tessctl_series, is_no_interfaces_when_its_name_is_another) {
+    ASSERT_EQ(decode("cpu.2h", ring_of_bytes({1, 12, 1, 1, 0}, "a")), nullptr);
+    EXPECT_FALSE(ctl_series_is_interface(&s));
+    ASSERT_EQ(decode("ping3.day", ring_of_numbers({1, 3, 1, 1, 0}, {1, 2, 3, 4, 5})), nullptr);
+    EXPECT_FALSE(ctl_series_is_interface(&s));
 }
 
 TEST_F(tessctl_series, has_five_figures_for_a_ping_target) {
@@ -231,8 +241,12 @@ TEST_F(tessctl_series, has_no_times_when_periods_are_reports_or_the_last_is_not_
     ASSERT_EQ(decode("ping3.day", ring_of_numbers({1700000000, 3, 1, 1, 0}, {1, 2, 3, 4, 5})),
               nullptr);
     EXPECT_FALSE(ctl_series_time(&s, 0, &seconds));
+    EXPECT_FALSE(ctl_series_is_timed(&s));
     ASSERT_EQ(decode("cpu.2h", ring_of_bytes({0, 12, 1, 1, 0}, "a")), nullptr);
     EXPECT_FALSE(ctl_series_time(&s, 0, &seconds));
+    EXPECT_FALSE(ctl_series_is_timed(&s));
+    ASSERT_EQ(decode("cpu.2h", ring_of_bytes({1, 12, 1, 1, 0}, "a")), nullptr);
+    EXPECT_TRUE(ctl_series_is_timed(&s));
 }
 
 TEST_F(tessctl_series, puts_the_largest_of_several_samples_into_a_column) {
