@@ -1,8 +1,19 @@
 #include "ctl/ctl_call.h"
 
+#include <stdarg.h>
 #include <stdio.h>
 
 #include "ctl/ctl_print.h"
+
+ctl_status ctl_call_wrong_usage(const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    fputs("tessctl: ", stderr);
+    vfprintf(stderr, format, arguments);
+    fputs("\nTry tessctl -h.\n", stderr);
+    va_end(arguments);
+    return CTL_USAGE;
+}
 
 ctl_status ctl_call_complain(ctl_text key, const char* why, ctl_status status) {
     fputs("tessctl: ", stderr);

@@ -14,6 +14,10 @@ struct ctl_call {
     char** words;
 };
 
+/* Says on standard error what is wrong with the command line, and where to read about it. Returns
+ * CTL_USAGE. */
+ctl_status ctl_call_wrong_usage(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
 /* Says on standard error what is wrong with a key, and returns `status`. */
 ctl_status ctl_call_complain(ctl_text key, const char* why, ctl_status status);
 

@@ -51,11 +51,6 @@ void print_form(FILE* out, form wanted, ctl_text key, const ctl_series* series) 
     }
 }
 
-ctl_status wrong_usage(const char* what) {
-    fprintf(stderr, "tessctl: history %s\nTry tessctl -h.\n", what);
-    return CTL_USAGE;
-}
-
 /* The option of that name, or null. */
 const form_option* find_option(const char* word) {
     for (const form_option& option : FORM_OPTIONS) {
@@ -79,19 +74,19 @@ ctl_status read_words(const ctl_call* call, form* wanted, char** key) {
         } else if (options && strncmp(word, "--", 2) == 0) {
             const form_option* option = find_option(word);
             if (option == nullptr) {
-                return wrong_usage("knows --csv, --json and --plot only");
+                return ctl_call_wrong_usage("history knows --csv, --json and --plot only");
             }
             if (*wanted != FORM_TABLE && *wanted != option->meant) {
-                return wrong_usage("prints one form at a time");
+                return ctl_call_wrong_usage("history prints one form at a time");
             }
             *wanted = option->meant;
         } else if (*key == nullptr) {
             *key = word;
         } else {
-            return wrong_usage("takes one key");
+            return ctl_call_wrong_usage("history takes one key");
         }
     }
-    return *key != nullptr ? CTL_DONE : wrong_usage("needs a key");
+    return *key != nullptr ? CTL_DONE : ctl_call_wrong_usage("history needs a key");
 }
 
 } // namespace

@@ -67,8 +67,7 @@ ctl_status begin(ctl_call* call) {
 
 ctl_status ctl_observe(ctl_call* call) {
     if (call->count != 1) {
-        fputs("tessctl: observe takes no arguments\nTry tessctl -h.\n", stderr);
-        return CTL_USAGE;
+        return ctl_call_wrong_usage("observe takes no arguments");
     }
     catch_signals();
     ctl_status status = begin(call);

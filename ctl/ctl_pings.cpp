@@ -43,8 +43,7 @@ void print_row(FILE* out, uint32_t target, const figures* f) {
 
 ctl_status ctl_pings(ctl_call* call) {
     if (call->count != 1) {
-        fputs("tessctl: pings takes no arguments\nTry tessctl -h.\n", stderr);
-        return CTL_USAGE;
+        return ctl_call_wrong_usage("pings takes no arguments");
     }
     char name[] = "ping.snap";
     ctl_text snap;

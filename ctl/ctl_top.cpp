@@ -251,8 +251,7 @@ ctl_status run() {
 
 ctl_status ctl_top(ctl_call* call) {
     if (call->count != 1 || call->raw) {
-        fputs("tessctl: top takes no arguments and has no raw form\nTry tessctl -h.\n", stderr);
-        return CTL_USAGE;
+        return ctl_call_wrong_usage("top takes no arguments and has no raw form");
     }
     if (isatty(STDIN_FILENO) != 1 || isatty(STDOUT_FILENO) != 1) {
         fputs("tessctl: top needs a terminal as standard input and output\n", stderr);

@@ -4,7 +4,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <getopt.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -78,16 +77,6 @@ struct settings {
 
 enum long_option { OPTION_RAW = 256 };
 
-__attribute__((format(printf, 1, 2))) ctl_status wrong_usage(const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    fputs("tessctl: ", stderr);
-    vfprintf(stderr, format, arguments);
-    fputs("\nTry tessctl -h.\n", stderr);
-    va_end(arguments);
-    return CTL_USAGE;
-}
-
 /* The word of an option, a number from 1 to `most`. */
 bool read_number(int most, int* number) {
     int64_t value = 0;
@@ -104,12 +93,12 @@ ctl_status read_option(int option, settings* s) {
     case 'p':
         return read_number(MAX_PORT, &s->port)
                    ? CTL_DONE
-                   : wrong_usage("%s is no port from 1 to %d", optarg, MAX_PORT);
+                   : ctl_call_wrong_usage("%s is no port from 1 to %d", optarg, MAX_PORT);
     case 't':
         return read_number(MAX_WAIT_SECONDS, &s->wait_seconds)
                    ? CTL_DONE
-                   : wrong_usage("%s is no number of seconds from 1 to %d", optarg,
-                                 MAX_WAIT_SECONDS);
+                   : ctl_call_wrong_usage("%s is no number of seconds from 1 to %d", optarg,
+                                          MAX_WAIT_SECONDS);
     case OPTION_RAW:
         s->raw = true;
         return CTL_DONE;
@@ -183,14 +172,14 @@ int main(int argc, char** argv) {
         return ctl_print_finish(stdout);
     }
     if (optind == argc) {
-        return wrong_usage("a command is missing");
+        return ctl_call_wrong_usage("a command is missing");
     }
     ctl_link link;
     if (!ctl_link_init(&link, s.address, s.port, s.wait_seconds)) {
-        return wrong_usage("%s is no path with a \"/\" and no IP address", s.address);
+        return ctl_call_wrong_usage("%s is no path with a \"/\" and no IP address", s.address);
     }
     if (!endpoint_is_path(s.address) && s.port == 0) {
-        return wrong_usage("the address %s needs a port (-p)", s.address);
+        return ctl_call_wrong_usage("the address %s needs a port (-p)", s.address);
     }
     ctl_call call = {&link, s.raw, isatty(STDOUT_FILENO) == 1, argc - optind, argv + optind};
     status = run(&call);
