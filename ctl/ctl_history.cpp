@@ -2,19 +2,16 @@
 
 #include <stdio.h>
 #include <string.h>
-#include <sys/ioctl.h>
 #include <time.h>
-#include <unistd.h>
 
 #include "ctl/ctl_chart.h"
 #include "ctl/ctl_form.h"
 #include "ctl/ctl_plot.h"
+#include "ctl/ctl_screen.h"
 #include "ctl/ctl_series.h"
 #include "ctl/ctl_text.h"
 
 namespace {
-
-constexpr unsigned DEFAULT_WIDTH = 80;
 
 enum form { FORM_TABLE, FORM_CSV, FORM_JSON, FORM_PLOT };
 
@@ -26,12 +23,11 @@ struct form_option {
 constexpr form_option FORM_OPTIONS[] = {
     {"--csv", FORM_CSV}, {"--json", FORM_JSON}, {"--plot", FORM_PLOT}};
 
-unsigned terminal_width() {
-    winsize size = {};
-    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) < 0 || size.ws_col == 0) {
-        return DEFAULT_WIDTH;
-    }
-    return size.ws_col;
+void print_plot(FILE* out, ctl_text key, const ctl_series* series) {
+    unsigned width;
+    unsigned height;
+    ctl_screen_size(&width, &height);
+    ctl_chart_draw(out, key, series, width, ctl_plot_utf8());
 }
 
 void print_form(FILE* out, form wanted, ctl_text key, const ctl_series* series) {
@@ -46,7 +42,7 @@ void print_form(FILE* out, form wanted, ctl_text key, const ctl_series* series) 
         ctl_form_json(out, key, series);
         break;
     case FORM_PLOT:
-        ctl_chart_draw(out, key, series, terminal_width(), ctl_plot_utf8());
+        print_plot(out, key, series);
         break;
     }
 }

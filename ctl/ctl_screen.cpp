@@ -18,9 +18,6 @@ namespace {
 constexpr unsigned DEFAULT_WIDTH = 80;
 constexpr unsigned DEFAULT_HEIGHT = 24;
 
-/* A terminal of more is drawn on in part. */
-constexpr unsigned MOST = 500;
-
 /* How long a terminal that takes no output may delay the end. */
 constexpr int PATIENCE_MS = 500;
 
@@ -179,10 +176,6 @@ bool read_quit() {
     return got == 0 || key == 'q' || key == 'Q' || key == INTERRUPT_KEY;
 }
 
-unsigned limited(unsigned number) {
-    return number < MOST ? number : MOST;
-}
-
 } // namespace
 
 bool ctl_screen_open() {
@@ -206,8 +199,8 @@ void ctl_screen_size(unsigned* width, unsigned* height) {
     if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) < 0) {
         size = {};
     }
-    *width = limited(size.ws_col != 0 ? size.ws_col : DEFAULT_WIDTH);
-    *height = limited(size.ws_row != 0 ? size.ws_row : DEFAULT_HEIGHT);
+    *width = size.ws_col != 0 ? size.ws_col : DEFAULT_WIDTH;
+    *height = size.ws_row != 0 ? size.ws_row : DEFAULT_HEIGHT;
 }
 
 bool ctl_screen_is_new() {

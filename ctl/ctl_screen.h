@@ -14,7 +14,8 @@ bool ctl_screen_open();
 
 void ctl_screen_close();
 
-/* Columns and rows at present; 80 and 24 where the terminal does not know. */
+/* Columns and rows at present of what standard output is, whether a screen is open or not; 80 and
+ * 24 where it does not know, or is no terminal. */
 void ctl_screen_size(unsigned* width, unsigned* height);
 
 /* True, once, when the screen may hold something else than what was drawn last: it is new, has

@@ -42,6 +42,9 @@ constexpr unsigned INTERFACES_MAX = (CTL_BOARD_GAUGES - SOURCE_COUNT) / 2;
 /* Interfaces' names end before 32 bytes. */
 constexpr size_t HISTORY_KEY_SIZE = 32 + sizeof HISTORY_SUFFIX;
 
+/* The most columns and rows; a terminal of more is drawn on in part. */
+constexpr unsigned SCREEN_MAX = 500;
+
 struct top_state {
     ctl_link* link;
     bool utf8;
@@ -211,6 +214,10 @@ void start(ctl_link* link) {
     }
 }
 
+unsigned limited(unsigned number) {
+    return number < SCREEN_MAX ? number : SCREEN_MAX;
+}
+
 ctl_status draw() {
     unsigned width;
     unsigned height;
@@ -218,7 +225,7 @@ ctl_status draw() {
         fputs("\x1b[2J", stdout);
     }
     ctl_screen_size(&width, &height);
-    ctl_board_draw(stdout, &state.board, width, height, state.utf8);
+    ctl_board_draw(stdout, &state.board, limited(width), limited(height), state.utf8);
     return fflush(stdout) == 0 ? CTL_DONE : CTL_OUTPUT;
 }
 
