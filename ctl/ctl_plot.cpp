@@ -23,6 +23,33 @@ constexpr const char* const UTF8_PARTS[] = {
 constexpr unsigned ASCII_FULL = 3;
 constexpr unsigned UTF8_FULL = 8;
 
+/* What a number is counted in. */
+struct unit {
+    uint64_t size;
+    char letter; /* NUL for ones */
+};
+
+/* The largest unit that is not larger than the number. */
+unit unit_for(uint64_t number) {
+    constexpr unit UNITS[] = {{1000000000, 'G'}, {1000000, 'M'}, {1000, 'k'}};
+    for (const unit& u : UNITS) {
+        if (number >= u.size) {
+            return u;
+        }
+    }
+    return {1, '\0'};
+}
+
+/* Cut, not rounded. */
+uint64_t tenths_of(uint64_t number, uint64_t size) {
+    return number % size * 10 / size;
+}
+
+void put_tenths(char (&text)[CTL_PLOT_LABEL_SIZE], uint64_t number, unit u) {
+    snprintf(text, sizeof text, "%" PRIu64 ".%" PRIu64 "%c", number / u.size,
+             tenths_of(number, u.size), u.letter);
+}
+
 /* Where a label begins, and that it ends before `end`. */
 struct place {
     size_t at;
@@ -114,40 +141,23 @@ uint64_t ctl_plot_top(uint32_t most) {
 }
 
 void ctl_plot_label(char (&label)[CTL_PLOT_LABEL_SIZE], uint64_t number, uint64_t top) {
-    constexpr const char UNITS[] = {'k', 'M', 'G'};
-    uint64_t unit = 1;
-    unsigned thousands = 0;
-    while (thousands < sizeof UNITS && top / STEPS / unit >= 1000) {
-        unit *= 1000;
-        thousands++;
-    }
-    if (unit == 1 || number == 0) {
+    const unit u = unit_for(top / STEPS);
+    if (u.letter == '\0' || number == 0) {
         snprintf(label, sizeof label, "%" PRIu64, number);
-        return;
-    }
-    const char name = UNITS[thousands - 1];
-    const uint64_t tenths = number % unit * 10 / unit;
-    if (tenths == 0) {
-        snprintf(label, sizeof label, "%" PRIu64 "%c", number / unit, name);
+    } else if (tenths_of(number, u.size) == 0) {
+        snprintf(label, sizeof label, "%" PRIu64 "%c", number / u.size, u.letter);
     } else {
-        snprintf(label, sizeof label, "%" PRIu64 ".%" PRIu64 "%c", number / unit, tenths, name);
+        put_tenths(label, number, u);
     }
 }
 
 void ctl_plot_short(char (&text)[CTL_PLOT_LABEL_SIZE], uint32_t number) {
-    constexpr const char UNITS[] = {'k', 'M', 'G'};
-    if (number < 1000) {
+    const unit u = unit_for(number);
+    if (u.letter == '\0') {
         snprintf(text, sizeof text, "%" PRIu32, number);
-        return;
+    } else {
+        put_tenths(text, number, u);
     }
-    uint32_t unit = 1000;
-    unsigned thousands = 0;
-    while (thousands + 1 < sizeof UNITS && number / unit >= 1000) {
-        unit *= 1000;
-        thousands++;
-    }
-    snprintf(text, sizeof text, "%" PRIu32 ".%" PRIu32 "%c", number / unit,
-             number % unit / (unit / 10), UNITS[thousands]);
 }
 
 const char* ctl_plot_cell(uint32_t value, uint64_t top, unsigned height, unsigned row, bool utf8) {
