@@ -14,8 +14,6 @@ namespace {
 /* How long to stand back from a daemon whose queue of new connections is full. */
 constexpr int QUEUE_PAUSE_MS = 20;
 
-constexpr int STANDARD_OUTPUT = 1;
-
 /* For poll(): the milliseconds left, -1 for ever. */
 int time_left(int64_t deadline) {
     if (deadline == CTL_FOREVER) {
@@ -29,7 +27,7 @@ int time_left(int64_t deadline) {
 int wait_ready(int fd, short events, int64_t deadline, bool watch_output) {
     for (;;) {
         /* Asked for nothing, the second entry still tells when the other end of a pipe is gone. */
-        pollfd ready[2] = {{fd, events, 0}, {STANDARD_OUTPUT, 0, 0}};
+        pollfd ready[2] = {{fd, events, 0}, {STDOUT_FILENO, 0, 0}};
         const int found = poll(ready, watch_output ? 2 : 1, time_left(deadline));
         if (found < 0 && errno != EINTR) {
             return -errno;
