@@ -22,7 +22,7 @@ ctl_status ctl_call_complain(ctl_text key, const char* why, ctl_status status) {
     return status;
 }
 
-bool ctl_call_ask(const ctl_call* call, int count, char* const* words, ctl_status* status) {
+bool ctl_call_ask(const ctl_call* call, int count, const char* const* words, ctl_status* status) {
     *status = ctl_link_ask(call->link, count, words);
     if (call->raw) {
         const ctl_status meant = ctl_print_raw(stdout, &call->link->reply);
@@ -32,9 +32,8 @@ bool ctl_call_ask(const ctl_call* call, int count, char* const* words, ctl_statu
     return *status == CTL_DONE;
 }
 
-bool ctl_call_get(const ctl_call* call, char* name, ctl_text* value, ctl_status* status) {
-    char get[] = "get";
-    char* const words[] = {get, name};
+bool ctl_call_get(const ctl_call* call, const char* name, ctl_text* value, ctl_status* status) {
+    const char* const words[] = {"get", name};
     if (!ctl_call_ask(call, 2, words, status)) {
         return false;
     }

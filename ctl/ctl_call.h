@@ -11,7 +11,7 @@ struct ctl_call {
     bool raw;      /* print the bytes of the frames as they come */
     bool terminal; /* standard output is a terminal */
     int count;     /* words, the subcommand's name included */
-    char** words;
+    const char* const* words;
 };
 
 /* Says on standard error what is wrong with the command line, and where to read about it. Returns
@@ -24,8 +24,8 @@ ctl_status ctl_call_complain(ctl_text key, const char* why, ctl_status status);
 /* Sends the words as one request. True when the reply stands in the link, to be shown. Otherwise
  * `*status` is the subcommand's: no reply came, or it was printed as it came, since that is wanted.
  */
-bool ctl_call_ask(const ctl_call* call, int count, char* const* words, ctl_status* status);
+bool ctl_call_ask(const ctl_call* call, int count, const char* const* words, ctl_status* status);
 
 /* The same for the string under a key. True when there is one: `*value` then stands in the link's
  * reply. */
-bool ctl_call_get(const ctl_call* call, char* name, ctl_text* value, ctl_status* status);
+bool ctl_call_get(const ctl_call* call, const char* name, ctl_text* value, ctl_status* status);

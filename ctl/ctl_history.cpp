@@ -59,12 +59,12 @@ const form_option* find_option(const char* word) {
 
 /* Reads the words behind the subcommand's name: options before or behind the key, none behind "--".
  */
-ctl_status read_words(const ctl_call* call, form* wanted, char** key) {
+ctl_status read_words(const ctl_call* call, form* wanted, const char** key) {
     bool options = true;
     *wanted = FORM_TABLE;
     *key = nullptr;
     for (int i = 1; i < call->count; i++) {
-        char* word = call->words[i];
+        const char* word = call->words[i];
         if (options && strcmp(word, "--") == 0) {
             options = false;
         } else if (options && strncmp(word, "--", 2) == 0) {
@@ -89,7 +89,7 @@ ctl_status read_words(const ctl_call* call, form* wanted, char** key) {
 
 ctl_status ctl_history(ctl_call* call) {
     form wanted;
-    char* name;
+    const char* name;
     ctl_status status = read_words(call, &wanted, &name);
     if (status != CTL_DONE) {
         return status;

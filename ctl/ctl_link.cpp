@@ -132,7 +132,7 @@ void ctl_link_close(ctl_link* link) {
     ctl_reply_free(&link->reply);
 }
 
-ctl_status ctl_link_ask(ctl_link* link, int count, char* const* words) {
+ctl_status ctl_link_ask(ctl_link* link, int count, const char* const* words) {
     size_t length;
     char* request = ctl_net_compose(count, words, &length);
     if (request == nullptr) {

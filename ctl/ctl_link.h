@@ -29,7 +29,7 @@ void ctl_link_close(ctl_link* link);
  * request that may not arrive in one piece, above 32 kB on a Unix socket, is sent with a warning.
  * With CTL_DONE it is in `link->reply` until the next call; an error reply is a reply. With any
  * other status `link->reply` holds the bytes that did come. */
-ctl_status ctl_link_ask(ctl_link* link, int count, char* const* words);
+ctl_status ctl_link_ask(ctl_link* link, int count, const char* const* words);
 
 /* Waits, however long it takes, for the next event of a link that observes. CTL_OUTPUT, without a
  * word, when nobody reads our standard output any more. */

@@ -123,7 +123,7 @@ int64_t ctl_net_now() {
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
-char* ctl_net_compose(int count, char* const* words, size_t* length) {
+char* ctl_net_compose(int count, const char* const* words, size_t* length) {
     size_t size = put_head(nullptr, '*', static_cast<size_t>(count));
     for (int i = 0; i < count; i++) {
         const size_t bytes = strlen(words[i]);

@@ -18,7 +18,7 @@ int64_t ctl_net_now();
 
 /* The words as one request, an array of bulk strings. Returns malloc'ed bytes, `*length` of them,
  * or null when memory is exhausted. */
-char* ctl_net_compose(int count, char* const* words, size_t* length);
+char* ctl_net_compose(int count, const char* const* words, size_t* length);
 
 /* Connects and returns the descriptor, which the caller closes. `burst` is the length of the
  * request that will follow: the daemon serves a request only when it finds all of it in one go, so

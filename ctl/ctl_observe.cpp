@@ -41,8 +41,7 @@ ctl_status show(const ctl_call* call) {
 
 /* The daemon's answer to the request itself. */
 ctl_status begin(ctl_call* call) {
-    char word[] = "observe";
-    char* const words[] = {word};
+    const char* const words[] = {"observe"};
     const ctl_status asked = ctl_link_ask(call->link, 1, words);
     if (asked != CTL_DONE) {
         return asked;

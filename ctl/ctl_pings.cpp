@@ -45,10 +45,9 @@ ctl_status ctl_pings(ctl_call* call) {
     if (call->count != 1) {
         return ctl_call_wrong_usage("pings takes no arguments");
     }
-    char name[] = "ping.snap";
     ctl_text snap;
     ctl_status status;
-    if (!ctl_call_get(call, name, &snap, &status)) {
+    if (!ctl_call_get(call, "ping.snap", &snap, &status)) {
         return status;
     }
     if (!ctl_pings_table(stdout, snap)) {

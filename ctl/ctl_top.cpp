@@ -59,18 +59,10 @@ struct top_state {
 /* A static record: too large for the stack of a small device. */
 top_state state;
 
-ctl_status ask(const char* const* words, int count) {
-    char* copies[1 + SOURCE_COUNT];
-    for (int i = 0; i < count; i++) {
-        copies[i] = const_cast<char*>(words[i]);
-    }
-    return ctl_link_ask(state.link, count, copies);
-}
-
 /* The history under a key, when there is one: valid until the next request. */
 ctl_status fetch_series(const char* key, ctl_series* series, bool* found) {
     const char* const words[] = {"get", key};
-    const ctl_status status = ask(words, 2);
+    const ctl_status status = ctl_link_ask(state.link, 2, words);
     *found = false;
     if (status == CTL_DONE && state.link->reply.kind == '$') {
         const ctl_text value = ctl_reply_item(&state.link->reply, 0);
@@ -85,7 +77,7 @@ ctl_status collect_values() {
     for (unsigned i = 0; i < SOURCE_COUNT; i++) {
         words[1 + i] = SOURCES[i].key;
     }
-    const ctl_status status = ask(words, 1 + SOURCE_COUNT);
+    const ctl_status status = ctl_link_ask(state.link, 1 + SOURCE_COUNT, words);
     const ctl_reply* reply = &state.link->reply;
     const bool whole = status == CTL_DONE && reply->kind == '*' && reply->count == SOURCE_COUNT;
     for (unsigned i = 0; i < SOURCE_COUNT; i++) {
@@ -132,7 +124,7 @@ int compare_keys(const void* a, const void* b) {
 
 ctl_status search_interfaces() {
     const char* const words[] = {"keys", "*.10m"};
-    const ctl_status status = ask(words, 2);
+    const ctl_status status = ctl_link_ask(state.link, 2, words);
     const ctl_reply* reply = &state.link->reply;
     state.interfaces = 0;
     state.unknown = 0;

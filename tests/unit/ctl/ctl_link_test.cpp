@@ -53,11 +53,9 @@ class tessctl_link : public ::testing::Test {
         const listener daemon(address, request);
         ctl_link link;
         EXPECT_TRUE(ctl_link_init(&link, address, daemon.port, 20));
-        char set[] = "set";
-        char key[] = "k";
         /* "*3\r\n", "$3\r\nset\r\n", "$1\r\nk\r\n" and "$nnnnn\r\n...\r\n" */
-        std::string value(request - 4 - 9 - 7 - 8 - 2, 'v');
-        char* const words[] = {set, key, value.data()};
+        const std::string value(request - 4 - 9 - 7 - 8 - 2, 'v');
+        const char* const words[] = {"set", "k", value.c_str()};
         ::testing::internal::CaptureStderr();
         EXPECT_EQ(ctl_link_ask(&link, 3, words), CTL_DONE);
         ctl_link_close(&link);

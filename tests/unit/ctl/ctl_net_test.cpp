@@ -16,13 +16,9 @@
 
 namespace {
 
-std::string composed(std::vector<std::string> words) {
-    std::vector<char*> list;
-    for (std::string& word : words) {
-        list.push_back(word.data());
-    }
+std::string composed(const std::vector<const char*>& words) {
     size_t length = 0;
-    char* bytes = ctl_net_compose(static_cast<int>(list.size()), list.data(), &length);
+    char* bytes = ctl_net_compose(static_cast<int>(words.size()), words.data(), &length);
     std::string request(bytes, length);
     free(bytes);
     return request;
@@ -31,7 +27,7 @@ std::string composed(std::vector<std::string> words) {
 TEST(tessctl_request, is_an_array_of_bulk_strings) {
     EXPECT_EQ(composed({"ping"}), "*1\r\n$4\r\nping\r\n");
     EXPECT_EQ(composed({"set", "key", ""}), "*3\r\n$3\r\nset\r\n$3\r\nkey\r\n$0\r\n\r\n");
-    EXPECT_EQ(composed({"a", std::string(1000, 'x')}),
+    EXPECT_EQ(composed({"a", std::string(1000, 'x').c_str()}),
               "*2\r\n$1\r\na\r\n$1000\r\n" + std::string(1000, 'x') + "\r\n");
     EXPECT_EQ(composed({"set", "k", "a\r\nb c"}),
               "*3\r\n$3\r\nset\r\n$1\r\nk\r\n$6\r\na\r\nb c\r\n");
