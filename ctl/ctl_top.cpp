@@ -122,6 +122,24 @@ int compare_keys(const void* a, const void* b) {
     return strcmp(static_cast<const char*>(a), static_cast<const char*>(b));
 }
 
+/* Takes note of a key that may be an interface's history. */
+void note_history(ctl_text key) {
+    char name[HISTORY_KEY_SIZE] = {};
+    if (key.bytes == nullptr || key.length >= sizeof name ||
+        memchr(key.bytes, '\0', key.length) != nullptr) {
+        return;
+    }
+    memcpy(name, key.bytes, key.length);
+    if (is_own_history(name)) {
+        return;
+    }
+    if (state.interfaces == INTERFACES_MAX) {
+        state.unknown++;
+        return;
+    }
+    memcpy(state.histories[state.interfaces++], name, sizeof name);
+}
+
 ctl_status search_interfaces() {
     const char* const words[] = {"keys", "*.10m"};
     const ctl_status status = ctl_link_ask(state.link, 2, words);
@@ -129,24 +147,7 @@ ctl_status search_interfaces() {
     state.interfaces = 0;
     state.unknown = 0;
     for (uint32_t i = 0; status == CTL_DONE && reply->kind == '*' && i < reply->count; i++) {
-        const ctl_text key = ctl_reply_item(reply, i);
-        char* entry = state.histories[state.interfaces < INTERFACES_MAX ? state.interfaces : 0];
-        char name[HISTORY_KEY_SIZE];
-        if (key.bytes == nullptr || key.length >= sizeof name ||
-            memchr(key.bytes, '\0', key.length) != nullptr) {
-            continue;
-        }
-        memcpy(name, key.bytes, key.length);
-        name[key.length] = '\0';
-        if (is_own_history(name)) {
-            continue;
-        }
-        if (state.interfaces == INTERFACES_MAX) {
-            state.unknown++;
-            continue;
-        }
-        memcpy(entry, name, sizeof name);
-        state.interfaces++;
+        note_history(ctl_reply_item(reply, i));
     }
     qsort(state.histories, state.interfaces, sizeof state.histories[0], compare_keys);
     return status;
