@@ -61,7 +61,8 @@ void grow(htable* t) {
     t->nbuckets = n;
 }
 
-htable_entry* insert(htable* t, uint32_t hash) {
+/* Every new key and field comes through here. */
+inline htable_entry* insert(htable* t, uint32_t hash) {
     if (t->count >= t->nbuckets >> 1) {
         grow(t);
     }
@@ -126,6 +127,10 @@ void* htable_get(const htable* t, const char* key) {
         }
     }
     return nullptr;
+}
+
+void htable_add(htable* t, void* item) {
+    insert(t, htable_hash(item_key(item)))->item = item;
 }
 
 htable_entry* htable_put(htable* t, void* item) {

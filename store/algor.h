@@ -47,6 +47,9 @@ htable_entry* htable_find(htable* t, const char* key, htable_entry** prev, bool 
 /* Returns the stored record or null. */
 void* htable_get(const htable* t, const char* key);
 
+/* Stores a record whose key is known to be absent, without searching for it. */
+void htable_add(htable* t, void* item);
+
 /* Stores a record under the key that its first member points to. A record that was there is
  * replaced, not freed. Returns the entry. */
 htable_entry* htable_put(htable* t, void* item);

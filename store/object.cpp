@@ -31,6 +31,11 @@ void require_typed(const object* obj, object_line line) {
     object_require(object_type(obj) != OBJ_TNONE, "obj->type != OBJ_TNONE", line);
 }
 
+void make_keyspace() {
+    keyspace = htable_new();
+    event_make_names();
+}
+
 object* new_object(const char* key, uint32_t length) {
     object* obj = pool_new<object>();
     obj->key = sstr_new(key, length);
@@ -46,6 +51,23 @@ void give_type(object* obj, unsigned type) {
     } else if (type == OBJ_THASH) {
         obj->hash = htable_new();
     }
+}
+
+/* What is left of object_to_assign when the key is absent (null) or dead. Apart from it because
+ * nearly every request finds its key. */
+[[gnu::noinline]] object* make_string(object* dead, sstr key) {
+    object* obj = dead;
+    if (obj != nullptr) {
+        object_free_value(obj, true);
+    } else {
+        if (keyspace == nullptr) {
+            make_keyspace();
+        }
+        obj = new_object(key, sstr_length(key));
+        htable_add(keyspace, obj);
+    }
+    give_type(obj, OBJ_TSTRING);
+    return obj;
 }
 
 /* A new value discards a list or a hash, but keeps the flags: the change may be one of several
@@ -115,8 +137,7 @@ htable* object_keyspace() {
 
 object* object_get_or_create(const char* key, uint32_t length, unsigned type) {
     if (keyspace == nullptr) {
-        keyspace = htable_new();
-        event_make_names();
+        make_keyspace();
     }
     htable_entry* entry = htable_find(keyspace, key, nullptr, true);
     object* obj = static_cast<object*>(entry->item);
@@ -138,6 +159,14 @@ object* object_lookup(const char* key) {
     }
     object* obj = static_cast<object*>(htable_get(keyspace, key));
     return obj == nullptr || object_has(obj, OBJ_DEAD) ? nullptr : obj;
+}
+
+object* object_to_assign(sstr key) {
+    object* obj = keyspace != nullptr ? static_cast<object*>(htable_get(keyspace, key)) : nullptr;
+    if (obj != nullptr && !object_has(obj, OBJ_DEAD)) {
+        return obj;
+    }
+    return make_string(obj, key);
 }
 
 object* object_lookup_type(const char* key, unsigned type) {

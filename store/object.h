@@ -33,6 +33,11 @@ htable* object_keyspace();
  * behind it. */
 object* object_get_or_create(const char* key, uint32_t length, unsigned type);
 
+/* Returns the object of `key` for an assignment, which makes a string of any type: an object that
+ * is there is returned whatever it is, otherwise a new string without value. Never null. Searches
+ * once. */
+object* object_to_assign(sstr key);
+
 /* Returns the object, or null when it is absent or dead; the second form also when its type
  * differs. */
 object* object_lookup(const char* key);

@@ -291,6 +291,18 @@ TEST_F(hash_table_test, the_order_of_a_large_table_is_that_of_the_model) {
     EXPECT_EQ(table->nbuckets, 1597u);
 }
 
+TEST_F(hash_table_test, adding_a_new_record_is_the_same_as_putting_it) {
+    htable* other = htable_new();
+    for (int i = 0; i < 500; i++) {
+        htable_add(other, put("key" + std::to_string(i))->item());
+    }
+    EXPECT_EQ(walk_keys(other), walk_keys(table));
+    EXPECT_EQ(other->count, 500u);
+    EXPECT_EQ(other->nbuckets, 1597u);
+    EXPECT_EQ(htable_get(other, "key7"), htable_get(table, "key7"));
+    htable_free(other);
+}
+
 TEST_F(hash_table_test, keys_with_the_same_hash_are_told_apart_by_their_text) {
     /* 65 * 31 + 97 = 66 * 31 + 66 */
     ASSERT_EQ(htable_hash("Aa"), htable_hash("BB"));

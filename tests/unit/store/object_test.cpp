@@ -211,6 +211,43 @@ TEST_F(object_keyspace_test, the_length_of_a_key_may_be_left_to_its_nul) {
     EXPECT_EQ(bytes_of(obj->key), "abc");
 }
 
+TEST_F(object_keyspace_test, an_assignment_to_an_absent_key_gets_a_new_string) {
+    object* obj = object_to_assign(text("k"));
+    EXPECT_EQ(obj->flags, OBJ_TSTRING);
+    EXPECT_EQ(obj->value, nullptr);
+    EXPECT_EQ(bytes_of(obj->key), "k");
+    EXPECT_EQ(object_lookup("k"), obj);
+    EXPECT_EQ(object_keyspace()->count, 1u);
+}
+
+TEST_F(object_keyspace_test, an_assignment_gets_what_is_there_of_any_type) {
+    for (const unsigned type : {OBJ_TSTRING, OBJ_TLIST, OBJ_THASH}) {
+        object_reset();
+        object* obj = make("k", type);
+        EXPECT_EQ(object_to_assign(text("k")), obj);
+        EXPECT_EQ(obj->flags, type);
+    }
+}
+
+TEST_F(object_keyspace_test, an_assignment_brings_a_dead_key_back_as_a_string) {
+    object* obj = make("k", OBJ_THASH);
+    object_hash_set(obj, text("f"), text("v"));
+    obj->aux = reinterpret_cast<history_series*>(obj);
+    object_delete(obj);
+    EXPECT_EQ(object_to_assign(text("k")), obj);
+    EXPECT_EQ(obj->flags, OBJ_TSTRING);
+    EXPECT_EQ(obj->value, nullptr);
+    EXPECT_EQ(obj->aux, nullptr);
+    EXPECT_EQ(object_keyspace()->count, 1u);
+}
+
+TEST_F(object_keyspace_test, an_assignment_keeps_all_bytes_of_a_new_key) {
+    const std::string_view key("ab\0cd", 5);
+    object* obj = object_to_assign(text(key));
+    EXPECT_EQ(bytes_of(obj->key), key);
+    EXPECT_EQ(object_to_assign(text("ab")), obj);
+}
+
 TEST_F(object_keyspace_test, reset_forgets_everything) {
     make("a", OBJ_TSTRING);
     object_rpush(make("b", OBJ_TLIST), "v");
