@@ -1,3 +1,4 @@
+#include "core/pool.h"
 #include "core/text.h"
 #include "proto/cmd.h"
 
@@ -28,45 +29,28 @@ void add_argument_to_key(client* c, bool negate, const char* reason) {
     add_to_object(c, end != cmd_arg(c, 1) ? obj : nullptr, delta, reason);
 }
 
-/* The object of the key at `index`, made as a string when missing. An existing one is returned
- * whatever it is: assigning makes a string of it. */
-object* object_to_assign(const client* c, uint32_t index) {
-    const sstr key = cmd_arg(c, index);
-    object* obj = object_lookup(key);
-    return obj != nullptr ? obj : object_get_or_create(key, sstr_length(key), OBJ_TSTRING);
-}
-
-/* The object of the key at `index`, made as a string when missing and marked as being changed in
- * steps, with the value behind the key assigned. False when it cannot be made. */
-bool assign_pair(const client* c, uint32_t index) {
-    object* obj = object_to_assign(c, index);
-    if (obj == nullptr) {
-        return false;
+/* Assigns every pair of key and value, then announces each key once, with its last value. */
+void assign_pairs(const client* c) {
+    const uint32_t pairs = c->request->argc / 2;
+    if (pairs == 0) {
+        return;
     }
-    object_defer(obj);
-    object_set_string(obj, cmd_arg(c, index + 1));
-    return true;
-}
-
-/* Announces each key once, with its last value, after all are assigned. */
-void flush_pairs(const client* c) {
-    for (uint32_t i = 0; i < c->request->argc; i += 2) {
-        object* obj = object_lookup(cmd_arg(c, i));
-        if (obj != nullptr) {
-            object_flush(obj);
+    /* The objects are remembered, because searching for each again takes as long as the assignment:
+     * a client may send thousands of keys of one hash value. */
+    const size_t size = pairs * sizeof(object*);
+    object** objects = static_cast<object**>(pool_alloc(size));
+    for (uint32_t i = 0; i < pairs; i++) {
+        objects[i] = object_to_assign(cmd_arg(c, 2 * i));
+        object_defer(objects[i]);
+        object_set_string(objects[i], cmd_arg(c, 2 * i + 1));
+    }
+    for (uint32_t i = 0; i < pairs; i++) {
+        /* A string-change hook of an earlier key may have deleted this one. */
+        if (!object_has(objects[i], OBJ_DEAD)) {
+            object_flush(objects[i]);
         }
     }
-}
-
-uint32_t assign_pairs(const client* c) {
-    uint32_t assigned = 0;
-    for (uint32_t i = 0; i < c->request->argc; i += 2) {
-        if (assign_pair(c, i)) {
-            assigned++;
-        }
-    }
-    flush_pairs(c);
-    return assigned;
+    pool_free(objects, size);
 }
 
 bool every_key_is_missing(const client* c) {
@@ -118,10 +102,7 @@ void cmd_get(client* c) {
 }
 
 void cmd_set(client* c) {
-    object* obj = object_to_assign(c, 0);
-    if (obj == nullptr) {
-        return;
-    }
+    object* obj = object_to_assign(cmd_arg(c, 0));
     object_set_string(obj, cmd_arg(c, 1));
     resp_status(c->reply, nullptr);
 }
@@ -190,6 +171,9 @@ void cmd_mset(client* c) {
 }
 
 void cmd_msetnx(client* c) {
-    const bool all = every_key_is_missing(c) && assign_pairs(c) == c->request->argc / 2;
+    const bool all = every_key_is_missing(c);
+    if (all) {
+        assign_pairs(c);
+    }
     resp_integer(c->reply, all ? 1 : 0);
 }
