@@ -51,6 +51,7 @@ int main(int argc, char** argv) {
         endpoint_unlink(o.address);
     }
     server* listener = server_open(o.address, o.port);
+    pidfile_release();
     sstr_free(&o.address);
     if (listener == nullptr) {
         return 0;

@@ -124,13 +124,6 @@ class predecessor : public daemon_test {
         waitid(P_PID, static_cast<id_t>(other.pid()), &info, WEXITED | WNOHANG | WNOWAIT);
         return info.si_pid == other.pid();
     }
-
-    /* True when the process waits for something. */
-    static bool sleeps(pid_t pid) {
-        std::string text = read_file("/proc/" + std::to_string(pid) + "/stat");
-        size_t name_end = text.rfind(") ");
-        return name_end != std::string::npos && text.compare(name_end + 2, 1, "S") == 0;
-    }
 };
 
 class background : public daemon_test {};
@@ -562,44 +555,6 @@ TEST_F(start_up, the_first_sweep_of_expired_keys_comes_a_second_after_the_first_
         quickest = std::min(quickest, life_of_an_expired_key());
     }
     EXPECT_LE(quickest, latest);
-}
-
-TEST_F(predecessor, the_start_is_logged_before_it_is_killed) {
-    named_process other("tessard");
-    write_pid(std::to_string(other.pid()));
-    /* Standard output is a pipe that is full, so the daemon stops at its first line. */
-    int ends[2];
-    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    fcntl(ends[1], F_SETFL, O_NONBLOCK);
-    const std::string block(4096, 'x');
-    while (write(ends[1], block.data(), block.size()) > 0) {
-    }
-    fcntl(ends[1], F_SETFL, 0);
-    process_options options;
-    std::string pipe_path = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(ends[1]);
-    options.before_exec = [&] { dup2(open(pipe_path.c_str(), O_WRONLY | O_CLOEXEC), 1); };
-    process& daemon = launch({"-f", "stdout"}, options);
-    int asleep = 0;
-    EXPECT_TRUE(eventually([&] {
-        asleep = sleeps(daemon.pid()) ? asleep + 1 : 0;
-        return asleep == 20;
-    }));
-    EXPECT_FALSE(file_exists("/tmp/tessard.sock"));
-    EXPECT_EQ(other.wait_exit(0), STILL_RUNNING);
-
-    std::string logged;
-    fcntl(ends[0], F_SETFL, O_NONBLOCK);
-    EXPECT_TRUE(eventually([&] {
-        char chunk[4096];
-        for (ssize_t got; (got = read(ends[0], chunk, sizeof chunk)) > 0;) {
-            logged.append(chunk, static_cast<size_t>(got));
-        }
-        return logged.find("application started with pid ") != std::string::npos;
-    }));
-    EXPECT_EQ(other.wait_exit(), KILLED_BY + SIGKILL);
-    EXPECT_TRUE(wait_for_server());
-    close(ends[0]);
-    close(ends[1]);
 }
 
 TEST_F(predecessor, nobody_waits_for_its_end) {
