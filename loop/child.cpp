@@ -6,8 +6,8 @@
 #include <unistd.h>
 
 #include "core/pool.h"
+#include "loop/endpoint.h"
 #include "loop/loop.h"
-#include "loop/server.h"
 
 namespace {
 
@@ -59,8 +59,10 @@ bool child_spawn(const char* command, child_completed completed, void* argument)
     if (pipe2(ends, O_CLOEXEC) < 0) {
         return false;
     }
-    /* A pipe that the loop cannot watch would end the daemon. */
-    const pid_t pid = ends[0] < loop_maxfd() ? fork() : -1;
+    /* Asked before there is a child: a pipe that the loop cannot watch would end the daemon, one
+     * that blocks would stop it. */
+    const bool usable = ends[0] < loop_maxfd() && endpoint_set_nonblocking(ends[0]) >= 0;
+    const pid_t pid = usable ? fork() : -1;
     if (pid < 0) {
         close(ends[0]);
         close(ends[1]);
@@ -70,7 +72,7 @@ bool child_spawn(const char* command, child_completed completed, void* argument)
         run_command(command, ends);
     }
     close(ends[1]);
-    connection* c = loop_add_connection(ends[0], nullptr);
+    connection* c = connection_open(ends[0]);
     completion* record = pool_new<completion>();
     *record = {completed, argument};
     c->user_data = record;

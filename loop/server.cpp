@@ -41,6 +41,13 @@ void join(connection* c, server* owner) {
     owner->references++;
 }
 
+void expect_free_slot(int fd) {
+    if (!(fd < loop_maxfd() && !loop_has_handler(fd))) {
+        fault_abort("fd < maxfd && files[fd].cb == ((void *)0)", "loop", LOOP_FAULT_ADD_CONNECTION,
+                    "loop_add_connection");
+    }
+}
+
 } // namespace
 
 server* server_open(const char* address, int port) {
@@ -65,12 +72,10 @@ server* server_open(const char* address, int port) {
 }
 
 connection* loop_add_connection(int fd, server* owner) {
-    if (!(fd < loop_maxfd() && !loop_has_handler(fd))) {
-        fault_abort("fd < maxfd && files[fd].cb == ((void *)0)", "loop", LOOP_FAULT_ADD_CONNECTION,
-                    "loop_add_connection");
+    expect_free_slot(fd);
+    if (endpoint_set_nonblocking(fd) < 0 || endpoint_set_cloexec(fd) < 0) {
+        return nullptr;
     }
-    (void)endpoint_set_nonblocking(fd);
-    (void)endpoint_set_cloexec(fd);
     connection* c = connection_open(fd);
     if (owner != nullptr) {
         join(c, owner);
@@ -90,7 +95,7 @@ void cb_sserver(int fd, unsigned mask, void* argument) {
     if (s->conn_ondata == nullptr) {
         fault_abort("s->conn_ondata != ((void *)0)", "loop", LOOP_FAULT_ACCEPT, "cb_sserver");
     }
-    const int accepted = accept(fd, nullptr, nullptr);
+    const int accepted = accept4(fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (accepted < 0) {
         /* The client went away again, or descriptors ran out: there is nobody to tell. */
         return;
@@ -99,7 +104,9 @@ void cb_sserver(int fd, unsigned mask, void* argument) {
         close(accepted);
         return;
     }
-    connection* c = loop_add_connection(accepted, s);
+    expect_free_slot(accepted);
+    connection* c = connection_open(accepted);
+    join(c, s);
     c->conn_ondata = s->conn_ondata;
     c->on_close = s->on_close;
     if (s->on_accept != nullptr) {

@@ -33,8 +33,9 @@ server* server_open(const char* address, int port);
 
 /* Makes a connection of a descriptor, which is the connection's from now on: makes it non-blocking
  * and close-on-exec, links the record at the front of the server's list and takes a reference on
- * the server (null: none), and watches for input. Aborts when the descriptor is not below the
- * loop's limit or has a handler. */
+ * the server (null: none), and watches for input. Null, with the descriptor still the caller's,
+ * when it cannot be made so: one that blocks would stop the daemon. Aborts when the descriptor is
+ * not below the loop's limit or has a handler. */
 connection* loop_add_connection(int fd, server* owner);
 
 /* The handler of the listening descriptor; `argument` is the server. Accepts one connection for

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <dirent.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -24,6 +25,7 @@
 #include "loop/loop.h"
 #include "loop/server.h"
 #include "tests/unit/support/own_world.h"
+#include "tests/unit/support/test_kernel.h"
 
 using namespace unit_test;
 
@@ -548,6 +550,19 @@ TEST_F(children_test, the_pipe_is_read_without_blocking_and_not_inherited) {
     EXPECT_TRUE(found);
     run([&] { return o.calls > 0; });
     EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST_F(children_test, a_pipe_that_would_block_starts_none) {
+    const size_t before = open_descriptors();
+    outcome o;
+    test_kernel::fcntl_failures = {EIO, EIO, EIO, EIO};
+    EXPECT_FALSE(child_spawn("echo x", take, &o));
+    test_kernel::fcntl_failures.clear();
+    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "nothing was forked";
+    int steps = 0;
+    run([&] { return ++steps == 2; });
+    EXPECT_EQ(o.calls, 0);
 }
 
 TEST_F(children_test, without_a_pipe_none_is_started) {

@@ -315,6 +315,24 @@ TEST_P(connection_test, is_watched_for_input_alone) {
     EXPECT_EQ(ready_mask(s.c->fd), 1u);
 }
 
+TEST_P(connection_test, a_descriptor_whose_flags_cannot_be_set_makes_none) {
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    /* The first question or change fails, or a later one. */
+    for (const std::deque<int>& failures :
+         {std::deque<int>{EIO}, std::deque<int>{EIO, EIO}, std::deque<int>{EIO, EIO, EIO}}) {
+        test_kernel::fcntl_failures = failures;
+        EXPECT_EQ(loop_add_connection(ends[0], &owner), nullptr);
+        test_kernel::fcntl_failures.clear();
+        EXPECT_FALSE(loop_has_handler(ends[0]));
+        EXPECT_GE(fcntl(ends[0], F_GETFD), 0) << "it is still the caller's";
+    }
+    EXPECT_EQ(owner.references, 1u);
+    EXPECT_EQ(owner.connections, nullptr);
+    close(ends[0]);
+    close(ends[1]);
+}
+
 TEST_P(connection_test, stands_at_the_front_of_its_servers_list_and_is_counted) {
     stream& first = open_stream();
     stream& second = open_stream();

@@ -19,6 +19,7 @@
 #include "loop/connection.h"
 #include "loop/endpoint.h"
 #include "loop/loop.h"
+#include "tests/unit/support/test_kernel.h"
 
 namespace {
 
@@ -226,6 +227,18 @@ TEST_P(server_test, an_accepted_connection_gets_its_callbacks_and_is_counted) {
     EXPECT_EQ(accepted[1], second);
     EXPECT_NE(fcntl(first->fd, F_GETFL) & O_NONBLOCK, 0);
     EXPECT_EQ(fcntl(first->fd, F_GETFD), FD_CLOEXEC);
+    finish(s);
+}
+
+TEST_P(server_test, an_accepted_connection_never_blocks_even_when_no_flag_can_be_set) {
+    server* s = open_server();
+    connect_client();
+    test_kernel::fcntl_failures = {EIO, EIO, EIO, EIO};
+    cb_sserver(s->fd, LOOP_READABLE, s);
+    test_kernel::fcntl_failures.clear();
+    ASSERT_NE(s->connections, nullptr);
+    EXPECT_NE(fcntl(s->connections->fd, F_GETFL) & O_NONBLOCK, 0);
+    EXPECT_EQ(fcntl(s->connections->fd, F_GETFD), FD_CLOEXEC);
     finish(s);
 }
 

@@ -24,7 +24,9 @@ std::deque<int> writev_answers;
 std::deque<int> read_answers;
 std::deque<int> ioctl_failures;
 std::deque<int> fstat_failures;
+std::deque<int> fcntl_failures;
 std::deque<int> daemon_failures;
+std::deque<int> accept_failures;
 std::deque<std::vector<epoll_event>> epoll_answers;
 uint32_t memory;
 int select_descriptors = -1;
@@ -102,6 +104,25 @@ extern "C" ssize_t read(int fd, void* bytes, size_t size) {
 
 extern "C" int fstat(int fd, struct stat* status) noexcept {
     return fstat_failures.empty() ? fstatat(fd, "", status, AT_EMPTY_PATH) : give(&fstat_failures);
+}
+
+extern "C" int fcntl(int fd, int command, ...) {
+    va_list arguments;
+    va_start(arguments, command);
+    void* argument = va_arg(arguments, void*);
+    va_end(arguments);
+#ifdef SYS_fcntl64
+    constexpr long number = SYS_fcntl64;
+#else
+    constexpr long number = SYS_fcntl;
+#endif
+    return fcntl_failures.empty() ? static_cast<int>(syscall(number, fd, command, argument))
+                                  : give(&fcntl_failures);
+}
+
+extern "C" int accept4(int fd, sockaddr* peer, socklen_t* size, int flags) {
+    return accept_failures.empty() ? static_cast<int>(syscall(SYS_accept4, fd, peer, size, flags))
+                                   : give(&accept_failures);
 }
 
 extern "C" int daemon(int keep_folder, int keep_output) noexcept {

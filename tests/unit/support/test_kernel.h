@@ -21,11 +21,13 @@ extern std::deque<int> recv_answers;
 extern std::deque<int> writev_answers;
 extern std::deque<int> read_answers;
 
-/* Error numbers with which the next questions about a descriptor (ioctl, fstat) fail, and the next
- * attempts to become a daemon. */
+/* Error numbers with which the next questions about a descriptor (ioctl, fstat, fcntl) fail, the
+ * next attempts to become a daemon, and the next to accept a client. */
 extern std::deque<int> ioctl_failures;
 extern std::deque<int> fstat_failures;
+extern std::deque<int> fcntl_failures;
 extern std::deque<int> daemon_failures;
+extern std::deque<int> accept_failures;
 
 /* What the next waits of epoll return, one batch each. */
 extern std::deque<std::vector<epoll_event>> epoll_answers;
