@@ -34,6 +34,7 @@ struct lcd_state {
     lcd_mode mode;
     const char* path;  /* the device; null without a panel */
     lcd_writer writer; /* how a screen is sent; null without a panel */
+    int port = -1;     /* the serial port as it was last opened, -1 when it is closed */
     uint32_t shown_up; /* bytes per second, kept from refresh to refresh */
     uint32_t shown_down;
 };
@@ -57,6 +58,27 @@ const char* const first_port_models[] = {"KT7010", "KT7020", "KT7030",
 
 int write_text(int fd, const char* text, size_t length) {
     return static_cast<int>(write(fd, text, length));
+}
+
+/* What the port has not taken by now is part of an old screen. */
+void drop_old_screen() {
+    if (state.port >= 0) {
+        (void)tcflush(state.port, TCOFLUSH);
+    }
+}
+
+/* Takes over the port as it was opened just now, or -1. Whoever closes a port last waits for what
+ * it holds, so one stays open until it is open once more. */
+void keep_port(int fd) {
+    if (state.port >= 0) {
+        close(state.port);
+    }
+    state.port = fd;
+}
+
+void close_port() {
+    drop_old_screen();
+    keep_port(-1);
 }
 
 void decide(lcd_mode mode, const char* path, lcd_writer writer) {
@@ -139,7 +161,7 @@ void try_serial_panel() {
     }
     set_up_line(fd);
     (void)lcd_write_frame(fd, CLEAR_TEXT, sizeof CLEAR_TEXT);
-    close(fd);
+    keep_port(fd);
     decide(MODE_SERIAL, path, lcd_write_frame);
 }
 
@@ -224,12 +246,18 @@ void refresh() {
         if (log_wants(LOG_ERROR)) {
             log_write(LOG_ERROR, "open (%s) failed.", state.path);
         }
+        close_port();
         return;
     }
     char screen[SCREEN_SIZE];
     format_screen(screen);
+    if (state.mode == MODE_SERIAL) {
+        keep_port(fd);
+    }
     (void)state.writer(fd, screen, sizeof screen);
-    close(fd);
+    if (state.mode == MODE_NODE) {
+        close(fd);
+    }
 }
 
 /* Fills the frame from the text, which is split in place. */
@@ -286,13 +314,14 @@ int lcd_write_frame(int fd, const char* text, size_t length) {
     if (write(fd, frame, sizeof frame) == sizeof frame) {
         return static_cast<int>(taken);
     }
-    /* The port takes no more. What waits there goes: the part of a frame would spoil the next one,
-     * and closing would wait for it to go out. */
+    /* The port takes no more. What waits there goes: the part of a frame would spoil the next one.
+     */
     (void)tcflush(fd, TCOFLUSH);
     return -1;
 }
 
 int lcd_ontimer(void*) {
+    drop_old_screen();
     if (!state.decided) {
         try_to_decide();
     }
@@ -303,6 +332,7 @@ int lcd_ontimer(void*) {
 }
 
 void module_lcd_start() {
+    close_port();
     state = {};
     state.model_tool = {"uci get product_params.vendor.standardtype", is_model_complete, false, 0};
     for (lcd_stat_key& stat : lcd_stat_keys) {

@@ -23,10 +23,11 @@
  *   5 + 20 * k   2        AA D0
  *   rest                  zeros
  *
- * Writing never waits: a screen that the port does not take whole is lost together with what the
- * port still holds, and the next one comes in three seconds. Closing does wait for the frame to go
- * out, about 95 ms at this speed; for a line that flow control holds it is the kernel that gives
- * up, after the closing time set for the port. */
+ * Nothing waits for the port. A screen that it does not take whole is lost together with what it
+ * still holds, and the next one comes in three seconds. A frame takes about 95 ms to go out at this
+ * speed, and closing would wait for it, for half a minute where flow control holds the line: so the
+ * port stays open from run to run. At the next run, what it has not taken is dropped, and it is
+ * opened afresh before it is closed. */
 
 void module_lcd_start();
 

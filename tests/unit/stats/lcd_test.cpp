@@ -7,14 +7,17 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <stdarg.h>
 #include <stdlib.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/sysmacros.h>
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <fstream>
 #include <functional>
@@ -79,9 +82,15 @@ struct line_watch {
     bool input_speed = true; /* false: the line seems to know none */
     std::vector<std::string> calls = {};
     int flags = 0; /* of the descriptor, as the line's settings were last asked for */
+    std::vector<std::string> port = {}; /* the port's openings and closings, and what was dropped */
 };
 
 line_watch watched;
+
+bool is_terminal(int fd) {
+    struct stat status;
+    return fstat(fd, &status) == 0 && S_ISCHR(status.st_mode) && isatty(fd) == 1;
+}
 
 /* What a text becomes on the wire. */
 std::string written(std::string_view bytes, size_t length, int expected_result) {
@@ -255,9 +264,31 @@ extern "C" int tcsetattr(int fd, int when, const termios* settings) noexcept {
     return real(fd, when, settings);
 }
 
+extern "C" int open(const char* path, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+    va_end(arguments);
+    const int fd = openat(AT_FDCWD, path, flags, mode);
+    if (watched.on && is_terminal(fd)) {
+        watched.port.push_back((flags & O_ACCMODE) == O_WRONLY ? "open to write" : "open");
+    }
+    return fd;
+}
+
+extern "C" int close(int fd) {
+    if (watched.on && is_terminal(fd)) {
+        watched.port.push_back("close");
+    }
+    return static_cast<int>(syscall(SYS_close, fd));
+}
+
 extern "C" int tcflush(int fd, int queue) noexcept {
     static const auto real = reinterpret_cast<int (*)(int, int)>(dlsym(RTLD_NEXT, "tcflush"));
     if (watched.on) {
+        if (queue == TCOFLUSH) {
+            watched.port.push_back("drop");
+        }
         watched.calls.push_back(queue == TCIFLUSH    ? "drop input"
                                 : queue == TCOFLUSH  ? "drop output"
                                 : queue == TCIOFLUSH ? "drop both"
@@ -1074,6 +1105,53 @@ TEST_F(panel_test, a_panel_that_stops_reading_holds_nobody_up) {
     });
 }
 
+TEST_F(panel_test, the_port_stays_open_until_the_next_run_for_the_screen_to_go_out) {
+    in_own_devices([&] {
+        serial_device();
+        watched.on = true;
+        lcd_ontimer(nullptr);
+        EXPECT_THAT(watched.port, ElementsAre("open", "open to write", "close"))
+            << "the clear command goes out too: the port is open all the time";
+        watched.port.clear();
+        lcd_ontimer(nullptr);
+        EXPECT_THAT(watched.port, ElementsAre("drop", "open to write", "close"))
+            << "what is there three seconds later does not go out any more";
+        watched.port.clear();
+        lcd_ontimer(nullptr);
+        EXPECT_THAT(watched.port, ElementsAre("drop", "open to write", "close"));
+        watched.on = false;
+    });
+}
+
+TEST_F(panel_test, a_port_that_cannot_be_opened_again_is_closed_and_nothing_dropped_later) {
+    in_own_devices([&] {
+        serial_device();
+        sent_by_run();
+        ASSERT_EQ(umount2("/dev/ttyS0", MNT_DETACH), 0);
+        unlink("/dev/ttyS0");
+        watched.on = true;
+        lcd_ontimer(nullptr);
+        const std::vector<std::string> first = watched.port;
+        lcd_ontimer(nullptr);
+        watched.on = false;
+        EXPECT_THAT(first, testing::Contains("drop"));
+        EXPECT_EQ(first.back(), "close");
+        EXPECT_EQ(std::count(first.begin(), first.end(), "close"), 1);
+        EXPECT_EQ(watched.port, first) << "nothing is left for the second run";
+    });
+}
+
+TEST_F(panel_test, a_start_closes_the_port_of_an_earlier_one) {
+    in_own_devices([&] {
+        serial_device();
+        sent_by_run();
+        watched.on = true;
+        module_lcd_start();
+        watched.on = false;
+        EXPECT_THAT(watched.port, ElementsAre("drop", "close"));
+    });
+}
+
 TEST_F(panel_test, the_port_does_not_become_the_controlling_terminal) {
     in_own_devices([&] {
         serial_device();
@@ -1090,7 +1168,7 @@ TEST_F(panel_test, the_port_does_not_become_the_controlling_terminal) {
     });
 }
 
-TEST_F(panel_test, no_descriptor_is_left_open) {
+TEST_F(panel_test, no_descriptor_but_the_ports_is_left_open) {
     in_own_devices([&] {
         const auto count = [] {
             int open_now = 0;
@@ -1109,7 +1187,7 @@ TEST_F(panel_test, no_descriptor_is_left_open) {
         for (int i = 0; i < 10; i++) {
             sent_by_run();
         }
-        EXPECT_EQ(count(), before + 10);
+        EXPECT_EQ(count(), before + 10 + 1);
     });
 }
 
