@@ -26,6 +26,7 @@
 #include "tests/support/big_endian.h"
 #include "tests/system/model/frames.h"
 #include "tests/system/support/daemon_test.h"
+#include "tests/system/support/log_text.h"
 
 using namespace system_test;
 
@@ -771,6 +772,29 @@ TEST_F(statistics, outside_tools_may_say_anything_or_nothing) {
 
     EXPECT_TRUE(daemon->running());
     EXPECT_EQ(daemon->out() + daemon->err(), "") << "a foreground daemon's terminal stays clean";
+}
+
+TEST_F(statistics, a_tool_that_hangs_holds_the_tick_five_seconds_and_is_killed_with_its_children) {
+    ASSERT_NO_FATAL_FAILURE(start_running());
+    host_tool("sleep 1000 & echo $! >" + work("child") +
+              "; echo 'Online hosts: 6'; echo 'Max Online hosts: 10'; wait");
+    for (int i = 0; i < 2; i++) {
+        const tick one = tick_from_now();
+        EXPECT_EQ(one.strings.at("host.num") + " of " + one.strings.at("host.maxnum") + ", " +
+                      one.strings.at("conn"),
+                  "5 of 9, 123");
+    }
+    EXPECT_EQ(log_messages(read_file("/tmp/tessard.log"), {"outside tool"}),
+              words{"outside tool (hostmon --showg) has not ended after 5 seconds and is killed"})
+        << "once";
+    host_tool("echo 'Online hosts: 7'");
+    EXPECT_EQ(tick_from_now().strings.at("host.num"), "7") << "the next one is asked all the same";
+    const std::string child = read_file(work("child"));
+    EXPECT_TRUE(eventually([&child] {
+        /* Gone, or waiting for the machine's first process to reap it. */
+        const std::string stat = read_file("/proc/" + child.substr(0, child.size() - 1) + "/stat");
+        return stat.empty() || stat.find(") Z") != std::string::npos;
+    }));
 }
 
 TEST_F(statistics, the_real_connection_tool_is_read) {
