@@ -34,38 +34,43 @@ int64_t now_ms() {
     return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
-/* Starts a shell. With a descriptor for its output it leads a process group, and what it complains
- * about goes nowhere. Returns its process, or -1. */
+/* What a shell is started with: the default actions of the ignored signals, and, with a descriptor
+ * for its output, a process group of its own and complaints that go nowhere. */
+bool set_up(posix_spawnattr_t* attributes, posix_spawn_file_actions_t* actions, int output) {
+    sigset_t defaults;
+    (void)sigemptyset(&defaults);
+    (void)sigaddset(&defaults, SIGPIPE);
+    (void)sigaddset(&defaults, SIGXFSZ);
+    if (posix_spawnattr_setsigdefault(attributes, &defaults) != 0) {
+        return false;
+    }
+    if (output < 0) {
+        return posix_spawnattr_setflags(attributes, POSIX_SPAWN_SETSIGDEF) == 0;
+    }
+    return posix_spawnattr_setflags(attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP) ==
+               0 &&
+           posix_spawn_file_actions_adddup2(actions, output, STDOUT_FILENO) == 0 &&
+           posix_spawn_file_actions_addopen(actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0) == 0;
+}
+
+/* Starts a shell; `output` is below 0 for one whose output is left alone. Returns its process, or
+ * -1. */
 pid_t spawn_shell(const char* command, int output) {
     posix_spawnattr_t attributes;
     posix_spawn_file_actions_t actions;
     if (posix_spawnattr_init(&attributes) != 0) {
         return -1;
     }
-    if (posix_spawn_file_actions_init(&actions) != 0) {
-        (void)posix_spawnattr_destroy(&attributes);
-        return -1;
-    }
-    sigset_t defaults;
-    (void)sigemptyset(&defaults);
-    (void)sigaddset(&defaults, SIGPIPE);
-    (void)sigaddset(&defaults, SIGXFSZ);
-    int failed = posix_spawnattr_setsigdefault(&attributes, &defaults);
-    short flags = POSIX_SPAWN_SETSIGDEF;
-    if (output >= 0) {
-        flags |= POSIX_SPAWN_SETPGROUP;
-        failed |= posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
-        failed |=
-            posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-    }
-    failed |= posix_spawnattr_setflags(&attributes, flags);
     pid_t pid = -1;
-    char* const words[] = {const_cast<char*>("sh"), const_cast<char*>("-c"),
-                           const_cast<char*>(command), nullptr};
-    if (failed != 0 || posix_spawn(&pid, "/bin/sh", &actions, &attributes, words, environ) != 0) {
-        pid = -1;
+    if (posix_spawn_file_actions_init(&actions) == 0) {
+        char* const words[] = {const_cast<char*>("sh"), const_cast<char*>("-c"),
+                               const_cast<char*>(command), nullptr};
+        if (!set_up(&attributes, &actions, output) ||
+            posix_spawn(&pid, "/bin/sh", &actions, &attributes, words, environ) != 0) {
+            pid = -1;
+        }
+        (void)posix_spawn_file_actions_destroy(&actions);
     }
-    (void)posix_spawn_file_actions_destroy(&actions);
     (void)posix_spawnattr_destroy(&attributes);
     return pid;
 }
