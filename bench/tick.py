@@ -1,12 +1,13 @@
 #!/usr/bin/env python3
-"""Counts what the statistics' tick costs in user space on a machine with many interfaces, by callgrind.
+"""Counts, by callgrind, what the statistics' tick costs in user space with many interfaces.
 
-    bench/tick.py [PROGRAM]        build/tessard when not given; needs valgrind, ip, python3 and root
+    bench/tick.py [PROGRAM]        build/tessard when not given
 
-The daemon runs in namespaces of its own, with 100 interfaces and without outside tools. It is stopped after 5 and,
-in a second run, after 15 ticks; the difference, divided by 10, leaves out what only the first ticks do. Counted is what
-the timer's callback does, in the daemon and in the C library, without the commands that it starts. Exits with 1 above
-the budget.
+It needs valgrind, ip, python3 and root. The daemon runs in namespaces of its own, with 100
+interfaces and without outside tools. It is stopped after 5 and, in a second run, after 15 ticks;
+the difference, divided by 10, leaves out what only the first ticks do. Counted is what the timer's
+callback does, in the daemon and in the C library, without the commands that it starts. Exits with 1
+above the budget.
 """
 import os
 import re
@@ -34,8 +35,9 @@ def ticks(client):
 def instructions(program, count):
     with tempfile.NamedTemporaryFile() as log:
         daemon = subprocess.Popen(
-            ["valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null", "--toggle-collect=stats_ontimer*",
-             program, "-f", "syslog"], env={"PATH": "/usr/bin:/bin"}, stdout=subprocess.DEVNULL, stderr=log)
+            ["valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null",
+             "--toggle-collect=stats_ontimer*", program, "-f", "syslog"],
+            env={"PATH": "/usr/bin:/bin"}, stdout=subprocess.DEVNULL, stderr=log)
         client = connect()
         while ticks(client) < count:
             time.sleep(0.3)
@@ -48,13 +50,15 @@ def instructions(program, count):
 
 def main():
     root = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-    program = os.path.abspath(sys.argv[1]) if len(sys.argv) > 1 else os.path.join(root, "build", "tessard")
+    given = sys.argv[1] if len(sys.argv) > 1 else os.path.join(root, "build", "tessard")
+    program = os.path.abspath(given)
     if os.environ.get("TESSARD_BENCH_INSIDE") is None:
         os.environ["TESSARD_BENCH_INSIDE"] = "1"
-        os.execvp("unshare", ["unshare", "-mn", "sh", "-c", 'mount -t tmpfs none /tmp && exec "$@"', "sh",
-                              sys.executable, os.path.abspath(__file__), program])
+        os.execvp("unshare", ["unshare", "-mn", "sh", "-c", 'mount -t tmpfs none /tmp && exec "$@"',
+                              "sh", sys.executable, os.path.abspath(__file__), program])
     for i in range(0, INTERFACES, 2):
-        subprocess.run(["ip", "link", "add", f"eth{i}", "type", "veth", "peer", "name", f"eth{i + 1}"], check=True)
+        subprocess.run(["ip", "link", "add", f"eth{i}", "type", "veth",
+                        "peer", "name", f"eth{i + 1}"], check=True)
     cost = (instructions(program, MANY) - instructions(program, FEW)) // (MANY - FEW)
     print(f"tick with {INTERFACES} interfaces {cost} instructions, budget {BUDGET}")
     return 1 if cost > BUDGET else 0
