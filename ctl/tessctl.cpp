@@ -1,8 +1,6 @@
 /* tessctl: asks the daemon from the command line. Here are the options and the table of subcommands
  * that are tessctl's own; whatever else is named goes to the daemon as it stands. */
 
-#include <errno.h>
-#include <fcntl.h>
 #include <getopt.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -10,6 +8,7 @@
 #include <strings.h>
 #include <unistd.h>
 
+#include "core/descriptor.h"
 #include "ctl/ctl_call.h"
 #include "ctl/ctl_history.h"
 #include "ctl/ctl_link.h"
@@ -129,16 +128,6 @@ ctl_status read_options(int argc, char** argv, settings* s) {
     return status;
 }
 
-/* A closed standard descriptor would be given to the connection, and what is printed would go to
- * the daemon. Opened for the wrong direction, it still fails whoever uses it. */
-void hold_standard_descriptors() {
-    for (int fd = 0; fd <= 2; fd++) {
-        if (fcntl(fd, F_GETFD) < 0 && errno == EBADF) {
-            (void)open("/dev/null", fd == 0 ? O_WRONLY : O_RDONLY);
-        }
-    }
-}
-
 ctl_status run_daemon_command(ctl_call* call) {
     ctl_status status;
     if (!ctl_call_ask(call, call->count, call->words, &status)) {
@@ -161,7 +150,7 @@ ctl_status run(ctl_call* call) {
 } // namespace
 
 int main(int argc, char** argv) {
-    hold_standard_descriptors();
+    descriptor_hold_standard(false);
     settings s = {DEFAULT_ADDRESS, 0, DEFAULT_WAIT_SECONDS, false, false};
     ctl_status status = read_options(argc, argv, &s);
     if (status != CTL_DONE) {
