@@ -33,11 +33,11 @@ struct described_command {
     const char* name;
     argument_rule rule;
     /* What stands in each place: k key, f field, v value, n number, p pattern, d path of a file.
-       The last may come again any number of times when a "+" follows, the last two when "++" does.
+     * The last may come again any number of times when a "+" follows, the last two when "++" does.
      */
     const char* takes;
     /* The fewest arguments that make it do something, and what it answers when nothing but the
-       commands above it have been sent. The key "none" is never there. */
+     * commands above it have been sent. The key "none" is never there. */
     std::vector<std::string> arguments;
     const char* reply;
 };

@@ -1,8 +1,6 @@
-/*
- * Hostile clients. Whatever they send, however much and however fast: the daemon goes on, gives
+/* Hostile clients. Whatever they send, however much and however fast: the daemon goes on, gives
  * them a whole frame or closes them, keeps its memory and its descriptors, and serves the next
- * client promptly.
- */
+ * client promptly. */
 
 #include <dirent.h>
 #include <stdlib.h>
@@ -17,7 +15,7 @@ using namespace system_test;
 
 namespace {
 
-using words = std::vector<std::string>;
+typedef std::vector<std::string> words;
 
 const std::string OK = "+OK\r\n";
 const std::string ERROR = "-ERR\r\n";
@@ -195,7 +193,7 @@ class bad_input : public daemon_test {
     }
 
     /* How many are open apart from that of this client. The collectors open files for moments;
-       whoever came before is gone when the client has been answered twice. */
+     * whoever came before is gone when the client has been answered twice. */
     int settled_descriptors(resp_client& client) const {
         EXPECT_EQ(client.call({"ping"}), OK);
         int fewest = 1000000;
@@ -207,8 +205,8 @@ class bad_input : public daemon_test {
     }
 
     /* A client that did nothing wrong is served at once; the descriptors of clients that are gone
-       were given back; memory has not grown by more than these kilobytes, neither now nor at any
-       time before. */
+     * were given back; memory has not grown by more than these kilobytes, neither now nor at any
+     * time before. */
     void expect_unharmed(int clients_open = 0, long kept_kb = 4096, long peak_kb = 65536) {
         ASSERT_TRUE(daemon->running()) << "the daemon ended: " << daemon->err();
         long asked = now_ms();

@@ -1,8 +1,6 @@
-/*
- * What the programs that the daemon starts hold open: its own sockets, clients, log and pipes must
+/* What the programs that the daemon starts hold open: its own sockets, clients, log and pipes must
  * not be among it, or a script that lives on would keep the daemon's socket and its clients'
- * connections alive.
- */
+ * connections alive. */
 
 #include <stdlib.h>
 #include <sys/stat.h>

@@ -1,7 +1,5 @@
-/*
- * Dumping string keys to a file and loading them again: the bytes of the file, what is taken from a
- * file and what is not, and files that mean harm.
- */
+/* Dumping string keys to a file and loading them again: the bytes of the file, what is taken from a
+ * file and what is not, and files that mean harm. */
 
 #include <dirent.h>
 #include <errno.h>
@@ -24,7 +22,7 @@ using namespace system_test;
 
 namespace {
 
-using words = std::vector<std::string>;
+typedef std::vector<std::string> words;
 
 const std::string FILE_PATH = "/tmp/x.dump";
 

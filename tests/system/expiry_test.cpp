@@ -1,5 +1,4 @@
-/*
- * The expiry of keys as time passes. The sweep looks at most once a second, and so each test that
+/* The expiry of keys as time passes. The sweep looks at most once a second, and so each test that
  * waits for it takes a second or more: the keys of a test share one daemon and one stretch of time.
  */
 
@@ -21,7 +20,7 @@ using namespace system_test;
 
 namespace {
 
-using words = std::vector<std::string>;
+typedef std::vector<std::string> words;
 
 const std::string OK = "+OK\r\n";
 
@@ -117,7 +116,7 @@ class expiry : public daemon_test {
     }
 
     /* The key was there until so many seconds of the clock were over, counted from that in which it
-       got its expiry, and not much longer. */
+     * got its expiry, and not much longer. */
     void expect_gone_after(const std::string& key, int64_t seconds) {
         const life& one = lives[key];
         ASSERT_NE(one.found_gone, 0) << key;
@@ -132,7 +131,7 @@ class expiry : public daemon_test {
     }
 
     /* Does the steps and tells whether all of them have fallen into one second of the clock. If so,
-       no key to which they gave an end after that second can have gone meanwhile. */
+     * no key to which they gave an end after that second can have gone meanwhile. */
     static bool fell_into_one_second(const std::function<void()>& steps) {
         const int64_t second = stamped_second();
         steps();
@@ -391,7 +390,7 @@ TEST_F(expiry, of_keys_that_go_in_one_look_is_traced_from_the_last_found_to_the_
         {"e.a", "string"}, {"e.b", "list"}, {"e.c", "hash"}};
     words order; /* in which a walk finds them */
     /* One look finds them all when they got their ends in one second. The trace is compared from
-       its start, so a daemon whose keys a slow machine has set apart gives way to another. */
+     * its start, so a daemon whose keys a slow machine has set apart gives way to another. */
     ASSERT_TRUE(eventually([&] {
         launch_daemon({"-l", "debug", "-f", "stdout"});
         EXPECT_EQ(call({"set", "e.a", "v"}), OK);

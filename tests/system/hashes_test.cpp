@@ -1,6 +1,4 @@
-/*
- * The hash commands, and the order in which the fields of a hash are shown.
- */
+/* The hash commands, and the order in which the fields of a hash are shown. */
 
 #include <signal.h>
 
@@ -15,7 +13,7 @@ using namespace system_test;
 
 namespace {
 
-using words = std::vector<std::string>;
+typedef std::vector<std::string> words;
 
 class hashes : public values_test {
   protected:
@@ -437,7 +435,7 @@ TEST_F(fields_in_order, the_newest_field_of_a_bucket_comes_first) {
 }
 
 /* A bucket is emptied from its head, which turns the order of those that stay together. 97, 120 and
-   51 (the digit 3) leave 5 of 23, and 9, 10 and 7 of 11; 97 and 108 leave 5 and 16 of 23. */
+ * 51 (the digit 3) leave 5 of 23, and 9, 10 and 7 of 11; 97 and 108 leave 5 and 16 of 23. */
 TEST_F(fields_in_order, the_sixth_field_moves_all_to_23_buckets) {
     set_fields({"a", "l", "x", "3", "b"});
     /* 11 buckets: 7 {3}, 9 {l, a}, 10 {b, x} */
@@ -449,7 +447,7 @@ TEST_F(fields_in_order, the_sixth_field_moves_all_to_23_buckets) {
 
 TEST_F(fields_in_order, fields_of_one_bucket_that_move_together_are_turned_round) {
     /* Two letters have the code 31 * first + second. "bB" has 3104, "c#" and "aa" too have others:
-       what is needed is the same code, which "bB", "c#" have: 98 * 31 + 66 = 3104 = 99 * 31 + 35.
+     * what is needed is the same code, which "bB", "c#" have: 98 * 31 + 66 = 3104 = 99 * 31 + 35.
      */
     set_fields({"bB", "c#", "1", "2"});
     expect_order({"c#", "bB", "1", "2"});
@@ -463,7 +461,7 @@ TEST_F(fields_in_order, fields_of_one_bucket_that_move_together_are_turned_round
 }
 
 /* 0xFF counts as -1, in 32 bits 4294967295, which leaves 3 of 11; 0xFC as -4, 4294967292, which
-   leaves 0. As 252 it would leave 10 and come last. */
+ * leaves 0. As 252 it would leave 10 and come last. */
 TEST_F(fields_in_order, bytes_above_127_count_as_negative) {
     set_fields({"a", "\xfc", "\xff"});
     expect_order({"\xfc", "\xff", "a"});
@@ -546,9 +544,9 @@ TEST_F(fields_in_order, one_hmset_gives_the_order_of_many_hsets) {
 }
 
 /* Keys stand in a table of the same kind. Those of the daemon itself are there before, and its
-   collectors may add some while the test runs, so only the keys of one hash code are looked at:
-   they stay together whatever happens, and the newest comes first as long as they have not been
-   moved together. */
+ * collectors may add some while the test runs, so only the keys of one hash code are looked at:
+ * they stay together whatever happens, and the newest comes first as long as they have not been
+ * moved together. */
 TEST_F(hashes, keys_of_one_code_stand_in_one_bucket) {
     for (const char* key : {"~bB", "~c#"}) {
         EXPECT_EQ(call({"hset", key, "f", "v"}), ":1\r\n");

@@ -1,7 +1,5 @@
-/*
- * Histories in the running daemon: what a dump keeps of them, what a restart brings back, and that
- * neither files nor clients with ill intent get anywhere.
- */
+/* Histories in the running daemon: what a dump keeps of them, what a restart brings back, and that
+ * neither files nor clients with ill intent get anywhere. */
 
 #include <stdio.h>
 #include <stdlib.h>
@@ -20,7 +18,7 @@ using namespace system_test;
 
 namespace {
 
-using words = std::vector<std::string>;
+typedef std::vector<std::string> words;
 
 const std::string OK = "+OK\r\n";
 

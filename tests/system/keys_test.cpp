@@ -1,8 +1,6 @@
-/*
- * The keyspace as clients see it: which keys there are and of what type, what deletion does and
+/* The keyspace as clients see it: which keys there are and of what type, what deletion does and
  * what it leaves alone, the keys that are there from the start. What happens to keys as time passes
- * is tested with the expiry.
- */
+ * is tested with the expiry. */
 
 #include <stdint.h>
 #include <stdlib.h>
@@ -18,7 +16,7 @@ using namespace system_test;
 
 namespace {
 
-using words = std::vector<std::string>;
+typedef std::vector<std::string> words;
 
 const std::string OK = "+OK\r\n";
 const std::string ERROR = "-ERR\r\n";
@@ -63,7 +61,7 @@ class keys : public client_test {
     }
 
     /* The reply is the number of seconds from then until the end, counted in 32 bits; the clock may
-       have moved on between the setting and the question. */
+     * have moved on between the setting and the question. */
     void expect_ttl(const std::string& key, uint32_t end_from, uint32_t end_to) {
         uint32_t asked = now_seconds();
         std::string reply = call({"ttl", key});
@@ -88,8 +86,8 @@ class keys : public client_test {
     }
 
     /* Makes the key and sends the requests, anew until they have all fallen into one second of the
-       clock: a key with an absolute time goes with the second in which it got it. Tells that
-       second. */
+     * clock: a key with an absolute time goes with the second in which it got it. Tells that
+     * second. */
     words replies_in_one_second(const words& make, const std::vector<words>& requests,
                                 uint32_t* second) {
         words replies;
@@ -154,7 +152,7 @@ TEST_F(keys, are_listed_as_an_empty_array_when_none_matches) {
 
 TEST_F(keys, are_listed_in_the_order_of_their_hash) {
     /* The sum of bytes times powers of 31 gives p.a, p.b and p.c the hashes 109155 to 109157, which
-       are neighbours in a table of 11, 23, 97 and 397 buckets alike. */
+     * are neighbours in a table of 11, 23, 97 and 397 buckets alike. */
     for (const char* key : {"p.c", "p.a", "p.b"}) {
         EXPECT_EQ(call({"set", key, "v"}), OK);
     }

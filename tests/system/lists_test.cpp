@@ -1,7 +1,5 @@
-/*
- * The list commands: pushing and popping at both ends, the cap and what it drops, indexes and
- * ranges, and that no number in a request decides how long the daemon works.
- */
+/* The list commands: pushing and popping at both ends, the cap and what it drops, indexes and
+ * ranges, and that no number in a request decides how long the daemon works. */
 
 #include <utility>
 
@@ -13,7 +11,7 @@ using namespace system_test;
 
 namespace {
 
-using words = std::vector<std::string>;
+typedef std::vector<std::string> words;
 
 class lists : public values_test {
   protected:

@@ -1,7 +1,5 @@
-/*
- * The log as it can be reached from the command line: levels, the form of a record, the file that
- * is a ring, standard output, and a socket that stands where the file would be.
- */
+/* The log as it can be reached from the command line: levels, the form of a record, the file that
+ * is a ring, standard output, and a socket that stands where the file would be. */
 
 #include <poll.h>
 #include <stdlib.h>
@@ -118,7 +116,7 @@ class log_socket : public log_targets {
     std::string text;
 };
 
-using levels = std::vector<std::string>;
+typedef std::vector<std::string> levels;
 
 } // namespace
 
@@ -370,7 +368,7 @@ TEST_F(log_file, a_record_that_is_larger_than_the_ring_is_written_whole) {
     daemon.resume();
     EXPECT_EQ(client.frame(), "+OK\r\n");
     /* Two records ran past the mark, the request's and the change's; each time the next one began
-       the file anew. The end of the first of them, which reached farthest, is still there. */
+     * the file anew. The end of the first of them, which reached farthest, is still there. */
     const std::string last = "debug *** Replied to client(\"anynomous0\"): \n+OK\r\n\n";
     std::string text = read_file(LOG_FILE);
     EXPECT_EQ(text.substr(20, last.size()), last);

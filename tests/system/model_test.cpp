@@ -1,8 +1,6 @@
-/*
- * The daemon against the model: the same random commands go to both, and every reply and every
+/* The daemon against the model: the same random commands go to both, and every reply and every
  * pushed frame must be the same. A disagreement is shown with the commands that led to it; the seed
- * stands in the test's name.
- */
+ * stands in the test's name. */
 
 #include <strings.h>
 
@@ -65,8 +63,8 @@ class random_commands_test : public daemon_test, public ::testing::WithParamInte
     }
 
     /* Starts a daemon and fills it and a model with most keys. The order of keys depends on how
-       many there were at each moment, so when the daemon's own collectors added keys meanwhile all
-       is begun anew. */
+     * many there were at each moment, so when the daemon's own collectors added keys meanwhile all
+     * is begun anew. */
     void fill_both() {
         for (int attempt = 0; attempt < 5; attempt++) {
             process& daemon = start();

@@ -1,7 +1,5 @@
-/*
- * Observation: what is announced, to whom, in which order, and what becomes of observers that leave
- * or do not read.
- */
+/* Observation: what is announced, to whom, in which order, and what becomes of observers that leave
+ * or do not read. */
 
 #include <poll.h>
 #include <string.h>
@@ -20,7 +18,7 @@ using namespace system_test;
 
 namespace {
 
-using words = std::vector<std::string>;
+typedef std::vector<std::string> words;
 
 /* Clients whose sockets are watched for which of them gets something first. */
 class watched_clients {
@@ -72,7 +70,7 @@ class watched_clients {
     }
 
     /* Reads everything and returns which clients got something since the last call, in order of the
-       first byte. What they got is added to the texts. */
+     * first byte. What they got is added to the texts. */
     std::vector<size_t> who_heard(std::vector<std::string>* texts) {
         std::vector<size_t> order;
         epoll_event events[64];
@@ -131,7 +129,7 @@ class observing : public daemon_test {
     }
 
     /* Makes changes of 10,000 bytes, which the readers read, until the slow observer is closed or 3
-       MB were announced. Returns all that was announced. */
+     * MB were announced. Returns all that was announced. */
     std::string announce_until_closed(const resp_client& slow,
                                       const std::vector<resp_client*>& readers) {
         std::string announced;
@@ -168,7 +166,7 @@ class order_of_notification : public daemon_test {
     }
 
     /* The clients that hear of a change by the client, in order, the answer included. A try into
-       which one of the daemon's own figures came is made again. */
+     * which one of the daemon's own figures came is made again. */
     std::vector<size_t> order_when_changed_by(size_t client,
                                               const words& request = {"set", "k", "v"}) {
         for (int attempt = 0; attempt < 10; attempt++) {
@@ -206,7 +204,7 @@ class order_of_notification : public daemon_test {
     watched_clients clients;
 };
 
-using order = std::vector<size_t>;
+typedef std::vector<size_t> order;
 
 } // namespace
 
@@ -664,8 +662,8 @@ TEST_F(observing, an_observer_that_reads_late_gets_everything_in_order) {
 }
 
 /* The daemon finds the sockets closed in the middle of telling them, when the issuer is served
-   before they are, or has just closed them itself, when they are served first: it goes through its
-   clients in the order of connecting. */
+ * before they are, or has just closed them itself, when they are served first: it goes through its
+ * clients in the order of connecting. */
 TEST_F(observing, observers_that_close_just_before_a_change_harm_nobody) {
     for (const bool issuer_is_served_first : {true, false}) {
         for (unsigned gone = 1; gone < 16; gone++) {

@@ -1,10 +1,8 @@
-/*
- * The front panel as the device shows it: a driver node or a serial port of the test's own, looked
+/* The front panel as the device shows it: a driver node or a serial port of the test's own, looked
  * after by the real daemon every three seconds.
  *
  * The made-up /proc has no figures of the processor and the memory, so those keys are the client's
- * to set.
- */
+ * to set. */
 
 #include <fcntl.h>
 #include <stdlib.h>

@@ -1,7 +1,5 @@
-/*
- * Ping statistics as the measuring client and its readers see them: reports and clearings go in as
- * strings, the summaries and histories come out as bytes.
- */
+/* Ping statistics as the measuring client and its readers see them: reports and clearings go in as
+ * strings, the summaries and histories come out as bytes. */
 
 #include <stdint.h>
 #include <time.h>
@@ -14,7 +12,7 @@ using namespace system_test;
 
 namespace {
 
-using words = std::vector<std::string>;
+typedef std::vector<std::string> words;
 
 const std::string OK = "+OK\r\n";
 

@@ -1,11 +1,9 @@
-/*
- * Plug-in scripts: real ones, in the fixed folder, started by the real daemon once a second at
+/* Plug-in scripts: real ones, in the fixed folder, started by the real daemon once a second at
  * most.
  *
  * A tick of the daemon begins with the plug-ins and ends with the connection tool. Here that tool
  * waits at the end of each tick until the test lets this tick go on, so scripts and their files
- * never meet a tick that comes too early.
- */
+ * never meet a tick that comes too early. */
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -25,7 +23,7 @@ using namespace system_test;
 
 namespace {
 
-using words = std::vector<std::string>;
+typedef std::vector<std::string> words;
 
 const std::string FOLDER = "/usr/lib/lua/tplugins/";
 

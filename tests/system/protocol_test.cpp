@@ -1,7 +1,5 @@
-/*
- * The wire: requests, replies, what closes a connection, the limits of connections, and the traces
- * of all that in the log.
- */
+/* The wire: requests, replies, what closes a connection, the limits of connections, and the traces
+ * of all that in the log. */
 
 #include <stdlib.h>
 
@@ -35,8 +33,8 @@ class requests : public daemon_test {
     }
 
     /* Returns when everything that was sent to the daemon before has been carried out. The first
-       reply comes from a pass over all clients that sees what was sent before it, the second from a
-       later pass. */
+     * reply comes from a pass over all clients that sees what was sent before it, the second from a
+     * later pass. */
     static void let_it_catch_up(resp_client& other) {
         EXPECT_EQ(other.call({"ping"}), "+OK\r\n");
         EXPECT_EQ(other.call({"ping"}), "+OK\r\n");
@@ -112,7 +110,7 @@ class traces : public daemon_test {
     }
 };
 
-using lines = std::vector<std::string>;
+typedef std::vector<std::string> lines;
 
 } // namespace
 

@@ -1,8 +1,6 @@
-/*
- * Random requests with a fixed seed: valid ones, and valid ones that were damaged. Whatever
+/* Random requests with a fixed seed: valid ones, and valid ones that were damaged. Whatever
  * arrives, what comes back are whole frames, the daemon lives on and serves others, and under the
- * sanitizers it finds nothing to report.
- */
+ * sanitizers it finds nothing to report. */
 
 #include <stdint.h>
 #include <stdlib.h>
@@ -20,7 +18,7 @@ using namespace system_test;
 
 namespace {
 
-using words = std::vector<std::string>;
+typedef std::vector<std::string> words;
 
 const std::string OK = "+OK\r\n";
 
@@ -285,7 +283,7 @@ std::string damaged_request(dice& d) {
 class frame_reader {
   public:
     /* The number of bytes of the whole frame at the start: 0 when more have to come; -1 when it is
-       no frame that the daemon can send, and `problem` then tells why. */
+     * no frame that the daemon can send, and `problem` then tells why. */
     long whole(const std::string& bytes) {
         if (bytes.empty()) {
             return 0;
@@ -323,7 +321,7 @@ class frame_reader {
     }
 
     /* Reads "12\r\n" as it must be written, without needless characters. Returns the bytes up to
-       the end of the line, as whole() does. */
+     * the end of the line, as whole() does. */
     long number(const std::string& bytes, size_t start, bool may_be_negative, long long* value) {
         const size_t end = bytes.find('\r', start);
         const std::string text = bytes.substr(start, end == std::string::npos ? end : end - start);
@@ -420,7 +418,7 @@ class checking_client {
     }
 
     /* Reads what is there, and the rest of a frame that has begun. What is left over when the
-       connection was closed need not be whole. */
+     * connection was closed need not be whole. */
     void read_all() {
         const long start = now_ms();
         for (;;) {
@@ -496,8 +494,8 @@ class random_requests : public daemon_test {
     }
 
     /* Another client is served. When that has happened three times, everything that was sent before
-       has been carried out: the first pass over all clients may do no more than let a new one in,
-       and a pass may come to this client before it comes to others. */
+     * has been carried out: the first pass over all clients may do no more than let a new one in,
+     * and a pass may come to this client before it comes to others. */
     bool others_are_served() {
         for (int i = 0; i < 3; i++) {
             if (other->call({"ping"}) != OK) {

@@ -1,8 +1,6 @@
-/*
- * From the command line to the steady state: what is done before the daemon serves, what stands in
+/* From the command line to the steady state: what is done before the daemon serves, what stands in
  * the store before the first tick, and in which order the timers then do their work, as the debug
- * log tells it.
- */
+ * log tells it. */
 
 #include <gmock/gmock.h>
 
@@ -17,7 +15,7 @@ using namespace system_test;
 
 namespace {
 
-using words = std::vector<std::string>;
+typedef std::vector<std::string> words;
 
 /* Time enough for a reply that comes at all before the first tick. */
 constexpr int BEFORE_FIRST_TICK_MS = 3000;

@@ -1,5 +1,4 @@
-/*
- * The command line, the order of start-up and what it leaves behind: pid file, socket, seeded keys.
+/* The command line, the order of start-up and what it leaves behind: pid file, socket, seeded keys.
  */
 
 #include <dirent.h>
@@ -548,7 +547,7 @@ TEST_F(start_up, the_built_in_keys_can_be_overwritten_but_not_deleted) {
 
 TEST_F(start_up, the_first_sweep_of_expired_keys_comes_a_second_after_the_first_tick) {
     /* The first tick, 100 ms after the start, notes the time, and the one a second later sweeps.
-       What the machine does meanwhile makes it later, so the quickest of some tries counts. */
+     * What the machine does meanwhile makes it later, so the quickest of some tries counts. */
     const long latest = 1100 + 50;
     long quickest = LIMIT_MS;
     for (int tries = 0; tries < 8 && quickest > latest; tries++) {
@@ -559,7 +558,7 @@ TEST_F(start_up, the_first_sweep_of_expired_keys_comes_a_second_after_the_first_
 
 TEST_F(predecessor, nobody_waits_for_its_end) {
     /* It stays as it is until the test takes note of its end, and the daemon starts all the same.
-       The quickest of some tries counts: a busy machine may hold up any of them. */
+     * The quickest of some tries counts: a busy machine may hold up any of them. */
     const long longest = 30;
     long quickest = LIMIT_MS;
     for (int tries = 0; tries < 20 && quickest > longest; tries++) {

@@ -1,12 +1,10 @@
-/*
- * The statistics that the daemon keeps: processor, memory, hosts, connections and the traffic of
+/* The statistics that the daemon keeps: processor, memory, hosts, connections and the traffic of
  * interfaces, once from made-up sources, so that every figure is known, and once from the real
  * kernel.
  *
  * A tick of the daemon ends with the connection tool. Where a test must change what the daemon
  * reads between two ticks, that tool waits until the test lets it go on, so that no tick is ever
- * early.
- */
+ * early. */
 
 #include <linux/if_packet.h>
 #include <net/if.h>
@@ -32,8 +30,8 @@ using namespace system_test;
 
 namespace {
 
-using words = std::vector<std::string>;
-using fields = std::map<std::string, std::string>;
+typedef std::vector<std::string> words;
+typedef std::map<std::string, std::string> fields;
 
 const std::string OK = "+OK\r\n";
 
@@ -837,7 +835,7 @@ TEST_F(real_interfaces, show_the_rates_and_counters_of_their_traffic) {
     {
         const steady_traffic traffic(flows);
         /* Six ticks bring the smoothed rate within two percent of the true one; on a busy machine
-           the sender may stumble, which takes as long to be forgotten. */
+         * the sender may stumble, which takes as long to be forgotten. */
         for (int i = 0; i < 20 && !wrong.empty(); i++) {
             const tick one = next_tick();
             wrong.clear();

@@ -1,7 +1,5 @@
-/*
- * String commands: what each answers and stores, how numbers are read and summed, and what
- * observers hear.
- */
+/* String commands: what each answers and stores, how numbers are read and summed, and what
+ * observers hear. */
 
 #include <stdint.h>
 #include <stdlib.h>
@@ -16,7 +14,7 @@ using namespace system_test;
 
 namespace {
 
-using words = std::vector<std::string>;
+typedef std::vector<std::string> words;
 
 const std::string OK = "+OK\r\n";
 const std::string ERROR = "-ERR\r\n";
@@ -38,7 +36,7 @@ class strings : public client_test {
     }
 
     /* Sets the key with so many seconds to live, and expects all of them to be left but those that
-       have gone by meanwhile. */
+     * have gone by meanwhile. */
     void expect_lives(const words& request, uint32_t seconds) {
         SCOPED_TRACE(request[2]);
         const time_t before = time(nullptr);

@@ -1,7 +1,5 @@
-/*
- * Histories as the command-line client prints them: those that the daemon keeps by itself, and
- * values that somebody laid under such a key.
- */
+/* Histories as the command-line client prints them: those that the daemon keeps by itself, and
+ * values that somebody laid under such a key. */
 
 #include <fcntl.h>
 #include <sys/ioctl.h>

@@ -1,6 +1,4 @@
-/*
- * The ping figures as the command-line client prints them.
- */
+/* The ping figures as the command-line client prints them. */
 
 #include <poll.h>
 #include <sys/socket.h>

@@ -1,7 +1,5 @@
-/*
- * The command-line client: what it prints for people and for scripts, its exit statuses, its
- * options, and how it takes a daemon that is gone, silent or strange.
- */
+/* The command-line client: what it prints for people and for scripts, its exit statuses, its
+ * options, and how it takes a daemon that is gone, silent or strange. */
 
 #include <fcntl.h>
 #include <poll.h>

@@ -1,8 +1,6 @@
-/*
- * The live screen of the command-line client, on a terminal that the test watches: what it shows,
+/* The live screen of the command-line client, on a terminal that the test watches: what it shows,
  * how it follows the terminal's size, and that it gives the terminal back as it was, however it
- * ends.
- */
+ * ends. */
 
 #include <fcntl.h>
 #include <signal.h>

@@ -31,7 +31,7 @@ std::string event_frame(const std::vector<std::string>& elements) {
 namespace {
 
 /* Reads the frame that starts at `at` and moves `at` behind it; false, and `at` stays, when it is
-   not whole. The elements of an array are added to `elements`. */
+ * not whole. The elements of an array are added to `elements`. */
 bool read_frame(const std::string& bytes, size_t* at, std::vector<std::string>* elements) {
     size_t line_end = bytes.find("\r\n", *at);
     if (line_end == std::string::npos) {

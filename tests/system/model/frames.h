@@ -1,16 +1,14 @@
 #pragma once
 
-/*
- * Frames as an observer meets them. The daemon's own figures (processor load and the like) change
- * by themselves and are announced to every observer, so whoever waits for a certain frame looks
- * past those.
- */
-
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "tests/system/support/resp_client.h"
+
+/* Frames as an observer meets them. The daemon's own figures (processor load and the like) change
+ * by themselves and are announced to every observer, so whoever waits for a certain frame looks
+ * past those. */
 
 namespace system_test {
 
@@ -36,8 +34,8 @@ std::string next_frame(resp_client& client, int limit_ms = LIMIT_MS);
 std::string heard(resp_client& client, int ms);
 
 /* Returns when the daemon has carried out all that was sent to it before, also what it does not
-   answer, and has forgotten the clients that have closed. The first reply comes from a pass over
-   all clients that sees what was sent before it, the second from a later pass. */
+ * answer, and has forgotten the clients that have closed. The first reply comes from a pass over
+ * all clients that sees what was sent before it, the second from a later pass. */
 void let_it_catch_up(resp_client& other);
 
 } // namespace system_test

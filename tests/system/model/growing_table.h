@@ -1,16 +1,14 @@
 #pragma once
 
-/*
- * The order in which the daemon shows keys and fields, worked out a second time: chains of a prime
- * number of buckets, the newest entry first, moved one by one into more buckets when half as many
- * entries as buckets are there. A name is found by its bytes before its first NUL.
- */
-
 #include <stdint.h>
 
 #include <list>
 #include <string>
 #include <vector>
+
+/* The order in which the daemon shows keys and fields, worked out a second time: chains of a prime
+ * number of buckets, the newest entry first, moved one by one into more buckets when half as many
+ * entries as buckets are there. A name is found by its bytes before its first NUL. */
 
 namespace system_test {
 

@@ -6,7 +6,7 @@ namespace system_test {
 
 namespace {
 
-using texts = std::vector<std::string>;
+typedef std::vector<std::string> texts;
 
 constexpr size_t KEYS_OF_A_KIND = 22;
 
@@ -154,7 +154,7 @@ const texts& random_commands::keys() {
 }
 
 const std::vector<random_commands::shape>& random_commands::shapes() {
-    using p = part;
+    typedef part p;
     static const std::vector<shape> all = {
         {6, "set", {p::string_key, p::text}, {}, 0},
         {1, "set", {p::any_key, p::number}, {}, 0},

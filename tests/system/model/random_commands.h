@@ -1,16 +1,14 @@
 #pragma once
 
-/*
- * Commands for comparing the daemon with the model: few keys and fields, so that commands meet each
- * other's work; numbers at and beyond every limit; texts with all kinds of bytes. The same seed
- * gives the same commands on every machine.
- */
-
 #include <random>
 #include <string>
 #include <vector>
 
 #include "tests/system/model/store_model.h"
+
+/* Commands for comparing the daemon with the model: few keys and fields, so that commands meet each
+ * other's work; numbers at and beyond every limit; texts with all kinds of bytes. The same seed
+ * gives the same commands on every machine. */
 
 namespace system_test {
 

@@ -1,15 +1,5 @@
 #pragma once
 
-/*
- * What the daemon answers and announces, worked out a second time in the plainest way: no buffers,
- * no pooled records, no borrowed strings. Tests send the same commands to both and compare byte by
- * byte.
- *
- * Left out: what depends on the clock. Keys may carry an expiry, but it must lie beyond the end of
- * the test, so that "expireat" must not get a number, and "ttl" must not be asked of such a key
- * (see expires()).
- */
-
 #include <stdint.h>
 
 #include <deque>
@@ -18,6 +8,14 @@
 #include <vector>
 
 #include "tests/system/model/growing_table.h"
+
+/* What the daemon answers and announces, worked out a second time in the plainest way: no buffers,
+ * no pooled records, no borrowed strings. Tests send the same commands to both and compare byte by
+ * byte.
+ *
+ * Left out: what depends on the clock. Keys may carry an expiry, but it must lie beyond the end of
+ * the test, so that "expireat" must not get a number, and "ttl" must not be asked of such a key
+ * (see expires()). */
 
 namespace system_test {
 
@@ -43,7 +41,7 @@ class store_model {
     };
 
     /* Carries out a command. `observed` tells whether any client observes at that moment, the
-       issuer included. For "load", `file` is what stands in the file; files are always there. */
+     * issuer included. For "load", `file` is what stands in the file; files are always there. */
     outcome run(const std::vector<std::string>& words, bool observed, const std::string& file = "");
 
     /* True when it knows the command. */
@@ -74,8 +72,8 @@ class store_model {
         growing_table<field> fields;
     };
 
-    using key_entry = growing_table<value>::entry;
-    using text_list = std::vector<std::string>;
+    typedef growing_table<value>::entry key_entry;
+    typedef std::vector<std::string> text_list;
 
     struct command {
         const char* name;

@@ -1,21 +1,5 @@
 #pragma once
 
-/*
- * The fixture of the system tests: each test gets a fresh world (sandbox.h), starts the real daemon
- * in it and talks to its socket. Where namespaces cannot be had, the test is skipped with the
- * reason.
- *
- *     class strings : public system_test::daemon_test {};
- *
- *     TEST_F(strings, a_value_that_was_set_is_read_back)
- *     {
- *         start();
- *         resp_client client;
- *         EXPECT_EQ(client.call({"set", "k", "v"}), "+OK\r\n");
- *         EXPECT_EQ(client.call({"get", "k"}), "$1\r\nv\r\n");
- *     }
- */
-
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -27,6 +11,20 @@
 #include "tests/system/support/resp_client.h"
 #include "tests/system/support/sandbox.h"
 #include "tests/system/support/wait.h"
+
+/* The fixture of the system tests: each test gets a fresh world (sandbox.h), starts the real daemon
+ * in it and talks to its socket. Where namespaces cannot be had, the test is skipped with the
+ * reason.
+ *
+ *     class strings : public system_test::daemon_test {};
+ *
+ *     TEST_F(strings, a_value_that_was_set_is_read_back) {
+ *         start();
+ *         resp_client client;
+ *         EXPECT_EQ(client.call({"set", "k", "v"}), "+OK\r\n");
+ *         EXPECT_EQ(client.call({"get", "k"}), "$1\r\nv\r\n");
+ *     }
+ */
 
 namespace system_test {
 
@@ -40,13 +38,13 @@ class daemon_test : public ::testing::Test {
     process& launch(const std::vector<std::string>& arguments, const process_options& options = {});
 
     /* Starts the daemon and waits until its socket takes connections; records a failure when it
-       does not. The address is the one that the arguments make it listen on. */
+     * does not. The address is the one that the arguments make it listen on. */
     process& start(const std::vector<std::string>& arguments = {},
                    const std::string& address = "/tmp/tessard.sock", int port = 0,
                    const process_options& options = {});
 
     /* Waits until the address takes connections. Leaves no trace in the daemon: a connection that
-       never sends is no client. */
+     * never sends is no client. */
     static bool wait_for_server(const std::string& address = "/tmp/tessard.sock", int port = 0);
 
   private:

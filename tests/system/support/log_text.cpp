@@ -17,7 +17,7 @@ static bool opening_at(const std::string& text, size_t at, std::smatch* parts) {
 }
 
 /* Where the record's message ends: at the colour's reset, or before a line end that nothing but
-   another record follows. */
+ * another record follows. */
 static size_t message_end(const std::string& text, size_t from, bool coloured) {
     std::smatch parts;
     for (size_t end = text.find('\n', from); end != std::string::npos;

@@ -1,12 +1,10 @@
 #pragma once
 
-/*
- * The daemon's log, taken apart. A message may itself hold line ends (the traces of requests and
- * replies do), so records are found by what stands before and behind them, not by lines.
- */
-
 #include <string>
 #include <vector>
+
+/* The daemon's log, taken apart. A message may itself hold line ends (the traces of requests and
+ * replies do), so records are found by what stands before and behind them, not by lines. */
 
 namespace system_test {
 

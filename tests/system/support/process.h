@@ -1,10 +1,5 @@
 #pragma once
 
-/*
- * Programs that a test starts. Each runs in the test's world (sandbox.h) with its output captured
- * in files, ends at the latest with the test, and is always reaped.
- */
-
 #include <sys/types.h>
 
 #include <functional>
@@ -13,10 +8,13 @@
 
 #include "tests/system/support/wait.h"
 
+/* Programs that a test starts. Each runs in the test's world (sandbox.h) with its output captured
+ * in files, ends at the latest with the test, and is always reaped. */
+
 namespace system_test {
 
 /* What wait_exit() returns for a program that still runs, and what it adds to the number of the
-   signal that killed one. */
+ * signal that killed one. */
 constexpr int STILL_RUNNING = -1;
 constexpr int KILLED_BY = 1000;
 
@@ -31,7 +29,7 @@ struct process_options {
 class process {
   public:
     /* Starts argv (argv[0] found through PATH unless it has a "/") with an empty standard input,
-       umask 0 and no descriptor but 0, 1 and 2. A program that cannot be started ends with 127. */
+     * umask 0 and no descriptor but 0, 1 and 2. A program that cannot be started ends with 127. */
     explicit process(const std::vector<std::string>& argv, const process_options& options = {});
     /* Stops the program. */
     ~process();
@@ -51,7 +49,7 @@ class process {
     void signal(int number) const;
 
     /* Halts the program (SIGSTOP) and returns when it stands still, so that what is sent to it
-       meanwhile meets it in one piece; resume() lets it go on. */
+     * meanwhile meets it in one piece; resume() lets it go on. */
     bool halt();
     void resume() const;
 

@@ -1,20 +1,18 @@
 #pragma once
 
-/*
- * A client of the daemon that sees bytes, not values. Every reading function returns what came over
+#include <string>
+#include <vector>
+
+#include "tests/system/support/wait.h"
+
+/* A client of the daemon that sees bytes, not values. Every reading function returns what came over
  * the wire, so that a test compares it with the literal bytes of a frame:
  *
  *     EXPECT_EQ(client.call({"get", "k"}), "$1\r\nv\r\n");
  *
  * When a frame does not come, the text says why in place of it, "<closed>" or "<nothing came>",
  * behind whatever bytes did come; no frame looks like that, so the comparison fails and shows the
- * reason. Nothing here waits longer than its limit.
- */
-
-#include <string>
-#include <vector>
-
-#include "tests/system/support/wait.h"
+ * reason. Nothing here waits longer than its limit. */
 
 namespace system_test {
 
@@ -24,7 +22,7 @@ std::string request_frame(const std::vector<std::string>& words);
 class resp_client {
   public:
     /* An address with a "/" is the path of a Unix socket; otherwise it is a numeric IPv4 or IPv6
-       address. Connects at once, without retrying; connected() tells whether it worked. */
+     * address. Connects at once, without retrying; connected() tells whether it worked. */
     explicit resp_client(const std::string& address = "/tmp/tessard.sock", int port = 0);
     ~resp_client();
     resp_client(resp_client&& other) noexcept;
@@ -50,7 +48,7 @@ class resp_client {
     std::string bytes(size_t count, int limit_ms = LIMIT_MS);
 
     /* Everything until the other side closes, "" when it closes without a word. "<still open>" is
-       appended when it has not closed after the limit. A reset counts as closed. */
+     * appended when it has not closed after the limit. A reset counts as closed. */
     std::string until_closed(int limit_ms = LIMIT_MS);
 
     /* Everything that comes within the time, "" for silence; "<closed>" is appended when the
@@ -68,7 +66,7 @@ class resp_client {
     void close();
 
     /* Lets the kernel hold at least this many unread bytes on the way to the daemon. False where
-       only a real administrator may do so. */
+     * only a real administrator may do so. */
     bool hold_unread(int count);
 
   private:

@@ -1,7 +1,11 @@
 #pragma once
 
-/*
- * The world of one test. The daemon's paths are fixed, so a test process moves into mount and
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+/* The world of one test. The daemon's paths are fixed, so a test process moves into mount and
  * network namespaces of its own and lays private folders over those paths; nothing that a test or
  * the daemon writes reaches the real disk, and tests that run at the same time do not meet.
  *
@@ -17,18 +21,12 @@
  *
  * In the workspace: programs/ (the programs under test, reachable there even when they were built
  * below /tmp), tools/ (first in PATH of everything started) and work/ (the current folder of
- * everything started, which also takes the captured output).
- */
-
-#include <sys/types.h>
-
-#include <string>
-#include <vector>
+ * everything started, which also takes the captured output). */
 
 namespace system_test::sandbox {
 
 /* Enters a fresh world. Returns "", or the reason why there is none here; then nothing that follows
-   may be used and the test is to be skipped with that reason. */
+ * may be used and the test is to be skipped with that reason. */
 std::string enter();
 
 /* Takes the world down again. Every process that lived in it must have ended. */
@@ -69,10 +67,10 @@ std::string add_veth(const std::string& name, const std::string& peer);
 void remove_interface(const std::string& name);
 
 /* From the first call on, programs that are started see a /proc that holds what the tests laid down
-   with this function and nothing else but self, thread-self and sys, which the C library and
-   sanitizers need. The name is relative to /proc ("net/dev"); the file changes at once for programs
-   that run already. The test keeps its own /proc. A program started thus has mounts of its own; it
-   sees new files and links in the folders above, but not new mounts. */
+ * with this function and nothing else but self, thread-self and sys, which the C library and
+ * sanitizers need. The name is relative to /proc ("net/dev"); the file changes at once for programs
+ * that run already. The test keeps its own /proc. A program started thus has mounts of its own; it
+ * sees new files and links in the folders above, but not new mounts. */
 void set_proc_file(const std::string& name, const std::string& text);
 void remove_proc_file(const std::string& name);
 
@@ -81,8 +79,8 @@ void remove_proc_file(const std::string& name);
 bool enter_proc();
 
 /* Opens a new terminal pair, makes device ("/dev/ttyS0") a link to its terminal and returns its
-   other side, non-blocking; -1 on failure. The terminal is set raw and is held open, so that
-   nothing is lost between two openings by the daemon. Both are closed by leave(). */
+ * other side, non-blocking; -1 on failure. The terminal is set raw and is held open, so that
+ * nothing is lost between two openings by the daemon. Both are closed by leave(). */
 int add_terminal(const std::string& device);
 
 } // namespace system_test::sandbox

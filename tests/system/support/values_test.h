@@ -1,16 +1,14 @@
 #pragma once
 
-/*
- * The fixture for the commands of one type: a daemon that holds a value of each, so that a test
- * also sees what its commands do to the others, and what a request costs.
- */
-
 #include <time.h>
 
 #include <string>
 #include <vector>
 
 #include "tests/system/support/daemon_test.h"
+
+/* The fixture for the commands of one type: a daemon that holds a value of each, so that a test
+ * also sees what its commands do to the others, and what a request costs. */
 
 namespace system_test {
 

@@ -1,17 +1,15 @@
 #pragma once
 
-/*
- * Bounded waiting. System tests never sleep for a fixed time in the hope that something has
- * happened by then: they poll for the thing itself, with a limit that only a failing test ever
- * reaches.
- */
-
 #include <functional>
+
+/* Bounded waiting. System tests never sleep for a fixed time in the hope that something has
+ * happened by then: they poll for the thing itself, with a limit that only a failing test ever
+ * reaches. */
 
 namespace system_test {
 
 /* How long a test waits for something that must happen, in ms. Generous, since builders are slow
-   and shared and some of them emulate the device's processor; a passing test never waits that long.
+ * and shared and some of them emulate the device's processor; a passing test never waits that long.
  */
 constexpr int LIMIT_MS = 20000;
 

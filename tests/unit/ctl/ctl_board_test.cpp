@@ -45,7 +45,7 @@ class tessctl_board : public ::testing::Test {
     std::unique_ptr<ctl_board> board;
 };
 
-using lines = std::vector<std::string>;
+typedef std::vector<std::string> lines;
 
 TEST_F(tessctl_board, says_where_the_daemon_is_and_how_to_quit) {
     EXPECT_EQ(draw(50, 1), lines{"tessard at /tmp/tessard.sock    14:07:31   q quits"});

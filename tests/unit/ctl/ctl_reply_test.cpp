@@ -10,7 +10,7 @@
 
 namespace {
 
-using item = std::optional<std::string>;
+typedef std::optional<std::string> item;
 
 class tessctl_replies : public ::testing::Test {
   protected:
@@ -281,7 +281,7 @@ TEST_F(tessctl_replies, a_frame_that_outgrows_the_limit_is_broken) {
 }
 
 /* Every byte of every frame replaced by bytes that mean something to the parser: whatever it says,
-   it must not read outside what it was given (the sanitizers watch) and items must lie within. */
+ * it must not read outside what it was given (the sanitizers watch) and items must lie within. */
 TEST_F(tessctl_replies, no_changed_byte_leads_outside) {
     const std::string marks = std::string("\0\r\n+-:$*!09\xff", 12);
     for (const frame& f : FRAMES) {

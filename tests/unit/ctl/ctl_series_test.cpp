@@ -47,7 +47,7 @@ class tessctl_series : public ::testing::Test {
     ctl_series s;
 };
 
-using numbers = std::vector<uint32_t>;
+typedef std::vector<uint32_t> numbers;
 
 TEST_F(tessctl_series, begins_with_slot_0_while_slots_are_free) {
     ASSERT_EQ(decode("cpu.10m", ring_of_bytes({1700000000, 1, 5, 3, 3}, {7, 9, 100, 0, 0})),
@@ -69,7 +69,7 @@ TEST_F(tessctl_series, begins_with_the_head_once_all_slots_are_filled) {
 }
 
 /* A ten-minute ring that was loaded into a full one keeps its small count for good, while the
-   daemon's own head goes round. */
+ * daemon's own head goes round. */
 TEST_F(tessctl_series, does_not_look_at_the_head_while_slots_are_free) {
     ASSERT_EQ(decode("cpu.10m", ring_of_bytes({1700000000, 1, 5, 2, 4}, {7, 9, 100, 0, 0})),
               nullptr);

@@ -37,7 +37,7 @@ using testing::UnorderedElementsAre;
 
 namespace {
 
-using lines = std::vector<std::string>;
+typedef std::vector<std::string> lines;
 
 const std::string FOLDER = "/usr/lib/lua/tplugins/";
 

@@ -34,8 +34,8 @@ extern "C" size_t __sanitizer_get_current_allocated_bytes();
 
 namespace {
 
-using tick_test = statistics_tools_test;
-using tick_of_a_machine_test = statistics_machine_test;
+typedef statistics_tools_test tick_test;
+typedef statistics_machine_test tick_of_a_machine_test;
 
 /* What is allocated, measured without allocating. */
 struct memory_use {
