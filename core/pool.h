@@ -28,6 +28,7 @@
 /* A 64-bit integer as a field of a pooled record: on the device blocks are aligned to 4 bytes only.
  */
 typedef int64_t pool_int64 __attribute__((aligned(4)));
+static_assert(alignof(pool_int64) == 4);
 
 /* The largest size that the pool itself serves, in bytes. */
 constexpr size_t POOL_MAX_SIZE = 204;

@@ -293,14 +293,6 @@ TEST(log_level_test, is_debug_before_the_log_is_opened) {
     EXPECT_EQ(level_at_start, 0u);
 }
 
-TEST(log_level_test, numbers_are_the_ones_of_the_table) {
-    EXPECT_EQ(LOG_DEBUG, 0u);
-    EXPECT_EQ(LOG_INFO, 1u);
-    EXPECT_EQ(LOG_WARN, 2u);
-    EXPECT_EQ(LOG_ERROR, 3u);
-    EXPECT_EQ(LOG_FATAL, 4u);
-}
-
 TEST(log_level_test, every_name_is_parsed_in_any_case) {
     EXPECT_EQ(log_parse_level("debug"), 0u);
     EXPECT_EQ(log_parse_level("info"), 1u);

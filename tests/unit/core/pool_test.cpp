@@ -316,11 +316,6 @@ INSTANTIATE_TEST_SUITE_P(of_size, pool_slab_test,
                                          slab_figures{204, on_target(204, 208), on_target(10, 9)}),
                          [](const auto& row) { return std::to_string(row.param.size); });
 
-TEST(pool_test, a_class_has_three_words_and_there_are_52) {
-    EXPECT_EQ(sizeof pool_classes / sizeof *pool_classes, 52u);
-    EXPECT_EQ(sizeof(pool_class), 3 * sizeof(void*));
-}
-
 TEST(pool_test, the_block_size_of_a_class_is_four_times_its_index_rounded_up_to_a_pointer) {
     SKIP_WITHOUT_SLABS();
     for (size_t index = 1; index <= 51; index++) {
@@ -414,15 +409,6 @@ TEST(pool_test, a_null_pointer_may_be_freed_with_a_size_above_the_pooled_ones) {
     void* block = pool_alloc(205);
     EXPECT_NE(block, nullptr);
     pool_free(block, 205);
-}
-
-TEST(pool_test, an_integer_of_64_bits_in_a_record_needs_only_alignment_to_4_bytes) {
-    struct record {
-        uint32_t before;
-        pool_int64 value;
-    };
-    EXPECT_EQ(offsetof(record, value), 4u);
-    EXPECT_EQ(alignof(record), 4u);
 }
 
 TEST(pool_death_test, exhausted_memory_ends_the_process) {

@@ -58,15 +58,6 @@ std::string integer_frame(int64_t value) {
 
 } // namespace
 
-TEST(reply_types_test, have_fixed_numbers) {
-    EXPECT_EQ(RESP_TNONE, 0u);
-    EXPECT_EQ(RESP_TSTATUS, 1u);
-    EXPECT_EQ(RESP_TERROR, 2u);
-    EXPECT_EQ(RESP_TINTEGER, 3u);
-    EXPECT_EQ(RESP_TBULK, 4u);
-    EXPECT_EQ(RESP_TMBULK, 5u);
-}
-
 TEST(reply_types_test, nil_has_all_bits_set) {
     EXPECT_EQ(reinterpret_cast<uintptr_t>(RESP_NIL), ~uintptr_t{0});
 }
