@@ -1,9 +1,9 @@
 #pragma once
 
-#include <optional>
 #include <string>
 #include <vector>
 
+#include "tests/system/model/written_frames.h"
 #include "tests/system/support/resp_client.h"
 
 /* Frames as an observer meets them. The daemon's own figures (processor load and the like) change
@@ -11,11 +11,6 @@
  * past those. */
 
 namespace system_test {
-
-/* The frames of the protocol, written out. An element without value is the nil bulk. */
-std::string bulk_frame(const std::string& value);
-std::string list_frame(const std::vector<std::optional<std::string>>& elements);
-std::string event_frame(const std::vector<std::string>& elements);
 
 /* What stands in an array of bulk strings ("*" or "!"), without the nils; empty for any other
  * bytes. */

@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-#include "tests/system/model/frames.h"
+#include "tests/system/model/written_frames.h"
 
 namespace system_test {
 
