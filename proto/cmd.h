@@ -96,3 +96,16 @@ inline object* cmd_key_or_create(const client* c, unsigned type) {
 inline void cmd_reply_wrong_type(client* c) {
     resp_error(c->reply, nullptr, "missing key or wrong type");
 }
+
+/* As cmd_key_or_create, with the error replied where it gives null. */
+inline object* cmd_key_or_error(client* c, unsigned type) {
+    object* obj = cmd_key_or_create(c, type);
+    if (obj == nullptr) {
+        cmd_reply_wrong_type(c);
+    }
+    return obj;
+}
+
+/* The reasons of increments that fail. */
+constexpr char CMD_NO_NUMBER_INCR[] = "failed to INCR on non-number value";
+constexpr char CMD_NO_NUMBER_DECR[] = "failed to DECR on non-number value";

@@ -68,9 +68,8 @@ void cmd_hgetall(client* c) {
 }
 
 void cmd_hset(client* c) {
-    object* obj = cmd_key_or_create(c, OBJ_THASH);
+    object* obj = cmd_key_or_error(c, OBJ_THASH);
     if (obj == nullptr) {
-        cmd_reply_wrong_type(c);
         return;
     }
     resp_integer(c->reply, object_hash_set(obj, cmd_arg(c, 1), cmd_arg(c, 2)));
@@ -81,9 +80,8 @@ void cmd_hsetnx(client* c) {
         resp_integer(c->reply, 0);
         return;
     }
-    object* obj = cmd_key_or_create(c, OBJ_THASH);
+    object* obj = cmd_key_or_error(c, OBJ_THASH);
     if (obj == nullptr) {
-        cmd_reply_wrong_type(c);
         return;
     }
     object_hash_set(obj, cmd_arg(c, 1), cmd_arg(c, 2));
@@ -92,23 +90,21 @@ void cmd_hsetnx(client* c) {
 
 /* An increment that is no number counts as 0, which stays so for the clients that rely on it. */
 void cmd_hincrby(client* c) {
-    object* obj = cmd_key_or_create(c, OBJ_THASH);
+    object* obj = cmd_key_or_error(c, OBJ_THASH);
     if (obj == nullptr) {
-        cmd_reply_wrong_type(c);
         return;
     }
     int64_t delta = text_parse_int64(cmd_arg(c, 2), nullptr, 0);
     if (object_hash_incr(obj, cmd_arg(c, 1), &delta) == 0) {
-        resp_error(c->reply, nullptr, "failed to INCR on non-number value");
+        resp_error(c->reply, nullptr, CMD_NO_NUMBER_INCR);
         return;
     }
     resp_integer(c->reply, delta);
 }
 
 void cmd_hmset(client* c) {
-    object* obj = cmd_key_or_create(c, OBJ_THASH);
+    object* obj = cmd_key_or_error(c, OBJ_THASH);
     if (obj == nullptr) {
-        cmd_reply_wrong_type(c);
         return;
     }
     object_defer(obj);

@@ -4,29 +4,39 @@
 
 namespace {
 
-constexpr char NOT_A_NUMBER_INCR[] = "failed to INCR on non-number value";
-constexpr char NOT_A_NUMBER_DECR[] = "failed to DECR on non-number value";
-
-/* `obj` is null when it could not be made or there is no number to add. */
 void add_to_object(client* c, object* obj, int64_t delta, const char* reason) {
-    if (obj == nullptr || object_incr(obj, &delta) == 0) {
+    if (object_incr(obj, &delta) == 0) {
         resp_error(c->reply, nullptr, reason);
         return;
     }
     resp_integer(c->reply, delta);
 }
 
+void add_to_key(client* c, int64_t delta, const char* reason) {
+    object* obj = cmd_key_or_error(c, OBJ_TSTRING);
+    if (obj != nullptr) {
+        add_to_object(c, obj, delta, reason);
+    }
+}
+
 /* The key is made before the number is looked at, so a bad number leaves an empty string behind its
  * error. */
 void add_argument_to_key(client* c, bool negate, const char* reason) {
-    object* obj = cmd_key_or_create(c, OBJ_TSTRING);
+    object* obj = cmd_key_or_error(c, OBJ_TSTRING);
+    if (obj == nullptr) {
+        return;
+    }
     char* end;
     int64_t delta = text_parse_int64(cmd_arg(c, 1), &end, 0);
+    if (end == cmd_arg(c, 1)) {
+        resp_error(c->reply, nullptr, reason);
+        return;
+    }
     if (negate) {
         /* Without overflow: the most negative number stays itself. */
         delta = static_cast<int64_t>(-static_cast<uint64_t>(delta));
     }
-    add_to_object(c, end != cmd_arg(c, 1) ? obj : nullptr, delta, reason);
+    add_to_object(c, obj, delta, reason);
 }
 
 /* Assigns every pair of key and value, then announces each key once, with its last value. */
@@ -65,9 +75,8 @@ bool every_key_is_missing(const client* c) {
 } // namespace
 
 void cmd_append(client* c) {
-    object* obj = cmd_key_or_create(c, OBJ_TSTRING);
+    object* obj = cmd_key_or_error(c, OBJ_TSTRING);
     if (obj == nullptr) {
-        cmd_reply_wrong_type(c);
         return;
     }
     object_append(obj, cmd_arg(c, 1));
@@ -75,19 +84,19 @@ void cmd_append(client* c) {
 }
 
 void cmd_incr(client* c) {
-    add_to_object(c, cmd_key_or_create(c, OBJ_TSTRING), 1, NOT_A_NUMBER_INCR);
+    add_to_key(c, 1, CMD_NO_NUMBER_INCR);
 }
 
 void cmd_decr(client* c) {
-    add_to_object(c, cmd_key_or_create(c, OBJ_TSTRING), -1, NOT_A_NUMBER_DECR);
+    add_to_key(c, -1, CMD_NO_NUMBER_DECR);
 }
 
 void cmd_incrby(client* c) {
-    add_argument_to_key(c, false, NOT_A_NUMBER_INCR);
+    add_argument_to_key(c, false, CMD_NO_NUMBER_INCR);
 }
 
 void cmd_decrby(client* c) {
-    add_argument_to_key(c, true, NOT_A_NUMBER_DECR);
+    add_argument_to_key(c, true, CMD_NO_NUMBER_DECR);
 }
 
 void cmd_get(client* c) {
@@ -136,11 +145,14 @@ void cmd_setnx(client* c) {
 }
 
 void cmd_setex(client* c) {
-    object* obj = cmd_key_or_create(c, OBJ_TSTRING);
+    object* obj = cmd_key_or_error(c, OBJ_TSTRING);
+    if (obj == nullptr) {
+        return;
+    }
     char* end;
     const int32_t seconds = text_parse_int32(cmd_arg(c, 1), &end, 10);
-    if (obj == nullptr || end == cmd_arg(c, 1)) {
-        resp_error(c->reply, nullptr, "wrong type or no seconds");
+    if (end == cmd_arg(c, 1)) {
+        resp_error(c->reply, nullptr, "no seconds");
         return;
     }
     object_set_string_ttl(obj, static_cast<uint32_t>(seconds), cmd_arg(c, 2));
