@@ -83,9 +83,11 @@ connection* connection_open(int fd);
  * a closed one drops the bytes. */
 void connection_send(connection* c, const void* bytes, uint32_t length);
 
-/* Returns the output buffer when a frame of at most `size` bytes is simply batched: the caller
- * appends it there, or calls connection_fail_output when the heap has no room for it. Null
- * otherwise; the frame then goes through connection_send. */
+/* Returns the output buffer when a frame of at most `size` bytes would only be batched: below 2000
+ * bytes, while nothing is pending and the batch stays within 4000. The caller composes the frame
+ * there, or calls connection_fail_output when the heap has no room for it. That saves small replies
+ * a copy and an armed operation, some 130 instructions. Null otherwise; the frame then goes
+ * through connection_send. */
 buffer* connection_batch(connection* c, uint32_t size);
 
 /* Writes the batched output. May close the connection. */
