@@ -34,8 +34,7 @@ void cmd_decrby(client* c); /* key n: as incrby */
 void cmd_incrby(client* c); /* key n: :sum; n in any base of C; no number: error */
 void cmd_get(client* c);    /* key: bulk or nil */
 void cmd_set(client* c);    /* key value: OK, whatever type the key had */
-void cmd_getset(
-    client* c); /* key value: bulk of the old value or nil; a missing key stays missing */
+void cmd_getset(client* c); /* key value: bulk of the old value; no key: nil, and it stays so */
 void cmd_strlen(client* c); /* key: :length, :0 without the key */
 void cmd_setex(client* c);  /* key seconds value: OK; no number: error */
 void cmd_setnx(client* c);  /* key value: :1, or :0 when the key exists */
@@ -46,7 +45,8 @@ void cmd_msetnx(client* c); /* key value...: :1, or :0 when one of the keys exis
 /* The hook of "getset", run after the old value was written: assigns the new one. */
 void cmd_getset_assign(client* c);
 
-/* cmd_hash.cpp. What only reads or deletes takes a key of another type for a missing one. */
+/* cmd_hash.cpp. What only reads or deletes takes a key of another type for a missing one; to the
+ * others such a key is an error, and a missing one is made a hash. */
 void cmd_hlen(client* c);    /* key: :fields */
 void cmd_hexists(client* c); /* key field: :1 or :0 */
 void cmd_hkeys(client* c);   /* key: [fields] in table order */
@@ -54,14 +54,11 @@ void cmd_hvals(client* c);   /* key: [values] in the same order */
 void cmd_hgetall(client* c); /* key: [field value...] in the same order */
 void cmd_hget(client* c);    /* key field: bulk or nil */
 void cmd_hmget(client* c);   /* key field...: [bulk or nil for each] */
-void cmd_hset(
-    client* c); /* key field value: :1 when the field was new, else :0; another type: error */
-void cmd_hsetnx(
-    client* c); /* key field value: :1, or :0 when the field exists; another type: error */
-void cmd_hincrby(client* c); /* key field n: :sum; another type, or no number in the field: error */
-void cmd_hmset(
-    client* c);           /* key field value...: OK, announced as one change; another type: error */
-void cmd_hdel(client* c); /* key field...: :number deleted; protected fields stay */
+void cmd_hset(client* c);    /* key field value: :1 when the field was new, else :0 */
+void cmd_hsetnx(client* c);  /* key field value: :1, or :0 when the field exists */
+void cmd_hincrby(client* c); /* key field n: :sum; no number in the field: error */
+void cmd_hmset(client* c);   /* key field value...: OK, announced as one change */
+void cmd_hdel(client* c);    /* key field...: :number deleted; protected fields stay */
 
 /* cmd_list.cpp. While any client observes, lpush and rpush answer a key of another type with
  * silence. */
@@ -73,9 +70,8 @@ void cmd_rpushx(client* c);  /* as lpushx */
 void cmd_rpop(client* c);    /* as lpop */
 void cmd_llen(client* c);    /* key: :length, :0 without the key; another type: error */
 void cmd_lmaxlen(client* c); /* key n: sets the cap when n >= 1; :cap, :0 without the key */
-void cmd_lrange(
-    client* c); /* key start stop: [items], or nil; missing or another type, no stop: error */
-void cmd_lindex(client* c); /* key index: bulk or nil; missing or another type: error */
+void cmd_lrange(client* c);  /* key start stop: [items] or nil; no list or no stop: error */
+void cmd_lindex(client* c);  /* key index: bulk or nil; no list: error */
 
 /* The hook of "lpop" and "rpop", run after the item was written: frees it. */
 void cmd_pop_destroy(client* c);

@@ -7,16 +7,15 @@
 #include "store/event.h"
 #include "store/record.h"
 
-/* The keyspace: typed objects by key, the operations that change them and the change events that
- * follow.
+/* The keyspace: objects by key, and the operations that change them. What an object is stands in
+ * record.h, who is told of its changes in event.h; both come with this header.
  *
  * The keyspace owns its objects; an object owns its key and its value. A pointer to an object is
  * good until the next expiry sweep, which alone destroys records: deleting only marks them `dead`,
  * and lookups then treat them as absent. A borrowed value is good until the object is next changed.
  *
- * Every change is traced at debug level. A change of a string or hash is announced to the
- * string-change hooks and observers, at once or, while `deferred` is set, by object_flush. Lists
- * announce nothing.
+ * Every change is traced at debug level. Those of strings and hashes are announced, at once or at
+ * the end of a change in steps; a list announces nothing.
  *
  * The operations below that assert a type end the process through a fatal log line when it is
  * violated: callers look objects up by type first. */
