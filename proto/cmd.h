@@ -8,11 +8,10 @@
  * integer, bulk a string, nil, [...] a multibulk, error "-ERR" alone. */
 
 /* cmd_key.cpp: the connection and the keyspace */
-void cmd_hello(client* c);   /* [name]: renames the client for the log; OK */
-void cmd_ping(client* c);    /* OK */
-void cmd_observe(client* c); /* announces changes to this client from now on; OK */
-void cmd_keys(
-    client* c); /* pattern: [the keys that match it] (core/pattern.h), deleted ones included */
+void cmd_hello(client* c);    /* [name]: renames the client for the log; OK */
+void cmd_ping(client* c);     /* OK */
+void cmd_observe(client* c);  /* announces changes to this client from now on; OK */
+void cmd_keys(client* c);     /* pattern: [keys that match], deleted ones too; too dear: error */
 void cmd_exists(client* c);   /* key: :1 or :0 */
 void cmd_expire(client* c);   /* key seconds: :1; no key or no number :0 */
 void cmd_persist(client* c);  /* key: :1 when an expiry was removed, else :0 */
@@ -22,7 +21,7 @@ void cmd_ttl(client* c);      /* key: :seconds left; :-1 without an expiry, :-2 
 void cmd_type(client* c);     /* key: bulk none, string, list or hash */
 
 /* cmd_dump.cpp */
-void cmd_dump(client* c); /* path pattern: :0 or :errno */
+void cmd_dump(client* c); /* path pattern: :0 or :errno; too dear: error */
 void cmd_load(client* c); /* path: :0 or :errno */
 
 /* cmd_string.cpp. Where nothing else is said, an absent key is made a string, and one of another

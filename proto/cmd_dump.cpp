@@ -2,7 +2,12 @@
 #include "store/dump.h"
 
 void cmd_dump(client* c) {
-    resp_integer(c->reply, dump_keys(cmd_arg(c, 0), cmd_arg(c, 1)));
+    const int error = dump_keys(cmd_arg(c, 0), cmd_arg(c, 1));
+    if (error == DUMP_GIVEN_UP) {
+        resp_error(c->reply, nullptr, "pattern beyond its budget or memory");
+    } else {
+        resp_integer(c->reply, error);
+    }
 }
 
 void cmd_load(client* c) {

@@ -29,7 +29,10 @@ void cmd_observe(client* c) {
 /* A key that was deleted is listed as long as its record stands: only the type is looked at. */
 void cmd_keys(client* c) {
     selection found;
-    selection_make(&found, cmd_arg(c, 0), SELECT_TYPED);
+    if (!selection_make(&found, cmd_arg(c, 0), SELECT_TYPED)) {
+        resp_error(c->reply, nullptr, "pattern beyond its budget or memory");
+        return;
+    }
     resp_add(c->reply, nullptr);
     for (uint32_t i = 0; i < found.count; i++) {
         resp_add(c->reply, found.objects[i]->key);

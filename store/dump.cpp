@@ -166,7 +166,9 @@ bool is_history_key(const char* key) {
 
 int dump_keys(const char* path, const char* keys) {
     selection wanted;
-    selection_make(&wanted, keys, SELECT_STRINGS);
+    if (!selection_make(&wanted, keys, SELECT_STRINGS)) {
+        return DUMP_GIVEN_UP;
+    }
     const int error = dump_objects(&wanted, path);
     selection_free(&wanted);
     if (log_wants(LOG_INFO)) {

@@ -42,9 +42,13 @@ extern dump_history_hooks dump_history;
 /* True when the text behind the key's last "." begins with "day", "week" or "mon". */
 bool is_history_key(const char* key);
 
+/* What dump_keys returns when there is no selection (store/selection.h): the file is not touched.
+ */
+constexpr int DUMP_GIVEN_UP = -1;
+
 /* Writes every string key that matches the pattern `keys` (core/pattern.h) to the file, which is
- * created (0644) or emptied. A deleted key whose record still stands is written too. Returns 0, or
- * the error number of the failed creation. */
+ * created (0644) or emptied. A deleted key whose record still stands is written too. Returns 0,
+ * the error number of the failed creation, or DUMP_GIVEN_UP. */
 int dump_keys(const char* path, const char* keys);
 
 /* Writes one record, continuing short writes; gives up silently when the file takes no more. What

@@ -19,8 +19,9 @@ struct selection {
 constexpr unsigned SELECT_STRINGS = 1U << OBJ_TSTRING;
 constexpr unsigned SELECT_TYPED = SELECT_STRINGS | 1U << OBJ_TLIST | 1U << OBJ_THASH;
 
-/* Looks at every object, dead ones included. */
-void selection_make(selection* s, const char* keys, unsigned types);
+/* Looks at every object, dead ones included. False, with a line in the log at warn level and
+ * nothing to give back, when the pattern has spent its budget or the heap has no room. */
+bool selection_make(selection* s, const char* keys, unsigned types);
 
-/* Gives back the memory that the record owns. */
+/* Gives back the memory that a selection owns. */
 void selection_free(selection* s);

@@ -226,6 +226,18 @@ TEST_F(dump_and_load_test, a_file_that_cannot_be_made_is_replied_and_logged) {
                               "info  *** failed to dump * to : 2\n");
 }
 
+TEST_F(dump_and_load_test, a_pattern_that_takes_too_long_leaves_the_file_as_it_was) {
+    set(std::string(100000, 'a'), "v");
+    const std::string hostile = "*" + std::string(1000, '?') + "b*";
+    log.start(LOG_INFO);
+    EXPECT_EQ(dump_keys(file.c_str(), hostile.c_str()), DUMP_GIVEN_UP);
+    EXPECT_FALSE(std::filesystem::exists(file));
+    write_file("older");
+    EXPECT_EQ(dump_keys(file.c_str(), hostile.c_str()), DUMP_GIVEN_UP);
+    EXPECT_EQ(content(), "older");
+    EXPECT_EQ(log.lines().size(), 2u) << "the selection says why, and that is all";
+}
+
 TEST_F(dump_and_load_test, nothing_is_logged_above_info_level) {
     log.start(LOG_WARN);
     dump();
