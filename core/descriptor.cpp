@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -33,6 +34,16 @@ int descriptor_open_plain(const char* path, int flags, mode_t mode) {
         return -1;
     }
     return fd;
+}
+
+void descriptor_raise_limit(unsigned count) {
+    rlimit limit;
+    if (getrlimit(RLIMIT_NOFILE, &limit) < 0 || limit.rlim_cur >= count) {
+        return;
+    }
+    limit.rlim_cur = count < limit.rlim_max ? count : limit.rlim_max;
+    /* Whoever is left without a descriptor then copes with that. */
+    (void)setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 void descriptor_hold_standard(bool working) {

@@ -16,6 +16,11 @@ int descriptor_open_untrusted(const char* path, int flags, mode_t mode = 0);
  */
 int descriptor_open_plain(const char* path, int flags, mode_t mode = 0);
 
+/* Raises the process's limit of descriptors to `count`, or as far as that may be. A higher one
+ * stays.
+ */
+void descriptor_raise_limit(unsigned count);
+
 /* Fills the places of closed standard descriptors with /dev/null: otherwise their numbers would be
  * given to connections and files, which would then get what is printed. When they are not
  * `working`, reading from and writing to them fails, so that whoever needs them notices. */

@@ -23,6 +23,8 @@
 namespace {
 
 constexpr int DESCRIPTOR_LIMIT = 100;
+/* For files, pipes and folders while the loop has all of its own in use. */
+constexpr int DESCRIPTORS_BESIDE = 28;
 constexpr uint32_t SWEEP_MS = 100;
 constexpr char PID_FILE[] = "/tmp/tessard.pid";
 
@@ -39,6 +41,7 @@ int main(int argc, char** argv) {
     options_parse(&o, argc, argv);
 
     const pid_t self = getpid();
+    descriptor_raise_limit(DESCRIPTOR_LIMIT + DESCRIPTORS_BESIDE);
     loop_init(DESCRIPTOR_LIMIT, LOOP_SELECT);
     log_use_sockets(&sockets);
     log_open(&o.log);

@@ -1,5 +1,6 @@
 #include "loop/server.h"
 
+#include <errno.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -9,6 +10,8 @@
 #include "loop/endpoint.h"
 
 namespace {
+
+constexpr uint32_t ACCEPT_PAUSE_MS = 100;
 
 /* Gives up one reference; the last one frees the record. */
 void unref(server* s) {
@@ -39,6 +42,23 @@ void join(connection* c, server* owner) {
     }
     owner->connections = c;
     owner->references++;
+}
+
+/* The client went away again, or the next pass may have more luck. */
+bool is_passing(int error) {
+    return error == EAGAIN || error == EWOULDBLOCK || error == EINTR || error == ECONNABORTED;
+}
+
+int resume_accepting(void* argument) {
+    loop_modify_handler(static_cast<server*>(argument)->fd, LOOP_READABLE, 0);
+    return 1;
+}
+
+/* For when there is no descriptor or memory to accept with. The client waits in the kernel's queue
+ * and keeps the listener readable meanwhile: if it were still watched, no pass would ever wait. */
+void pause_accepting(server* s) {
+    loop_modify_handler(s->fd, 0, LOOP_READABLE);
+    loop_add_timer(ACCEPT_PAUSE_MS, resume_accepting, s);
 }
 
 void expect_free_slot(int fd) {
@@ -97,7 +117,9 @@ void cb_sserver(int fd, unsigned mask, void* argument) {
     }
     const int accepted = accept4(fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (accepted < 0) {
-        /* The client went away again, or descriptors ran out: there is nobody to tell. */
+        if (!is_passing(errno)) {
+            pause_accepting(s);
+        }
         return;
     }
     if (accepted >= loop_maxfd()) {
@@ -115,6 +137,7 @@ void cb_sserver(int fd, unsigned mask, void* argument) {
 }
 
 void server_release(server* s) {
+    loop_del_timer_match(resume_accepting, s);
     loop_remove_handler(s->fd);
     close(s->fd);
     s->fd = -1;

@@ -40,7 +40,8 @@ connection* loop_add_connection(int fd, server* owner);
 
 /* The handler of the listening descriptor; `argument` is the server. Accepts one connection for
  * each readiness. A client whose descriptor is not below the loop's limit is closed without a word.
- */
+ * One for whom the process has no descriptor or memory waits; for a tenth of a second nobody is
+ * accepted, and then it is tried again. */
 void cb_sserver(int fd, unsigned mask, void* argument);
 
 /* Stops listening and gives up the opener's reference. */

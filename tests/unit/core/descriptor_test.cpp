@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -137,6 +138,29 @@ TEST_F(descriptor_open_test, what_is_refused_leaves_no_descriptor) {
     close(next);
     EXPECT_EQ(descriptor_open_plain("/dev/null", O_WRONLY), -1);
     EXPECT_EQ(fcntl(next, F_GETFD), -1);
+}
+
+namespace {
+
+/* The soft limit after it was to be raised from `soft`, which may go up to `hard`. */
+rlim_t raised(rlim_t soft, rlim_t hard, unsigned count) {
+    rlimit limit = {soft, hard};
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    descriptor_raise_limit(count);
+    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_EQ(limit.rlim_max, hard);
+    return limit.rlim_cur;
+}
+
+} // namespace
+
+TEST(descriptor_limit_test, is_raised_as_far_as_it_may_be_and_never_lowered) {
+    run_in_own_world(nothing_special, [] {
+        EXPECT_EQ(raised(64, 512, 128), 128u);
+        EXPECT_EQ(raised(300, 512, 128), 300u);
+        EXPECT_EQ(raised(64, 100, 128), 100u);
+        EXPECT_EQ(raised(100, 100, 128), 100u);
+    });
 }
 
 TEST(descriptor_standard_test, closed_ones_are_filled_with_null_in_both_directions) {

@@ -8,17 +8,22 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <stdlib.h>
+#include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <deque>
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "core/pool.h"
 #include "loop/connection.h"
 #include "loop/endpoint.h"
 #include "loop/loop.h"
+#include "tests/unit/support/test_clock.h"
 #include "tests/unit/support/test_kernel.h"
 
 namespace {
@@ -108,6 +113,29 @@ struct server_test : testing::TestWithParam<loop_backend> {
         end = {nullptr, false, stop_at_pass_end};
         loop_destroy_later(&end);
         loop_run();
+    }
+
+    /* Runs so many passes, none of which waits, and calls `step` in each. */
+    static void run_passes(int count, std::function<void(int pass)> step = {}) {
+        struct passes {
+            int fd;
+            int count;
+            int done;
+            std::function<void(int)> step;
+        } p = {eventfd(1, EFD_CLOEXEC), count, 0, std::move(step)};
+        const auto on_pass = [](int, unsigned, void* argument) {
+            passes* all = static_cast<passes*>(argument);
+            if (all->step) {
+                all->step(all->done);
+            }
+            if (++all->done == all->count) {
+                loop_stop();
+            }
+        };
+        loop_add_handler(p.fd, LOOP_READABLE, on_pass, &p);
+        loop_run();
+        loop_remove_handler(p.fd);
+        close(p.fd);
     }
 
     /* Destroys all connections, as the end of a pass would, and frees the server. */
@@ -321,6 +349,77 @@ TEST_P(server_test, a_client_that_finds_no_descriptor_left_waits_for_one) {
     EXPECT_EQ(accepted.size(), 1u);
     EXPECT_EQ(s->references, 2u);
     finish(s);
+}
+
+/* Time stands still but for what the test lets pass, so a pause that is made does not end. */
+TEST_P(server_test,
+       is_not_asked_again_for_a_tenth_of_a_second_when_there_is_nothing_to_accept_with) {
+    for (const int error : {EMFILE, ENFILE, ENOMEM, ENOBUFS, EPERM}) {
+        SCOPED_TRACE(error);
+        const test_clock::frozen clock(1000);
+        loop_init(LIMIT, GetParam());
+        server* s = open_server();
+        connect_client();
+        test_kernel::accept_failures = std::deque<int>(10, error);
+        run_passes(20, [&](int pass) {
+            if (pass == 19) {
+                EXPECT_EQ(test_kernel::accept_failures.size(), 9u);
+                test_kernel::accept_failures.clear();
+                test_clock::set(1000, 99000);
+            }
+        });
+        EXPECT_EQ(s->references, 1u);
+        EXPECT_TRUE(loop_has_handler(s->fd));
+        finish(s);
+        unlink(path.c_str());
+    }
+}
+
+TEST_P(server_test, is_asked_again_when_a_tenth_of_a_second_has_passed) {
+    const test_clock::frozen clock(1000);
+    loop_init(LIMIT, GetParam());
+    server* s = open_server();
+    connect_client();
+    test_kernel::accept_failures = {EMFILE, EMFILE};
+    run_passes(20, [&](int pass) {
+        if (pass == 5 || pass == 10) {
+            EXPECT_EQ(s->references, 1u);
+            test_clock::set(1000, pass * 20000);
+        }
+    });
+    EXPECT_EQ(test_kernel::accept_failures.size(), 0u);
+    EXPECT_EQ(s->references, 2u);
+    finish(s);
+}
+
+TEST_P(server_test, is_asked_again_at_once_when_a_client_went_or_a_signal_came) {
+    for (const int error : {ECONNABORTED, EINTR, EAGAIN}) {
+        SCOPED_TRACE(error);
+        const test_clock::frozen clock(1000);
+        loop_init(LIMIT, GetParam());
+        server* s = open_server();
+        connect_client();
+        test_kernel::accept_failures = {error};
+        run_passes(3);
+        EXPECT_EQ(s->references, 2u);
+        finish(s);
+        unlink(path.c_str());
+    }
+}
+
+TEST_P(server_test, may_be_released_while_it_waits_for_a_descriptor) {
+    const test_clock::frozen clock(1000);
+    loop_init(LIMIT, GetParam());
+    server* s = open_server();
+    connect_client();
+    test_kernel::accept_failures = {EMFILE};
+    run_passes(5, [&](int pass) {
+        if (pass == 3) {
+            EXPECT_EQ(test_kernel::accept_failures.size(), 0u);
+            server_release(s);
+            test_clock::set(1001);
+        }
+    });
 }
 
 TEST_P(server_test, accepting_without_data_callback_aborts) {
