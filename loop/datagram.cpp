@@ -8,6 +8,10 @@
 
 namespace {
 
+/* The server whose callback is being called; null as soon as that has released it. Neither its
+ * record nor its descriptor can be asked then, since both may have been given to somebody else. */
+datagram_server* serving;
+
 void on_readable(int fd, unsigned mask, void* argument) {
     datagram_server* s = static_cast<datagram_server*>(argument);
     if ((mask & LOOP_READABLE) == 0) {
@@ -37,8 +41,9 @@ void on_readable(int fd, unsigned mask, void* argument) {
         recvfrom(fd, bytes, static_cast<size_t>(waiting), 0, &sender.any, &sender_length);
     if (size >= 0) {
         buffer_truncate(request, static_cast<uint32_t>(waiting - size));
+        serving = s;
         s->callback(s, request, reply);
-        if (reply->length > 0) {
+        if (serving != nullptr && reply->length > 0) {
             /* Datagrams may be lost anywhere, here as well. */
             (void)sendto(fd, reply->data, reply->length, MSG_NOSIGNAL, &sender.any, sender_length);
         }
@@ -66,6 +71,9 @@ datagram_server* datagram_open(const char* address, int port, datagram_callback 
 }
 
 void datagram_release(datagram_server* s) {
+    if (s == serving) {
+        serving = nullptr;
+    }
     loop_remove_handler(s->fd);
     close(s->fd);
     s->fd = -1;

@@ -11,7 +11,7 @@ struct datagram_server;
 
 /* `request` holds the datagram, which is never empty: empty ones are dropped. What the callback
  * leaves in `reply` is sent back, nothing when it is empty. Both buffers belong to the loop and are
- * emptied afterwards. The callback may release the server. */
+ * emptied afterwards. The callback may release the server; then nothing is sent. */
 typedef void (*datagram_callback)(datagram_server* s, buffer* request, buffer* reply);
 
 struct datagram_server {

@@ -96,6 +96,19 @@ struct datagram_test : testing::TestWithParam<loop_backend> {
         return fd;
     }
 
+    /* A client that takes datagrams from anybody. */
+    int unconnected_client() {
+        clients.push_back(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        return clients.back();
+    }
+
+    void send_to_server(int fd, const std::string& bytes) const {
+        endpoint_address address;
+        endpoint_parse("127.0.0.1", port, &address);
+        ASSERT_EQ(sendto(fd, bytes.data(), bytes.size(), 0, &address.any, sizeof address.ipv4),
+                  static_cast<ssize_t>(bytes.size()));
+    }
+
     static void send_from(int fd, const std::string& bytes) {
         ASSERT_EQ(send(fd, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
     }
@@ -338,6 +351,40 @@ TEST_P(datagram_test, may_be_released_from_its_callback) {
     EXPECT_EQ(requests, (std::vector<std::string>{"request"}));
     EXPECT_EQ(loop_request_scratch()->length, 0u);
     EXPECT_EQ(loop_reply_scratch()->length, 0u);
+}
+
+/* The number of the server's descriptor is given to another socket before the callback returns. */
+TEST_P(datagram_test, a_server_that_its_callback_released_answers_through_no_other_socket) {
+    const int number = s->fd;
+    int foreign = -1;
+    on_request = [&](datagram_server* called, buffer* reply) {
+        answer(reply, "too late");
+        datagram_release(called);
+        s = nullptr;
+        foreign = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    };
+    const int anyones = unconnected_client();
+    send_to_server(anyones, "request");
+    run_until(1);
+    EXPECT_EQ(foreign, number);
+    EXPECT_EQ(receive(anyones), "nothing");
+    EXPECT_EQ(loop_reply_scratch()->length, 0u);
+    close(foreign);
+}
+
+TEST_P(datagram_test, nor_through_the_server_that_takes_its_place) {
+    const int number = s->fd;
+    on_request = [&](datagram_server* called, buffer* reply) {
+        answer(reply, "too late");
+        datagram_release(called);
+        s = datagram_open("127.0.0.1", 0, take_request);
+    };
+    const int anyones = unconnected_client();
+    send_to_server(anyones, "request");
+    run_until(1);
+    ASSERT_NE(s, nullptr);
+    EXPECT_EQ(s->fd, number);
+    EXPECT_EQ(receive(anyones), "nothing");
 }
 
 } // namespace
