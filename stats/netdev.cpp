@@ -33,24 +33,23 @@ struct counters {
     uint32_t tx_packets;
 };
 
-struct netdev_state {
-    iface_stat* ifaces; /* newest first */
-    iface_stat* oldest; /* the last of them */
-    iface_stat* found;  /* the record found or made last; null when there is none */
-    uint32_t last_sec;  /* time of the last poll, 0 before the first */
-    uint32_t last_usec;
-    uint32_t most_ifaces; /* the most selected in one poll */
-};
-
-netdev_state state;
-
 /* The fields of an interface's hash. */
 enum field { RXB, RXP, TXB, TXP, TXBRATE, TXPRATE, RXBRATE, RXPRATE, FLAGS, FIELDS };
 
 const char* const field_texts[FIELDS] = {"rxb",     "rxp",     "txb",     "txp",  "txbrate",
                                          "txprate", "rxbrate", "rxprate", "flags"};
 
-sstr field_names[FIELDS]; /* made once, for all interfaces and ticks */
+struct netdev_state {
+    iface_stat* ifaces; /* newest first */
+    iface_stat* oldest; /* the last of them */
+    iface_stat* found;  /* the record found or made last; null when there is none */
+    uint32_t last_sec;  /* time of the last poll, 0 before the first */
+    uint32_t last_usec;
+    uint32_t most_ifaces;     /* the most selected in one poll */
+    sstr field_names[FIELDS]; /* made at the start, for all interfaces and ticks */
+};
+
+netdev_state state;
 
 bool is_of_interest(const char* name) {
     for (const char* prefix : name_prefixes) {
@@ -171,17 +170,17 @@ void publish(const char* name, const iface_stat* iface) {
         return;
     }
     object_defer(hash);
-    stat_hset_u64(hash, field_names[RXB], static_cast<uint32_t>(iface->rx_bytes),
+    stat_hset_u64(hash, state.field_names[RXB], static_cast<uint32_t>(iface->rx_bytes),
                   static_cast<uint32_t>(iface->rx_bytes >> 32));
-    stat_hset_u32(hash, field_names[RXP], iface->rx_packets);
-    stat_hset_u64(hash, field_names[TXB], static_cast<uint32_t>(iface->tx_bytes),
+    stat_hset_u32(hash, state.field_names[RXP], iface->rx_packets);
+    stat_hset_u64(hash, state.field_names[TXB], static_cast<uint32_t>(iface->tx_bytes),
                   static_cast<uint32_t>(iface->tx_bytes >> 32));
-    stat_hset_u32(hash, field_names[TXP], iface->tx_packets);
-    stat_hset_u32(hash, field_names[TXBRATE], iface->rate.txb);
-    stat_hset_u32(hash, field_names[TXPRATE], iface->rate.txp);
-    stat_hset_u32(hash, field_names[RXBRATE], iface->rate.rxb);
-    stat_hset_u32(hash, field_names[RXPRATE], iface->rate.rxp);
-    stat_hset_u32(hash, field_names[FLAGS], iface->flags);
+    stat_hset_u32(hash, state.field_names[TXP], iface->tx_packets);
+    stat_hset_u32(hash, state.field_names[TXBRATE], iface->rate.txb);
+    stat_hset_u32(hash, state.field_names[TXPRATE], iface->rate.txp);
+    stat_hset_u32(hash, state.field_names[RXBRATE], iface->rate.rxb);
+    stat_hset_u32(hash, state.field_names[RXPRATE], iface->rate.rxp);
+    stat_hset_u32(hash, state.field_names[FLAGS], iface->flags);
     object_flush(hash);
 }
 
@@ -295,10 +294,12 @@ void netdev_start() {
         free(state.ifaces);
         state.ifaces = next;
     }
+    for (sstr& name : state.field_names) {
+        sstr_free(&name);
+    }
     state = {};
     netdev_interval_us = 0;
     for (unsigned i = 0; i < FIELDS; i++) {
-        sstr_free(&field_names[i]);
-        field_names[i] = sstr_new(field_texts[i], SSTR_CSTRING);
+        state.field_names[i] = sstr_new(field_texts[i], SSTR_CSTRING);
     }
 }
