@@ -20,7 +20,10 @@
  * The name goes into the shell's command as it is: blanks split it, and what means something to the
  * shell means it here. Scripts run in the background, and the daemon neither waits for them nor
  * looks at their result.
- */
+ *
+ * While the folder cannot be read, the listed tasks run all the same. Without memory for the list
+ * the scheduler never starts, which the log says; without memory for a task, or for starting it,
+ * that task is passed over. */
 
 void module_crond_start();
 

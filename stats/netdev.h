@@ -11,7 +11,9 @@
  * samples are the rates of the span (stats/formats.h).
  *
  * Records are never removed: an interface that disappears keeps its last figures and flags in the
- * store. When the kernel's file or its list of addresses cannot be read, nothing changes. */
+ * store, and 45.7 kB with them, most of which are its histories. When the kernel's file or its list
+ * of addresses cannot be read, nothing changes. A clock that was set back, or forward by more than
+ * 35 minutes, costs one poll's rates. Exhausted memory ends the process. */
 
 struct iface_rates {
     uint32_t rxb; /* bytes and packets per second */
