@@ -2,9 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <csignal>
-#include <cstdint>
-#include <cstring>
+#include <signal.h>
+#include <stdint.h>
+#include <string.h>
+
 #include <cwchar>
 #include <string>
 

@@ -3,11 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <malloc.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
 
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
 #include <set>
 #include <string>
 #include <vector>

@@ -2,10 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include <csignal>
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
+#include <signal.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+
 #include <string>
 
 #include "core/pool.h"

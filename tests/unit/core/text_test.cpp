@@ -3,12 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <malloc.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
 #include <cwchar>
 #include <string>
 #include <vector>
