@@ -14,6 +14,7 @@
 #include <map>
 
 #include "tests/support/big_endian.h"
+#include "tests/support/dump_record.h"
 #include "tests/system/model/frames.h"
 #include "tests/system/support/daemon_test.h"
 #include "tests/system/support/log_text.h"
@@ -25,11 +26,6 @@ namespace {
 typedef std::vector<std::string> words;
 
 const std::string FILE_PATH = "/tmp/x.dump";
-
-std::string record(const std::string& key, const std::string& data) {
-    return be32(static_cast<uint32_t>(key.size())) + key +
-           be32(static_cast<uint32_t>(data.size())) + data;
-}
 
 std::string failure(int error) {
     return ":" + std::to_string(error) + "\r\n";

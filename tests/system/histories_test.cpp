@@ -11,6 +11,8 @@
 #include <optional>
 
 #include "tests/support/big_endian.h"
+#include "tests/support/dump_record.h"
+#include "tests/support/ring_model.h"
 #include "tests/system/support/daemon_test.h"
 #include "tests/system/support/log_text.h"
 
@@ -34,64 +36,11 @@ uint32_t seconds() {
     return static_cast<uint32_t>(time(nullptr));
 }
 
-std::string record(const std::string& key, const std::string& data) {
-    return be32(static_cast<uint32_t>(key.size())) + key +
-           be32(static_cast<uint32_t>(data.size())) + data;
-}
+const ring_model DAY = {360, 240, 0};
+const ring_model WEEK = {1440, 420, 0};
+const ring_model MONTH = {2880, 900, 0};
 
-/* What a history must hold, found the plain way. */
-struct ring {
-    uint32_t period;
-    uint32_t slots;
-    uint32_t size;
-    uint32_t filled = 0;
-    uint32_t head = 0;
-    std::string samples = std::string(slots * size, '\0');
-
-    void push(const std::string& sample) {
-        samples.replace(head * size, size, sample);
-        head = (head + 1) % slots;
-        filled = std::min(filled + 1, slots);
-    }
-
-    /* Samples 0 to n - 1, none of them all zero. */
-    ring& fill(uint32_t n) {
-        for (uint32_t i = 0; i < n; i++) {
-            push(std::string(size, static_cast<char>(i % 200 + 1)));
-        }
-        return *this;
-    }
-
-    /* So many zero samples. When all samples are zero, further ones only turn the ring. */
-    ring& pad(uint32_t n) {
-        for (uint32_t i = 0; i < std::min(n, slots); i++) {
-            push(std::string(size, '\0'));
-        }
-        if (n > slots) {
-            head = (head + n % slots) % slots;
-        }
-        return *this;
-    }
-
-    /* Everything behind the time stamp. */
-    std::string rest() const {
-        return be32(period) + be32(slots) + be32(filled) + be32(head) + samples;
-    }
-
-    std::string value(uint32_t stamp) const {
-        return be32(stamp) + rest();
-    }
-
-    std::string data(uint32_t stamp) const {
-        return value(stamp).substr(0, 20 + filled * size);
-    }
-};
-
-const ring DAY = {360, 240, 0};
-const ring WEEK = {1440, 420, 0};
-const ring MONTH = {2880, 900, 0};
-
-ring ring_of(const ring& span, uint32_t size) {
+ring_model ring_of(const ring_model& span, uint32_t size) {
     return {span.period, span.slots, size};
 }
 
@@ -147,19 +96,19 @@ class histories : public daemon_test {
     }
 
     /* The key holds what the ring does, stamped by the load that came after `since`. */
-    void expect_ring(const std::string& key, const ring& expected, uint32_t since) {
+    void expect_ring(const std::string& key, const ring_model& expected, uint32_t since) {
         std::string value = get(key);
         EXPECT_GE(word_at(value, 0), since) << key;
         EXPECT_LE(word_at(value, 0), seconds()) << key;
         EXPECT_EQ(word_at(value, 12), expected.filled) << key << ", filled";
         EXPECT_EQ(word_at(value, 16), expected.head) << key << ", head";
-        EXPECT_TRUE(value.size() >= 4 && value.substr(4) == expected.rest()) << key;
+        EXPECT_TRUE(value.size() >= 4 && value.substr(4) == expected.value().substr(4)) << key;
     }
 
     /* Loads a ring for every source and span and returns them: those not yet full, those just
      * full, and those full and turned. */
-    std::map<std::string, ring> load_rings_of_all_kinds() {
-        std::map<std::string, ring> rings;
+    std::map<std::string, ring_model> load_rings_of_all_kinds() {
+        std::map<std::string, ring_model> rings;
         for (const auto& [base, size] :
              {std::pair("cpu", 1u), {"host", 4u}, {"conn", 4u}, {"eth0", 16u}}) {
             rings.emplace(base + std::string(".day"), ring_of(DAY, size).fill(5));
@@ -168,7 +117,7 @@ class histories : public daemon_test {
         }
         std::string file;
         for (const auto& [key, one] : rings) {
-            file += record(key, one.data(seconds()));
+            file += record(key, one.at(seconds()).record());
         }
         EXPECT_EQ(load(file), ":0\r\n");
         return rings;
@@ -201,7 +150,7 @@ class histories : public daemon_test {
 TEST_F(histories, are_loaded_as_a_dump_holds_them) {
     ASSERT_NO_FATAL_FAILURE(begin());
     const uint32_t since = seconds();
-    const std::map<std::string, ring> rings = load_rings_of_all_kinds();
+    const std::map<std::string, ring_model> rings = load_rings_of_all_kinds();
     for (const auto& [key, expected] : rings) {
         expect_ring(key, expected, since);
     }
@@ -209,11 +158,12 @@ TEST_F(histories, are_loaded_as_a_dump_holds_them) {
 
 TEST_F(histories, are_dumped_as_far_as_they_are_filled) {
     ASSERT_NO_FATAL_FAILURE(begin());
-    const std::map<std::string, ring> rings = load_rings_of_all_kinds();
+    const std::map<std::string, ring_model> rings = load_rings_of_all_kinds();
     ASSERT_EQ(client->call({"set", "nobody.day", "has no series"}), OK);
     const std::string file = dump("*");
     for (const auto& [key, expected] : rings) {
-        EXPECT_NE(file.find(record(key, expected.data(word_at(get(key), 0)))), std::string::npos)
+        EXPECT_NE(file.find(record(key, expected.at(word_at(get(key), 0)).record())),
+                  std::string::npos)
             << key;
     }
     EXPECT_NE(file.find(be32(7) + "cpu.10m" + be32(620)), std::string::npos)
@@ -224,7 +174,7 @@ TEST_F(histories, are_dumped_as_far_as_they_are_filled) {
 
 TEST_F(histories, come_back_after_a_restart_with_the_gap_padded) {
     ASSERT_NO_FATAL_FAILURE(begin());
-    std::map<std::string, ring> rings = load_rings_of_all_kinds();
+    std::map<std::string, ring_model> rings = load_rings_of_all_kinds();
     ASSERT_EQ(client->call({"set", "nobody.day", "has no series"}), OK);
     std::string file = dump("*");
 
@@ -291,13 +241,13 @@ TEST_F(histories, time_stamps_of_any_age_cost_no_more_than_the_ring) {
                           {now + 1000000000, 0},
                           /* Differences have 32 bits: this one is as old as the epoch. */
                           {0xFFFFFFFF, int64_t{now} + 1}}) {
-        ring day = ring_of(DAY, 1).fill(7);
-        ring week = ring_of(WEEK, 4).fill(500);
-        ring month = ring_of(MONTH, 16).fill(0);
+        ring_model day = ring_of(DAY, 1).fill(7);
+        ring_model week = ring_of(WEEK, 4).fill(500);
+        ring_model month = ring_of(MONTH, 16).fill(0);
         uint32_t since = seconds();
-        ASSERT_EQ(load(record("cpu.day", day.data(a.stamp)) +
-                       record("host.week", week.data(a.stamp)) +
-                       record("eth0.mon", month.data(a.stamp))),
+        ASSERT_EQ(load(record("cpu.day", day.at(a.stamp).record()) +
+                       record("host.week", week.at(a.stamp).record()) +
+                       record("eth0.mon", month.at(a.stamp).record())),
                   ":0\r\n");
         for (auto& [key, expected] :
              {std::pair("cpu.day", &day), {"host.week", &week}, {"eth0.mon", &month}}) {
@@ -310,7 +260,7 @@ TEST_F(histories, time_stamps_of_any_age_cost_no_more_than_the_ring) {
 
     std::string file;
     for (int i = 0; i < OLD_RECORDS; i++) {
-        file += record("cpu.day", ring_of(DAY, 1).fill(7).data(1));
+        file += record("cpu.day", ring_of(DAY, 1).fill(7).at(1).record());
     }
     long before = cpu_ms();
     ASSERT_EQ(load(file), ":0\r\n");
@@ -320,9 +270,9 @@ TEST_F(histories, time_stamps_of_any_age_cost_no_more_than_the_ring) {
 
 TEST_F(histories, records_that_do_not_fit_change_nothing) {
     ASSERT_NO_FATAL_FAILURE(begin());
-    ring expected = ring_of(DAY, 4).fill(6);
+    ring_model expected = ring_of(DAY, 4).fill(6);
     uint32_t since = seconds();
-    ASSERT_EQ(load(record("host.day", expected.data(since))), ":0\r\n");
+    ASSERT_EQ(load(record("host.day", expected.at(since).record())), ":0\r\n");
     const std::string before = get("host.day");
     expect_ring("host.day", expected, since);
 
@@ -349,7 +299,7 @@ TEST_F(histories, records_that_do_not_fit_change_nothing) {
     EXPECT_EQ(client->call({"exists", "host.days"}), ":0\r\n");
 
     /* Cut anywhere, a record is taken whole or not at all. */
-    std::string whole = record("host.day", ring_of(DAY, 4).fill(2).data(since));
+    std::string whole = record("host.day", ring_of(DAY, 4).fill(2).at(since).record());
     for (size_t length = 0; length < whole.size(); length++) {
         EXPECT_EQ(load(whole.substr(0, length)), ":0\r\n");
         EXPECT_EQ(get("host.day"), before) << length;
@@ -359,8 +309,8 @@ TEST_F(histories, records_that_do_not_fit_change_nothing) {
 
 TEST_F(histories, that_clients_overwrote_are_dumped_and_loaded_no_further_than_the_value_goes) {
     ASSERT_NO_FATAL_FAILURE(begin());
-    const ring expected = ring_of(DAY, 4).fill(6);
-    ASSERT_EQ(load(record("conn.day", expected.data(seconds()))), ":0\r\n");
+    const ring_model expected = ring_of(DAY, 4).fill(6);
+    ASSERT_EQ(load(record("conn.day", expected.at(seconds()).record())), ":0\r\n");
     for (const std::string& value : words{"", "x", std::string(19, 'y'), std::string(30, 'z')}) {
         EXPECT_EQ(client->call({"set", "conn.day", value}), OK);
         EXPECT_EQ(dump("conn.day"), record("conn.day", value));
@@ -369,7 +319,7 @@ TEST_F(histories, that_clients_overwrote_are_dumped_and_loaded_no_further_than_t
     EXPECT_EQ(dump("conn.day"), record("conn.day", std::string(44, 'w')))
         << "header and six samples";
     EXPECT_EQ(client->call({"set", "conn.day", std::string(43, 'v')}), OK);
-    EXPECT_EQ(load(record("conn.day", expected.data(seconds()))), ":0\r\n");
+    EXPECT_EQ(load(record("conn.day", expected.at(seconds()).record())), ":0\r\n");
     EXPECT_EQ(get("conn.day"), std::string(43, 'v')) << "shorter than the record";
     EXPECT_TRUE(daemon->running());
 }
@@ -418,7 +368,7 @@ TEST_F(histories, expire_like_any_key_and_what_comes_in_their_place_is_none) {
     EXPECT_EQ(client->call({"exists", "host.week"}), ":0\r\n");
     EXPECT_EQ(client->call({"set", "host.week", "mine"}), OK);
     EXPECT_EQ(dump("host.week"), "");
-    EXPECT_EQ(load(record("host.week", ring_of(WEEK, 4).data(0))), ":0\r\n");
+    EXPECT_EQ(load(record("host.week", ring_of(WEEK, 4).at(0).record())), ":0\r\n");
     EXPECT_EQ(get("host.week"), "mine");
     EXPECT_TRUE(daemon->running());
 }

@@ -22,6 +22,7 @@
 #include <thread>
 
 #include "tests/support/big_endian.h"
+#include "tests/support/netdev_text.h"
 #include "tests/system/model/frames.h"
 #include "tests/system/support/daemon_test.h"
 #include "tests/system/support/log_text.h"
@@ -42,24 +43,6 @@ const std::string MEMINFO = "MemTotal:         61372 kB\n"
                             "MemFree:           5472 kB\n"
                             "Buffers:           3240 kB\n"
                             "Cached:           12340 kB\n";
-
-struct counts {
-    uint64_t rxb = 0;
-    uint64_t rxp = 0;
-    uint64_t txb = 0;
-    uint64_t txp = 0;
-};
-
-std::string netdev_line(const std::string& name, const counts& c) {
-    return "  " + name + ": " + std::to_string(c.rxb) + " " + std::to_string(c.rxp) +
-           " 1 2 3 4 5 6 " + std::to_string(c.txb) + " " + std::to_string(c.txp) + " 1 2 3 4 5 6\n";
-}
-
-std::string netdev_file(const std::string& lines) {
-    return "Inter-|   Receive                            |  Transmit\n"
-           " face |bytes    packets errs drop fifo frame|bytes    packets errs drop fifo colls\n" +
-           lines;
-}
 
 std::string cpu_file(unsigned long busy, unsigned long idle) {
     return "cpu  " + std::to_string(busy) + " 0 0 " + std::to_string(idle) +
@@ -137,7 +120,7 @@ class statistics : public daemon_test {
         for (const auto& [name, c] : interfaces) {
             lines += netdev_line(name, c);
         }
-        sandbox::set_proc_file("net/dev", netdev_file(lines));
+        sandbox::set_proc_file("net/dev", NETDEV_HEADER + lines);
     }
 
     /* The interfaces, and a processor and a memory. */
@@ -364,12 +347,11 @@ class real_interfaces : public statistics {
 } // namespace
 
 TEST_F(statistics, a_tick_writes_every_figure_and_announces_each_once) {
-    sandbox::set_proc_file("net/dev",
-                           netdev_file(netdev_line("lo", {1, 1, 1, 1}) +
-                                       netdev_line("eth0", {1000000, 1000, 5000000000, 2000}) +
-                                       netdev_line("wlan0", {1, 1, 1, 1}) +
-                                       netdev_line("ppp0", {1, 1, 1, 1}) +
-                                       netdev_line("br-lan", {7, 8, 9, 10})));
+    sandbox::set_proc_file("net/dev", NETDEV_HEADER + netdev_line("lo", {1, 1, 1, 1}) +
+                                          netdev_line("eth0", {1000000, 1000, 5000000000, 2000}) +
+                                          netdev_line("wlan0", {1, 1, 1, 1}) +
+                                          netdev_line("ppp0", {1, 1, 1, 1}) +
+                                          netdev_line("br-lan", {7, 8, 9, 10}));
     sandbox::set_proc_file("stat", cpu_file(1000, 1000));
     sandbox::set_proc_file("meminfo", MEMINFO);
     ASSERT_NO_FATAL_FAILURE(start_gated());
@@ -501,7 +483,7 @@ TEST_F(statistics, what_can_be_read_again_counts_for_the_whole_time_in_between) 
 
 TEST_F(statistics, a_live_daemon_has_every_key) {
     sandbox::set_proc_file("net/dev",
-                           netdev_file(netdev_line("eth0", {}) + netdev_line("pppoe-wan", {})));
+                           NETDEV_HEADER + netdev_line("eth0", {}) + netdev_line("pppoe-wan", {}));
     sandbox::set_proc_file("stat", cpu_file(1000, 1000));
     sandbox::set_proc_file("meminfo", MEMINFO);
     ASSERT_NO_FATAL_FAILURE(start_running());

@@ -15,6 +15,8 @@
 
 #include "store/dump.h"
 #include "tests/support/big_endian.h"
+#include "tests/support/dump_record.h"
+#include "tests/support/ring_model.h"
 #include "tests/unit/support/store_test.h"
 #include "tests/unit/support/test_client.h"
 #include "tests/unit/support/test_clock.h"
@@ -38,41 +40,6 @@ std::string sample_of(uint32_t n, uint32_t size) {
         n = n * 7 + 3;
     }
     return sample;
-}
-
-/* What the value of a ring must be, found the plain way: every sample is pushed. */
-struct ring_model {
-    uint32_t period;
-    uint32_t slots;
-    uint32_t size;
-    uint32_t time = 0;
-    uint32_t filled = 0;
-    uint32_t head = 0;
-    std::string samples = std::string(slots * size, '\0');
-
-    void push(const std::string& sample) {
-        samples.replace(head * size, size, sample);
-        head = (head + 1) % slots;
-        if (filled < slots) {
-            filled++;
-        }
-    }
-
-    std::string header() const {
-        return be32(time) + be32(period) + be32(slots) + be32(filled) + be32(head);
-    }
-    std::string value() const {
-        return header() + samples;
-    }
-    /* As far as a dump takes it. */
-    std::string record() const {
-        return value().substr(0, 20 + filled * size);
-    }
-};
-
-std::string dump_frame(std::string_view key, std::string_view data) {
-    return be32(static_cast<uint32_t>(key.size())) + std::string(key) +
-           be32(static_cast<uint32_t>(data.size())) + std::string(data);
 }
 
 std::vector<std::string> hook_calls;
@@ -570,14 +537,14 @@ TEST_F(histories_test, a_record_holds_the_header_and_the_filled_samples) {
 TEST_F(histories_test, five_samples_of_an_interface_are_a_record_of_one_hundred_bytes) {
     history_series& s = series("eth0", history_standard_spans[2], 16);
     take_samples(s, 0, 5);
-    EXPECT_EQ(dumped(s), dump_frame("eth0.day", value_of(s).substr(0, 20 + 5 * 16)));
+    EXPECT_EQ(dumped(s), record("eth0.day", value_of(s).substr(0, 20 + 5 * 16)));
 }
 
 TEST_F(histories_test, the_record_of_a_full_ring_is_the_whole_ring) {
     for (const uint32_t count : {4u, 5u, 7u, 9u}) {
         history_series& s = small_series();
         take_samples(s, 0, count);
-        EXPECT_EQ(dumped(s), dump_frame("x.day", value_of(s)));
+        EXPECT_EQ(dumped(s), record("x.day", value_of(s)));
     }
 }
 
@@ -586,12 +553,12 @@ TEST_F(histories_test, a_record_takes_no_more_than_the_value_really_has) {
     take_samples(s, 0, 3);
     for (const char* value : {"", "x", "nineteen bytes here", "twenty-five bytes of text"}) {
         set_value(s, value);
-        EXPECT_EQ(dumped(s), dump_frame("x.day", value));
+        EXPECT_EQ(dumped(s), record("x.day", value));
     }
     set_value(s, "a value of more bytes than the ring ever had");
-    EXPECT_EQ(dumped(s), dump_frame("x.day", "a value of more bytes than"));
+    EXPECT_EQ(dumped(s), record("x.day", "a value of more bytes than"));
     sstr_free(&object_of(s)->string);
-    EXPECT_EQ(dumped(s), dump_frame("x.day", ""));
+    EXPECT_EQ(dumped(s), record("x.day", ""));
 }
 
 TEST_F(histories_test, a_key_without_series_has_no_record) {
@@ -621,7 +588,7 @@ TEST_F(histories_test, a_record_is_written_when_no_hook_answers_one) {
     register_dump_skip_hook(skip_hook<1, -1>);
     register_dump_skip_hook(skip_hook<2, HISTORY_NEXT>);
     register_dump_skip_hook(skip_hook<3, HISTORY_LOAD>);
-    EXPECT_EQ(dumped(s), dump_frame("x.day", value_of(s).substr(0, 20)));
+    EXPECT_EQ(dumped(s), record("x.day", value_of(s).substr(0, 20)));
     EXPECT_EQ(hook_calls.size(), 3u);
 }
 
@@ -636,7 +603,7 @@ TEST_F(histories_test, a_fifth_hook_is_dropped_without_a_word) {
     register_dump_skip_hook(skip_hook<5, HISTORY_SKIP>);
     register_load_hook(answering_load_hook<5, HISTORY_SKIP>);
     EXPECT_EQ(log.text(), "");
-    EXPECT_EQ(dumped(s), dump_frame("x.day", value_of(s).substr(0, 20)));
+    EXPECT_EQ(dumped(s), record("x.day", value_of(s).substr(0, 20)));
     EXPECT_EQ(hook_calls, std::vector<std::string>(4, "1 x.day its series"));
 
     hook_calls.clear();
@@ -977,7 +944,7 @@ TEST_F(histories_test, a_start_forgets_hooks) {
     history_start();
     const test_clock::frozen clock(NOW);
     history_series& s = small_series();
-    EXPECT_EQ(dumped(s), dump_frame("x.day", value_of(s).substr(0, 20)));
+    EXPECT_EQ(dumped(s), record("x.day", value_of(s).substr(0, 20)));
     history_load_record("x.day", model_of(s, 2, NOW).record().c_str(), 24);
     EXPECT_EQ(s.filled, 2u);
     EXPECT_TRUE(hook_calls.empty());

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "tests/support/big_endian.h"
+#include "tests/support/netdev_text.h"
 #include "tests/unit/stats/statistics_test.h"
 #include "tests/unit/support/store_test.h"
 #include "tests/unit/support/test_client.h"
@@ -27,29 +28,7 @@ using namespace unit_test;
 
 namespace {
 
-const std::string HEADER =
-    "Inter-|   Receive                                                |  Transmit\n"
-    " face |bytes    packets errs drop fifo frame compressed multicast|bytes    "
-    "packets errs drop fifo colls carrier "
-    "compressed\n";
-
 typedef std::map<std::string, std::string> fields;
-
-/* The counters of one interface. */
-struct counts {
-    uint64_t rxb = 0;
-    uint64_t rxp = 0;
-    uint64_t txb = 0;
-    uint64_t txp = 0;
-};
-
-/* One line of the file. The figures that are not looked at are large enough to show when they are.
- */
-std::string line(const std::string& name, const counts& c) {
-    return name + ": " + std::to_string(c.rxb) + "    " + std::to_string(c.rxp) +
-           " 71 72 73 74 75 76 " + std::to_string(c.txb) + " " + std::to_string(c.txp) +
-           " 81 82 83 84 85 86\n";
-}
 
 class interface_traffic_test : public store_test {
   protected:
@@ -77,7 +56,7 @@ class interface_traffic_test : public store_test {
         sec += usec / 1000000;
         usec %= 1000000;
         netdev_set_interval(sec, usec);
-        read(HEADER + lines);
+        read(NETDEV_HEADER + lines);
     }
 
     /* The same for "eth0" alone, whose counters grow by these. */
@@ -86,7 +65,7 @@ class interface_traffic_test : public store_test {
         eth0.rxp += more.rxp;
         eth0.txb += more.txb;
         eth0.txp += more.txp;
-        poll(elapsed_us, "  " + line("eth0", eth0));
+        poll(elapsed_us, "  " + netdev_line("eth0", eth0));
     }
 
     static fields hash_of(const char* key) {
@@ -222,7 +201,7 @@ class interface_flags_test : public statistics_machine_test {
 /* --- The first polls --- */
 
 TEST_F(interface_traffic_test, the_first_poll_stores_counters_and_no_rates) {
-    poll(0, line("eth0", {1296, 14, 5000000000, 28}));
+    poll(0, netdev_line("eth0", {1296, 14, 5000000000, 28}));
     EXPECT_EQ(hash_of("eth0"), (fields{{"rxb", "1296"},
                                        {"rxp", "14"},
                                        {"txb", "5000000000"},
@@ -266,9 +245,9 @@ TEST_F(interface_traffic_test, a_rate_of_nothing_falls_by_halves) {
 
 TEST_F(interface_traffic_test, an_interface_that_appears_later_is_counted_from_zero) {
     advance(0, {});
-    poll(1000000, line("eth1", {3000, 20, 700, 8}));
+    poll(1000000, netdev_line("eth1", {3000, 20, 700, 8}));
     EXPECT_EQ(rates("eth1"), (u32s{1500, 10, 350, 4}));
-    poll(1000000, line("eth2", {1000000000, 20, 700, 8}));
+    poll(1000000, netdev_line("eth2", {1000000000, 20, 700, 8}));
     EXPECT_EQ(rates("eth2"), (u32s{0, 0, 0, 0}))
         << "what it counted before is too much to be a second's";
     EXPECT_EQ(field_of("eth2", "rxb"), "1000000000");
@@ -459,10 +438,10 @@ TEST_F(interface_traffic_test, only_names_with_a_known_beginning_are_of_interest
         "br0", "ETH0",  "Eth1", "xeth0", "et",   "veth0", "tun0", "Br-lan", "P-1"};
     std::string lines;
     for (const std::string& name : wanted) {
-        lines += line(name, {1, 2, 3, 4});
+        lines += netdev_line(name, {1, 2, 3, 4});
     }
     for (const std::string& name : others) {
-        lines += line(name, {1, 2, 3, 4});
+        lines += netdev_line(name, {1, 2, 3, 4});
     }
     poll(0, lines);
     for (const std::string& name : wanted) {
@@ -501,10 +480,12 @@ TEST_F(interface_traffic_test, blanks_before_and_after_the_colon_make_no_differe
 }
 
 TEST_F(interface_traffic_test, what_is_no_line_is_harmless) {
-    poll(0, "\n   \n:\n: 1 2 3\nnonsense\n\t\t\n\x01\xff\xfe 7 7 7\n" + line("eth0", {1, 2, 3, 4}));
+    poll(0, "\n   \n:\n: 1 2 3\nnonsense\n\t\t\n\x01\xff\xfe 7 7 7\n" +
+                netdev_line("eth0", {1, 2, 3, 4}));
     EXPECT_EQ(field_of("eth0", "txp"), "4");
     read("");
-    read(std::string(5000, 'x') + "\n" + std::string(5000, ' ') + line("eth1", {1, 2, 3, 4}));
+    read(std::string(5000, 'x') + "\n" + std::string(5000, ' ') +
+         netdev_line("eth1", {1, 2, 3, 4}));
     EXPECT_EQ(field_of("eth1", "txp"), "4");
     read(std::string("eth2\0: 1 2 3 4 5 6 7 8 9 10\n", 28));
     std::string long_name = "eth" + std::string(2000, 'x') + ": 1 2 3 4 5 6 7 8 9 10\n";
@@ -566,13 +547,13 @@ TEST_F(interface_traffic_test, a_name_ends_at_a_blank_a_colon_or_a_nul_and_count
 TEST_F(interface_traffic_test, names_are_kept_to_31_characters) {
     const std::string name = "eth-4567890123456789012345678901";
     ASSERT_EQ(name.size(), 32u);
-    poll(0, line(name, {1, 2, 3, 4}));
+    poll(0, netdev_line(name, {1, 2, 3, 4}));
     const iface_stat* iface = iface_find(name.c_str());
     ASSERT_NE(iface, nullptr);
     EXPECT_EQ(iface->name, name.substr(0, 31));
     EXPECT_EQ(hash_of(name.c_str()).size(), 9u) << "the hash bears the interface's whole name";
     EXPECT_EQ(ring((name.substr(0, 31) + ".day").c_str()).size(), 20u + 240 * 16);
-    poll(1000000, line(name, {1001, 2, 3, 4}));
+    poll(1000000, netdev_line(name, {1001, 2, 3, 4}));
     EXPECT_EQ(iface->rate.rxb, 500u) << "found again";
     EXPECT_EQ(iface->next, nullptr);
 }
@@ -580,7 +561,7 @@ TEST_F(interface_traffic_test, names_are_kept_to_31_characters) {
 /* --- Records --- */
 
 TEST_F(interface_traffic_test, records_are_found_in_any_case_of_letters) {
-    poll(0, line("eth0", {1, 2, 3, 4}) + line("br-lan", {5, 6, 7, 8}));
+    poll(0, netdev_line("eth0", {1, 2, 3, 4}) + netdev_line("br-lan", {5, 6, 7, 8}));
     const iface_stat* eth = iface_find("eth0");
     ASSERT_NE(eth, nullptr);
     EXPECT_EQ(iface_find("ETH0"), eth);
@@ -596,7 +577,7 @@ TEST_F(interface_traffic_test, records_are_found_in_any_order) {
     const std::vector<std::string> names = {"eth0", "eth1", "br-lan", "p-1", "l2tp-wan"};
     std::string lines;
     for (const std::string& name : names) {
-        lines += line(name, {1, 2, 3, 4});
+        lines += netdev_line(name, {1, 2, 3, 4});
     }
     poll(0, lines);
     for (const std::string& first : names) {
@@ -609,8 +590,8 @@ TEST_F(interface_traffic_test, records_are_found_in_any_order) {
 }
 
 TEST_F(interface_traffic_test, the_newest_record_heads_the_list) {
-    poll(0, line("eth0", {}) + line("eth1", {}));
-    poll(1000000, line("eth2", {}) + line("eth0", {}));
+    poll(0, netdev_line("eth0", {}) + netdev_line("eth1", {}));
+    poll(1000000, netdev_line("eth2", {}) + netdev_line("eth0", {}));
     const iface_stat* newest = iface_find("eth2");
     ASSERT_NE(newest, nullptr);
     EXPECT_EQ(newest->prev, nullptr);
@@ -628,7 +609,7 @@ TEST_F(interface_traffic_test, an_interface_that_disappears_keeps_its_last_figur
     advance(1000000, {1000, 10, 2000, 100});
     const fields before = hash_of("eth0");
     const std::string history = ring("eth0.10m");
-    poll(1000000, line("br-lan", {1, 2, 3, 4}));
+    poll(1000000, netdev_line("br-lan", {1, 2, 3, 4}));
     poll(1000000, "");
     EXPECT_EQ(hash_of("eth0"), before);
     EXPECT_EQ(ring("eth0.10m"), history);
@@ -645,10 +626,10 @@ TEST_F(interface_traffic_test, without_memory_for_a_record_the_process_ends) {
     }
     /* What a hash needs is in the pool from then on, so that it is the record that finds no memory.
      */
-    poll(0, line("eth0", {}));
+    poll(0, netdev_line("eth0", {}));
     object_delete(object_lookup("eth0"));
     static char waiting[4096];
-    std::string lines = line("eth1", {});
+    std::string lines = netdev_line("eth1", {});
     FILE* file = fmemopen(lines.data(), lines.size(), "r");
     ASSERT_NE(file, nullptr);
     ASSERT_EQ(setvbuf(file, waiting, _IOFBF, sizeof waiting), 0);
@@ -677,8 +658,8 @@ TEST_F(interface_traffic_test, an_observer_gets_one_frame_for_each_interface_and
     test_client observer;
     observer.call({"observe"});
     for (int i = 0; i < 3; i++) {
-        poll(i == 0 ? 0 : 1000000,
-             line("eth0", {1, 2, 3, 4}) + line("lo", {1, 2, 3, 4}) + line("br-lan", {}));
+        poll(i == 0 ? 0 : 1000000, netdev_line("eth0", {1, 2, 3, 4}) +
+                                       netdev_line("lo", {1, 2, 3, 4}) + netdev_line("br-lan", {}));
         const std::string frames = observer.received();
         EXPECT_EQ(std::count(frames.begin(), frames.end(), '!'), 2) << frames;
         EXPECT_EQ(frames.find("!20\r\n$5\r\nHMSET\r\n$4\r\neth0\r\n"), 0u) << frames;
@@ -695,8 +676,8 @@ TEST_F(interface_traffic_test, an_observer_gets_one_frame_for_each_interface_and
 TEST_F(interface_traffic_test, a_key_of_another_type_is_left_alone_and_the_rest_goes_on) {
     object* obj = make("eth0", OBJ_TSTRING);
     sstr_assign(&obj->string, "mine", 4);
-    poll(0, line("eth0", {0, 0, 0, 0}) + line("eth1", {1, 2, 3, 4}));
-    poll(1000000, line("eth0", {1000, 0, 0, 0}) + line("eth1", {1, 2, 3, 4}));
+    poll(0, netdev_line("eth0", {0, 0, 0, 0}) + netdev_line("eth1", {1, 2, 3, 4}));
+    poll(1000000, netdev_line("eth0", {1000, 0, 0, 0}) + netdev_line("eth1", {1, 2, 3, 4}));
     EXPECT_EQ(ring("eth0"), "mine");
     EXPECT_EQ(rates(), (u32s{500, 0, 0, 0}));
     EXPECT_EQ(sample("eth0.10m", 0), be32(500) + std::string(12, '\0'));
@@ -721,7 +702,7 @@ TEST_F(interface_traffic_test, fields_of_clients_stay) {
 /* --- Histories --- */
 
 TEST_F(interface_traffic_test, every_interface_has_five_histories_of_16_byte_samples) {
-    poll(0, line("pppoe-wan", {}));
+    poll(0, netdev_line("pppoe-wan", {}));
     const std::pair<const char*, uint32_t> spans[] = {{"pppoe-wan.10m", 600},
                                                       {"pppoe-wan.2h", 600},
                                                       {"pppoe-wan.day", 240},

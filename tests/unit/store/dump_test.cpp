@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "tests/support/big_endian.h"
+#include "tests/support/dump_record.h"
 #include "tests/unit/support/store_test.h"
 #include "tests/unit/support/test_client.h"
 #include "tests/unit/support/test_kernel.h"
@@ -24,11 +25,6 @@
 using namespace unit_test;
 
 namespace {
-
-std::string record(std::string_view key, std::string_view data) {
-    return be32(static_cast<uint32_t>(key.size())) + std::string(key) +
-           be32(static_cast<uint32_t>(data.size())) + std::string(data);
-}
 
 std::vector<std::string> history_calls;
 
