@@ -1,10 +1,10 @@
 #pragma once
 
-/* The frames of the protocol, written out, for whoever works out what the daemon should send. */
-
 #include <optional>
 #include <string>
 #include <vector>
+
+/* The frames of the protocol, written out, for whoever works out what the daemon should send. */
 
 namespace system_test {
 
