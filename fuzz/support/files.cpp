@@ -61,9 +61,7 @@ files_state state;
 
 constexpr int PIECES_MAX = 8;
 
-/* What a file is made to hold when it is read: sizes that a load refuses for one reason or the
- * other.
- */
+/* What a file is made to hold when it is read, which a load refuses for one reason or another. */
 constexpr off_t HUGE_SIZE = LOAD_MAX_SIZE + 1;
 constexpr off_t LARGE_SIZE = LOAD_MAX_SIZE / 2;
 
@@ -108,17 +106,20 @@ int reopen(int fd, int flags) {
     return static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags | O_CLOEXEC));
 }
 
+/* All that a folder is asked for fails. */
+int open_folder() {
+    return static_cast<int>(syscall(SYS_openat, AT_FDCWD, "/", O_RDONLY | O_CLOEXEC));
+}
+
 int open_in_memory(const char* path, int flags) {
-    memory_file* file = find(path);
-    if (path[0] == '\0' || (file == nullptr && (flags & O_CREAT) == 0)) {
-        errno = ENOENT;
-        return -1;
-    }
+    const bool creates = (flags & O_CREAT) != 0;
     if (kind_of(path) == FILE_FOLDER) {
-        if ((flags & O_CREAT) == 0) {
-            return static_cast<int>(syscall(SYS_openat, AT_FDCWD, "/", O_RDONLY | O_CLOEXEC));
-        }
         errno = EISDIR;
+        return creates ? -1 : open_folder();
+    }
+    memory_file* file = find(path);
+    if (path[0] == '\0' || (file == nullptr && !creates)) {
+        errno = ENOENT;
         return -1;
     }
     file = file != nullptr ? file : make(path);
