@@ -150,14 +150,14 @@ void register_load_hook(load_hook hook) {
     }
 }
 
-void history_dump_record(object* obj, int fd) {
+bool history_dump_record(object* obj, int fd) {
     history_series* s = obj->aux;
     if (s == nullptr) {
-        return;
+        return true;
     }
     for (unsigned i = 0; i < dump_skip_hook_count; i++) {
         if (dump_skip_hooks[i](obj, s, fd) == HISTORY_SKIP) {
-            return;
+            return true;
         }
     }
     const sstr value = object_string(obj);
@@ -165,7 +165,7 @@ void history_dump_record(object* obj, int fd) {
     if (length > sstr_length(value)) {
         length = sstr_length(value);
     }
-    dump_write_record(fd, obj->key, sstr_length(obj->key), value, length);
+    return dump_write_record(fd, obj->key, sstr_length(obj->key), value, length);
 }
 
 void history_load_record(const char* key, const char* data, uint32_t length) {

@@ -74,8 +74,9 @@ void register_dump_skip_hook(dump_skip_hook hook);
 void register_load_hook(load_hook hook);
 
 /* Writes the record of a history key: the ring's header and its filled samples, as far as the value
- * really has them. Nothing for a key without a series, and nothing when a hook says so. */
-void history_dump_record(object* obj, int fd);
+ * really has them. Nothing for a key without a series, and nothing when a hook says so. False as
+ * dump_write_record. */
+bool history_dump_record(object* obj, int fd);
 
 /* Takes a record from a dump in: asks the hooks, then history_load. */
 void history_load_record(const char* key, const char* data, uint32_t length);

@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -30,13 +31,21 @@ void advance(iovec* pieces, int count, size_t written) {
     }
 }
 
-void dump_object(object* obj, int fd) {
-    if (!is_history_key(obj->key)) {
-        const sstr value = object_string(obj);
-        dump_write_record(fd, obj->key, sstr_length(obj->key), value, sstr_length(value));
-    } else if (dump_history.write_record != nullptr) {
-        dump_history.write_record(obj, fd);
+/* Cuts off the last bytes. Pipes and devices have no end to cut: there the part stands. */
+void take_back(int fd, size_t bytes) {
+    const off_t end = lseek(fd, 0, SEEK_CUR);
+    if (end > 0) {
+        (void)!ftruncate(fd, end - static_cast<off_t>(bytes));
     }
+}
+
+/* False when the dump is to end there. */
+bool dump_object(object* obj, int fd) {
+    if (is_history_key(obj->key)) {
+        return dump_history.write_record == nullptr || dump_history.write_record(obj, fd);
+    }
+    const sstr value = object_string(obj);
+    return dump_write_record(fd, obj->key, sstr_length(obj->key), value, sstr_length(value));
 }
 
 /* Returns 0, or the error number of the failed creation. */
@@ -46,9 +55,13 @@ int dump_objects(const selection* s, const char* path) {
     if (fd < 0) {
         return errno;
     }
-    for (uint32_t i = 0; i < s->count; i++) {
-        dump_object(s->objects[i], fd);
+    /* At a limit for the size of files the kernel would end the process; so the write fails. */
+    const auto size_limit_handler = signal(SIGXFSZ, SIG_IGN);
+    uint32_t done = 0;
+    while (done < s->count && dump_object(s->objects[done], fd)) {
+        done++;
     }
+    (void)signal(SIGXFSZ, size_limit_handler);
     close(fd);
     return 0;
 }
@@ -181,7 +194,7 @@ int dump_keys(const char* path, const char* keys) {
     return error;
 }
 
-void dump_write_record(int fd, const char* key, uint32_t namelen, const char* data,
+bool dump_write_record(int fd, const char* key, uint32_t namelen, const char* data,
                        uint32_t datalen) {
     char lengths[2][4];
     text_put_be32(lengths[0], namelen);
@@ -190,16 +203,19 @@ void dump_write_record(int fd, const char* key, uint32_t namelen, const char* da
                        {const_cast<char*>(key), namelen},
                        {lengths[1], 4},
                        {const_cast<char*>(data), datalen}};
-    size_t left = size_t{namelen} + datalen + 8;
+    const size_t size = size_t{namelen} + datalen + 8;
+    size_t left = size;
     while (left > 0) {
         const ssize_t written = writev(fd, pieces, 4);
         if (written > 0) {
             advance(pieces, 4, static_cast<size_t>(written));
             left -= static_cast<size_t>(written);
         } else if (written == 0 || errno != EINTR) {
-            return;
+            take_back(fd, size - left);
+            return false;
         }
     }
+    return true;
 }
 
 int load_keys(const char* path) {

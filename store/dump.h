@@ -30,8 +30,8 @@ constexpr unsigned LOAD_MEMORY_SHARE = 4;
 
 /* What the history unit registers at start-up. */
 struct dump_history_hooks {
-    /* Writes the record of a history key, or nothing. */
-    void (*write_record)(object* obj, int fd);
+    /* Writes the record of a history key, or nothing. False as dump_write_record. */
+    bool (*write_record)(object* obj, int fd);
     /* Takes the data of a record in; `key` is a C string, the data is valid during the call. */
     void (*load_record)(const char* key, const char* data, uint32_t length);
 };
@@ -47,13 +47,15 @@ bool is_history_key(const char* key);
 constexpr int DUMP_GIVEN_UP = -1;
 
 /* Writes every string key that matches the pattern `keys` (core/pattern.h) to the file, which is
- * created (0644) or emptied. A deleted key whose record still stands is written too. Returns 0,
- * the error number of the failed creation, or DUMP_GIVEN_UP. */
+ * created (0644) or emptied. A deleted key whose record still stands is written too. The dump ends
+ * before the first record that is not taken whole, and that is no failure. Returns 0, the error
+ * number of the failed creation, or DUMP_GIVEN_UP. */
 int dump_keys(const char* path, const char* keys);
 
-/* Writes one record, continuing short writes; gives up silently when the file takes no more. What
- * is written after that stands inside the broken record's data, should the file take it. */
-void dump_write_record(int fd, const char* key, uint32_t namelen, const char* data,
+/* Writes one record, continuing short writes. False when the file does not take all of it: then it
+ * is cut back to where the record began, so that it ends with a whole one, and nothing more is to
+ * be written. Of a pipe or device nothing can be taken back. */
+bool dump_write_record(int fd, const char* key, uint32_t namelen, const char* data,
                        uint32_t datalen);
 
 /* Assigns the values of a file's records to the string keys that exist; other records are skipped.

@@ -4,6 +4,7 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -311,6 +312,54 @@ TEST_F(dump_files, into_a_pipe_never_wait_for_a_reader) {
     EXPECT_EQ(call({"dump", "/tmp/pipe", "large"}), ":0\r\n");
     EXPECT_EQ(call({"ping"}), "+OK\r\n");
     close(reader);
+}
+
+/* A disk of four pages, three of which are taken. */
+TEST_F(dump_files, on_a_full_disk_end_with_a_whole_record_and_are_whole_again_when_there_is_room) {
+    make_folders("/tmp/small");
+    ASSERT_EQ(mount("tessard-test", "/tmp/small", "tmpfs", MS_NOSUID, "size=16k"), 0);
+    write_file("/tmp/small/other", std::string(12288, 'x'));
+    for (const char* key : {"full.a", "full.b", "full.c", "full.d", "full.e"}) {
+        call({"set", key, std::string(1500, key[5])});
+    }
+    const words keys = elements_of(call({"keys", "full.*"}));
+    std::string whole;
+    for (const std::string& key : keys) {
+        whole += record(key, std::string(1500, key.back()));
+    }
+    ASSERT_EQ(whole.size(), 5 * 1514u);
+    EXPECT_EQ(call({"dump", "/tmp/small/dump", "full.*"}), ":0\r\n");
+    EXPECT_EQ(read_file("/tmp/small/dump"), whole.substr(0, 2 * 1514));
+
+    ASSERT_EQ(unlink("/tmp/small/other"), 0);
+    EXPECT_EQ(call({"dump", "/tmp/small/dump", "full.*"}), ":0\r\n");
+    EXPECT_EQ(read_file("/tmp/small/dump"), whole);
+    for (const std::string& key : keys) {
+        EXPECT_EQ(call({"set", key, "changed"}), "+OK\r\n");
+    }
+    EXPECT_EQ(call({"load", "/tmp/small/dump"}), ":0\r\n");
+    for (const std::string& key : keys) {
+        EXPECT_EQ(call({"get", key}), bulk_frame(std::string(1500, key.back())));
+    }
+}
+
+TEST_F(dump_files, at_the_limit_for_the_size_of_files_end_with_a_whole_record) {
+    process_options options;
+    options.before_exec = [] {
+        const rlimit limit = {40000, 40000};
+        setrlimit(RLIMIT_FSIZE, &limit);
+    };
+    serve({}, options);
+    for (const char* key : {"limit.a", "limit.b", "limit.c"}) {
+        call({"set", key, std::string(15000, key[6])});
+    }
+    const words keys = elements_of(call({"keys", "limit.*"}));
+    ASSERT_EQ(keys.size(), 3u);
+    const std::string expected = record(keys[0], std::string(15000, keys[0].back())) +
+                                 record(keys[1], std::string(15000, keys[1].back()));
+    EXPECT_EQ(call({"dump", FILE_PATH, "limit.*"}), ":0\r\n");
+    EXPECT_TRUE(read_file(FILE_PATH) == expected) << read_file(FILE_PATH).size();
+    EXPECT_TRUE(daemon->running());
 }
 
 TEST_F(dump_files, leave_no_descriptor_open) {

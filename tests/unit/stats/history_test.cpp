@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
@@ -20,6 +21,7 @@
 #include "tests/unit/support/store_test.h"
 #include "tests/unit/support/test_client.h"
 #include "tests/unit/support/test_clock.h"
+#include "tests/unit/support/test_kernel.h"
 #include "tests/unit/support/text_string.h"
 
 using namespace unit_test;
@@ -590,6 +592,18 @@ TEST_F(histories_test, a_record_is_written_when_no_hook_answers_one) {
     register_dump_skip_hook(skip_hook<3, HISTORY_LOAD>);
     EXPECT_EQ(dumped(s), record("x.day", value_of(s).substr(0, 20)));
     EXPECT_EQ(hook_calls.size(), 3u);
+}
+
+TEST_F(histories_test, a_record_that_is_not_taken_whole_ends_the_dump) {
+    object* obj = object_of(small_series());
+    const int fd = open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
+    EXPECT_TRUE(history_dump_record(obj, fd));
+    test_kernel::writev_answers = {7, -ENOSPC};
+    EXPECT_FALSE(history_dump_record(obj, fd));
+    register_dump_skip_hook(skip_hook<1, HISTORY_SKIP>);
+    EXPECT_TRUE(history_dump_record(obj, fd)) << "left out is not cut off";
+    EXPECT_TRUE(history_dump_record(make("y.day", OBJ_TSTRING), fd)) << "nor is what has no series";
+    close(fd);
 }
 
 TEST_F(histories_test, a_fifth_hook_is_dropped_without_a_word) {
