@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <sys/sysinfo.h>
 #include <sys/uio.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include "core/log.h"
@@ -62,6 +63,8 @@ int dump_objects(const selection* s, const char* path) {
         done++;
     }
     (void)signal(SIGXFSZ, size_limit_handler);
+    /* Closing a serial port waits until it has sent what it holds. On other files this fails. */
+    (void)tcflush(fd, TCOFLUSH);
     close(fd);
     return 0;
 }

@@ -19,8 +19,8 @@
  * frame.
  *
  * Neither direction ever blocks on what a client names as the path: files are opened non-blocking,
- * and a terminal does not become the daemon's own. Neither announces anything or touches an expiry.
- */
+ * a terminal does not become the daemon's own, and what a serial port has not sent at the end of a
+ * dump is dropped. Neither announces anything or touches an expiry. */
 
 /* The largest file that is loaded: a larger one would keep the daemon from its other clients. */
 constexpr int64_t LOAD_MAX_SIZE = 256 * 1024 * 1024;

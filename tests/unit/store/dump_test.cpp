@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -557,6 +558,27 @@ TEST_F(dump_and_load_test, a_terminal_does_not_become_the_daemons_own) {
             _exit(loaded == 0 && dumped == 0 && !has_terminal ? 0 : 1);
         },
         ::testing::ExitedWithCode(0), "");
+    close(master);
+}
+
+/* Closing a serial port waits until it has sent all that it holds. A terminal that tells its other
+ * side of such things shows that there is nothing left to wait for. */
+TEST_F(dump_and_load_test, what_a_terminal_has_not_sent_is_dropped_before_it_is_closed) {
+    const int master = posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(master, 0);
+    ASSERT_EQ(grantpt(master), 0);
+    ASSERT_EQ(unlockpt(master), 0);
+    const int packets = 1;
+    ASSERT_EQ(ioctl(master, TIOCPKT, &packets), 0);
+    const std::string terminal = ptsname(master);
+    const int kept = open(terminal.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_GE(kept, 0);
+    set("k", std::string(1 << 20, 'x'));
+    EXPECT_EQ(dump_keys(terminal.c_str(), "*"), 0);
+    char status = 0;
+    EXPECT_EQ(read(master, &status, 1), 1);
+    EXPECT_EQ(status, TIOCPKT_FLUSHWRITE);
+    close(kept);
     close(master);
 }
 
