@@ -118,55 +118,39 @@ bool memory_allows(off_t size) {
            uint64_t{machine.totalram} * machine.mem_unit / LOAD_MEMORY_SHARE;
 }
 
-/* Opens the file and measures it. Returns 0 or an error number; on failure `*fd` is closed. */
-int open_dump(const char* path, int* fd, uint32_t* size) {
-    *fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    if (*fd < 0) {
-        return errno;
-    }
+/* What a file holds, or why it is not loaded. */
+struct dump_content {
+    int error;       /* 0, or an error number */
+    char* bytes;     /* malloc'ed; null after an error */
+    uint32_t length; /* of what was really read */
+};
+
+dump_content read_content(int fd) {
     struct stat status;
-    int error = 0;
-    if (fstat(*fd, &status) < 0) {
-        error = errno;
-    } else if (status.st_size > LOAD_MAX_SIZE) {
-        error = EFBIG;
-    } else if (!memory_allows(status.st_size)) {
-        error = ENOMEM;
+    if (fstat(fd, &status) < 0) {
+        return {errno, nullptr, 0};
     }
-    if (error != 0) {
-        close(*fd);
-        return error;
+    if (status.st_size > LOAD_MAX_SIZE) {
+        return {EFBIG, nullptr, 0};
     }
-    *size = static_cast<uint32_t>(status.st_size);
-    return 0;
+    const size_t size = static_cast<size_t>(status.st_size);
+    char* bytes = memory_allows(status.st_size) ? static_cast<char*>(malloc(size + 1)) : nullptr;
+    if (bytes == nullptr) {
+        return {ENOMEM, nullptr, 0};
+    }
+    /* What cannot be read, a folder for instance, has no bytes. */
+    const ssize_t got = read(fd, bytes, size);
+    return {0, bytes, got > 0 ? static_cast<uint32_t>(got) : 0};
 }
 
-/* Returns a malloc'ed block with what one read gave, or null without memory for it. What cannot be
- * read, a folder for instance, has no bytes. */
-char* read_dump(int fd, uint32_t size, uint32_t* length) {
-    char* bytes = static_cast<char*>(malloc(size > 0 ? size : 1));
-    if (bytes != nullptr) {
-        const ssize_t got = read(fd, bytes, size);
-        *length = got > 0 ? static_cast<uint32_t>(got) : 0;
+dump_content read_file(const char* path) {
+    const int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0) {
+        return {errno, nullptr, 0};
     }
-    return bytes;
-}
-
-int load_file(const char* path) {
-    int fd;
-    uint32_t size = 0;
-    const int error = open_dump(path, &fd, &size);
-    if (error != 0) {
-        return error;
-    }
-    uint32_t length = 0;
-    char* bytes = read_dump(fd, size, &length);
-    if (bytes != nullptr) {
-        load_records(bytes, length);
-        free(bytes);
-    }
+    const dump_content content = read_content(fd);
     close(fd);
-    return bytes != nullptr ? 0 : ENOMEM;
+    return content;
 }
 
 } // namespace
@@ -222,13 +206,17 @@ bool dump_write_record(int fd, const char* key, uint32_t namelen, const char* da
 }
 
 int load_keys(const char* path) {
-    const int error = load_file(path);
+    const dump_content content = read_file(path);
+    if (content.error == 0) {
+        load_records(content.bytes, content.length);
+        free(content.bytes);
+    }
     if (log_wants(LOG_INFO)) {
-        if (error != 0) {
-            log_write(LOG_INFO, "failed to load %s: %d", path, error);
+        if (content.error != 0) {
+            log_write(LOG_INFO, "failed to load %s: %d", path, content.error);
         } else {
             log_write(LOG_INFO, "loaded %s", path);
         }
     }
-    return error;
+    return content.error;
 }
