@@ -3,6 +3,7 @@
 #include <stdint.h>
 
 #include "stats/formats.h"
+#include "store/dump.h"
 #include "store/object.h"
 
 /* Histories: rings of samples inside the values of ordinary string keys, so that a client fetches a
@@ -72,6 +73,12 @@ typedef int (*load_hook)(const char* key, const char* data, uint32_t length, uin
 
 void register_dump_skip_hook(dump_skip_hook hook);
 void register_load_hook(load_hook hook);
+
+/* True for the keys whose records these are; dump and load, which stand below, ask it under the
+ * name is_history_key. */
+inline bool history_key_suffix(const char* key) {
+    return is_history_key(key);
+}
 
 /* Writes the record of a history key: the ring's header and its filled samples, as far as the value
  * really has them. Nothing for a key without a series, and nothing when a hook says so. False as

@@ -563,6 +563,15 @@ TEST_F(histories_test, a_record_takes_no_more_than_the_value_really_has) {
     EXPECT_EQ(dumped(s), record("x.day", ""));
 }
 
+TEST_F(histories_test, day_week_and_month_travel_as_records) {
+    for (const history_span& span : history_standard_spans) {
+        const std::string key = "x." + std::string(span.name);
+        EXPECT_EQ(history_key_suffix(key.c_str()), key != "x.10m" && key != "x.2h") << key;
+    }
+    EXPECT_TRUE(history_key_suffix("x.days"));
+    EXPECT_FALSE(history_key_suffix("day"));
+}
+
 TEST_F(histories_test, a_key_without_series_has_no_record) {
     object* obj = make("x.day", OBJ_TSTRING);
     sstr_assign(&obj->string, "value", 5);
