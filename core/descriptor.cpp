@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -44,6 +45,16 @@ void descriptor_raise_limit(unsigned count) {
     limit.rlim_cur = count < limit.rlim_max ? count : limit.rlim_max;
     /* Whoever is left without a descriptor then copes with that. */
     (void)setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+void descriptor_ignore_write_signals() {
+    (void)signal(SIGPIPE, SIG_IGN);
+    (void)signal(SIGXFSZ, SIG_IGN);
+}
+
+void descriptor_restore_write_signals() {
+    (void)signal(SIGPIPE, SIG_DFL);
+    (void)signal(SIGXFSZ, SIG_DFL);
 }
 
 void descriptor_hold_standard(bool working) {

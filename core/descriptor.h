@@ -21,6 +21,13 @@ int descriptor_open_plain(const char* path, int flags, mode_t mode = 0);
  */
 void descriptor_raise_limit(unsigned count);
 
+/* Makes writes into a pipe that nobody reads any more, or beyond the limit of file sizes, fail as
+ * they do on a full disk: the signals for them (SIGPIPE, SIGXFSZ), which end a process, are
+ * ignored. A program that is started inherits that, so they are restored before: one that writes
+ * for ever must die of its closed pipe. */
+void descriptor_ignore_write_signals();
+void descriptor_restore_write_signals();
+
 /* Fills the places of closed standard descriptors with /dev/null: otherwise their numbers would be
  * given to connections and files, which would then get what is printed. When they are not
  * `working`, reading from and writing to them fails, so that whoever needs them notices. */

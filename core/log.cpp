@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <signal.h>
 #include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
@@ -154,7 +153,7 @@ void reopen() {
         open_named_target(target);
     }
     if (!state.initialised) {
-        (void)signal(SIGPIPE, SIG_IGN);
+        descriptor_ignore_write_signals();
         state.initialised = true;
     }
 }

@@ -48,13 +48,16 @@ void log_use_sockets(const log_sockets* sockets);
 uint32_t log_parse_level(const char* text);
 
 /* Takes the configuration over (null: none) and (re)opens the target. The first opening also
- * ignores SIGPIPE for the process. The target is one of "stdout", "stderr"        standard output
+ * ignores the signals of failed writes for the process (core/descriptor.h). The target is one of
+ *
+ *   "stdout", "stderr"        standard output
  *   "syslog"                  nowhere
  *   "unix://PATH"             Unix stream socket
  *   "tcp://HOST:PORT", "udp://HOST:PORT"
  *   "/PATH"                   the socket at that path, if it is one, else a file
  *   "HOST:PORT"               TCP to this machine, whatever the host
  *   anything else             a file
+ *
  * A file is emptied. One that has another name too, or is reached through a symbolic link, is as
  * one that cannot be created: others may have laid it there to have their target overwritten. A
  * link to a socket is followed, since nothing is lost behind it. */

@@ -1,10 +1,10 @@
 #include "loop/child.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "core/descriptor.h"
 #include "core/pool.h"
 #include "loop/endpoint.h"
 #include "loop/loop.h"
@@ -35,8 +35,7 @@ void move_descriptor(int fd, int target) {
     }
     close(ends[0]);
     move_descriptor(ends[1], STDOUT_FILENO);
-    /* The daemon ignores the signal; a command that writes for ever must die of its closed pipe. */
-    (void)signal(SIGPIPE, SIG_DFL);
+    descriptor_restore_write_signals();
     execl("/bin/sh", "sh", "-c", command, static_cast<char*>(nullptr));
     _exit(127);
 }

@@ -100,3 +100,29 @@ TEST_F(few_descriptors, a_limit_that_may_be_raised_is_raised) {
     connect_clients(90);
     EXPECT_EQ(served, 90u);
 }
+
+TEST_F(small_files, a_log_that_may_not_grow_to_its_size_ends_nobody) {
+    process& daemon =
+        start({"-l", "debug"}, "/tmp/tessard.sock", 0, with_limit(RLIMIT_FSIZE, 20000, 20000));
+    resp_client client;
+    /* Some 130 bytes each: the log is to begin again at 31744 bytes, more than once. */
+    for (int i = 0; i < 600; i++) {
+        ASSERT_EQ(client.call({"ping"}), "+OK\r\n") << i;
+    }
+    EXPECT_TRUE(daemon.running());
+    EXPECT_EQ(read_file("/tmp/tessard.log").size(), 20000u);
+    EXPECT_EQ(client.call({"hello", "late"}), "+OK\r\n");
+    EXPECT_TRUE(eventually([&] {
+        EXPECT_EQ(client.call({"ping"}), "+OK\r\n");
+        return read_file("/tmp/tessard.log").find("client(\"late\")") != std::string::npos;
+    })) << "the log did not go on";
+}
+
+TEST_F(small_files, a_dump_that_may_not_grow_to_its_size_ends_nobody) {
+    process& daemon = start({}, "/tmp/tessard.sock", 0, with_limit(RLIMIT_FSIZE, 20000, 20000));
+    resp_client client;
+    ASSERT_EQ(client.call({"set", "k", std::string(30000, 'v')}), "+OK\r\n");
+    EXPECT_EQ(client.call({"dump", "/tmp/dump", "k"}).substr(0, 1), ":");
+    EXPECT_EQ(client.call({"strlen", "k"}), ":30000\r\n");
+    EXPECT_TRUE(daemon.running());
+}

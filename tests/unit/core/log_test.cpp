@@ -46,9 +46,9 @@ constexpr int32_t KEEP = -1;
 const uint32_t level_at_start = log_configured_level();
 [[maybe_unused]] const auto sigpipe_at_start = signal(SIGPIPE, SIG_DFL);
 
-bool sigpipe_is_ignored() {
+bool is_ignored(int number) {
     struct sigaction action;
-    sigaction(SIGPIPE, nullptr, &action);
+    sigaction(number, nullptr, &action);
     return action.sa_handler == SIG_IGN;
 }
 
@@ -456,23 +456,25 @@ TEST_F(log_test, its_descriptors_are_close_on_exec) {
 }
 
 TEST_F(log_test, the_first_message_opens_a_log_that_nobody_has_opened) {
-    if (sigpipe_is_ignored()) {
+    if (is_ignored(SIGPIPE)) {
         GTEST_SKIP() << "another case of this process has opened the log already";
     }
     const std::string shown = shown_on_stdout("hello");
     EXPECT_THAT(shown,
                 MatchesRegex("\033\\[32m....-..-.. ..:..:.. info  \\*\\*\\* hello\033\\[0m\n"))
         << "colours and time stamps are on at first";
-    EXPECT_TRUE(sigpipe_is_ignored());
+    EXPECT_TRUE(is_ignored(SIGPIPE));
 }
 
-TEST_F(log_test, only_the_first_opening_ignores_sigpipe) {
+TEST_F(log_test, only_the_first_opening_ignores_the_signals_of_failed_writes) {
     open("stdout");
-    ASSERT_TRUE(sigpipe_is_ignored());
-    signal(SIGPIPE, SIG_DFL);
-    open("stdout");
-    EXPECT_FALSE(sigpipe_is_ignored());
-    signal(SIGPIPE, SIG_IGN);
+    for (const int number : {SIGPIPE, SIGXFSZ}) {
+        ASSERT_TRUE(is_ignored(number)) << number;
+        signal(number, SIG_DFL);
+        open("stdout");
+        EXPECT_FALSE(is_ignored(number)) << number;
+        signal(number, SIG_IGN);
+    }
 }
 
 /* Lines */

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -550,6 +551,18 @@ TEST_F(children_test, the_pipe_is_read_without_blocking_and_not_inherited) {
     EXPECT_TRUE(found);
     run([&] { return o.calls > 0; });
     EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST_F(children_test, signals_that_the_daemon_ignores_have_their_effect_on_a_command) {
+    const auto pipe_before = signal(SIGPIPE, SIG_IGN);
+    const auto size_before = signal(SIGXFSZ, SIG_IGN);
+    const outcome o = run_command("exec grep SigIgn: /proc/self/status");
+    signal(SIGPIPE, pipe_before);
+    signal(SIGXFSZ, size_before);
+    /* The lowest bit of the mask is signal 1. */
+    const unsigned long long ignored = strtoull(o.output.c_str() + strlen("SigIgn:"), nullptr, 16);
+    EXPECT_EQ(ignored & 1ULL << (SIGPIPE - 1), 0u) << o.output;
+    EXPECT_EQ(ignored & 1ULL << (SIGXFSZ - 1), 0u) << o.output;
 }
 
 TEST_F(children_test, a_pipe_that_would_block_starts_none) {
