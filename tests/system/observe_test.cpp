@@ -174,7 +174,7 @@ class order_of_notification : public daemon_test {
             clients.who_heard(&texts);
             texts.clear();
             clients.ask(client, request);
-            const std::vector<size_t> order = clients.who_heard(&texts);
+            std::vector<size_t> order = clients.who_heard(&texts);
             bool disturbed = false;
             for (const std::string& text : texts) {
                 for (const std::string& frame : split_frames(text)) {

@@ -388,7 +388,7 @@ std::string store_model::getset(const text_list& arguments) {
     if (key == nullptr) {
         return NIL;
     }
-    const std::string reply =
+    std::string reply =
         key->item.type == kind::string ? bulk_frame(key->item.text.value_or("")) : NIL;
     assign(*key, arguments[1]);
     announce_string(*key);

@@ -207,7 +207,7 @@ TEST_F(ping_test, reports_without_all_six_numbers_are_ignored) {
 }
 
 TEST_F(ping_test, a_report_ends_at_its_first_nul) {
-    report(std::string_view("id=3,max=4,min=1,avg=2,total=10,\0loss=1", 40));
+    report(std::string_view("id=3,max=4,min=1,avg=2,total=10,\0loss=1", 39));
     EXPECT_FALSE(has_reported(3));
     report(std::string_view("id=3,max=4,min=1,avg=2,total=10,loss=1\0000", 40));
     EXPECT_EQ(entry(3), figures(4, 1, 2, 10, 1));
