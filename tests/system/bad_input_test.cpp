@@ -2,13 +2,13 @@
  * them a whole frame or closes them, keeps its memory and its descriptors, and serves the next
  * client promptly. */
 
-#include <dirent.h>
-#include <stdlib.h>
+#include <stdint.h>
 #include <string.h>
 #include <sys/resource.h>
 
 #include <algorithm>
 
+#include "tests/system/model/written_frames.h"
 #include "tests/system/support/daemon_test.h"
 #include "tests/system/support/log_text.h"
 
@@ -35,10 +35,6 @@ long prompt_ms() {
 /* Fewer rounds where each costs a multiple. */
 int rounds(int native) {
     return emulated() || SANITIZED ? native / 10 : native;
-}
-
-std::string bulk(const std::string& value) {
-    return "$" + std::to_string(value.size()) + "\r\n" + value + "\r\n";
 }
 
 std::string repeated(const std::string& text, size_t times) {
@@ -170,37 +166,18 @@ class bad_input : public daemon_test {
         EXPECT_EQ(client.call({"set", "warm", "up"}), OK);
         EXPECT_EQ(client.call({"del", "warm"}), ":1\r\n");
         first_descriptors = settled_descriptors(client);
-        first_peak = status_kb("VmPeak:");
-        first_resident = status_kb("VmRSS:");
-    }
-
-    /* A figure of /proc/PID/status in kB. */
-    long status_kb(const char* name) const {
-        std::string status = read_file("/proc/" + std::to_string(daemon->pid()) + "/status");
-        size_t at = status.find(name);
-        return at == std::string::npos ? -1 : atol(status.c_str() + at + strlen(name));
-    }
-
-    int descriptors() const {
-        int count = 0;
-        DIR* folder = opendir(("/proc/" + std::to_string(daemon->pid()) + "/fd").c_str());
-        while (folder != nullptr && readdir(folder) != nullptr) {
-            count++;
-        }
-        if (folder != nullptr) {
-            closedir(folder);
-        }
-        return count;
+        first_peak = daemon->status_kb("VmPeak");
+        first_resident = daemon->status_kb("VmRSS");
     }
 
     /* How many are open apart from that of this client. The collectors open files for moments;
      * whoever came before is gone when the client has been answered twice. */
-    int settled_descriptors(resp_client& client) const {
+    size_t settled_descriptors(resp_client& client) const {
         EXPECT_EQ(client.call({"ping"}), OK);
-        int fewest = 1000000;
+        size_t fewest = SIZE_MAX;
         for (int i = 0; i < 5; i++) {
             EXPECT_EQ(client.call({"ping"}), OK);
-            fewest = std::min(fewest, descriptors() - 1);
+            fewest = std::min(fewest, daemon->descriptors() - 1);
         }
         return fewest;
     }
@@ -208,7 +185,7 @@ class bad_input : public daemon_test {
     /* A client that did nothing wrong is served at once; the descriptors of clients that are gone
      * were given back; memory has not grown by more than these kilobytes, neither now nor at any
      * time before. */
-    void expect_unharmed(int clients_open = 0, long kept_kb = 4096, long peak_kb = 65536) {
+    void expect_unharmed(size_t clients_open = 0, long kept_kb = 4096, long peak_kb = 65536) {
         ASSERT_TRUE(daemon->running()) << "the daemon ended: " << daemon->err();
         long asked = now_ms();
         resp_client client;
@@ -218,14 +195,14 @@ class bad_input : public daemon_test {
         if (emulated()) {
             return;
         }
-        EXPECT_TRUE(eventually([&] { return descriptors() == first_descriptors + clients_open; }))
-            << descriptors() << " descriptors are open instead of "
-            << first_descriptors + clients_open;
+        const size_t expected = first_descriptors + clients_open;
+        EXPECT_TRUE(eventually([&] { return daemon->descriptors() == expected; }))
+            << daemon->descriptors() << " descriptors are open instead of " << expected;
         if (SANITIZED) {
             return;
         }
-        EXPECT_LE(status_kb("VmRSS:") - first_resident, kept_kb);
-        EXPECT_LE(status_kb("VmPeak:") - first_peak, peak_kb);
+        EXPECT_LE(daemon->status_kb("VmRSS") - first_resident, kept_kb);
+        EXPECT_LE(daemon->status_kb("VmPeak") - first_peak, peak_kb);
     }
 
     /* All that comes back for the bytes when nothing follows them: "" when they close the
@@ -260,7 +237,7 @@ class bad_input : public daemon_test {
     }
 
     process* daemon = nullptr;
-    int first_descriptors = 0;
+    size_t first_descriptors = 0;
     long first_peak = 0;
     long first_resident = 0;
 };
@@ -552,7 +529,7 @@ TEST_F(bad_input, in_tiny_deliveries_without_end_leaves_no_trace) {
     /* The daemon's own figures take their memory with the first tick. */
     ASSERT_TRUE(eventually([&] { return client.call({"exists", "conn"}) == ":1\r\n"; }));
     some(2000);
-    long before = status_kb("VmRSS:");
+    long before = daemon->status_kb("VmRSS");
     /* A million of them where the machine is quick enough for that. */
     const long start = now_ms();
     for (int done = 0; done < 1000000 && now_ms() - start < 2000 && !HasFatalFailure();
@@ -560,7 +537,7 @@ TEST_F(bad_input, in_tiny_deliveries_without_end_leaves_no_trace) {
         some(500);
     }
     if (!emulated() && !SANITIZED) {
-        EXPECT_LE(status_kb("VmRSS:") - before, 512);
+        EXPECT_LE(daemon->status_kb("VmRSS") - before, 512);
     }
     client.close();
     expect_unharmed();
@@ -1038,6 +1015,6 @@ TEST_F(bad_input, cannot_exhaust_descriptors_for_good) {
         EXPECT_EQ(clients[i].call({"ping"}), OK) << i;
     }
     clients.clear();
-    EXPECT_TRUE(eventually([&] { return descriptors() == first_descriptors; }));
+    EXPECT_TRUE(eventually([&] { return daemon->descriptors() == first_descriptors; }));
     EXPECT_TRUE(daemon->running());
 }

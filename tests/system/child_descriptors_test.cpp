@@ -14,10 +14,6 @@ using namespace system_test;
 
 namespace {
 
-std::string work(const std::string& name) {
-    return sandbox::workspace("work/") + name;
-}
-
 /* Shell text that writes down once what descriptors a program gets that the shell starts. */
 std::string note_descriptors(const std::string& name) {
     return "if [ ! -e " + work(name) +

@@ -28,10 +28,6 @@ const std::string OK = "+OK\r\n";
  * look, and what a busy machine adds. */
 constexpr int64_t LATE_MS = 10000;
 
-std::string bulk(const std::string& value) {
-    return "$" + std::to_string(value.size()) + "\r\n" + value + "\r\n";
-}
-
 /* Milliseconds of the wall clock, which is what the daemon goes by when it looks. */
 int64_t wall_ms() {
     timeval now = {};

@@ -156,7 +156,7 @@ TEST_F(hashes, values_keep_every_byte) {
         value += static_cast<char>(byte);
     }
     EXPECT_EQ(call({"hset", "h", "bytes", value}), ":1\r\n");
-    EXPECT_EQ(call({"hget", "h", "bytes"}), bulk_frame(value));
+    EXPECT_EQ(call({"hget", "h", "bytes"}), bulk(value));
 }
 
 TEST_F(hashes, a_field_is_found_by_the_bytes_before_its_first_NUL) {
@@ -165,7 +165,7 @@ TEST_F(hashes, a_field_is_found_by_the_bytes_before_its_first_NUL) {
     EXPECT_EQ(call({"hget", "k", "a"}), "$1\r\n1\r\n");
     EXPECT_EQ(call({"hset", "k", "a", "2"}), ":0\r\n");
     EXPECT_EQ(call({"hget", "k", std::string("a\0c", 3)}), "$1\r\n2\r\n");
-    EXPECT_EQ(call({"hkeys", "k"}), "*1\r\n" + bulk_frame(long_name));
+    EXPECT_EQ(call({"hkeys", "k"}), "*1\r\n" + bulk(long_name));
     EXPECT_EQ(call({"hdel", "k", "a"}), ":1\r\n");
     EXPECT_EQ(call({"hlen", "k"}), ":0\r\n");
 }
@@ -174,7 +174,7 @@ TEST_F(hashes, a_large_field_and_value_are_kept_whole) {
     const std::string name(5000, 'n');
     const std::string value(25000, 'v');
     EXPECT_EQ(call({"hset", "h", name, value}), ":1\r\n");
-    EXPECT_EQ(call({"hget", "h", name}), bulk_frame(value));
+    EXPECT_EQ(call({"hget", "h", name}), bulk(value));
     EXPECT_EQ(call({"hget", "h", name + "n"}), "$-1\r\n");
 }
 

@@ -1,7 +1,6 @@
 /* Histories in the running daemon: what a dump keeps of them, what a restart brings back, and that
  * neither files nor clients with ill intent get anywhere. */
 
-#include <stdio.h>
 #include <stdlib.h>
 #include <time.h>
 #include <unistd.h>
@@ -129,18 +128,6 @@ class histories : public daemon_test {
         EXPECT_TRUE(eventually([&] { return word_at(get("conn.10m"), 12) >= from + count; }));
     }
 
-    /* The time that the daemon has computed so far. */
-    long cpu_ms() const {
-        std::string stat = read_file("/proc/" + std::to_string(daemon->pid()) + "/stat");
-        long user = 0;
-        long system = 0;
-        EXPECT_EQ(sscanf(stat.c_str() + stat.rfind(')') + 1,
-                         " %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %ld %ld", &user, &system),
-                  2)
-            << stat;
-        return (user + system) * 1000 / sysconf(_SC_CLK_TCK);
-    }
-
     process* daemon = nullptr;
     std::optional<resp_client> client;
 };
@@ -262,9 +249,9 @@ TEST_F(histories, time_stamps_of_any_age_cost_no_more_than_the_ring) {
     for (int i = 0; i < OLD_RECORDS; i++) {
         file += record("cpu.day", ring_of(DAY, 1).fill(7).at(1).record());
     }
-    long before = cpu_ms();
+    long before = daemon->cpu_ms();
     ASSERT_EQ(load(file), ":0\r\n");
-    EXPECT_LT(cpu_ms() - before, OLD_RECORDS_CPU_MS);
+    EXPECT_LT(daemon->cpu_ms() - before, OLD_RECORDS_CPU_MS);
     EXPECT_EQ(word_at(get("cpu.day"), 12), 240u);
 }
 

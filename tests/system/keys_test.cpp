@@ -23,10 +23,6 @@ const std::string ERROR = "-ERR\r\n";
 const std::string NIL = "$-1\r\n";
 const std::string NOTHING = "*0\r\n";
 
-std::string bulk(const std::string& value) {
-    return "$" + std::to_string(value.size()) + "\r\n" + value + "\r\n";
-}
-
 std::string bulks(const words& values) {
     std::string frame = "*" + std::to_string(values.size()) + "\r\n";
     for (const std::string& value : values) {

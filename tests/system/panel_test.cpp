@@ -23,10 +23,6 @@ const std::string CLEAR("\xCC\xB1\xAA\xD0", 4);
 /* What the tool that knows the model is asked. */
 const std::string QUESTION = "get product_params.vendor.standardtype\n";
 
-std::string work(const std::string& name) {
-    return sandbox::workspace("work/") + name;
-}
-
 std::string padded(std::string line) {
     line.resize(20, ' ');
     return line;

@@ -30,10 +30,6 @@ const std::string FOLDER = "/usr/lib/lua/tplugins/";
 /* 64 bytes, one more than is kept of a name. */
 const std::string TOO_LONG = "1_" + std::string(62, 'n');
 
-std::string work(const std::string& name) {
-    return sandbox::workspace("work/") + name;
-}
-
 words sorted(words texts) {
     std::sort(texts.begin(), texts.end());
     return texts;
@@ -244,24 +240,13 @@ TEST_F(plugins_and_clients, many_runs_leave_no_ended_children_and_no_descriptors
         sandbox::add_plugin("1_" + std::to_string(i), "echo x >>" + work("runs") + "\n");
     }
     process& daemon = start();
-    auto descriptors = [&] {
-        int count = 0;
-        DIR* folder = opendir(("/proc/" + std::to_string(daemon.pid()) + "/fd").c_str());
-        for (dirent* entry; folder != nullptr && (entry = readdir(folder)) != nullptr;) {
-            count += entry->d_name[0] != '.' ? 1 : 0;
-        }
-        if (folder != nullptr) {
-            closedir(folder);
-        }
-        return count;
-    };
     ASSERT_TRUE(eventually([] { return read_file(work("runs")).size() >= 2 * 33 * 1; }));
     EXPECT_TRUE(eventually([] { return read_file(work("runs")).size() >= 2 * 33 * 4; }));
     /* Between two ticks nothing runs: the shells have ended and are reaped. */
     words ended;
     EXPECT_TRUE(eventually([&] {
         ended = ended_children_of(daemon.pid());
-        return ended.empty() && descriptors() <= 8;
+        return ended.empty() && daemon.descriptors() <= 8;
     })) << ended.size()
-        << " ended children, " << descriptors() << " descriptors";
+        << " ended children, " << daemon.descriptors() << " descriptors";
 }

@@ -4,6 +4,7 @@
 #include <stdlib.h>
 
 #include "tests/support/commands.h"
+#include "tests/system/model/written_frames.h"
 #include "tests/system/support/daemon_test.h"
 #include "tests/system/support/log_text.h"
 
@@ -50,10 +51,6 @@ class requests : public daemon_test {
 
 class replies : public requests {
   protected:
-    static std::string bulk(const std::string& value) {
-        return "$" + std::to_string(value.size()) + "\r\n" + value + "\r\n";
-    }
-
     /* A value in which a lost, doubled or moved piece shows. */
     static std::string value_of(size_t size) {
         std::string value;
@@ -80,15 +77,7 @@ struct exchange {
     std::string reply;
 };
 
-class limits : public requests {
-  protected:
-    /* Kilobytes of memory that the process holds. */
-    static long resident(pid_t pid) {
-        std::string status = read_file("/proc/" + std::to_string(pid) + "/status");
-        size_t at = status.find("VmRSS:");
-        return at == std::string::npos ? -1 : atol(status.c_str() + at + 6);
-    }
-};
+class limits : public requests {};
 
 class traces : public daemon_test {
   protected:
@@ -628,11 +617,11 @@ TEST_F(limits, many_small_deliveries_do_not_make_the_daemon_grow) {
     for (int i = 0; i < rounds / 10; i++) {
         ASSERT_TRUE(one_round(i));
     }
-    long before = resident(daemon.pid());
+    long before = daemon.status_kb("VmRSS");
     for (int i = 0; i < rounds; i++) {
         ASSERT_TRUE(one_round(i));
     }
-    long after = resident(daemon.pid());
+    long after = daemon.status_kb("VmRSS");
     if (sandbox::emulator().empty()) {
         ASSERT_GT(before, 0);
         /* Less than a byte for each request; a sanitizer keeps records of its own. */

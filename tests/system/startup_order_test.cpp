@@ -127,8 +127,8 @@ TEST_F(startup_order, of_timers_the_newest_comes_first_and_the_collectors_in_the
 }
 
 TEST_F(startup_order, a_daemon_that_cannot_serve_has_its_log_and_pid_and_starts_no_module) {
-    sandbox::add_tool("hostmon", "echo x >>" + sandbox::workspace("work/ticks") + "\n");
-    sandbox::add_plugin("0_boot.sh", "echo x >>" + sandbox::workspace("work/runs") + "\n");
+    sandbox::add_tool("hostmon", "echo x >>" + work("ticks") + "\n");
+    sandbox::add_plugin("0_boot.sh", "echo x >>" + work("runs") + "\n");
     named_process predecessor("tessard");
     write_file("/tmp/tessard.pid", std::to_string(predecessor.pid()));
     process& daemon = launch({"-l", "debug", "-a", "/nonexistent/folder/socket"});
@@ -136,8 +136,8 @@ TEST_F(startup_order, a_daemon_that_cannot_serve_has_its_log_and_pid_and_starts_
     EXPECT_EQ(log(), words{"application started with pid " + std::to_string(daemon.pid())});
     EXPECT_EQ(read_file("/tmp/tessard.pid"), std::to_string(daemon.pid()));
     EXPECT_EQ(predecessor.wait_exit(), KILLED_BY + 9);
-    EXPECT_FALSE(file_exists(sandbox::workspace("work/ticks")));
-    EXPECT_FALSE(file_exists(sandbox::workspace("work/runs")));
+    EXPECT_FALSE(file_exists(work("ticks")));
+    EXPECT_FALSE(file_exists(work("runs")));
 }
 
 TEST_F(startup_order, the_sweep_runs_from_the_start_and_beside_the_modules) {
@@ -158,8 +158,8 @@ TEST_F(startup_order, the_sweep_runs_from_the_start_and_beside_the_modules) {
  * over and a client waits: the sweep that finds it is the one behind that tick, before the client
  * is served. */
 TEST_F(startup_order, within_one_scan_of_the_timers_the_sweep_follows_the_modules) {
-    const std::string hold = sandbox::workspace("work/hold");
-    const std::string held = sandbox::workspace("work/held");
+    const std::string hold = work("hold");
+    const std::string held = work("held");
     sandbox::add_tool("hostmon",
                       "while [ -e " + hold + " ]; do : >" + held + "; sleep 0.02; done\n");
     start({"-l", "debug"});

@@ -324,7 +324,7 @@ TEST_F(command_line, a_port_beside_a_path_is_ignored) {
 }
 
 TEST_F(command_line, a_path_may_be_relative_when_it_holds_a_slash) {
-    start({"-a", "./rel.sock"}, sandbox::workspace("work/rel.sock"));
+    start({"-a", "./rel.sock"}, work("rel.sock"));
 }
 
 TEST_F(command_line, a_long_option_without_its_value_is_ignored) {
@@ -507,7 +507,7 @@ TEST_F(start_up, log_and_pid_file_are_written_before_the_server_is_opened) {
 }
 
 TEST_F(start_up, without_a_port_the_address_is_unlinked_before_it_is_understood) {
-    std::string file = sandbox::workspace("work/300.1.1.1");
+    std::string file = work("300.1.1.1");
     write_file(file, "");
     EXPECT_EQ(launch({"-a", "300.1.1.1", "-p", "7014"}).wait_exit(), 0);
     EXPECT_TRUE(file_exists(file));

@@ -41,7 +41,7 @@ class twins : public daemon_test {
   protected:
     /* Starts two daemons that wait for each other just before they become one. */
     std::pair<process*, process*> launch_together() {
-        const std::string gate = sandbox::workspace("work/gate");
+        const std::string gate = work("gate");
         mkfifo(gate.c_str(), 0600);
         process_options options;
         options.before_exec = [gate] { (void)!open(gate.c_str(), O_RDONLY | O_CLOEXEC); };

@@ -103,10 +103,6 @@ class statistics : public daemon_test {
         daemon_test::TearDown();
     }
 
-    static std::string work(const std::string& name) {
-        return sandbox::workspace("work/") + name;
-    }
-
     static void host_tool(const std::string& body) {
         write_file(work("host-tool"), body + "\n");
     }

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <optional>
 
+#include "tests/system/model/written_frames.h"
 #include "tests/system/support/daemon_test.h"
 
 using namespace system_test;
@@ -19,10 +20,6 @@ typedef std::vector<std::string> words;
 const std::string OK = "+OK\r\n";
 const std::string ERROR = "-ERR\r\n";
 const std::string NIL = "$-1\r\n";
-
-std::string bulk(const std::string& value) {
-    return "$" + std::to_string(value.size()) + "\r\n" + value + "\r\n";
-}
 
 std::string number(long long value) {
     return ":" + std::to_string(value) + "\r\n";

@@ -243,10 +243,10 @@ std::string store_model::exists(const text_list& arguments) {
 std::string store_model::type(const text_list& arguments) {
     const key_entry* key = lookup(arguments[0]);
     const kind type = key != nullptr ? key->item.type : kind::none;
-    return bulk_frame(type == kind::string ? "string"
-                      : type == kind::list ? "list"
-                      : type == kind::hash ? "hash"
-                                           : "none");
+    return bulk(type == kind::string ? "string"
+                : type == kind::list ? "list"
+                : type == kind::hash ? "hash"
+                                     : "none");
 }
 
 std::string store_model::del(const text_list& arguments) {
@@ -370,7 +370,7 @@ std::string store_model::get(const text_list& arguments) {
     if (key == nullptr) {
         return NIL;
     }
-    return key->item.type == kind::string ? bulk_frame(key->item.text.value_or("")) : ERROR;
+    return key->item.type == kind::string ? bulk(key->item.text.value_or("")) : ERROR;
 }
 
 std::string store_model::set(const text_list& arguments) {
@@ -388,8 +388,7 @@ std::string store_model::getset(const text_list& arguments) {
     if (key == nullptr) {
         return NIL;
     }
-    std::string reply =
-        key->item.type == kind::string ? bulk_frame(key->item.text.value_or("")) : NIL;
+    std::string reply = key->item.type == kind::string ? bulk(key->item.text.value_or("")) : NIL;
     assign(*key, arguments[1]);
     announce_string(*key);
     return reply;
@@ -559,7 +558,7 @@ std::string store_model::hget(const text_list& arguments) {
     key_entry* key = lookup(arguments[0], kind::hash);
     const growing_table<field>::entry* f =
         key != nullptr ? key->item.fields.find(arguments[1]) : nullptr;
-    return f != nullptr ? bulk_frame(f->item.value) : NIL;
+    return f != nullptr ? bulk(f->item.value) : NIL;
 }
 
 std::string store_model::hmget(const text_list& arguments) {
@@ -699,7 +698,7 @@ std::string store_model::pop(const text_list& arguments, bool at_head) {
     } else {
         items.pop_back();
     }
-    return bulk_frame(item);
+    return bulk(item);
 }
 
 std::string store_model::lpush(const text_list& arguments) {
@@ -749,10 +748,9 @@ std::string store_model::lindex(const text_list& arguments) {
         return NIL;
     }
     if (items.empty()) {
-        return bulk_frame("");
+        return bulk("");
     }
-    return bulk_frame(
-        items[static_cast<size_t>(index.value < 0 ? count + index.value : index.value)]);
+    return bulk(items[static_cast<size_t>(index.value < 0 ? count + index.value : index.value)]);
 }
 
 std::string store_model::lrange(const text_list& arguments) {

@@ -9,7 +9,7 @@
 namespace system_test {
 
 /* An element without value is the nil bulk. */
-std::string bulk_frame(const std::string& value);
+std::string bulk(const std::string& value);
 std::string list_frame(const std::vector<std::optional<std::string>>& elements);
 std::string event_frame(const std::vector<std::string>& elements);
 

@@ -56,6 +56,10 @@ static std::vector<std::string> under_emulator(const std::string& program,
     return words;
 }
 
+std::string work(const std::string& name) {
+    return sandbox::workspace("work/") + name;
+}
+
 std::vector<std::string> tessard_command(const std::vector<std::string>& arguments) {
     return under_emulator(sandbox::tessard_path(), arguments);
 }

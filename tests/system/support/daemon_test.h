@@ -71,6 +71,9 @@ class client_test : public daemon_test {
     resp_client client{"/nowhere"};
 };
 
+/* A file in the current folder of everything that is started. */
+std::string work(const std::string& name);
+
 /* The command line of a program under test, behind the emulator's words when it needs one. */
 std::vector<std::string> tessard_command(const std::vector<std::string>& arguments);
 std::vector<std::string> tessctl_command(const std::vector<std::string>& arguments);

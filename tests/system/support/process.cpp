@@ -1,5 +1,8 @@
 #include "tests/system/support/process.h"
 
+#include <gtest/gtest.h>
+
+#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
@@ -8,6 +11,7 @@
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "tests/system/support/files.h"
@@ -118,6 +122,32 @@ std::string process::out() const {
 
 std::string process::err() const {
     return read_file(err_path);
+}
+
+long process::status_kb(const std::string& name) const {
+    const std::string status = read_file("/proc/" + std::to_string(child) + "/status");
+    const size_t at = status.find("\n" + name + ":");
+    return at == std::string::npos ? -1 : atol(status.c_str() + at + name.size() + 2);
+}
+
+size_t process::descriptors() const {
+    size_t count = 0;
+    DIR* folder = opendir(("/proc/" + std::to_string(child) + "/fd").c_str());
+    while (const dirent* entry = folder != nullptr ? readdir(folder) : nullptr) {
+        count += entry->d_name[0] != '.' ? 1 : 0;
+    }
+    if (folder != nullptr) {
+        closedir(folder);
+    }
+    return count;
+}
+
+long process::cpu_ms() const {
+    clockid_t clock;
+    timespec used = {};
+    EXPECT_EQ(clock_getcpuclockid(child, &clock), 0);
+    EXPECT_EQ(clock_gettime(clock, &used), 0);
+    return static_cast<long>(used.tv_sec * 1000 + used.tv_nsec / 1000000);
 }
 
 void process::stop() {

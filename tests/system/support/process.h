@@ -57,6 +57,12 @@ class process {
     std::string out() const;
     std::string err() const;
 
+    /* What the kernel says of it while it runs: a figure of its status in kB ("VmRSS"), -1 when
+     * there is none; the descriptors that it has open; the processor time that it has used. */
+    long status_kb(const std::string& name) const;
+    size_t descriptors() const;
+    long cpu_ms() const;
+
     /* Ends it (SIGTERM, then SIGKILL) when it still runs, and reaps it. */
     void stop();
 

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <time.h>
-
 #include <string>
 #include <vector>
 
@@ -38,22 +36,13 @@ class values_test : public client_test {
         EXPECT_EQ(call({"lrange", "l", "0", "9"}), "*3\r\n$1\r\na\r\n$1\r\nb\r\n$1\r\nc\r\n");
     }
 
-    /* Processor time that the daemon has used, in ms. */
-    long used_ms() const {
-        clockid_t clock;
-        timespec used = {};
-        EXPECT_EQ(clock_getcpuclockid(daemon->pid(), &clock), 0);
-        EXPECT_EQ(clock_gettime(clock, &used), 0);
-        return static_cast<long>(used.tv_sec * 1000 + used.tv_nsec / 1000000);
-    }
-
-    /* The same for so many times the request, which is always answered so. */
+    /* Processor time, in ms, for so many times the request, which is always answered so. */
     long cost_of(int times, const std::vector<std::string>& request, const std::string& reply) {
-        const long before = used_ms();
+        const long before = daemon->cpu_ms();
         for (int i = 0; i < times && !HasFailure(); i++) {
             EXPECT_EQ(call(request), reply);
         }
-        return used_ms() - before;
+        return daemon->cpu_ms() - before;
     }
 };
 
