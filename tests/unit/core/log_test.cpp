@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "loop/endpoint.h"
+#include "tests/unit/support/resources.h"
 #include "tests/unit/support/test_clock.h"
 #include "tests/unit/support/test_kernel.h"
 
@@ -198,11 +199,6 @@ class server {
 std::string read_file(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(file), {});
-}
-
-size_t count_open_descriptors() {
-    const fs::directory_iterator all("/proc/self/fd");
-    return static_cast<size_t>(std::distance(begin(all), end(all)));
 }
 
 /* The descriptor that is open for a path, -1 when none is. */
@@ -423,7 +419,7 @@ TEST_F(log_test, setting_no_target_does_nothing) {
 
 TEST_F(log_test, closes_what_was_open_before_it_opens_the_next) {
     open("stdout");
-    const size_t before = count_open_descriptors();
+    const size_t before = unit_test::open_descriptors();
     server s(path("log.sock"));
     for (int i = 0; i < 5; i++) {
         open(path("a.log"));
@@ -431,7 +427,7 @@ TEST_F(log_test, closes_what_was_open_before_it_opens_the_next) {
     }
     open("syslog");
     s.close_all();
-    EXPECT_EQ(count_open_descriptors(), before);
+    EXPECT_EQ(unit_test::open_descriptors(), before);
 }
 
 TEST_F(log_test, its_descriptors_are_close_on_exec) {
@@ -1183,9 +1179,9 @@ TEST_F(log_death_test, a_socket_whose_queue_is_full_is_not_waited_for) {
             {
                 show_stdout();
                 alarm(10);
-                const size_t before = count_open_descriptors();
+                const size_t before = unit_test::open_descriptors();
                 open(target);
-                const bool gave_up = count_open_descriptors() == before;
+                const bool gave_up = unit_test::open_descriptors() == before;
                 log_write(LOG_INFO, "lost");
                 _exit(gave_up ? 3 : 4);
             },

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/unit/support/resources.h"
+
 namespace {
 
 #define SKIP_WITHOUT_SLABS()                                                                       \
@@ -21,11 +23,6 @@ namespace {
 /* The device's figures, and those of a target with pointers of 8 bytes. */
 constexpr size_t on_target(size_t with_4_bytes, size_t with_8_bytes) {
     return sizeof(void*) == 4 ? with_4_bytes : with_8_bytes;
-}
-
-/* Bytes that the C library has handed out. */
-size_t heap_in_use() {
-    return mallinfo2().uordblks;
 }
 
 void* first_word(const void* block) {
@@ -205,13 +202,13 @@ TEST(pool_test, reuse_takes_nothing_from_the_heap) {
     SKIP_WITHOUT_SLABS();
     void* warm = pool_alloc(60);
     pool_free(warm, 60);
-    const size_t before = heap_in_use();
+    const size_t before = unit_test::heap_in_use();
 
     for (int i = 0; i < 1000; i++) {
         pool_free(pool_alloc(60), 60);
     }
 
-    EXPECT_EQ(heap_in_use(), before);
+    EXPECT_EQ(unit_test::heap_in_use(), before);
 }
 
 TEST(pool_test, sizes_1_and_4_share_a_class_and_5_is_in_the_next) {
@@ -361,13 +358,13 @@ TEST(pool_test, slabs_are_never_given_back_to_the_system) {
         blocks.push_back(pool_alloc(150));
     }
     const std::set<void*> taken(blocks.begin(), blocks.end());
-    const size_t before = heap_in_use();
+    const size_t before = unit_test::heap_in_use();
 
     for (void* block : blocks) {
         pool_free(block, 150);
     }
 
-    EXPECT_EQ(heap_in_use(), before);
+    EXPECT_EQ(unit_test::heap_in_use(), before);
     for (void*& block : blocks) {
         block = pool_alloc(150);
     }

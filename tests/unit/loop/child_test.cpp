@@ -26,6 +26,7 @@
 #include "loop/loop.h"
 #include "loop/server.h"
 #include "tests/unit/support/own_world.h"
+#include "tests/unit/support/resources.h"
 #include "tests/unit/support/test_kernel.h"
 
 using namespace unit_test;
@@ -50,14 +51,6 @@ void take(buffer* output, void* argument, int reason) {
     o->calls++;
     o->output.assign(output->length > 0 ? output->data : "", output->length);
     o->reason = reason;
-}
-
-size_t open_descriptors() {
-    size_t count = 0;
-    for (int fd = 0; fd < 1024; fd++) {
-        count += fcntl(fd, F_GETFD) >= 0 ? 1 : 0;
-    }
-    return count;
 }
 
 /* The state letter of a process as /proc shows it, 0 when there is none. */

@@ -19,6 +19,7 @@
 #include "loop/endpoint.h"
 #include "loop/loop.h"
 #include "loop/server.h"
+#include "tests/unit/support/backends.h"
 #include "tests/unit/support/test_kernel.h"
 
 using test_kernel::recv_answers;
@@ -259,12 +260,8 @@ void on_pass_end(loop_closing* closing) {
     }
 }
 
-std::string backend_name(const testing::TestParamInfo<loop_backend>& backend) {
-    return backend.param == LOOP_EPOLL ? "epoll" : "select";
-}
-
 INSTANTIATE_TEST_SUITE_P(backends, connection_test, testing::Values(LOOP_SELECT, LOOP_EPOLL),
-                         backend_name);
+                         unit_test::backend_name);
 
 /* A new connection. */
 

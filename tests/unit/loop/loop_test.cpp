@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "core/pool.h"
+#include "tests/unit/support/backends.h"
 #include "tests/unit/support/test_clock.h"
 #include "tests/unit/support/test_kernel.h"
 
@@ -147,12 +148,8 @@ void on_pass(int, unsigned, void* argument) {
     test->pass++;
 }
 
-std::string backend_name(const testing::TestParamInfo<loop_backend>& backend) {
-    return backend.param == LOOP_EPOLL ? "epoll" : "select";
-}
-
 INSTANTIATE_TEST_SUITE_P(backends, loop_test, testing::Values(LOOP_SELECT, LOOP_EPOLL),
-                         backend_name);
+                         unit_test::backend_name);
 
 /* Timers. */
 

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <malloc.h>
 #include <stdio.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -13,6 +12,7 @@
 #include "core/pool.h"
 #include "proto/resp.h"
 #include "store/event.h"
+#include "tests/unit/support/resources.h"
 #include "tests/unit/support/store_test.h"
 #include "tests/unit/support/test_client.h"
 #include "tests/unit/support/text_string.h"
@@ -48,12 +48,6 @@ class made_event {
     resp* r = resp_new();
     std::vector<sstr> strings;
 };
-
-/* Bytes that the C library has handed out. */
-size_t heap_in_use() {
-    const struct mallinfo2 info = mallinfo2();
-    return info.uordblks + info.hblkhd;
-}
 
 class observers_test : public store_test {
   protected:

@@ -16,11 +16,11 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 
 #include "tests/unit/stats/fast_clock.h"
 #include "tests/unit/support/log_capture.h"
+#include "tests/unit/support/resources.h"
 
 using namespace unit_test;
 using testing::ElementsAre;
@@ -77,10 +77,6 @@ class outside_tools_test : public ::testing::Test {
     static bool answers_by_fast_clock(const std::string& command) {
         tool t = {command.c_str(), never, false, 0};
         return ask_by_fast_clock(&t);
-    }
-
-    static long open_descriptors() {
-        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
     }
 
     /* Waits for a file, ten seconds at most. */
@@ -308,7 +304,7 @@ TEST_F(outside_tools_test, leave_the_daemon_ignoring_the_pipe_signal) {
 
 TEST_F(outside_tools_test, leave_no_descriptor_and_no_child) {
     output_of("true");
-    const long before = open_descriptors();
+    const size_t before = open_descriptors();
     for (int i = 0; i < 20; i++) {
         output_of(i % 2 == 0 ? "echo 1" : "tessard-no-such-tool");
     }
