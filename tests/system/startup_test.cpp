@@ -13,6 +13,7 @@
 
 #include <algorithm>
 
+#include "tests/support/usage.h"
 #include "tests/system/support/daemon_test.h"
 #include "tests/system/support/log_text.h"
 
@@ -22,25 +23,11 @@ namespace {
 
 class command_line : public daemon_test {
   protected:
-    static std::string usage() {
-        return "usage: " + sandbox::tessard_path() +
-               "    <command> [options] \n"
-               "   -v   --version                            打印版本信息\n"
-               "   -d   --daemon                             以daemon方式运行\n"
-               "   -p   --port = xxxx                        指定端口号\n"
-               "   -a   --addr = /xxx/xxx                    指定域套接字路径，在unix套接字上侦听\n"
-               "   -l   --loglevel = [debug/info/warn/error] 指定日志输出级别\n"
-               "   -f   --logfile=xxxxx                      xxx可以是stdout, syslog,\n"
-               "                                             /tmp/xxx.sock, /path/to/regular/file\n"
-               "                                             以及localhost:port\n"
-               "   -h   --help                               打印帮助信息\n";
-    }
-
     void expect_usage(const std::vector<std::string>& arguments) {
         SCOPED_TRACE(arguments.front());
         process& program = launch(arguments);
         EXPECT_EQ(program.wait_exit(), 255);
-        EXPECT_EQ(program.out(), usage());
+        EXPECT_EQ(program.out(), usage(sandbox::tessard_path()));
         expect_no_traces();
     }
 
@@ -178,7 +165,7 @@ class descriptors : public daemon_test {
 TEST_F(command_line, help_prints_the_usage_and_ends_with_255) {
     process& program = launch({"-h"});
     EXPECT_EQ(program.wait_exit(), 255);
-    EXPECT_EQ(program.out(), usage());
+    EXPECT_EQ(program.out(), usage(sandbox::tessard_path()));
     EXPECT_EQ(program.err(), "");
     expect_no_traces();
     expect_usage({"--help"});
@@ -248,7 +235,7 @@ TEST_F(command_line, the_first_option_that_ends_the_program_decides) {
     EXPECT_EQ(version.out().rfind("Tessard 2.1.0 ", 0), 0u);
     process& help = launch({"-h", "-v"});
     EXPECT_EQ(help.wait_exit(), 255);
-    EXPECT_EQ(help.out(), usage());
+    EXPECT_EQ(help.out(), usage(sandbox::tessard_path()));
 }
 
 TEST_F(command_line, without_options_the_daemon_serves_its_default_socket) {
