@@ -326,7 +326,7 @@ TEST_F(dump_files, on_a_full_disk_end_with_a_whole_record_and_are_whole_again_wh
     }
     EXPECT_EQ(call({"load", "/tmp/small/dump"}), ":0\r\n");
     for (const std::string& key : keys) {
-        EXPECT_EQ(call({"get", key}), bulk_frame(std::string(1500, key.back())));
+        EXPECT_EQ(call({"get", key}), bulk(std::string(1500, key.back())));
     }
 }
 
