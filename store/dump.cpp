@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -56,13 +55,10 @@ int dump_objects(const selection* s, const char* path) {
     if (fd < 0) {
         return errno;
     }
-    /* At a limit for the size of files the kernel would end the process; so the write fails. */
-    const auto size_limit_handler = signal(SIGXFSZ, SIG_IGN);
     uint32_t done = 0;
     while (done < s->count && dump_object(s->objects[done], fd)) {
         done++;
     }
-    (void)signal(SIGXFSZ, size_limit_handler);
     /* Closing a serial port waits until it has sent what it holds. On other files this fails. */
     (void)tcflush(fd, TCOFLUSH);
     close(fd);
