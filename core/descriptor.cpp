@@ -2,8 +2,11 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,6 +15,26 @@ namespace {
 bool is_plain(int fd) {
     struct stat status;
     return fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink <= 1;
+}
+
+/* A pipe that is ready has room for PIPE_BUF bytes. */
+size_t write_to_pipe(int fd, const char* bytes, size_t size) {
+    size_t done = 0;
+    pollfd ready = {fd, POLLOUT, 0};
+    while (done < size && poll(&ready, 1, 0) == 1) {
+        const size_t left = size - done;
+        const ssize_t written = write(fd, bytes + done, left < PIPE_BUF ? left : PIPE_BUF);
+        if (written <= 0) {
+            break;
+        }
+        done += static_cast<size_t>(written);
+    }
+    return done;
+}
+
+size_t write_to_socket(int fd, const char* bytes, size_t size) {
+    const ssize_t sent = send(fd, bytes, size, MSG_DONTWAIT | MSG_NOSIGNAL);
+    return sent > 0 ? static_cast<size_t>(sent) : 0;
 }
 
 } // namespace
@@ -55,6 +78,19 @@ void descriptor_ignore_write_signals() {
 void descriptor_restore_write_signals() {
     (void)signal(SIGPIPE, SIG_DFL);
     (void)signal(SIGXFSZ, SIG_DFL);
+}
+
+size_t descriptor_write_ready(int fd, const char* bytes, size_t size) {
+    struct stat status;
+    const mode_t mode = fstat(fd, &status) == 0 ? status.st_mode : 0;
+    if (S_ISFIFO(mode)) {
+        return write_to_pipe(fd, bytes, size);
+    }
+    if (S_ISSOCK(mode)) {
+        return write_to_socket(fd, bytes, size);
+    }
+    (void)!write(fd, bytes, size);
+    return size;
 }
 
 void descriptor_hold_standard(bool working) {

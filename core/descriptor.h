@@ -1,5 +1,6 @@
 #pragma once
 
+#include <stddef.h>
 #include <sys/types.h>
 
 /* Descriptors, and what may go wrong when a program gets one. */
@@ -27,6 +28,13 @@ void descriptor_raise_limit(unsigned count);
  * for ever must die of its closed pipe. */
 void descriptor_ignore_write_signals();
 void descriptor_restore_write_signals();
+
+/* Writes what a pipe or a socket takes without waiting for its reader, and returns how many bytes
+ * that was. Not through O_NONBLOCK, which everybody shares who holds the descriptor. Anything else
+ * is written as usual, and what is lost there counts as written. Up to PIPE_BUF bytes go into a
+ * pipe whole or not at all. Somebody else who writes into it may take the room that was there a
+ * moment before; then the reader is waited for. */
+size_t descriptor_write_ready(int fd, const char* bytes, size_t size);
 
 /* Fills the places of closed standard descriptors with /dev/null: otherwise their numbers would be
  * given to connections and files, which would then get what is printed. When they are not

@@ -51,10 +51,12 @@ struct log_state {
     buffer line;
     bool initialised;
     const log_sockets* sockets; /* null: none can be reached */
+    uint32_t lost;              /* lines that standard output had no room for */
+    bool cut;                   /* what it took last ended within a line */
 };
 
-log_state state = {LOG_DEBUG, MODE_STDOUT, -1,           true,  true,   nullptr,
-                   0,         {},          BUFFER_EMPTY, false, nullptr};
+log_state state = {LOG_DEBUG, MODE_STDOUT,  -1,    true,    true, nullptr, 0,
+                   {},        BUFFER_EMPTY, false, nullptr, 0,    false};
 
 bool begins_with(const char* text, const char* prefix) {
     return strncasecmp(text, prefix, strlen(prefix)) == 0;
@@ -193,16 +195,47 @@ void compose_line(uint32_t level, const char* format, va_list arguments) {
     append_text("\n");
 }
 
-/* A line that cannot be written is lost: there is nowhere to tell. */
-void write_line(int fd) {
-    (void)!write(fd, state.line.data, state.line.length);
+void compose(uint32_t level, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+void compose(uint32_t level, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    compose_line(level, format, arguments);
+    va_end(arguments);
 }
 
+/* What has to stand before the next line on standard output. Returns its length. */
+uint32_t compose_losses() {
+    if (state.mode != MODE_STDOUT || state.lost == 0) {
+        return 0;
+    }
+    if (state.cut) {
+        append_text("\n");
+    }
+    if (log_wants(LOG_WARN)) {
+        compose(LOG_WARN, "standard output took no more, lines lost: %u", state.lost);
+    }
+    return state.line.length;
+}
+
+/* `losses` bytes of what is composed tell of lines that were lost before. */
+void write_to_stdout(uint32_t losses) {
+    const size_t taken = descriptor_write_ready(STDOUT_FILENO, state.line.data, state.line.length);
+    if (taken > 0) {
+        state.lost = taken >= losses ? 0 : state.lost;
+        state.cut = state.line.data[taken - 1] != '\n';
+    }
+    if (taken < state.line.length) {
+        state.lost++;
+    }
+}
+
+/* A line that cannot be written is lost: there is nowhere to tell. */
 void write_to_file() {
     if (state.fd < 0) {
         return;
     }
-    write_line(state.fd);
+    (void)!write(state.fd, state.line.data, state.line.length);
     state.file_bytes += state.line.length;
     if (state.file_bytes >= RING_SIZE) {
         state.file_bytes = 0;
@@ -230,10 +263,10 @@ void write_to_socket() {
     }
 }
 
-void write_composed() {
+void write_composed(uint32_t losses) {
     switch (state.mode) {
     case MODE_STDOUT:
-        write_line(STDOUT_FILENO);
+        write_to_stdout(losses);
         break;
     case MODE_FILE:
         write_to_file();
@@ -268,8 +301,9 @@ void write_message(uint32_t level, const char* format, va_list arguments) {
         return;
     }
     if (has_somewhere_to_write()) {
+        const uint32_t losses = compose_losses();
         compose_line(level, format, arguments);
-        write_composed();
+        write_composed(losses);
         /* The trace of one large request must not hold its memory for ever. */
         buffer_shrink_reset(&state.line);
     }

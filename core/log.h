@@ -10,9 +10,11 @@
  * Call sites use LOG, so that nothing is formatted for a message that is not written.
  * Text that came from outside is an argument, never the format.
  *
- * The log never reports its own failures and never blocks on a socket that is connected: a file
- * that cannot be created falls back to standard output, a socket that does not take a line loses
- * it, a lost socket is tried again at most once a second. */
+ * The log never reports its own failures and never waits for a reader: a file that cannot be
+ * created falls back to standard output, a socket that does not take a line loses it, a lost socket
+ * is tried again at most once a second. Standard output loses lines while it is a pipe or a socket
+ * that is full; before the next one that is taken a warning says how many. A line that does not fit
+ * a page may then be there in part. */
 
 enum log_level : uint32_t {
     LOG_DEBUG = 0,

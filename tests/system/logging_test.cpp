@@ -1,6 +1,7 @@
 /* The log as it can be reached from the command line: levels, the form of a record, the file that
  * is a ring, standard output, and a socket that stands where the file would be. */
 
+#include <fcntl.h>
 #include <poll.h>
 #include <stdlib.h>
 #include <sys/socket.h>
@@ -264,6 +265,34 @@ TEST_F(log_targets, a_file_with_another_name_is_not_emptied_and_leaves_standard_
     process& daemon = start();
     EXPECT_EQ(log_messages(daemon.out()), std::vector<std::string>{started_line(daemon)});
     EXPECT_EQ(read_file("/tmp/precious"), "somebody's text");
+}
+
+TEST_F(log_targets, a_pipe_that_nobody_reads_holds_up_nobody_and_is_told_of_what_it_lost) {
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    process_options options;
+    const std::string pipe_path =
+        "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(ends[1]);
+    options.before_exec = [&] { dup2(open(pipe_path.c_str(), O_WRONLY | O_CLOEXEC), 1); };
+    start({"-f", "stdout", "-l", "debug"}, "/tmp/tessard.sock", 0, options);
+    resp_client client;
+    /* Each leaves more than a kilobyte in the log, and a pipe holds 64. */
+    for (int i = 0; i < 200; i++) {
+        ASSERT_EQ(client.call({"strlen", std::string(1000, 'x')}), ":0\r\n");
+    }
+
+    fcntl(ends[0], F_SETFL, O_NONBLOCK);
+    std::string text;
+    EXPECT_TRUE(eventually([&] {
+        EXPECT_EQ(client.call({"ping"}), "+OK\r\n");
+        char chunk[65536];
+        for (ssize_t got; (got = read(ends[0], chunk, sizeof chunk)) > 0;) {
+            text.append(chunk, static_cast<size_t>(got));
+        }
+        return text.find("PING()", text.find("took no more")) != std::string::npos;
+    }));
+    close(ends[0]);
+    close(ends[1]);
 }
 
 TEST_F(log_targets, a_closed_standard_output_harms_nothing) {

@@ -18,6 +18,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -1225,6 +1226,189 @@ TEST_F(log_test, a_connected_unix_socket_blocks_as_usual) {
     const int flags = fcntl(next, F_GETFL);
     ASSERT_GE(flags, 0) << "the lowest free descriptor was not taken";
     EXPECT_EQ(flags & O_NONBLOCK, 0);
+}
+
+/* Standard output that takes no more */
+
+namespace {
+
+/* Stands in the place of standard output, and is read when the test says so. What the test finds
+ * wrong is printed there too, so nothing is compared before the place is given back. */
+class unread_output {
+  public:
+    static constexpr bool PIPE = true;
+    static constexpr bool SOCKET = false;
+
+    explicit unread_output(bool is_pipe, int pipe_size = 4096) {
+        fflush(stdout);
+        int ends[2];
+        if (is_pipe) {
+            EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
+            EXPECT_EQ(fcntl(ends[1], F_SETPIPE_SZ, pipe_size), pipe_size);
+        } else {
+            EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+        }
+        dup2(ends[1], STDOUT_FILENO);
+        close(ends[1]);
+        reader_ = ends[0];
+        /* A daemon that is held up ends the test. */
+        alarm(20);
+    }
+    ~unread_output() {
+        give_back();
+        close_reader();
+    }
+    unread_output(const unread_output&) = delete;
+    unread_output& operator=(const unread_output&) = delete;
+
+    bool has_room() const {
+        pollfd writable = {STDOUT_FILENO, POLLOUT, 0};
+        return poll(&writable, 1, 0) == 1;
+    }
+    /* What has come since it was read last. */
+    std::string read_all() const {
+        std::string all;
+        char part[65536];
+        while (is_readable(reader_, 0)) {
+            const ssize_t n = read(reader_, part, sizeof part);
+            if (n <= 0) {
+                break;
+            }
+            all.append(part, static_cast<size_t>(n));
+        }
+        return all;
+    }
+    void close_reader() {
+        if (reader_ >= 0) {
+            close(reader_);
+            reader_ = -1;
+        }
+    }
+    void give_back() {
+        alarm(0);
+        if (saved_ >= 0) {
+            dup2(saved_, STDOUT_FILENO);
+            close(saved_);
+            saved_ = -1;
+        }
+    }
+
+  private:
+    int saved_ = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
+    int reader_ = -1;
+};
+
+class log_reader_test : public log_test {
+  protected:
+    void SetUp() override {
+        log_test::SetUp();
+        open("stdout", LOG_INFO, 0, 0);
+    }
+};
+
+const char losses[] = "warn  *** standard output took no more, lines lost: ";
+
+} // namespace
+
+TEST_F(log_reader_test, a_full_pipe_loses_lines_and_says_afterwards_how_many) {
+    unread_output out(unread_output::PIPE);
+    log_write(LOG_INFO, "first");
+    const bool room = out.has_room();
+    for (int i = 0; i < 300; i++) {
+        log_write(LOG_INFO, "lost, and 300 of these are more than a pipe of one page holds");
+    }
+    const std::string before = out.read_all();
+    log_write(LOG_INFO, "one");
+    const std::string first = out.read_all();
+    log_write(LOG_INFO, "two");
+    const std::string second = out.read_all();
+    out.give_back();
+    EXPECT_FALSE(room) << "a pipe of one page is full from its first byte on";
+    EXPECT_EQ(before, "info  *** first\n");
+    EXPECT_EQ(first, std::string(losses) + "300\ninfo  *** one\n");
+    EXPECT_EQ(second, "info  *** two\n");
+}
+
+TEST_F(log_reader_test, a_full_socket_loses_lines_and_says_afterwards_how_many) {
+    unread_output out(unread_output::SOCKET);
+    for (int i = 0; i < 1000; i++) {
+        log_write(LOG_INFO, "%s", std::string(1000, 'x').c_str());
+    }
+    const std::string before = out.read_all();
+    log_write(LOG_INFO, "next");
+    const std::string after = out.read_all();
+    out.give_back();
+    const long taken = std::count(before.begin(), before.end(), '\n');
+    EXPECT_GT(taken, 0);
+    EXPECT_LT(taken, 1000) << "nothing was lost, so the socket was never full";
+    EXPECT_EQ(after, (before.back() == '\n' ? "" : "\n") + std::string(losses) +
+                         std::to_string(1000 - taken) + "\ninfo  *** next\n");
+}
+
+TEST_F(log_reader_test, a_line_that_a_pipe_takes_in_part_ends_before_the_next_begins) {
+    unread_output out(unread_output::PIPE);
+    log_write(LOG_INFO, "%s", std::string(10000, 'x').c_str());
+    const std::string before = out.read_all();
+    log_write(LOG_INFO, "one");
+    const std::string first = out.read_all();
+    log_write(LOG_INFO, "two");
+    const std::string second = out.read_all();
+    out.give_back();
+    EXPECT_EQ(before, "info  *** " + std::string(4086, 'x'));
+    EXPECT_EQ(first, "\n" + std::string(losses) + "1\ninfo  *** one\n");
+    EXPECT_EQ(second, "info  *** two\n");
+}
+
+TEST_F(log_reader_test, losses_are_counted_from_the_last_time_that_they_were_said) {
+    unread_output out(unread_output::PIPE);
+    log_write(LOG_INFO, "first");
+    log_write(LOG_INFO, "lost");
+    (void)out.read_all();
+    log_write(LOG_INFO, "%s", std::string(10000, 'x').c_str());
+    (void)out.read_all();
+    log_write(LOG_INFO, "next");
+    const std::string text = out.read_all();
+    out.give_back();
+    EXPECT_EQ(text, "\n" + std::string(losses) + "1\ninfo  *** next\n");
+}
+
+TEST_F(log_reader_test, a_line_longer_than_a_pipes_page_comes_whole_where_there_is_room) {
+    unread_output out(unread_output::PIPE, 65536);
+    log_write(LOG_INFO, "%s", std::string(10000, 'x').c_str());
+    const std::string text = out.read_all();
+    out.give_back();
+    EXPECT_EQ(text, "info  *** " + std::string(10000, 'x') + std::string(1, '\0') + "\n");
+}
+
+TEST_F(log_reader_test, losses_are_not_said_to_those_who_want_no_warnings) {
+    log_set_level(LOG_ERROR);
+    unread_output out(unread_output::PIPE);
+    log_write(LOG_ERROR, "first");
+    log_write(LOG_ERROR, "lost");
+    (void)out.read_all();
+    log_write(LOG_ERROR, "next");
+    const std::string quiet = out.read_all();
+    log_set_level(LOG_INFO);
+    log_write(LOG_INFO, "next");
+    const std::string later = out.read_all();
+    out.give_back();
+    EXPECT_EQ(quiet, "error *** next\n");
+    EXPECT_EQ(later, "info  *** next\n");
+}
+
+TEST_F(log_reader_test, a_pipe_goes_on_blocking_those_who_share_it) {
+    unread_output out(unread_output::PIPE);
+    log_write(LOG_INFO, "hello");
+    const int flags = fcntl(STDOUT_FILENO, F_GETFL);
+    out.give_back();
+    EXPECT_EQ(flags & O_NONBLOCK, 0);
+}
+
+TEST_F(log_reader_test, a_pipe_without_reader_loses_its_lines) {
+    unread_output out(unread_output::PIPE);
+    out.close_reader();
+    log_write(LOG_INFO, "lost");
+    log_write(LOG_INFO, "the process is still there");
 }
 
 /* Messages that stand in a buffer */
