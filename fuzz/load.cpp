@@ -1,5 +1,5 @@
-/* Files to be loaded, on a store with histories; what is dumped again must load as it was. A step
- * is
+/* Files to be loaded, on a store with histories; a dump must hold whole records and load as it was.
+ * A step is
  *
  *   0, f     the bytes of a file, which is loaded
  *   r        a key, a blank and data: the record of both, put behind the next file's bytes
@@ -46,6 +46,20 @@ void load_bytes(const std::string& bytes) {
     fuzz_require(load_keys(FILE_PATH) == 0, "a file cannot be loaded");
 }
 
+/* A dump ends at a whole record, also where its file takes no more. */
+void check_records(const std::string& dump) {
+    size_t at = 0;
+    while (at < dump.size()) {
+        for (int part = 0; part < 2; part++) {
+            fuzz_require(dump.size() - at >= 4, "a dump ends within a length");
+            const size_t length = text_get_be32(dump.data() + at);
+            at += 4;
+            fuzz_require(dump.size() - at >= length, "a dump ends within a record");
+            at += length;
+        }
+    }
+}
+
 void carry_out(fuzz_step* step) {
     switch (step->kind) {
     case 'r': {
@@ -55,7 +69,9 @@ void carry_out(fuzz_step* step) {
     }
     case 'd': {
         const std::string path = world_cut_at_blank(&step->text);
-        (void)dump_keys(path.c_str(), step->text.c_str());
+        if (dump_keys(path.c_str(), step->text.c_str()) == 0) {
+            check_records(files_read(path.c_str()));
+        }
         break;
     }
     case 'l':
