@@ -38,10 +38,10 @@ def files_of(root):
 
 def text_of(path):
     """The text of a file that is to be looked at, else None."""
-    with open(path, "rb") as file:
-        is_script = file.read(2) == b"#!"
-    if not is_script and not path.endswith(SUFFIXES):
-        return None
+    if not path.endswith(SUFFIXES):
+        with open(path, "rb") as file:
+            if not os.access(path, os.X_OK) or file.read(2) != b"#!":
+                return None
     with open(path, encoding="utf-8") as file:
         return file.read()
 

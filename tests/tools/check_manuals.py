@@ -206,4 +206,4 @@ def self_test():
     return wrong
 
 
-run(__doc__, check, self_test, "the manuals name every command and option, and the README counts the commands")
+run(__doc__, check, self_test, "manuals and README know every command and option")

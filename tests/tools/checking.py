@@ -12,12 +12,15 @@ import tempfile
 
 
 def complaints_about(check, files):
-    """What the check says of a tree that holds these files: texts by their paths from the root."""
+    """What the check says of a tree that holds these files: texts by their paths from the root.
+    Scripts can be run."""
     with tempfile.TemporaryDirectory() as folder:
         root = pathlib.Path(folder)
         for name, text in files.items():
             (root / name).parent.mkdir(parents=True, exist_ok=True)
             (root / name).write_text(text, encoding="utf-8")
+            if text.startswith("#!"):
+                (root / name).chmod(0o755)
         return check(root)
 
 
