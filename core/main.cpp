@@ -45,9 +45,7 @@ int main(int argc, char** argv) {
     loop_init(DESCRIPTOR_LIMIT, LOOP_SELECT);
     log_use_sockets(&sockets);
     log_open(&o.log);
-    if (log_wants(LOG_INFO)) {
-        log_write(LOG_INFO, "application started with pid %u", static_cast<unsigned>(self));
-    }
+    LOG(LOG_INFO, "application started with pid %u", static_cast<unsigned>(self));
     pidfile_take(PID_FILE, self);
     object_seed(seed_builtin_strings, seed_builtin_hashes);
     if (o.port == 0) {

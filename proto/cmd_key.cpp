@@ -9,9 +9,7 @@
 void cmd_hello(client* c) {
     const sstr name = cmd_arg(c, 0);
     client_rename(c, name, sstr_length(name));
-    if (log_wants(LOG_DEBUG)) {
-        log_write(LOG_DEBUG, "HELLO from client  %d", static_cast<int>(c->request->argc));
-    }
+    LOG(LOG_DEBUG, "HELLO from client  %d", static_cast<int>(c->request->argc));
     resp_status(c->reply, nullptr);
 }
 

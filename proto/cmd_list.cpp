@@ -142,9 +142,7 @@ void cmd_lrange(client* c) {
         return;
     }
     int32_t stop = text_parse_int32(cmd_arg(c, 2), &end, 10);
-    if (log_wants(LOG_DEBUG)) {
-        log_write(LOG_DEBUG, "start with (%d) and stop with (%d).", start, stop);
-    }
+    LOG(LOG_DEBUG, "start with (%d) and stop with (%d).", start, stop);
     if (end == cmd_arg(c, 2)) {
         resp_error(c->reply, nullptr, "no stop index");
         return;

@@ -126,9 +126,7 @@ const command_entry* execute(client* c) {
     const request* r = c->request;
     const command_entry* entry = find_command(r->name);
     if (entry == nullptr) {
-        if (log_wants(LOG_DEBUG)) {
-            log_write(LOG_DEBUG, "Unknown command \"%s\", replying error.", r->name);
-        }
+        LOG(LOG_DEBUG, "Unknown command \"%s\", replying error.", r->name);
         resp_error(c->reply, nullptr, "Unknown command");
         return nullptr;
     }
@@ -214,12 +212,8 @@ void client_onclose(connection* conn, int) {
         return;
     }
     conn->user_data = nullptr;
-    if (log_wants(LOG_DEBUG)) {
-        log_write(LOG_DEBUG, "closing client(\"%s\")", c->name);
-    }
+    LOG(LOG_DEBUG, "closing client(\"%s\")", c->name);
     observers_remove(c);
     client_free(c);
-    if (log_wants(LOG_DEBUG)) {
-        log_write(LOG_DEBUG, "client destroyed");
-    }
+    LOG(LOG_DEBUG, "client destroyed");
 }

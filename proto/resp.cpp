@@ -236,8 +236,6 @@ void resp_pop_destroy(resp* r) {
     if (r->bulk == nullptr || r->bulk == RESP_NIL) {
         return;
     }
-    if (log_wants(LOG_DEBUG)) {
-        log_write(LOG_DEBUG, "[POP]  destrog (%s)", r->bulk);
-    }
+    LOG(LOG_DEBUG, "[POP]  destrog (%s)", r->bulk);
     sstr_free(&r->bulk);
 }

@@ -52,9 +52,8 @@ void make_list() {
     state.tasks = static_cast<crond_task_list*>(calloc(1, sizeof(crond_task_list)));
     if (state.tasks != nullptr) {
         state.tasks->max = LIST_MAX;
-    } else if (log_wants(LOG_ERROR)) {
-        log_write(LOG_ERROR, "tsk_list is NULL in function (%s) line (%d)", "__crond_ontimer", 177);
-    }
+    } else
+        LOG(LOG_ERROR, "tsk_list is NULL in function (%s) line (%d)", "__crond_ontimer", 177);
 }
 
 int32_t interval_of(const char* name) {
@@ -88,9 +87,7 @@ void insert_task(const char* name) {
     task->active = 1;
     *link = task;
     state.tasks->count++;
-    if (log_wants(LOG_DEBUG)) {
-        log_write(LOG_DEBUG, "insert (%s) to task_list (%d)", task->name, task->interval);
-    }
+    LOG(LOG_DEBUG, "insert (%s) to task_list (%d)", task->name, task->interval);
 }
 
 void remove_task(const char* name) {
@@ -102,9 +99,7 @@ void remove_task(const char* name) {
     *link = task->next;
     free(task);
     state.tasks->count--;
-    if (log_wants(LOG_DEBUG)) {
-        log_write(LOG_DEBUG, "remove (%s) from task_list", name);
-    }
+    LOG(LOG_DEBUG, "remove (%s) from task_list", name);
 }
 
 void refuse(const char* name) {

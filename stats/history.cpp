@@ -203,11 +203,9 @@ void history_load(history_series* s, object* obj, const char* data, uint32_t len
     const int32_t span =
         seconds > 0 ? static_cast<int32_t>(static_cast<int32_t>(present - stamp) / seconds) : 0;
     if (span > 0) {
-        if (log_wants(LOG_INFO)) {
-            log_write(LOG_INFO, "loading %s: (%d-%d)/(%d*%d)  -> span = %d", obj->key,
-                      static_cast<int>(present), static_cast<int>(stamp),
-                      static_cast<int>(s->period), static_cast<int>(unit), span);
-        }
+        LOG(LOG_INFO, "loading %s: (%d-%d)/(%d*%d)  -> span = %d", obj->key,
+            static_cast<int>(present), static_cast<int>(stamp), static_cast<int>(s->period),
+            static_cast<int>(unit), span);
         pad(s, obj->string, static_cast<uint32_t>(span));
     }
     text_put_be32(obj->string + HISTORY_AT_TIME, present);

@@ -243,9 +243,7 @@ void refresh() {
     read_lan_rates();
     const int fd = open(state.path, O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) {
-        if (log_wants(LOG_ERROR)) {
-            log_write(LOG_ERROR, "open (%s) failed.", state.path);
-        }
+        LOG(LOG_ERROR, "open (%s) failed.", state.path);
         close_port();
         return;
     }

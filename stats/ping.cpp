@@ -133,9 +133,7 @@ void publish_summary(const object* snap, const ping_stat* target) {
 }
 
 void trace(const char* text) {
-    if (log_wants(LOG_INFO)) {
-        log_write(LOG_INFO, "%s", text);
-    }
+    LOG(LOG_INFO, "%s", text);
 }
 
 void clear_target(ping_stat* target) {

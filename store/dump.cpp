@@ -93,10 +93,8 @@ void load_records(char* p, uint32_t left) {
         if (datalen > room) {
             return;
         }
-        if (log_wants(LOG_DEBUG)) {
-            log_write(LOG_DEBUG, "name=%s, namelen=%d, datalen=%d, siz=%d", key,
-                      static_cast<int>(namelen), static_cast<int>(datalen), static_cast<int>(room));
-        }
+        LOG(LOG_DEBUG, "name=%s, namelen=%d, datalen=%d, siz=%d", key, static_cast<int>(namelen),
+            static_cast<int>(datalen), static_cast<int>(room));
         load_record(key, key + namelen + 4, datalen);
         p += 8 + namelen + datalen;
         left = room - datalen;

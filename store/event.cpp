@@ -64,9 +64,7 @@ hash_field* chain_doomed(hash_field* field, hash_field* previous) {
 
 void remove_doomed(const object* obj, const hash_field* last) {
     for (const hash_field* field = last; field != nullptr; field = previous_doomed(field)) {
-        if (log_wants(LOG_DEBUG)) {
-            log_write(LOG_DEBUG, "\"%s\"(hash): field \"%s\" deleted", obj->key, field->name);
-        }
+        LOG(LOG_DEBUG, "\"%s\"(hash): field \"%s\" deleted", obj->key, field->name);
         htable_del(obj->hash, field->name);
     }
 }

@@ -47,9 +47,7 @@ object* find_expired(uint32_t now) {
         object_set_flags(obj, OBJ_DEAD);
         obj->expired_next = expired;
         expired = obj;
-        if (log_wants(LOG_DEBUG)) {
-            log_write(LOG_DEBUG, "add to expired list");
-        }
+        LOG(LOG_DEBUG, "add to expired list");
     }
     return expired;
 }

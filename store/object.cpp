@@ -81,16 +81,12 @@ void become_string(object* obj) {
 }
 
 void trace_string(const object* obj) {
-    if (log_wants(LOG_DEBUG)) {
-        log_write(LOG_DEBUG, "\"%s\"(string): updated to \"%s\"", obj->key, object_string(obj));
-    }
+    LOG(LOG_DEBUG, "\"%s\"(string): updated to \"%s\"", obj->key, object_string(obj));
 }
 
 void trace_field(const object* obj, const hash_field* field) {
-    if (log_wants(LOG_DEBUG)) {
-        log_write(LOG_DEBUG, "\"%s\"(hash): field \"%s\" updated to \"%s\"", obj->key, field->name,
-                  field->value);
-    }
+    LOG(LOG_DEBUG, "\"%s\"(hash): field \"%s\" updated to \"%s\"", obj->key, field->name,
+        field->value);
 }
 
 void assign_string(object* obj, sstr value) {
@@ -188,10 +184,7 @@ void object_expire(object* obj, uint32_t ttl) {
     obj->expire_arg = ttl;
     object_clear_flags(obj, OBJ_EXPIRE_MASK);
     object_set_flags(obj, OBJ_EXPIRE_TTL);
-    if (log_wants(LOG_DEBUG)) {
-        log_write(LOG_DEBUG, "\"%s\"(%s): set expire-TTL to %u", obj->key, object_type_name(obj),
-                  ttl);
-    }
+    LOG(LOG_DEBUG, "\"%s\"(%s): set expire-TTL to %u", obj->key, object_type_name(obj), ttl);
 }
 
 void object_expire_at(object* obj, uint32_t when) {
@@ -209,9 +202,7 @@ int object_persist(object* obj) {
     obj->expire_base = 0;
     obj->expire_arg = 0;
     object_clear_flags(obj, OBJ_EXPIRE_MASK);
-    if (log_wants(LOG_DEBUG)) {
-        log_write(LOG_DEBUG, "\"%s\"(%s): remove expire-TTL", obj->key, object_type_name(obj));
-    }
+    LOG(LOG_DEBUG, "\"%s\"(%s): remove expire-TTL", obj->key, object_type_name(obj));
     return 1;
 }
 
@@ -284,10 +275,7 @@ int object_hash_del(object* obj, const char* field) {
     if (f == nullptr || (f->fflags & FIELD_PROTECTED) != 0) {
         return 0;
     }
-    if (log_wants(LOG_DEBUG)) {
-        log_write(LOG_DEBUG, "\"%s\"(hash): field \"%s\" scheduled to be deleted", obj->key,
-                  f->name);
-    }
+    LOG(LOG_DEBUG, "\"%s\"(hash): field \"%s\" scheduled to be deleted", obj->key, f->name);
     f->fflags = static_cast<uint8_t>(f->fflags | FIELD_DOOMED);
     object_changed(obj);
     return 1;

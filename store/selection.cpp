@@ -34,9 +34,7 @@ bool selection_make(selection* s, const char* keys, unsigned types) {
         return true;
     }
     selection_free(s);
-    if (log_wants(LOG_WARN)) {
-        log_write(LOG_WARN, "pattern (%.64s) is given up: %s", keys, trouble);
-    }
+    LOG(LOG_WARN, "pattern (%.64s) is given up: %s", keys, trouble);
     return false;
 }
 
