@@ -49,6 +49,7 @@ bool set_up(posix_spawnattr_t* attributes, posix_spawn_file_actions_t* actions, 
     }
     return posix_spawnattr_setflags(attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP) ==
                0 &&
+           posix_spawn_file_actions_addopen(actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0) == 0 &&
            posix_spawn_file_actions_adddup2(actions, output, STDOUT_FILENO) == 0 &&
            posix_spawn_file_actions_addopen(actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0) == 0;
 }

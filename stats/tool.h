@@ -12,7 +12,9 @@
  * and holds them 5 seconds each time. One that the kernel does not let die is not asked again until
  * it has gone.
  *
- * What is started here has the default actions of SIGPIPE and SIGXFSZ, which the daemon ignores. */
+ * What is started here has the default actions of SIGPIPE and SIGXFSZ, which the daemon ignores. A
+ * tool that is asked finds nothing on its standard input: in a process group of its own it would be
+ * stopped when it reads from the daemon's terminal. */
 
 /* The most that is looked at of a tool's output, NUL included. */
 constexpr size_t TOOL_OUTPUT_SIZE = 4096;

@@ -137,6 +137,18 @@ TEST_F(outside_tools_test, say_all_that_they_write_in_pieces_too) {
     EXPECT_EQ(output_of("true"), "");
 }
 
+TEST_F(outside_tools_test, find_nothing_on_their_standard_input) {
+    int silent[2];
+    ASSERT_EQ(pipe(silent), 0);
+    const int before = dup(STDIN_FILENO);
+    dup2(silent[0], STDIN_FILENO);
+    EXPECT_EQ(output_of("cat; echo end"), "end\n");
+    dup2(before, STDIN_FILENO);
+    for (const int fd : {silent[0], silent[1], before}) {
+        close(fd);
+    }
+}
+
 TEST_F(outside_tools_test, complain_to_nobody) {
     ::testing::internal::CaptureStderr();
     EXPECT_EQ(output_of("echo complaint >&2; echo figure"), "figure\n");
