@@ -52,8 +52,9 @@ void make_list() {
     state.tasks = static_cast<crond_task_list*>(calloc(1, sizeof(crond_task_list)));
     if (state.tasks != nullptr) {
         state.tasks->max = LIST_MAX;
-    } else
+    } else {
         LOG(LOG_ERROR, "tsk_list is NULL in function (%s) line (%d)", "__crond_ontimer", 177);
+    }
 }
 
 int32_t interval_of(const char* name) {
