@@ -18,7 +18,7 @@ namespace {
 constexpr int LOOK_MS = 20;
 
 /* What a kill takes at most, but for a process that hangs in the kernel. */
-constexpr int KILL_MS = 100;
+constexpr int KILL_MS = 500;
 
 /* A tool that was started and not reaped yet. */
 struct running {
@@ -153,7 +153,8 @@ bool tool_ask(tool* t, char (&output)[TOOL_OUTPUT_SIZE]) {
     if (pipe2(ends, O_CLOEXEC) < 0) {
         return false;
     }
-    running r = {spawn_shell(t->command, ends[1]), ends[0], now_ms() + TOOL_LIMIT_MS, false};
+    const int64_t deadline = now_ms() + TOOL_LIMIT_MS;
+    running r = {spawn_shell(t->command, ends[1]), ends[0], deadline, false};
     close(ends[1]);
     if (r.pid < 0) {
         close(r.output);

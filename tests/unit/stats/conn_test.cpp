@@ -5,7 +5,7 @@
 #include <string>
 
 #include "tests/support/big_endian.h"
-#include "tests/unit/stats/fast_clock.h"
+#include "tests/unit/stats/late_clock.h"
 #include "tests/unit/stats/statistics_test.h"
 
 using namespace unit_test;
@@ -72,10 +72,9 @@ TEST_F(tracked_connections_test, are_the_second_word_of_the_tools_first_line) {
 
 TEST_F(tracked_connections_test, are_zero_without_a_number_and_stay_when_the_tool_does_not_end) {
     EXPECT_EQ(connections_of_tool("echo 'entries 12'"), "12");
-    {
-        const fast_clock fast;
-        EXPECT_EQ(connections_of_tool("exec sleep 7"), "12");
-        EXPECT_EQ(connections_of_tool("echo 'entries 13'; exec sleep 7"), "12");
+    for (const char* said : {"", "echo 'entries 13'; "}) {
+        const late_clock clock(folder + "/late");
+        EXPECT_EQ(connections_of_tool(said + (": >" + folder) + "/late; exec sleep 7"), "12");
     }
     EXPECT_EQ(connections_of_tool("exit 1"), "0");
     EXPECT_EQ(samples("conn.10m", 4, 4), be32(12) + be32(12) + be32(12) + be32(0));

@@ -27,7 +27,7 @@
 #include <vector>
 
 #include "loop/loop.h"
-#include "tests/unit/stats/fast_clock.h"
+#include "tests/unit/stats/late_clock.h"
 #include "tests/unit/support/loop_by_tenths.h"
 #include "tests/unit/support/own_world.h"
 #include "tests/unit/support/store_test.h"
@@ -850,10 +850,10 @@ TEST_F(panel_test, without_an_answer_the_panel_is_on_the_second_port) {
 TEST_F(panel_test, a_tool_that_does_not_end_gives_no_answer) {
     in_own_devices([&] {
         serial_device("", "/dev/ttyS1");
-        std::ofstream("/srv/uci") << "#!/bin/sh\necho KT7010\nexec sleep 7\n";
+        std::ofstream("/srv/uci") << "#!/bin/sh\necho KT7010\n: >/srv/late\nexec sleep 7\n";
         log.start(LOG_WARN);
         {
-            const fast_clock fast;
+            const late_clock clock("/srv/late");
             EXPECT_EQ(sent_by_run().size(), 4u + 91u);
         }
         EXPECT_THAT(log.lines(),
