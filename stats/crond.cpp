@@ -27,7 +27,7 @@ constexpr size_t NAME_SIZE = 64;
 struct crond_task {
     char name[NAME_SIZE];
     uint32_t ticks;      /* since the last run */
-    int32_t interval;    /* seconds; 0 runs once, below 0 never */
+    int32_t interval;    /* ticks; 0 runs once, below 0 never */
     uint32_t elapsed_ms; /* since the last run; kept, not used elsewhere */
     uint32_t active;     /* 0 once a run-once task has run */
     crond_task* next;
