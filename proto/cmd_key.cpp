@@ -18,8 +18,8 @@ void cmd_ping(client* c) {
 }
 
 void cmd_observe(client* c) {
-    if (!observers_add(c) && log_wants(LOG_WARN)) {
-        log_write(LOG_WARN, "client(\"%s\") redundantly watch", c->name);
+    if (!observers_add(c)) {
+        LOG(LOG_WARN, "client(\"%s\") redundantly watch", c->name);
     }
     resp_status(c->reply, nullptr);
 }

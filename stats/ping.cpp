@@ -150,10 +150,8 @@ void clear_target(ping_stat* target) {
     if (!is_target(id)) {
         return;
     }
-    if (log_wants(LOG_INFO)) {
-        log_write(LOG_INFO, "pingxx-before-release:id=%d", id);
-        log_write(LOG_INFO, "pingxx-inside-release:id=%d", id);
-    }
+    LOG(LOG_INFO, "pingxx-before-release:id=%d", id);
+    LOG(LOG_INFO, "pingxx-inside-release:id=%d", id);
     ping_stat* target = targets[id - 1];
     if (target == nullptr) {
         return;

@@ -165,12 +165,10 @@ int dump_keys(const char* path, const char* keys) {
     }
     const int error = dump_objects(&wanted, path);
     selection_free(&wanted);
-    if (log_wants(LOG_INFO)) {
-        if (error != 0) {
-            log_write(LOG_INFO, "failed to dump %s to %s: %d", keys, path, error);
-        } else {
-            log_write(LOG_INFO, "dumped %s to %s", keys, path);
-        }
+    if (error != 0) {
+        LOG(LOG_INFO, "failed to dump %s to %s: %d", keys, path, error);
+    } else {
+        LOG(LOG_INFO, "dumped %s to %s", keys, path);
     }
     return error;
 }
@@ -205,12 +203,10 @@ int load_keys(const char* path) {
         load_records(content.bytes, content.length);
         free(content.bytes);
     }
-    if (log_wants(LOG_INFO)) {
-        if (content.error != 0) {
-            log_write(LOG_INFO, "failed to load %s: %d", path, content.error);
-        } else {
-            log_write(LOG_INFO, "loaded %s", path);
-        }
+    if (content.error != 0) {
+        LOG(LOG_INFO, "failed to load %s: %d", path, content.error);
+    } else {
+        LOG(LOG_INFO, "loaded %s", path);
     }
     return content.error;
 }

@@ -54,14 +54,9 @@ object* find_expired(uint32_t now) {
 
 void destroy(object* obj) {
     const char* type = object_type_name(obj);
-    const bool trace = log_wants(LOG_DEBUG);
-    if (trace) {
-        log_write(LOG_DEBUG, "\"%s\"(%s): expired.", obj->key, type);
-    }
+    LOG(LOG_DEBUG, "\"%s\"(%s): expired.", obj->key, type);
     object_free_value(obj, false);
-    if (trace) {
-        log_write(LOG_DEBUG, "\"%s\"(%s): destroyed", obj->key, type);
-    }
+    LOG(LOG_DEBUG, "\"%s\"(%s): destroyed", obj->key, type);
     htable_del(object_keyspace(), obj->key);
     sstr_free(&obj->key);
     pool_delete(obj);

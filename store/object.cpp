@@ -89,6 +89,11 @@ void trace_field(const object* obj, const hash_field* field) {
         field->value);
 }
 
+void trace_push(const object* obj, const char* command, const dlist_node* pushed) {
+    LOG(LOG_DEBUG, "\"%s\"(list): %s to \"%s\"", obj->key, command,
+        pushed != nullptr ? static_cast<char*>(pushed->value) : "");
+}
+
 void assign_string(object* obj, sstr value) {
     become_string(obj);
     if (value == nullptr) {
@@ -294,11 +299,7 @@ hash_field* object_hash_protect(object* obj, const char* field, bool on) {
 void object_lpush(object* obj, const char* text) {
     set_type(obj, OBJ_TLIST);
     sstr evicted = static_cast<sstr>(dlist_push_head(obj->list, sstr_new(text, SSTR_CSTRING)));
-    if (log_wants(LOG_DEBUG)) {
-        const dlist_node* head = obj->list->head;
-        log_write(LOG_DEBUG, "\"%s\"(list): lpush to \"%s\"", obj->key,
-                  head != nullptr ? static_cast<char*>(head->value) : "");
-    }
+    trace_push(obj, "lpush", obj->list->head);
     object_set_flags(obj, OBJ_CHANGED);
     sstr_free(&evicted);
 }
@@ -306,11 +307,7 @@ void object_lpush(object* obj, const char* text) {
 void object_rpush(object* obj, const char* text) {
     set_type(obj, OBJ_TLIST);
     sstr evicted = static_cast<sstr>(dlist_push_tail(obj->list, sstr_new(text, SSTR_CSTRING)));
-    if (log_wants(LOG_DEBUG)) {
-        const dlist_node* tail = obj->list->tail;
-        log_write(LOG_DEBUG, "\"%s\"(list): rpush to \"%s\"", obj->key,
-                  tail != nullptr ? static_cast<char*>(tail->value) : "");
-    }
+    trace_push(obj, "rpush", obj->list->tail);
     object_set_flags(obj, OBJ_CHANGED);
     sstr_free(&evicted);
 }
@@ -318,8 +315,8 @@ void object_rpush(object* obj, const char* text) {
 sstr object_rpop(object* obj) {
     require_list(obj, OBJECT_LINE_RPOP);
     sstr item = static_cast<sstr>(dlist_pop_tail(obj->list));
-    if (item != nullptr && log_wants(LOG_DEBUG)) {
-        log_write(LOG_DEBUG, "\"%s\"(list): rpop \"%s\"", obj->key, item);
+    if (item != nullptr) {
+        LOG(LOG_DEBUG, "\"%s\"(list): rpop \"%s\"", obj->key, item);
     }
     return item;
 }
@@ -327,8 +324,8 @@ sstr object_rpop(object* obj) {
 sstr object_lpop(object* obj) {
     require_list(obj, OBJECT_LINE_LPOP);
     sstr item = static_cast<sstr>(dlist_pop_head(obj->list));
-    if (item != nullptr && log_wants(LOG_DEBUG)) {
-        log_write(LOG_DEBUG, "\"%s\"(list): lpop \"%s\"", obj->key, item);
+    if (item != nullptr) {
+        LOG(LOG_DEBUG, "\"%s\"(list): lpop \"%s\"", obj->key, item);
     }
     return item;
 }

@@ -337,6 +337,17 @@ TEST_F(log_test, a_message_is_wanted_when_the_configured_level_is_not_above_its)
     }
 }
 
+TEST_F(log_test, a_message_that_is_not_wanted_asks_for_none_of_its_arguments) {
+    open(path("a.log"), LOG_WARN);
+    int asked = 0;
+    LOG(LOG_INFO, "%d", ++asked);
+    EXPECT_EQ(asked, 0);
+    EXPECT_EQ(read_file(path("a.log")), "");
+    LOG(LOG_WARN, "%d", ++asked);
+    EXPECT_EQ(asked, 1);
+    EXPECT_EQ(read_file(path("a.log")), "warn  *** 1\n");
+}
+
 TEST_F(log_test, the_writer_itself_does_not_ask_for_the_level) {
     open(path("a.log"), LOG_FATAL);
     log_write(LOG_DEBUG, "written all the same");
