@@ -6,6 +6,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "core/descriptor.h"
 #include "core/log.h"
 #include "core/text.h"
 #include "loop/loop.h"
@@ -154,7 +155,7 @@ void set_up_line(int fd) {
 
 void try_serial_panel() {
     const char* path = serial_port();
-    const int fd = open(path, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    const int fd = descriptor_open_untrusted(path, O_RDWR);
     if (fd < 0) {
         perror("Can't Open x86_LCD Port.");
         return;
@@ -241,7 +242,7 @@ void format_screen(char (&screen)[SCREEN_SIZE]) {
 void refresh() {
     read_stat_keys();
     read_lan_rates();
-    const int fd = open(state.path, O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    const int fd = descriptor_open_untrusted(state.path, O_WRONLY);
     if (fd < 0) {
         LOG(LOG_ERROR, "open (%s) failed.", state.path);
         close_port();

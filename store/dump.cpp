@@ -10,6 +10,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "core/descriptor.h"
 #include "core/log.h"
 #include "core/text.h"
 #include "store/selection.h"
@@ -50,8 +51,7 @@ bool dump_object(object* obj, int fd) {
 
 /* Returns 0, or the error number of the failed creation. */
 int dump_objects(const selection* s, const char* path) {
-    const int fd =
-        open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0644);
+    const int fd = descriptor_open_untrusted(path, O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (fd < 0) {
         return errno;
     }
@@ -138,7 +138,7 @@ dump_content read_content(int fd) {
 }
 
 dump_content read_file(const char* path) {
-    const int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    const int fd = descriptor_open_untrusted(path, O_RDONLY);
     if (fd < 0) {
         return {errno, nullptr, 0};
     }
