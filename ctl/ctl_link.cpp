@@ -121,7 +121,7 @@ bool ctl_link_init(ctl_link* link, const char* text, int port, int wait_seconds)
     link->wait_seconds = wait_seconds;
     link->fd = -1;
     ctl_reply_init(&link->reply);
-    return endpoint_parse_peer(text, port, &link->address) == 1;
+    return endpoint_parse_peer(text, port, &link->address);
 }
 
 void ctl_link_close(ctl_link* link) {

@@ -232,7 +232,7 @@ void object_append(object* obj, sstr value) {
 
 int object_incr(object* obj, int64_t* delta) {
     require_string(obj, OBJECT_LINE_INCR);
-    if (sstr_incr(&obj->string, delta) == 0) {
+    if (!sstr_incr(&obj->string, delta)) {
         return 0;
     }
     trace_string(obj);
@@ -263,7 +263,7 @@ int object_hash_incr(object* obj, sstr field, int64_t* delta) {
     require_hash(obj, OBJECT_LINE_HASH_INCR);
     bool is_new;
     hash_field* f = field_or_new(obj, field, &is_new);
-    if (sstr_incr(&f->value, delta) == 0) {
+    if (!sstr_incr(&f->value, delta)) {
         return 0;
     }
     trace_field(obj, f);
