@@ -141,6 +141,8 @@ void open_named_target(const char* target) {
 }
 
 void reopen() {
+    state.lost = 0;
+    state.cut = false;
     if (state.fd >= 0) {
         close(state.fd);
         state.fd = -1;

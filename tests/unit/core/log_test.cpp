@@ -1415,6 +1415,17 @@ TEST_F(log_reader_test, a_pipe_goes_on_blocking_those_who_share_it) {
     EXPECT_EQ(flags & O_NONBLOCK, 0);
 }
 
+TEST_F(log_reader_test, losses_are_forgotten_when_the_log_is_opened_anew) {
+    unread_output out(unread_output::PIPE);
+    log_write(LOG_INFO, "%s", std::string(10000, 'x').c_str());
+    (void)out.read_all();
+    log_open(nullptr);
+    log_write(LOG_INFO, "next");
+    const std::string text = out.read_all();
+    out.give_back();
+    EXPECT_EQ(text, "info  *** next\n");
+}
+
 TEST_F(log_reader_test, a_pipe_without_reader_loses_its_lines) {
     unread_output out(unread_output::PIPE);
     out.close_reader();
