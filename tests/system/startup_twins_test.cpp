@@ -9,6 +9,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <tuple>
+
 #include "tests/system/support/daemon_test.h"
 #include "tests/system/support/log_text.h"
 
@@ -80,7 +82,9 @@ TEST_F(twins, of_two_that_start_together_exactly_one_is_left_and_serves) {
     SKIP_UNDER_EMULATOR("the name of the other daemon");
     for (int round = 0; round < 50; round++) {
         SCOPED_TRACE(round);
-        auto [one, other] = launch_together();
+        process* one;
+        process* other;
+        std::tie(one, other) = launch_together();
         ASSERT_TRUE(eventually([&] { return one->running() != other->running(); }));
         process& left = one->running() ? *one : *other;
         process& gone = one->running() ? *other : *one;
