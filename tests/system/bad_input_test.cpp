@@ -280,15 +280,8 @@ class bad_input : public daemon_test {
         EXPECT_EQ(outcome(bytes), expected) << ::testing::PrintToString(bytes.substr(0, 200));
     }
 
-    /* Hands the daemon the bytes in one delivery, however many they are. */
-    bool deliver(resp_client& client, const std::string& bytes) {
-        bool whole = daemon->halt() && client.send(bytes);
-        daemon->resume();
-        return whole;
-    }
-
     std::string deliver_call(resp_client& client, const words& request) {
-        return deliver(client, request_frame(request)) ? client.frame() : "<not sent>";
+        return deliver(*daemon, client, request_frame(request)) ? client.frame() : "<not sent>";
     }
 
     /* A client whose requests of this size are one delivery each. */
@@ -626,7 +619,7 @@ TEST_F(bad_input, from_a_client_that_never_stops_does_not_hold_up_others) {
     resp_client flood;
     const std::string burst = repeated("x", 40000);
     for (int i = 0; i < rounds(300); i++) {
-        flood.send(burst);
+        flood.send_in_pieces(burst);
         if (flood.hung_up()) {
             flood = resp_client();
         }

@@ -40,13 +40,6 @@ class requests : public daemon_test {
         EXPECT_EQ(other.call({"ping"}), "+OK\r\n");
         EXPECT_EQ(other.call({"ping"}), "+OK\r\n");
     }
-
-    /* Hands the daemon the bytes in one delivery, however many they are. */
-    static bool deliver(process& daemon, resp_client& client, const std::string& bytes) {
-        bool whole = daemon.halt() && client.send(bytes);
-        daemon.resume();
-        return whole;
-    }
 };
 
 class replies : public requests {
@@ -828,9 +821,7 @@ TEST_F(traces, an_enormous_request_is_traced_without_harm) {
     process& daemon = start_tracing();
     resp_client client;
     std::string value(100000, 'v');
-    ASSERT_TRUE(daemon.halt());
-    EXPECT_TRUE(client.send(request_frame({"set", "k", value})));
-    daemon.resume();
+    EXPECT_TRUE(deliver(daemon, client, request_frame({"set", "k", value})));
     EXPECT_EQ(client.frame(), "+OK\r\n");
     lines found = client_messages(daemon, 3);
     ASSERT_EQ(found.size(), 3u);

@@ -56,6 +56,12 @@ static std::vector<std::string> under_emulator(const std::string& program,
     return words;
 }
 
+bool deliver(process& daemon, resp_client& client, const std::string& bytes) {
+    const bool whole = daemon.halt() && client.send_in_pieces(bytes);
+    daemon.resume();
+    return whole;
+}
+
 std::string work(const std::string& name) {
     return sandbox::workspace("work/") + name;
 }

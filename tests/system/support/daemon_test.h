@@ -71,6 +71,10 @@ class client_test : public daemon_test {
     resp_client client{"/nowhere"};
 };
 
+/* Hands the daemon the bytes in one delivery, however many they are: it stands still until the
+ * kernel has them all. True when it took them. */
+bool deliver(process& daemon, resp_client& client, const std::string& bytes);
+
 /* A file in the current folder of everything that is started. */
 std::string work(const std::string& name);
 

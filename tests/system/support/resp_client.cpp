@@ -1,5 +1,7 @@
 #include "tests/system/support/resp_client.h"
 
+#include <gtest/gtest.h>
+
 #include <arpa/inet.h>
 #include <errno.h>
 #include <poll.h>
@@ -76,6 +78,17 @@ resp_client& resp_client::operator=(resp_client&& other) noexcept {
 }
 
 bool resp_client::send(const std::string& bytes) {
+    sockaddr_storage own = {};
+    socklen_t length = sizeof own;
+    if (bytes.size() > ONE_PIECE &&
+        getsockname(fd, reinterpret_cast<sockaddr*>(&own), &length) == 0 &&
+        own.ss_family == AF_UNIX) {
+        ADD_FAILURE() << bytes.size() << " bytes may come apart on a Unix socket";
+    }
+    return send_in_pieces(bytes);
+}
+
+bool resp_client::send_in_pieces(const std::string& bytes) {
     ssize_t sent;
     do {
         sent = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);

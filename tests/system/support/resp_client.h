@@ -1,5 +1,7 @@
 #pragma once
 
+#include <stddef.h>
+
 #include <string>
 #include <vector>
 
@@ -15,6 +17,10 @@
  * reason. Nothing here waits longer than its limit. */
 
 namespace system_test {
+
+/* What a Unix socket hands on in one piece, whatever state the kernel's memory is in. More may
+ * arrive in pieces, and the daemon closes a connection whose request does. */
+constexpr size_t ONE_PIECE = 32768;
 
 /* The request frame of a command and its arguments: an array of bulk strings. */
 std::string request_frame(const std::vector<std::string>& words);
@@ -34,10 +40,15 @@ class resp_client {
         return fd >= 0;
     }
 
-    /* Hands the bytes to the kernel in one system call. True when it took them all. */
+    /* Hands the bytes to the kernel in one system call. True when it took them all. Records a test
+     * failure when they are more than ONE_PIECE on a Unix socket, see deliver(). */
     bool send(const std::string& bytes);
 
-    /* Sends the command as one request frame in one system call and reads one frame. */
+    /* The same for any number of bytes, where it is all one whether they come apart. */
+    bool send_in_pieces(const std::string& bytes);
+
+    /* Sends the command as one request frame in one system call, as send() does, and reads one
+     * frame. */
     std::string call(const std::vector<std::string>& words, int limit_ms = LIMIT_MS);
 
     /* The next whole frame, a reply or one that was pushed ("!"); bytes behind it are kept for the
