@@ -1,7 +1,5 @@
-/*
- * The limits that whoever starts the daemon may set it: how many descriptors it may have, and how
- * large its files may grow.
- */
+/* The limits that whoever starts the daemon may set it: how many descriptors it may have, and how
+ * large its files may grow. */
 
 #include <sys/resource.h>
 #include <unistd.h>

@@ -1,7 +1,5 @@
-/*
- * Two daemons on one machine: which of them is there in the end, however close together they start
- * and whatever has become of the pid file.
- */
+/* Two daemons on one machine: which of them is there in the end, however close together they start
+ * and whatever has become of the pid file. */
 
 #include <fcntl.h>
 #include <signal.h>

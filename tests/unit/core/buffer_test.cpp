@@ -83,7 +83,7 @@ TEST_F(buffer_test, zero_picks_the_default_sizes) {
     EXPECT_EQ(b.limit, 4194304u);
 }
 
-/* Growth */
+/* --- Growth --- */
 
 TEST_F(buffer_test, the_first_append_allocates_the_initial_capacity) {
     init(0, 0);
@@ -249,7 +249,7 @@ TEST_F(buffer_test, growth_doubles_even_when_the_used_bytes_would_fit_into_the_p
     EXPECT_EQ(content(), pattern(50).substr(20) + pattern(20));
 }
 
-/* Reclaiming the space before the mark */
+/* --- Reclaiming the space before the mark --- */
 
 TEST_F(buffer_test, a_request_smaller_than_the_space_before_the_mark_moves_the_content_there) {
     init(1024, 4096);
@@ -295,7 +295,7 @@ TEST_F(buffer_test, the_free_space_at_the_end_does_not_count_the_space_before_th
     EXPECT_EQ(append(pattern(37)), 37u);
 }
 
-/* Formatting */
+/* --- Formatting --- */
 
 TEST_F(buffer_test, formatted_text_below_512_bytes_is_appended_without_a_nul) {
     init(0, 0);
@@ -362,7 +362,7 @@ TEST_F(buffer_death_test, a_format_that_cannot_be_printed_breaks_an_assertion) {
                 "buffer:70: buffer_vprintf: Assertion `siz >= 0' failed");
 }
 
-/* Taking away */
+/* --- Taking away --- */
 
 TEST_F(buffer_test, consume_drops_from_the_front_and_returns_where_the_data_began) {
     init(16, 64);
@@ -448,7 +448,7 @@ TEST_F(buffer_test, compact_moves_to_the_front_when_everything_is_consumed) {
     EXPECT_EQ(b.length, 0u);
 }
 
-/* Emptying */
+/* --- Emptying --- */
 
 TEST_F(buffer_test, reset_empties_and_keeps_the_allocation) {
     init(16, 64);

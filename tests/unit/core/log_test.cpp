@@ -284,7 +284,7 @@ const char info_line[] = "\033[32minfo  *** hello\033[0m\n";
 
 } // namespace
 
-/* Levels */
+/* --- Levels --- */
 
 TEST(log_level_test, is_debug_before_the_log_is_opened) {
     EXPECT_EQ(level_at_start, 0u);
@@ -362,7 +362,7 @@ TEST_F(log_test, messages_of_level_5_and_above_write_nothing) {
     EXPECT_EQ(read_file(path("a.log")), "info  *** something\n");
 }
 
-/* Configuration */
+/* --- Configuration --- */
 
 TEST_F(log_test, opening_takes_level_colour_and_timestamps_over) {
     open("stdout", LOG_ERROR, 0, 0);
@@ -485,7 +485,7 @@ TEST_F(log_test, only_the_first_opening_ignores_the_signals_of_failed_writes) {
     }
 }
 
-/* Lines */
+/* --- Lines --- */
 
 TEST_F(log_test, each_level_has_its_prefix) {
     open(path("a.log"));
@@ -601,7 +601,7 @@ TEST_F(log_test, timestamps_go_beyond_2038) {
     tzset();
 }
 
-/* Targets that are no files */
+/* --- Targets that are no files --- */
 
 TEST_F(log_test, stdout_and_stderr_in_any_case_write_to_standard_output) {
     for (const char* target : {"stdout", "STDOUT", "stderr", "StdErr"}) {
@@ -770,7 +770,7 @@ TEST_F(log_test, ports_from_1_to_65535_are_sockets) {
     }
 }
 
-/* The file rule */
+/* --- The file rule --- */
 
 TEST_F(log_test, a_regular_file_is_emptied_and_written_in_plain_text) {
     std::ofstream(path("a.log")) << std::string(1000, 'x');
@@ -831,7 +831,7 @@ TEST_F(log_test, a_file_that_cannot_be_made_falls_back_to_standard_output) {
     }
 }
 
-/* The file as a ring */
+/* --- The file as a ring --- */
 
 namespace {
 
@@ -921,7 +921,7 @@ TEST_F(log_ring_test, the_counted_nul_of_long_messages_counts) {
     EXPECT_EQ(file().size(), 31744u);
 }
 
-/* Sockets that fail */
+/* --- Sockets that fail --- */
 
 TEST_F(log_test, a_lost_connection_is_tried_again_after_more_than_a_second) {
     server s(path("log.sock"));
@@ -1156,7 +1156,7 @@ TEST_F(log_test, writing_to_a_socket_that_has_ended_raises_no_signal) {
     signal(SIGPIPE, SIG_IGN);
 }
 
-/* A Unix socket that nobody accepts at */
+/* --- A Unix socket that nobody accepts at --- */
 
 namespace {
 
@@ -1239,7 +1239,7 @@ TEST_F(log_test, a_connected_unix_socket_blocks_as_usual) {
     EXPECT_EQ(flags & O_NONBLOCK, 0);
 }
 
-/* Standard output that takes no more */
+/* --- Standard output that takes no more --- */
 
 namespace {
 
@@ -1433,7 +1433,7 @@ TEST_F(log_reader_test, a_pipe_without_reader_loses_its_lines) {
     log_write(LOG_INFO, "the process is still there");
 }
 
-/* Messages that stand in a buffer */
+/* --- Messages that stand in a buffer --- */
 
 namespace {
 
@@ -1523,7 +1523,7 @@ TEST_F(log_buffer_test, is_written_when_its_nul_is_the_last_that_fits) {
     EXPECT_EQ(file(), "info  *** 12345678901234\n");
 }
 
-/* Fatal messages */
+/* --- Fatal messages --- */
 
 TEST_F(log_death_test, a_fatal_message_is_written_and_ends_the_process_with_255) {
     open("stdout");

@@ -77,7 +77,7 @@ typedef options_test options_death_test;
 
 } // namespace
 
-/* Defaults */
+/* --- Defaults --- */
 
 TEST_F(options_test, defaults_log_to_the_file_in_tmp_and_listen_on_the_socket_in_tmp) {
     parse({});
@@ -97,7 +97,7 @@ TEST_F(options_test, words_that_are_no_options_are_ignored) {
     EXPECT_STREQ(o.address, "/tmp/tessard.sock");
 }
 
-/* Port */
+/* --- Port --- */
 
 TEST_F(options_test, the_port_is_taken) {
     parse({"-p", "7000"});
@@ -136,7 +136,7 @@ TEST_F(options_test, a_port_alone_leaves_the_unix_socket) {
     EXPECT_STREQ(o.address, "/tmp/tessard.sock");
 }
 
-/* Address */
+/* --- Address --- */
 
 TEST_F(options_test, the_address_is_copied) {
     parse({"-a", "/tmp/other.sock"});
@@ -163,7 +163,7 @@ TEST_F(options_test, an_empty_address_is_taken) {
     EXPECT_EQ(sstr_length(o.address), 0u);
 }
 
-/* Log level */
+/* --- Log level --- */
 
 TEST_F(options_test, the_log_level_is_taken_by_the_beginning_of_its_name) {
     parse({"-l", "debug"});
@@ -181,7 +181,7 @@ TEST_F(options_test, an_unknown_log_level_is_info) {
     EXPECT_EQ(o.log.level, 1u);
 }
 
-/* Log file */
+/* --- Log file --- */
 
 TEST_F(options_test, only_stdout_and_syslog_choose_where_the_log_goes) {
     parse({"-f", "stdout"});
@@ -207,7 +207,7 @@ TEST_F(options_test, a_file_behind_stdout_does_not_take_stdout_back) {
     EXPECT_STREQ(o.log.ident, "/var/log/x.log");
 }
 
-/* Long forms */
+/* --- Long forms --- */
 
 TEST_F(options_test, a_long_form_with_its_value_in_a_word_of_its_own_is_ignored) {
     parse({"--addr", "/tmp/other.sock"});
@@ -227,7 +227,7 @@ TEST_F(options_test, many_options_are_taken_together) {
     EXPECT_STREQ(o.log.target, "syslog");
 }
 
-/* Version */
+/* --- Version --- */
 
 TEST_F(options_death_test, version_is_one_line_on_standard_output_and_status_0) {
     EXPECT_EXIT(parse_and_show_output({"-v"}), ExitedWithCode(0),
@@ -242,7 +242,7 @@ TEST_F(options_death_test, version_comes_before_what_follows_it) {
     EXPECT_EXIT(parse_and_show_output({"-vd"}), ExitedWithCode(0), "^Tessard 2\\.1\\.0 .+\n$");
 }
 
-/* Usage */
+/* --- Usage --- */
 
 TEST_F(options_death_test, help_prints_the_usage_byte_for_byte_and_ends_with_255) {
     EXPECT_EXIT(parse_and_show_output({"-h"}), ExitedWithCode(255), text(Eq(usage("tessard"))));
@@ -304,7 +304,7 @@ TEST_F(options_death_test, a_history_algorithm_that_nobody_asks_for_prints_the_u
                 text(Eq(usage("tessard"))));
 }
 
-/* Daemon */
+/* --- Daemon --- */
 
 namespace {
 

@@ -144,7 +144,7 @@ TEST_F(sstr_test, a_copy_holds_the_given_number_of_bytes) {
     EXPECT_EQ(whole(), std::string(1, '\0'));
 }
 
-/* Assignment */
+/* --- Assignment --- */
 
 TEST_F(sstr_test, assignment_without_a_string_makes_one) {
     sstr_assign(&s, "new", 3);
@@ -205,7 +205,7 @@ TEST_F(sstr_test, assignment_of_itself_keeps_the_text) {
     EXPECT_EQ(whole(), with_nul("same"));
 }
 
-/* Appending */
+/* --- Appending --- */
 
 TEST_F(sstr_test, appending_without_a_string_makes_one) {
     sstr_append(&s, "abc", SSTR_CSTRING);
@@ -243,7 +243,7 @@ TEST_F(sstr_test, appending_crosses_from_the_pool_to_malloc) {
     EXPECT_EQ(whole(), with_nul(std::string(199, 'x') + "y"));
 }
 
-/* Increments */
+/* --- Increments --- */
 
 TEST_F(sstr_test, increment_adds_to_the_number_and_tells_the_sum) {
     expect_sum("12", 5, 17, "17");

@@ -97,7 +97,7 @@ constexpr size_t ROUNDING = 32;
 
 } // namespace
 
-/* str_format */
+/* --- str_format --- */
 
 TEST(text_format_test, formats_into_a_shared_buffer_that_the_next_call_overwrites) {
     const char* first = str_format("%d apples", 12);
@@ -152,7 +152,7 @@ TEST(text_format_test, the_buffer_only_grows) {
     EXPECT_EQ(malloc_usable_size(const_cast<char*>(small)), capacity);
 }
 
-/* Numbers to text */
+/* --- Numbers to text --- */
 
 TEST(text_number_test, writes_zero_and_small_numbers) {
     EXPECT_STREQ(text_number(0), "0");
@@ -247,7 +247,7 @@ TEST(text_digits_test, leave_the_number_of_an_earlier_call_alone) {
     EXPECT_STREQ(number, "-77");
 }
 
-/* Numbers from text */
+/* --- Numbers from text --- */
 
 TEST(text_parse_int32_test, reads_signs_blanks_and_stops_behind_the_digits) {
     char* end;
@@ -349,7 +349,7 @@ TEST(text_parse_int64_test, base_zero_takes_hexadecimal_and_octal_and_knows_no_b
     }
 }
 
-/* str_split */
+/* --- str_split --- */
 
 TEST(text_split_test, splits_at_blanks_tabs_and_line_ends_by_default) {
     EXPECT_EQ(split("one two\tthree\r\nfour", nullptr), (words{"one", "two", "three", "four"}));
@@ -377,7 +377,7 @@ TEST(text_split_test, the_tokens_stand_in_the_line_itself) {
     EXPECT_EQ(text.bytes(), std::string("ab\0cd", 5));
 }
 
-/* Trimming */
+/* --- Trimming --- */
 
 TEST(text_trim_test, blanks_are_space_tab_line_feed_and_carriage_return) {
     EXPECT_EQ(trimmed(" \t\r\n a b \n\r\t "), "a b");
@@ -404,7 +404,7 @@ TEST(text_trim_test, nothing_is_left_of_blanks) {
     EXPECT_STREQ(str_rtrim(blanks), "");
 }
 
-/* str_unquote */
+/* --- str_unquote --- */
 
 TEST(text_unquote_test, cuts_the_quotes_off_a_quoted_text) {
     EXPECT_EQ(unquoted("\"a\""), "a");
@@ -436,7 +436,7 @@ TEST(text_unquote_test, only_the_outer_pair_is_cut) {
     EXPECT_EQ(unquoted("'a'"), "'a'");
 }
 
-/* Copies and case */
+/* --- Copies and case --- */
 
 TEST(text_dup_test, returns_a_copy_that_free_takes) {
     line text("copy me");
@@ -465,7 +465,7 @@ TEST(text_case_test, changes_every_letter) {
     EXPECT_EQ(text.bytes(), "abcdefghijklmnopqrstuvwxyz");
 }
 
-/* buf_getline */
+/* --- buf_getline --- */
 
 namespace {
 
@@ -560,7 +560,7 @@ TEST_F(text_getline_test, does_not_look_beyond_the_view) {
     EXPECT_EQ(bytes_[3], '\n');
 }
 
-/* Byte order */
+/* --- Byte order --- */
 
 TEST(text_be32_test, writes_and_reads_network_order_at_any_alignment) {
     unsigned char bytes[6] = {};

@@ -224,7 +224,7 @@ TEST_P(backend_test, serves_descriptors_on_both_sides_of_every_word_of_the_sets)
     EXPECT_EQ(found, expected);
 }
 
-/* select alone. */
+/* --- select alone --- */
 
 struct select_backend_test : testing::Test {
     void SetUp() override {
@@ -343,7 +343,7 @@ TEST_F(select_backend_test, a_descriptor_beyond_the_sets_is_ignored) {
     EXPECT_EQ(highest(), fd);
 }
 
-/* epoll alone. */
+/* --- epoll alone --- */
 
 struct epoll_backend_test : testing::Test {
     void SetUp() override {

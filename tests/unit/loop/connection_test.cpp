@@ -263,7 +263,7 @@ void on_pass_end(loop_closing* closing) {
 INSTANTIATE_TEST_SUITE_P(backends, connection_test, testing::Values(LOOP_SELECT, LOOP_EPOLL),
                          unit_test::backend_name);
 
-/* A new connection. */
+/* --- A new connection --- */
 
 TEST_P(connection_test, is_new_with_everything_cleared) {
     int ends[2];
@@ -364,7 +364,7 @@ TEST_P(connection_test, a_descriptor_that_has_a_handler_aborts) {
                 "fd < maxfd && files\\[fd\\]\\.cb == \\(\\(void \\*\\)0\\)");
 }
 
-/* Input. */
+/* --- Input --- */
 
 TEST_P(connection_test, is_read_until_the_kernel_has_no_more_and_delivers_once) {
     for (server* server_of : {&owner, static_cast<server*>(nullptr)}) {
@@ -472,7 +472,7 @@ TEST_P(connection_test, a_failed_read_closes_with_reason_1_and_its_error_number)
     EXPECT_EQ(s.error, EIO);
 }
 
-/* The end of the stream. */
+/* --- The end of the stream --- */
 
 TEST_P(connection_test, a_peer_that_closes_ends_it_with_reason_4) {
     stream& s = open_stream();
@@ -559,7 +559,7 @@ TEST_P(connection_test, a_socket_error_closes_before_input_is_read) {
     EXPECT_EQ(s.reason, GetParam() == LOOP_EPOLL ? 3 : 1);
 }
 
-/* The limit of the input. */
+/* --- The limit of the input --- */
 
 TEST_P(connection_test, takes_a_mebibyte_of_input_less_a_byte) {
     stream& s = open_stream();
@@ -605,7 +605,7 @@ TEST_P(connection_test, the_bytes_of_an_event_that_fills_the_buffer_are_not_deli
     EXPECT_EQ(s.error, 79);
 }
 
-/* Output. */
+/* --- Output --- */
 
 TEST_P(connection_test, a_frame_of_1999_bytes_is_batched) {
     stream& s = open_stream();
@@ -692,7 +692,7 @@ TEST_P(connection_test, replies_are_written_once_the_data_callback_returned) {
     run_steps({[&] { EXPECT_EQ(at_peer(s), "one two"); }});
 }
 
-/* What the kernel refuses. */
+/* --- What the kernel refuses --- */
 
 TEST_P(connection_test, what_the_kernel_refuses_waits_for_the_descriptor_to_become_writable) {
     stream& s = open_stream();
@@ -857,7 +857,7 @@ TEST_P(connection_test, a_client_that_stops_reading_is_closed_once_a_mebibyte_is
     EXPECT_EQ(s.error, 79);
 }
 
-/* Write failures. */
+/* --- Write failures --- */
 
 TEST_P(connection_test, a_failed_write_closes_with_reason_2_and_its_error_number) {
     stream& s = open_stream();
@@ -917,7 +917,7 @@ TEST_P(connection_test, a_failed_write_of_pending_bytes_leaves_the_error_number)
     EXPECT_EQ(s.error, 5);
 }
 
-/* Jump targets. */
+/* --- Jump targets --- */
 
 TEST_P(connection_test, has_a_jump_target_only_during_its_operations) {
     stream& s = open_stream();
@@ -999,7 +999,7 @@ TEST_P(connection_test, a_failure_on_another_connection_leaves_this_one_alone) {
     EXPECT_EQ(other.reason, 2);
 }
 
-/* Closing. */
+/* --- Closing --- */
 
 TEST_P(connection_test, closing_writes_what_is_batched) {
     stream& s = open_stream();
@@ -1242,7 +1242,7 @@ TEST_P(connection_test, destruction_unlinks_from_the_server_wherever_it_stands) 
     run_steps(steps);
 }
 
-/* The producer. */
+/* --- The producer --- */
 
 /* A producer of so many numbered chunks of one size, and all that it gave. */
 struct chunks {

@@ -62,7 +62,7 @@ endpoint_address filled_address() {
     return address;
 }
 
-/* The address rule. */
+/* --- The address rule --- */
 
 TEST(endpoint_parse_test, a_text_with_a_slash_is_a_unix_path_whatever_the_port) {
     endpoint_address address = filled_address();
@@ -147,7 +147,7 @@ TEST(endpoint_is_path_test, looks_for_a_slash_anywhere) {
     EXPECT_FALSE(endpoint_is_path(""));
 }
 
-/* Addresses as text. */
+/* --- Addresses as text --- */
 
 formatted parse_and_format(const char* text, int port) {
     endpoint_address address;
@@ -183,7 +183,7 @@ TEST(endpoint_format_test, the_longest_i_pv_6_address_fits) {
     EXPECT_EQ(parse_and_format("::ffff:255.255.255.255", 1).text, "::ffff:255.255.255.255");
 }
 
-/* Listening. */
+/* --- Listening --- */
 
 TEST(endpoint_listen_test, a_stream_listener_is_non_blocking_reusable_close_on_exec_and_listens) {
     const descriptor listener(endpoint_listen_stream("127.0.0.1", 0));
@@ -304,7 +304,7 @@ TEST(endpoint_unlink_test, removes_what_listening_would_bind) {
     endpoint_unlink(cut.c_str()); /* nothing there: no harm */
 }
 
-/* Connecting. */
+/* --- Connecting --- */
 
 TEST(endpoint_connect_local_test, connects_a_blocking_stream) {
     folder there;
@@ -437,7 +437,7 @@ TEST(endpoint_connect_test, without_a_socket_the_reason_is_returned) {
     EXPECT_EQ(udp, -1);
 }
 
-/* Flags, counts and the rest. */
+/* --- Flags, counts and the rest --- */
 
 TEST(endpoint_flags_test, are_added_to_those_that_are_there) {
     int ends[2];

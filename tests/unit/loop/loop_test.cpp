@@ -151,7 +151,7 @@ void on_pass(int, unsigned, void* argument) {
 INSTANTIATE_TEST_SUITE_P(backends, loop_test, testing::Values(LOOP_SELECT, LOOP_EPOLL),
                          unit_test::backend_name);
 
-/* Timers. */
+/* --- Timers --- */
 
 TEST_P(loop_test,
        a_timer_fires_at_the_first_scan_at_which_its_interval_has_passed_and_counts_on_from_there) {
@@ -396,7 +396,7 @@ TEST_P(loop_test, a_stop_from_a_timer_lets_the_scan_end) {
     EXPECT_EQ(fired, (names{"b@1", "a@1"}));
 }
 
-/* Time as the loop shows it. */
+/* --- Time as the loop shows it --- */
 
 TEST_P(loop_test, the_time_is_read_at_the_top_of_the_pass_and_again_before_the_scan) {
     int64_t seen_by_handler = 0;
@@ -443,7 +443,7 @@ TEST_P(loop_test, without_any_event_a_pass_ends_after_100_milliseconds) {
     EXPECT_LT(milliseconds, 5000);
 }
 
-/* Handlers. */
+/* --- Handlers --- */
 
 TEST_P(loop_test, a_handler_is_called_with_its_descriptor_mask_and_argument) {
     struct call {
@@ -639,7 +639,7 @@ TEST_P(loop_test, more_ready_descriptors_than_a_batch_holds_are_served_in_later_
     EXPECT_EQ(served, COUNT);
 }
 
-/* Stopping. */
+/* --- Stopping --- */
 
 TEST_P(loop_test, a_stop_is_honoured_between_two_events_of_a_batch) {
     remove_pass_handler();
@@ -667,7 +667,7 @@ TEST_P(loop_test, a_loop_that_is_stopped_before_it_runs_makes_no_pass) {
     EXPECT_EQ(r.calls, 0);
 }
 
-/* What was closed during the pass. */
+/* --- What was closed during the pass --- */
 
 struct closed_record {
     loop_closing closing;
@@ -740,7 +740,7 @@ TEST_P(loop_test, a_record_closed_by_a_destruction_goes_with_the_same_pass) {
     EXPECT_EQ(second.destroyed, 1);
 }
 
-/* Initialisation. */
+/* --- Initialisation --- */
 
 /* The mask that the write end of a pipe without a reader shows: only epoll reports errors. */
 unsigned mask_of_broken_pipe() {

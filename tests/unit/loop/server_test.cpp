@@ -164,7 +164,7 @@ INSTANTIATE_TEST_SUITE_P(backends, server_test, testing::Values(LOOP_SELECT, LOO
                              return backend.param == LOOP_EPOLL ? "epoll" : "select";
                          });
 
-/* Opening. */
+/* --- Opening --- */
 
 TEST_P(server_test, is_new_with_its_address_and_one_reference) {
     server* s = server_open(path.c_str(), 7);
@@ -238,7 +238,7 @@ TEST_P(server_test, a_descriptor_at_the_limit_gives_null_and_is_closed) {
     }
 }
 
-/* Accepting. */
+/* --- Accepting --- */
 
 TEST_P(server_test, an_accepted_connection_gets_its_callbacks_and_is_counted) {
     server* s = open_server();
@@ -483,7 +483,7 @@ TEST_P(server_test, a_client_whose_descriptor_is_the_last_below_the_limit_is_ser
     finish(s);
 }
 
-/* Releasing. */
+/* --- Releasing --- */
 
 TEST_P(server_test, release_stops_listening) {
     server* s = open_server();
