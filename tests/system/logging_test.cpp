@@ -392,9 +392,7 @@ TEST_F(log_file, a_record_that_is_larger_than_the_ring_is_written_whole) {
     process& daemon = start({"-l", "debug"});
     resp_client client;
     std::string value(50000, 'v');
-    ASSERT_TRUE(daemon.halt());
-    EXPECT_TRUE(client.send(request_frame({"set", "k", value})));
-    daemon.resume();
+    EXPECT_TRUE(deliver(daemon, client, request_frame({"set", "k", value})));
     EXPECT_EQ(client.frame(), "+OK\r\n");
     /* Two records ran past the mark, the request's and the change's; each time the next one began
      * the file anew. The end of the first of them, which reached farthest, is still there. */
